@@ -1,0 +1,80 @@
+/*
+ * Platform inter-module RPC (IMI).
+ *
+ * A parameter set holds named string and integer members. The caller provides
+ * zero-filled storage, initialises it with qxrpcParaInit and releases it with
+ * qxrpcParaFree on every path; texts added are copied into the set.
+ *
+ * qxImiExecute(pid, cb, 0, 0, set) runs handler cb of process pid with the set's
+ * members and returns with the callee's output members in place of the inputs.
+ * A process that serves callbacks registers handlers by name and serves them on a
+ * Unix-domain socket tied to its process id, in a runtime folder only its user may
+ * enter (KEP_IMI_DIR, default /tmp/kep-imi-<uid>). A callee in the caller's own
+ * process is called directly. A dead callee fails at once; a hung one fails after
+ * the time-out (KEP_IMI_TIMEOUT_MS, default 5000 ms, or qxImiSetTimeout).
+ */
+#ifndef KEP_PF_RPC_H
+#define KEP_PF_RPC_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+enum { QXRPC_NAME_MAX = 32, QXRPC_MAX_MEMBERS = 16 };
+
+/* Nonzero results of the RPC calls. */
+enum {
+    QXRPC_ERR_ARG = -20001,       /* null or malformed argument */
+    QXRPC_ERR_NOMEM = -20002,
+    QXRPC_ERR_FULL = -20003,      /* the set holds QXRPC_MAX_MEMBERS already */
+    QXRPC_ERR_ABSENT = -20004,    /* no member of that name or type */
+    QXRPC_ERR_NO_PEER = -20005,   /* nobody serves that pid */
+    QXRPC_ERR_TIMEOUT = -20006,
+    QXRPC_ERR_IO = -20007,        /* the connection broke or carried garbage */
+    QXRPC_ERR_NO_HANDLER = -20008 /* the callee has no handler of that name */
+};
+
+typedef struct QxRpcMember {
+    char name[QXRPC_NAME_MAX];
+    int isString;
+    int value;
+    char *text;   /* owned by the set */
+} QxRpcMember;
+
+typedef struct QxRpcPara {
+    int count;
+    QxRpcMember member[QXRPC_MAX_MEMBERS];
+} QxRpcPara;
+
+void qxrpcParaInit(QxRpcPara *set);
+int qxrpcAddStringPtr(QxRpcPara *set, const char *name, const char *text);
+int qxrpcAddInt(QxRpcPara *set, const char *name, int value);
+int qxImiExecute(int pid, const char *cb, int arg3, int arg4, QxRpcPara *set);
+int qxrpcGetInt(QxRpcPara *set, const char *name, int *value);
+/* *text points into the set and stays valid until qxrpcParaFree. */
+int qxrpcGetStringPtr(QxRpcPara *set, const char *name, char **text);
+void qxrpcParaFree(QxRpcPara *set);
+
+/*
+ * Callee side. A handler reads its inputs from set and answers by adding members
+ * (normally "errorCode" and "result"); only the members it adds travel back. A
+ * nonzero handler result is returned by the caller's qxImiExecute instead.
+ */
+typedef int (*QxImiHandler)(QxRpcPara *set, void *user);
+int qxImiRegister(const char *cb, QxImiHandler handler, void *user);
+int qxImiUnregister(const char *cb);
+/* Binds this process's socket; returns a descriptor to poll for requests, or -1. */
+int qxImiListen(void);
+/* Serves at most one request: 1 served, 0 none within timeoutMs (-1: wait), <0 error. */
+int qxImiServeOnce(int timeoutMs);
+/* Serves requests on a background thread until qxImiStopServer; 0 or -1. */
+int qxImiStartServer(void);
+void qxImiStopServer(void);
+void qxImiSetTimeout(int ms);
+int qxImiGetTimeout(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,264 @@
+// The stand-in's JSON object layer over json-c.
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <json-c/json.h>
+
+#include "kep_pf_json.h"
+
+#define PF_API extern "C" __attribute__((visibility("default")))
+
+namespace {
+
+bool writeAll(int fd, const char *data, size_t len) {
+    while (len > 0) {
+        ssize_t n = write(fd, data, len);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        data += n;
+        len -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// Writes text to a temporary file beside path, flushes it, renames it over path and
+// flushes the folder, so that a power cut leaves either the old or the new file.
+int storeAtomically(const char *path, const char *text) {
+    if (!path || !*path || !text) return -1;
+    size_t plen = strlen(path);
+    if (plen + 16 > PATH_MAX) return -1;
+    char tmp[PATH_MAX];
+    snprintf(tmp, sizeof tmp, "%s.tmpXXXXXX", path);
+    int fd = mkstemp(tmp);
+    if (fd < 0) return -1;
+    bool ok = writeAll(fd, text, strlen(text)) && fchmod(fd, 0644) == 0 && fsync(fd) == 0;
+    if (close(fd) != 0) ok = false;
+    if (!ok || rename(tmp, path) != 0) {
+        unlink(tmp);
+        return -1;
+    }
+    char dir[PATH_MAX];
+    memcpy(dir, path, plen + 1);
+    char *slash = strrchr(dir, '/');
+    if (slash == dir) {
+        dir[1] = '\0';
+    } else if (slash) {
+        *slash = '\0';
+    } else {
+        strcpy(dir, ".");
+    }
+    int dfd = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dfd >= 0) {
+        fsync(dfd);
+        close(dfd);
+    }
+    return 0;
+}
+
+bool isType(json_object *v, json_type t) { return v && json_object_get_type(v) == t; }
+
+}  // namespace
+
+PF_API json_object *jsonObjectNewObject(void) { return json_object_new_object(); }
+PF_API json_object *jsonObjectNewArray(void) { return json_object_new_array(); }
+
+PF_API json_object *jsonObjectFromString(const char *text) {
+    if (!text) return nullptr;
+    json_tokener *tok = json_tokener_new();
+    if (!tok) return nullptr;
+    size_t len = strlen(text);
+    json_object *obj = json_tokener_parse_ex(tok, text, static_cast<int>(len > INT_MAX ? INT_MAX : len));
+    enum json_tokener_error err = json_tokener_get_error(tok);
+    // Trailing bytes after a complete value make the text invalid as a whole.
+    if (err != json_tokener_success || (obj && tok->char_offset < static_cast<int>(len) &&
+                                        text[tok->char_offset + strspn(text + tok->char_offset, " \t\r\n")] != '\0')) {
+        json_object_put(obj);
+        obj = nullptr;
+    }
+    json_tokener_free(tok);
+    return obj;
+}
+
+PF_API json_object *jsonObjectFromFile(const char *path) {
+    if (!path) return nullptr;
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return nullptr;
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > 64 * 1024 * 1024) {
+        close(fd);
+        return nullptr;
+    }
+    size_t size = static_cast<size_t>(st.st_size);
+    char *buf = static_cast<char *>(malloc(size + 1));
+    if (!buf) {
+        close(fd);
+        return nullptr;
+    }
+    size_t got = 0;
+    while (got < size) {
+        ssize_t n = read(fd, buf + got, size - got);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        got += static_cast<size_t>(n);
+    }
+    close(fd);
+    buf[got] = '\0';
+    json_object *obj = strlen(buf) == got ? jsonObjectFromString(buf) : nullptr;
+    free(buf);
+    return obj;
+}
+
+PF_API int jsonObjectToFile(const char *path, json_object *obj) {
+    if (!obj) return -1;
+    const char *text = json_object_to_json_string_ext(obj, JSON_C_TO_STRING_PLAIN);
+    return text ? storeAtomically(path, text) : -1;
+}
+
+PF_API int jsonObjectToFileMem(const char *path, json_object *obj) {
+    if (!obj) return -1;
+    size_t len = 0;
+    const char *text = json_object_to_json_string_length(obj, JSON_C_TO_STRING_PRETTY, &len);
+    if (!text) return -1;
+    char *copy = strndup(text, len);
+    if (!copy) return -1;
+    int rc = storeAtomically(path, copy);
+    free(copy);
+    return rc;
+}
+
+PF_API int jsonObjectToMallocString(json_object *obj, char **text) {
+    if (!text) return -1;
+    *text = nullptr;
+    const char *s = json_object_to_json_string_ext(obj, JSON_C_TO_STRING_PLAIN);
+    if (!s) return -1;
+    *text = strdup(s);
+    return *text ? 0 : -1;
+}
+
+PF_API json_object *jsonObjectObjectGet(json_object *obj, const char *key) {
+    json_object *v = nullptr;
+    if (!isType(obj, json_type_object) || !key) return nullptr;
+    return json_object_object_get_ex(obj, key, &v) ? v : nullptr;
+}
+
+PF_API int jsonObjectObjectAdd(json_object *obj, const char *key, json_object *value) {
+    if (!isType(obj, json_type_object) || !key || obj == value) {
+        json_object_put(value);
+        return -1;
+    }
+    if (json_object_object_add(obj, key, value) != 0) {
+        json_object_put(value);
+        return -1;
+    }
+    return 0;
+}
+
+PF_API int jsonObjectObjectDel(json_object *obj, const char *key) {
+    if (!isType(obj, json_type_object) || !key || !json_object_object_get_ex(obj, key, nullptr)) return -1;
+    json_object_object_del(obj, key);
+    return 0;
+}
+
+PF_API void jsonObjectObjectDelete(json_object *obj) { json_object_put(obj); }
+
+PF_API json_object *jsonGetObjFromObj(json_object *obj, const char *key) {
+    json_object *v = jsonObjectObjectGet(obj, key);
+    if (!v) return nullptr;
+    json_object_get(v);
+    json_object_object_del(obj, key);
+    return v;
+}
+
+PF_API JsonObjCursor *jsonObjectNextSubObject(json_object *obj, JsonObjCursor *cursor, const char **key) {
+    if (!isType(obj, json_type_object)) return nullptr;
+    struct lh_entry *e = cursor ? lh_entry_next(cursor) : json_object_get_object(obj)->head;
+    if (e && key) *key = static_cast<const char *>(lh_entry_k(e));
+    return e;
+}
+
+PF_API json_object *jsonObjectCursorValue(JsonObjCursor *cursor) {
+    return cursor ? static_cast<json_object *>(const_cast<void *>(lh_entry_v(cursor))) : nullptr;
+}
+
+PF_API int jsonObjectAddInt(json_object *obj, const char *key, int value) {
+    json_object *v = json_object_new_int(value);
+    return v ? jsonObjectObjectAdd(obj, key, v) : -1;
+}
+
+PF_API int jsonObjectAddIntByStr(json_object *obj, const char *key, const char *text) {
+    if (!text || !*text) return -1;
+    char *end = nullptr;
+    errno = 0;
+    long n = strtol(text, &end, 10);
+    if (errno || *end || n < INT_MIN || n > INT_MAX) return -1;
+    return jsonObjectAddInt(obj, key, static_cast<int>(n));
+}
+
+PF_API int jsonObjectAddString(json_object *obj, const char *key, const char *text) {
+    if (!text) return -1;
+    json_object *v = json_object_new_string(text);
+    return v ? jsonObjectObjectAdd(obj, key, v) : -1;
+}
+
+PF_API const char *jsonObjectGetString(json_object *obj, const char *key) {
+    json_object *v = jsonObjectObjectGet(obj, key);
+    return v ? json_object_get_string(v) : nullptr;
+}
+
+PF_API int jsonObjectGetIntSelf(json_object *value, int *out) {
+    if (!out || !(isType(value, json_type_int) || isType(value, json_type_boolean))) return -1;
+    *out = json_object_get_int(value);
+    return 0;
+}
+
+PF_API int jsonObjectGetInt(json_object *obj, const char *key, int *value) {
+    return jsonObjectGetIntSelf(jsonObjectObjectGet(obj, key), value);
+}
+
+PF_API const char *jsonGetObjectString(json_object *value) {
+    return isType(value, json_type_string) ? json_object_get_string(value) : nullptr;
+}
+
+PF_API const char *jsonGetObjectStringOrigin(json_object *value) {
+    return json_object_to_json_string_ext(value, JSON_C_TO_STRING_PLAIN);
+}
+
+PF_API int jsonObjectIsObject(json_object *value) { return isType(value, json_type_object) ? 1 : 0; }
+PF_API int jsonObjectIsArray(json_object *value) { return isType(value, json_type_array) ? 1 : 0; }
+PF_API int jsonObectIsBool(json_object *value) { return isType(value, json_type_boolean) ? 1 : 0; }
+PF_API int jsonObectIsInt(json_object *value) { return isType(value, json_type_int) ? 1 : 0; }
+PF_API int jsonObectIsString(json_object *value) { return isType(value, json_type_string) ? 1 : 0; }
+
+PF_API int jsonObjectArrayAdd(json_object *array, json_object *value) {
+    if (!isType(array, json_type_array) || array == value || json_object_array_add(array, value) != 0) {
+        json_object_put(value);
+        return -1;
+    }
+    return 0;
+}
+
+PF_API int jsonObjectArrayDel(json_object *array, json_object *element) {
+    if (!isType(array, json_type_array) || !element) return -1;
+    size_t n = json_object_array_length(array);
+    for (size_t i = 0; i < n; i++) {
+        if (json_object_array_get_idx(array, i) == element) return json_object_array_del_idx(array, i, 1);
+    }
+    return -1;
+}
+
+PF_API json_object *jsonObjectArrayGetIdx(json_object *array, unsigned int index) {
+    if (!isType(array, json_type_array) || index >= json_object_array_length(array)) return nullptr;
+    return json_object_array_get_idx(array, index);
+}
+
+PF_API int jsonObjectArrayLength(json_object *array) {
+    return isType(array, json_type_array) ? static_cast<int>(json_object_array_length(array)) : 0;
+}

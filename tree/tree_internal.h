@@ -1,0 +1,53 @@
+// Internal interface of the data module tree, shared by the library's other
+// subsystems (model description loading, model operations, configuration store).
+#pragma once
+
+#include "kep_tree.h"
+
+namespace kep {
+
+// A tree path "/module/table[/section]" split into its components. Module and table
+// are cut to 31 characters; section points into the caller's path (never null; empty
+// when the path has no section component) and stays valid as long as that path.
+struct TreePath {
+    char module[32];
+    char table[32];
+    const char *section;
+};
+
+// False for a null path, one not beginning with "/", or one without a second "/".
+bool splitTreePath(const char *path, TreePath *out);
+
+// Finds the table of a split path: the first module of that name holding the table,
+// going on through the remaining modules of the root list. Null when none; *module
+// (when not null) receives the module that holds the table.
+DataTable *findPathTable(const TreePath &path, DataModule **module);
+
+// The table's first section of that name, or null.
+DataSection *findSectionInTable(DataTable *table, const char *name);
+
+// Index of the last c in text; -1 when absent; 0 for a null or empty text.
+int lastIndexOfChar(const char *text, char c);
+
+// Zero-filled nodes, or null when memory is exhausted. Released with free(), except
+// sections, which own lists and callback nodes and go through freeDataSection.
+DataModule *newDataModule();
+DataTable *newDataTable();
+DataSection *newDataSection();
+void *newCbNode();  // a MethodCbNode or a VerNotifyNode: both fit
+ActionNode *newActionNode();
+void freeDataSection(DataSection *section);
+
+// Copies at most size-1 bytes of src and terminates dst (name and callback fields).
+void copyName(char *dst, const char *src, unsigned size);
+
+// The root list itself, for the subsystems that walk or extend it.
+LstList &moduleRoot();
+
+#ifdef KEP_TESTING
+// Releases every node and empties the root list, so that each test starts from a
+// fresh tree. Only test builds have it.
+void resetTreeForTest();
+#endif
+
+}  // namespace kep
