@@ -44,10 +44,8 @@ void copyName(char *dst, const char *src, unsigned size);
 // The root list itself, for the subsystems that walk or extend it.
 LstList &moduleRoot();
 
-#ifdef KEP_TESTING
 // Releases every node and empties the root list, so that each test starts from a
-// fresh tree. Only test builds have it.
+// fresh tree. Not exported; production code never calls it.
 void resetTreeForTest();
-#endif
 
 }  // namespace kep
