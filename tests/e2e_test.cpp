@@ -10,6 +10,7 @@
 
 #include "kep_json.h"
 #include "kep_model.h"
+#include "kep_pf_json.h"
 #include "kep_request.h"
 #include "owner_process.h"
 #include "tree_builder.h"
