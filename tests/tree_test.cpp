@@ -10,30 +10,13 @@
 #include "kep_tree.h"
 #include "log_capture.h"
 #include "tree/tree_internal.h"
+#include "tree_builder.h"
 
 namespace {
 
-DataModule *addModule(const char *name) {
-    DataModule *m = kep::newDataModule();
-    kep::copyName(m->name, name, sizeof m->name);
-    lstAdd(&kep::moduleRoot(), &m->link);
-    return m;
-}
-
-DataTable *addTable(DataModule *m, const char *name, int optionPublic = 1) {
-    DataTable *t = kep::newDataTable();
-    kep::copyName(t->name, name, sizeof t->name);
-    t->optionPublic = optionPublic;
-    lstAdd(&m->tables, &t->link);
-    return t;
-}
-
-DataSection *addSection(DataTable *t, const char *name) {
-    DataSection *s = kep::newDataSection();
-    kep::copyName(s->name, name, sizeof s->name);
-    lstAdd(&t->sections, &s->link);
-    return s;
-}
+using kep_test::addModule;
+using kep_test::addSection;
+using kep_test::addTable;
 
 MethodCbNode *cbNode(int pid, const char *cb) {
     auto *n = static_cast<MethodCbNode *>(kep::newCbNode());
@@ -42,11 +25,7 @@ MethodCbNode *cbNode(int pid, const char *cb) {
     return n;
 }
 
-class TreeTest : public ::testing::Test {
-protected:
-    void SetUp() override { kep::resetTreeForTest(); }
-    void TearDown() override { kep::resetTreeForTest(); }
-};
+using TreeTest = kep_test::FreshTree;
 
 TEST_F(TreeTest, FreshTreeIsEmpty) {
     EXPECT_EQ(getModuleSize(), 0);
@@ -265,7 +244,7 @@ TEST_F(TreeTest, UnregisterPublicTableKeepsSectionCopies) {
 class PluginTableTest : public TreeTest {
 protected:
     void SetUp() override {
-        TreeTest::SetUp();
+        FreshTree::SetUp();
         char tmpl[] = "/tmp/kep-pt-XXXXXX";
         ASSERT_NE(mkdtemp(tmpl), nullptr);
         dir = tmpl;
@@ -277,7 +256,7 @@ protected:
     void TearDown() override {
         unlink(file.c_str());
         rmdir(dir.c_str());
-        TreeTest::TearDown();
+        FreshTree::TearDown();
     }
     void write(const std::string &text) { std::ofstream(file) << text; }
     std::string read() {

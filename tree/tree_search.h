@@ -13,6 +13,10 @@ inline T *nodeAs(LstNode *node) {
     return reinterpret_cast<T *>(node);  // every tree record begins with its link
 }
 
+// Callback names keep at most 64 characters of the caller's text, so the 68-byte
+// fields always stay terminated.
+constexpr unsigned kCallbackNameSize = 65;
+
 inline bool sameName(const char *a, const char *b) { return strcmp(a, b) == 0; }
 
 // First table named path.table in a module named path.module, going on through the
