@@ -3,8 +3,9 @@
 #   tools/dev.sh deps    install the Debian packages the build and tests need
 #   tools/dev.sh demo    deps + build + run the demo
 #   tools/dev.sh test    deps + plain build and tests, ASan+UBSan build and tests,
-#                        ThreadSanitizer run of the threaded tests, short fuzz runs
-# FUZZ_SECONDS (default 60) sets each fuzz target's run; 0 skips fuzzing.
+#                        ThreadSanitizer run of the threaded tests, MIPS build and tests under
+#                        qemu (tools/cross-mips.sh), short fuzz runs
+# FUZZ_SECONDS (default 60) sets each fuzz target's run; 0 skips fuzzing. KEP_MIPS=0 skips MIPS.
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -53,6 +54,10 @@ test_all() {
     echo "== ThreadSanitizer (threaded tests)"
     build build-tsan -DKEP_SANITIZE=thread -DKEP_BUILD_TOOLS=OFF
     TSAN_OPTIONS=halt_on_error=1 run_ctest build-tsan -R 'Thread|Concurren'
+    if [ "${KEP_MIPS:-1}" != 0 ]; then
+        echo "== big-endian MIPS cross build, tests under qemu"
+        "$root/tools/cross-mips.sh"
+    fi
     if [ "${FUZZ_SECONDS:-60}" != 0 ]; then
         echo "== fuzz targets, ${FUZZ_SECONDS:-60} s each"
         "$root/tools/run-fuzz.sh" "${FUZZ_SECONDS:-60}"
