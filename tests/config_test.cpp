@@ -353,6 +353,37 @@ TEST_F(ConfigStore, LoadRepairsAnUnreadableFileWithDefaults) {
     EXPECT_NE(readText(file), "<missing>");
 }
 
+TEST_F(ConfigStore, BadFilesAreRefusedOrRepairedNeverTrusted) {
+    std::string huge = R"({"host":[)";
+    for (int i = 0; i < 3000; i++) huge += (i ? ",{\"host_" : "{\"host_") + std::to_string(i) + "\":{}}";
+    huge += "]}";
+    const std::string cases[] = {
+        std::string(kStored).substr(0, sizeof kStored / 2),
+        std::string(5000, '[') + std::string(5000, ']'),
+        R"({"time":[1,2],"host":{"host_1":5}})",
+        R"({"time":{"zone":7,"settings":null},"host":[5,{"host_1":"x"},[]]})",
+        std::string("{\"time\":{}}\0garbage", 19),
+        huge,
+    };
+    tree.section(list, "host_1", recOpr());
+    Rec r = makeRec("r", 1);
+    Rec two[2];
+    for (const std::string &bad : cases) {
+        SCOPED_TRACE(bad.substr(0, 60));
+        store(bad);
+        EXPECT_EQ(modelRead("/m/time", two, sizeof two), -1);
+        EXPECT_EQ(modelRead("/m/time/zone", two, kRec), -1);
+        EXPECT_EQ(modelRead("/m/host/host_1", two, kRec), -1);
+        modelWrite("/m/time/zone", &r, kRec);
+        modelWrite("/m/host/host_1", &r, kRec);
+        modelWrite("/m/host/host_2", &r, kRec);
+        modelWrite("/m/host/host_2", nullptr, 0);
+        EXPECT_EQ(systemLoadConfigFile(), 0);
+        EXPECT_NE(canonical(readText(file)), "<invalid>");
+    }
+    EXPECT_GE(sectionNames(list).size(), 3000u);
+}
+
 TEST_F(ConfigStore, LoadStopsWhenTheRepairFails) {
     DataModule *lost = tree.module("lost", "nodir/l.json");
     DataModule *after = tree.module("after", "a.json");
