@@ -11,7 +11,11 @@
  * Unix-domain socket tied to its process id, in a runtime folder only its user may
  * enter (KEP_IMI_DIR, default /tmp/kep-imi-<uid>). A callee in the caller's own
  * process is called directly. A dead callee fails at once; a hung one fails after
- * the time-out (KEP_IMI_TIMEOUT_MS, default 5000 ms, or qxImiSetTimeout).
+ * the time-out (KEP_IMI_TIMEOUT_MS, default 5000 ms, or qxImiSetTimeout), which
+ * bounds the whole call from connecting to the last byte of the answer.
+ *
+ * Limits: a string member holds at most 1 MiB; a callback name at most 127 bytes.
+ * Each call uses its own connection, so several threads may call at once.
  */
 #ifndef KEP_PF_RPC_H
 #define KEP_PF_RPC_H
@@ -49,6 +53,10 @@ typedef struct QxRpcPara {
 void qxrpcParaInit(QxRpcPara *set);
 int qxrpcAddStringPtr(QxRpcPara *set, const char *name, const char *text);
 int qxrpcAddInt(QxRpcPara *set, const char *name, int value);
+/*
+ * 0: set now holds the callee's output members only (inputs released). Nonzero: a
+ * QXRPC_ERR_* code or the handler's own nonzero result; set is left as it was.
+ */
 int qxImiExecute(int pid, const char *cb, int arg3, int arg4, QxRpcPara *set);
 int qxrpcGetInt(QxRpcPara *set, const char *name, int *value);
 /* *text points into the set and stays valid until qxrpcParaFree. */
@@ -61,15 +69,26 @@ void qxrpcParaFree(QxRpcPara *set);
  * nonzero handler result is returned by the caller's qxImiExecute instead.
  */
 typedef int (*QxImiHandler)(QxRpcPara *set, void *user);
+/* Registering a name again replaces its handler; at most 64 names. Thread-safe. */
 int qxImiRegister(const char *cb, QxImiHandler handler, void *user);
 int qxImiUnregister(const char *cb);
-/* Binds this process's socket; returns a descriptor to poll for requests, or -1. */
+/*
+ * Binds this process's socket (once; a stale file of the same pid is replaced);
+ * returns a descriptor to poll for requests, or -1. The socket file is removed by
+ * qxImiStopServer and at exit.
+ */
 int qxImiListen(void);
-/* Serves at most one request: 1 served, 0 none within timeoutMs (-1: wait), <0 error. */
+/*
+ * Listens if needed and handles at most one connection: 1 handled (a malformed or
+ * refused one included), 0 none within timeoutMs (-1: wait), <0 error. A client
+ * that does not deliver its request within the time-out is dropped.
+ */
 int qxImiServeOnce(int timeoutMs);
-/* Serves requests on a background thread until qxImiStopServer; 0 or -1. */
+/* Serves connections one at a time on a background thread; 0 or -1. */
 int qxImiStartServer(void);
+/* Stops that thread, closes the socket and removes its file. */
 void qxImiStopServer(void);
+/* ms > 0 sets the time-out of calls (and of reading a request); ms <= 0 restores the default. */
 void qxImiSetTimeout(int ms);
 int qxImiGetTimeout(void);
 

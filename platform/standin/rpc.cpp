@@ -1,0 +1,440 @@
+// The stand-in's IMI: handlers registered by name, served on a Unix-domain socket per
+// process in a folder only the user may enter; calls made over a fresh connection
+// each, bounded by the time-out from connect to the last byte of the reply.
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "kep_pf_rpc.h"
+#include "rpc_wire.h"
+
+#define PF_API extern "C" __attribute__((visibility("default")))
+
+using namespace kep_pf;
+
+namespace {
+
+constexpr int kDefaultTimeoutMs = 5000;
+constexpr int kMaxHandlers = 64;
+
+// ---- handler registry ----
+
+struct Handler {
+    char name[kMaxCbName + 1];
+    QxImiHandler fn;
+    void *user;
+};
+
+pthread_mutex_t gRegLock = PTHREAD_MUTEX_INITIALIZER;
+Handler gHandlers[kMaxHandlers];
+
+bool validCb(const char *cb) { return cb && *cb && strnlen(cb, kMaxCbName + 1) <= kMaxCbName; }
+
+// Copies the handler out so that it runs without the lock held.
+bool findHandler(const char *cb, Handler *out) {
+    bool found = false;
+    pthread_mutex_lock(&gRegLock);
+    for (const Handler &h : gHandlers) {
+        if (h.fn && strcmp(h.name, cb) == 0) {
+            *out = h;
+            found = true;
+            break;
+        }
+    }
+    pthread_mutex_unlock(&gRegLock);
+    return found;
+}
+
+// ---- time-out ----
+
+int gTimeoutMs;  // set by qxImiSetTimeout; 0: the environment's or the default
+int gEnvTimeoutMs = kDefaultTimeoutMs;
+pthread_once_t gEnvOnce = PTHREAD_ONCE_INIT;
+
+void readTimeoutEnv() {
+    const char *env = getenv("KEP_IMI_TIMEOUT_MS");
+    if (!env || !*env) return;
+    char *end = nullptr;
+    long ms = strtol(env, &end, 10);
+    if (*end == '\0' && ms > 0 && ms <= 3600 * 1000) gEnvTimeoutMs = static_cast<int>(ms);
+}
+
+// ---- runtime folder and socket paths ----
+
+// The folder must be ours, a real folder, and closed to other users' writes: anyone
+// who could place a socket there could impersonate a callee.
+int checkDir(const char *dir) {
+    struct stat st;
+    if (lstat(dir, &st) != 0) return QXRPC_ERR_NO_PEER;
+    if (!S_ISDIR(st.st_mode) || st.st_uid != geteuid() || (st.st_mode & 022)) return QXRPC_ERR_ARG;
+    return 0;
+}
+
+// Creates missing folders along the path, each open to its user only.
+void makeDirs(const char *dir) {
+    char path[sizeof(sockaddr_un::sun_path)];
+    snprintf(path, sizeof path, "%s", dir);
+    for (char *p = path + 1; *p; p++) {
+        if (*p != '/') continue;
+        *p = '\0';
+        mkdir(path, 0700);
+        *p = '/';
+    }
+    mkdir(path, 0700);
+}
+
+// Fills addr with the socket of pid; create makes the folder when missing.
+int socketAddress(int pid, bool create, sockaddr_un *addr) {
+    char dir[sizeof addr->sun_path];
+    const char *env = getenv("KEP_IMI_DIR");
+    int n = env && *env ? snprintf(dir, sizeof dir, "%s", env)
+                        : snprintf(dir, sizeof dir, "/tmp/kep-imi-%u", static_cast<unsigned>(geteuid()));
+    if (n <= 0 || static_cast<size_t>(n) >= sizeof dir) return QXRPC_ERR_ARG;
+    if (create) makeDirs(dir);
+    int rc = checkDir(dir);
+    if (rc) return rc;
+    memset(addr, 0, sizeof *addr);
+    addr->sun_family = AF_UNIX;
+    n = snprintf(addr->sun_path, sizeof addr->sun_path, "%s/imi-%d.sock", dir, pid);
+    return n > 0 && static_cast<size_t>(n) < sizeof addr->sun_path ? 0 : QXRPC_ERR_ARG;
+}
+
+// Only our own user and root may talk to us, in either direction.
+bool trustedPeer(int fd) {
+    struct ucred cred;
+    socklen_t len = sizeof cred;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 || len != sizeof cred) return false;
+    return cred.uid == geteuid() || cred.uid == 0;
+}
+
+// ---- calling ----
+
+void freeSet(QxRpcPara *set) { qxrpcParaFree(set); }
+
+// Runs a handler on a copy of the inputs; the caller's set receives the outputs only
+// on success.
+int callInProcess(const char *cb, QxRpcPara *set) {
+    Handler h;
+    if (!findHandler(cb, &h)) return QXRPC_ERR_NO_HANDLER;
+    QxRpcPara work;
+    qxrpcParaInit(&work);
+    for (int i = 0; i < set->count; i++) {
+        work.member[i] = set->member[i];
+        if (set->member[i].isString && !(work.member[i].text = strdup(set->member[i].text))) {
+            freeSet(&work);
+            return QXRPC_ERR_NOMEM;
+        }
+        work.count = i + 1;
+    }
+    int inputs = work.count;
+    int rc = h.fn(&work, h.user);
+    if (rc == 0) {
+        freeSet(set);
+        moveMembers(&work, inputs, set);
+    }
+    freeSet(&work);
+    return rc;
+}
+
+// Connects to pid's socket before the deadline.
+int connectTo(int pid, int64_t deadline, int *out) {
+    sockaddr_un addr;
+    int rc = socketAddress(pid, false, &addr);
+    if (rc) return rc == QXRPC_ERR_ARG ? QXRPC_ERR_NO_PEER : rc;
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) return QXRPC_ERR_IO;
+    for (;;) {
+        if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0) break;
+        if (errno == EINTR) continue;
+        // A full backlog: the callee is alive but busy; try again until the deadline.
+        if (errno == EAGAIN && nowMs() < deadline) {
+            poll(nullptr, 0, 5);
+            continue;
+        }
+        rc = errno == EAGAIN ? QXRPC_ERR_TIMEOUT : QXRPC_ERR_NO_PEER;
+        close(fd);
+        return rc;
+    }
+    if (!trustedPeer(fd)) {
+        close(fd);
+        return QXRPC_ERR_NO_PEER;
+    }
+    *out = fd;
+    return 0;
+}
+
+int callRemote(int pid, const char *cb, QxRpcPara *set) {
+    int64_t deadline = nowMs() + qxImiGetTimeout();
+    char *frame = nullptr;
+    size_t len = 0;
+    int rc = encodeRequest(cb, set, &frame, &len);
+    if (rc) return rc;
+    int fd = -1;
+    rc = connectTo(pid, deadline, &fd);
+    if (rc == 0) rc = sendAll(fd, frame, len, deadline);
+    free(frame);
+    char *body = nullptr;
+    if (rc == 0) rc = readFrame(fd, deadline, &body, &len);
+    if (fd >= 0) close(fd);
+    if (rc) return rc;
+    QxRpcPara reply;
+    qxrpcParaInit(&reply);
+    int status = 0;
+    rc = decodeReply(body, len, &status, &reply);
+    free(body);
+    if (rc == 0 && status != 0) rc = status;
+    if (rc == 0) {
+        freeSet(set);
+        moveMembers(&reply, 0, set);
+    }
+    freeSet(&reply);
+    return rc;
+}
+
+// ---- serving ----
+
+// Serving state; the background thread reads only gStop and the descriptors it was
+// started with.
+pthread_mutex_t gServerLock = PTHREAD_MUTEX_INITIALIZER;
+int gListenFd = -1;
+int gListenPid;
+char gSocketPath[sizeof(sockaddr_un::sun_path)];
+bool gAtExitSet;
+bool gThreadRunning;
+pthread_t gThread;
+int gWake[2] = {-1, -1};
+int gStop;
+
+void closeListener() {
+    if (gListenFd >= 0) {
+        close(gListenFd);
+        unlink(gSocketPath);
+    }
+    gListenFd = -1;
+    gListenPid = 0;
+}
+
+void removeSocketAtExit() {
+    if (gListenFd >= 0 && gListenPid == getpid()) unlink(gSocketPath);
+}
+
+// A forked child has its own pid and no server thread: it must not answer on the
+// parent's socket, nor think that a thread serves it.
+void resetInChild() {
+    gRegLock = PTHREAD_MUTEX_INITIALIZER;
+    gServerLock = PTHREAD_MUTEX_INITIALIZER;
+    if (gListenFd >= 0) close(gListenFd);
+    gListenFd = -1;
+    gListenPid = 0;
+    for (int &fd : gWake) {
+        if (fd >= 0) close(fd);
+        fd = -1;
+    }
+    gThreadRunning = false;
+}
+
+__attribute__((constructor)) void installForkHandler() { pthread_atfork(nullptr, nullptr, resetInChild); }
+
+// Answers one accepted connection: one request, one reply, within the time-out so
+// that a slow or silent client cannot hold the server.
+void serveConnection(int fd) {
+    if (!trustedPeer(fd)) return;
+    int64_t deadline = nowMs() + qxImiGetTimeout();
+    char *body = nullptr;
+    size_t len = 0;
+    if (readFrame(fd, deadline, &body, &len) != 0) return;
+    char cb[kMaxCbName + 1];
+    QxRpcPara set;
+    qxrpcParaInit(&set);
+    int status = decodeRequest(body, len, cb, sizeof cb, &set);
+    free(body);
+    if (status != 0) {
+        freeSet(&set);
+        return;
+    }
+    int inputs = set.count;
+    Handler h;
+    status = findHandler(cb, &h) ? h.fn(&set, h.user) : QXRPC_ERR_NO_HANDLER;
+    char *frame = nullptr;
+    if (encodeReply(status, &set, inputs, &frame, &len) == 0) {
+        sendAll(fd, frame, len, deadline);
+        free(frame);
+    }
+    freeSet(&set);
+}
+
+// 1 when a connection was taken and handled, 0 when none was waiting.
+int acceptOne(int listenFd) {
+    int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (fd < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR || errno == ECONNABORTED ? 0 : -1;
+    serveConnection(fd);
+    close(fd);
+    return 1;
+}
+
+struct ServerFds {
+    int listen;
+    int wake;
+};
+ServerFds gServerFds;
+
+void *serverMain(void *) {
+    ServerFds fds = gServerFds;
+    while (!__atomic_load_n(&gStop, __ATOMIC_ACQUIRE)) {
+        struct pollfd p[2] = {{fds.listen, POLLIN, 0}, {fds.wake, POLLIN, 0}};
+        int n = poll(p, 2, -1);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 || p[1].revents || (p[0].revents & (POLLNVAL | POLLERR))) break;
+        if ((p[0].revents & POLLIN) && acceptOne(fds.listen) < 0) poll(nullptr, 0, 10);
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+PF_API int qxImiRegister(const char *cb, QxImiHandler handler, void *user) {
+    if (!validCb(cb) || !handler) return QXRPC_ERR_ARG;
+    int rc = QXRPC_ERR_FULL;
+    pthread_mutex_lock(&gRegLock);
+    Handler *slot = nullptr;
+    for (Handler &h : gHandlers) {
+        if (h.fn && strcmp(h.name, cb) == 0) {
+            slot = &h;
+            break;
+        }
+        if (!h.fn && !slot) slot = &h;
+    }
+    if (slot) {
+        snprintf(slot->name, sizeof slot->name, "%s", cb);
+        slot->fn = handler;
+        slot->user = user;
+        rc = 0;
+    }
+    pthread_mutex_unlock(&gRegLock);
+    return rc;
+}
+
+PF_API int qxImiUnregister(const char *cb) {
+    if (!validCb(cb)) return QXRPC_ERR_ARG;
+    int rc = QXRPC_ERR_NO_HANDLER;
+    pthread_mutex_lock(&gRegLock);
+    for (Handler &h : gHandlers) {
+        if (h.fn && strcmp(h.name, cb) == 0) {
+            memset(&h, 0, sizeof h);
+            rc = 0;
+        }
+    }
+    pthread_mutex_unlock(&gRegLock);
+    return rc;
+}
+
+PF_API void qxImiSetTimeout(int ms) { __atomic_store_n(&gTimeoutMs, ms > 0 ? ms : 0, __ATOMIC_RELAXED); }
+
+PF_API int qxImiGetTimeout(void) {
+    int ms = __atomic_load_n(&gTimeoutMs, __ATOMIC_RELAXED);
+    if (ms > 0) return ms;
+    pthread_once(&gEnvOnce, readTimeoutEnv);
+    return gEnvTimeoutMs;
+}
+
+PF_API int qxImiExecute(int pid, const char *cb, int, int, QxRpcPara *set) {
+    if (pid < 0 || !validCb(cb) || !set || checkMembers(set, 0) != 0) return QXRPC_ERR_ARG;
+    if (pid == getpid()) return callInProcess(cb, set);
+    return callRemote(pid, cb, set);
+}
+
+PF_API int qxImiListen(void) {
+    pthread_mutex_lock(&gServerLock);
+    int fd = gListenFd;
+    if (fd < 0) {
+        sockaddr_un addr;
+        int pid = getpid();
+        if (socketAddress(pid, true, &addr) == 0 &&
+            (fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) >= 0) {
+            // A file of our pid can only be left by a dead process that had it before.
+            unlink(addr.sun_path);
+            if (bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 || listen(fd, 64) != 0) {
+                close(fd);
+                fd = -1;
+            }
+        }
+        if (fd >= 0) {
+            memcpy(gSocketPath, addr.sun_path, sizeof gSocketPath);
+            gListenFd = fd;
+            gListenPid = pid;
+            if (!gAtExitSet) gAtExitSet = atexit(removeSocketAtExit) == 0;
+        }
+    }
+    pthread_mutex_unlock(&gServerLock);
+    return fd;
+}
+
+PF_API int qxImiServeOnce(int timeoutMs) {
+    int fd = qxImiListen();
+    if (fd < 0) return QXRPC_ERR_IO;
+    int64_t deadline = timeoutMs < 0 ? -1 : nowMs() + timeoutMs;
+    int w = waitFd(fd, POLLIN, deadline);
+    if (w <= 0) return w == 0 ? 0 : QXRPC_ERR_IO;
+    int rc = acceptOne(fd);
+    return rc < 0 ? QXRPC_ERR_IO : rc;
+}
+
+PF_API int qxImiStartServer(void) {
+    int fd = qxImiListen();
+    if (fd < 0) return -1;
+    pthread_mutex_lock(&gServerLock);
+    int rc = 0;
+    if (!gThreadRunning) {
+        rc = -1;
+        if (pipe2(gWake, O_CLOEXEC | O_NONBLOCK) == 0) {
+            __atomic_store_n(&gStop, 0, __ATOMIC_RELEASE);
+            gServerFds = {fd, gWake[0]};
+            if (pthread_create(&gThread, nullptr, serverMain, nullptr) == 0) {
+                gThreadRunning = true;
+                rc = 0;
+            } else {
+                close(gWake[0]);
+                close(gWake[1]);
+                gWake[0] = gWake[1] = -1;
+            }
+        }
+    }
+    pthread_mutex_unlock(&gServerLock);
+    return rc;
+}
+
+PF_API void qxImiStopServer(void) {
+    pthread_mutex_lock(&gServerLock);
+    bool running = gThreadRunning;
+    pthread_t thread = gThread;
+    gThreadRunning = false;
+    if (running) {
+        __atomic_store_n(&gStop, 1, __ATOMIC_RELEASE);
+        ssize_t ignored = write(gWake[1], "x", 1);
+        (void)ignored;
+    }
+    pthread_mutex_unlock(&gServerLock);
+    if (running) {
+        // A handler that stops its own server lets the thread end on its own.
+        if (pthread_equal(thread, pthread_self())) {
+            pthread_detach(thread);
+        } else {
+            pthread_join(thread, nullptr);
+        }
+    }
+    pthread_mutex_lock(&gServerLock);
+    for (int &w : gWake) {
+        if (w >= 0) close(w);
+        w = -1;
+    }
+    closeListener();
+    pthread_mutex_unlock(&gServerLock);
+}

@@ -1,0 +1,55 @@
+// The IMI's wire encoding and deadline-bounded socket I/O, shared by the caller and
+// the serving side.
+//
+// A frame is an 8-byte header (magic, body length; big-endian) and a body:
+//   request: u8 1, u8 cbLen, cb, u8 count, members
+//   reply:   u8 2, i32 status, u8 count, members (only when status is 0)
+//   member:  u8 type (0 int, 1 string), u8 nameLen, name,
+//            then i32 value or u32 textLen and the text (no NUL inside)
+// Every length is checked against the limits below before anything is allocated.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "kep_pf_rpc.h"
+
+#define PF_HIDDEN __attribute__((visibility("hidden")))
+
+namespace kep_pf {
+
+enum : uint32_t {
+    kMaxText = 1u << 20,   // one string member
+    kMaxCbName = 127,      // callback names, here and in the registry
+    kMaxBody = QXRPC_MAX_MEMBERS * (kMaxText + 64) + 256,
+};
+
+// Milliseconds of the monotonic clock.
+PF_HIDDEN int64_t nowMs();
+
+// 0, or QXRPC_ERR_ARG when a member cannot travel (oversized text, bad name, count).
+PF_HIDDEN int checkMembers(const QxRpcPara *set, int from);
+
+// Encoders: *frame is malloc'd (caller frees), *len its size. Members from index
+// `from` on are sent. 0 or a QXRPC_ERR_* code.
+PF_HIDDEN int encodeRequest(const char *cb, const QxRpcPara *set, char **frame, size_t *len);
+PF_HIDDEN int encodeReply(int status, const QxRpcPara *set, int from, char **frame, size_t *len);
+
+// Decoders over a received body. Members are appended to out, which the caller owns
+// and frees on every path; 0 or QXRPC_ERR_IO for a malformed body.
+PF_HIDDEN int decodeRequest(const char *body, size_t len, char *cb, size_t cbSize, QxRpcPara *out);
+PF_HIDDEN int decodeReply(const char *body, size_t len, int *status, QxRpcPara *out);
+
+// Socket I/O on a non-blocking descriptor until the absolute deadline (nowMs()
+// based): 0, QXRPC_ERR_TIMEOUT or QXRPC_ERR_IO. Never raises SIGPIPE.
+PF_HIDDEN int sendAll(int fd, const char *data, size_t len, int64_t deadline);
+// Reads one frame; *body is malloc'd (caller frees).
+PF_HIDDEN int readFrame(int fd, int64_t deadline, char **body, size_t *len);
+// Waits for events on fd; 1 ready, 0 deadline passed (-1: no deadline), <0 error.
+PF_HIDDEN int waitFd(int fd, short events, int64_t deadline);
+
+// Moves every member of from (from index `first` on) to the end of to; texts change
+// owner, from keeps only its members before `first`.
+PF_HIDDEN void moveMembers(QxRpcPara *from, int first, QxRpcPara *to);
+
+}  // namespace kep_pf

@@ -1,0 +1,323 @@
+// The stand-in IMI across real processes: forked owners serve handlers, this
+// process calls them.
+#include <errno.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "guard.h"
+#include "kep_pf_rpc.h"
+#include "owner_process.h"
+
+using kep_test::OwnerProcess;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+long msSince(Clock::time_point t) {
+    return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count());
+}
+
+std::string getText(QxRpcPara *set, const char *name) {
+    char *text = nullptr;
+    return qxrpcGetStringPtr(set, name, &text) == 0 && text ? text : "<absent>";
+}
+
+int getInt(QxRpcPara *set, const char *name) {
+    int v = -12345;
+    qxrpcGetInt(set, name, &v);
+    return v;
+}
+
+// Restores the time-out a test changed.
+struct TimeoutGuard {
+    explicit TimeoutGuard(int ms) { qxImiSetTimeout(ms); }
+    ~TimeoutGuard() { qxImiSetTimeout(0); }
+};
+
+// Opens a raw connection to pid's socket.
+int rawConnect(pid_t pid) {
+    std::string path = kep_test::imiSocketPath(pid);
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+    if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+}  // namespace
+
+TEST(ImiRemote, MembersArriveInOrderAndAnswersComeBack) {
+    OwnerProcess owner({{"echoCb", kep_test::echoMembers()}, {"failCb", kep_test::answer(-1402, R"({"why":1})")}});
+    ASSERT_TRUE(owner.ready());
+
+    kep::RpcPara set;
+    ASSERT_EQ(qxrpcAddStringPtr(set.get(), "name", "sec_1"), 0);
+    ASSERT_EQ(qxrpcAddStringPtr(set.get(), "table", "t"), 0);
+    ASSERT_EQ(qxrpcAddInt(set.get(), "n", -7), 0);
+    ASSERT_EQ(qxrpcAddStringPtr(set.get(), "para", R"({"a":"\né"})"), 0);
+    ASSERT_EQ(qxrpcAddStringPtr(set.get(), "filter", ""), 0);
+    ASSERT_EQ(qxImiExecute(owner.pid(), "echoCb", 0, 0, set.get()), 0);
+
+    // Only the outputs are left.
+    EXPECT_EQ(set.get()->count, 2);
+    EXPECT_EQ(getInt(set.get(), "errorCode"), 0);
+    EXPECT_EQ(getText(set.get(), "result"),
+              R"({"name":"sec_1","table":"t","n":-7,"para":"{\"a\":\"\\né\"}","filter":""})");
+    char *gone = nullptr;
+    EXPECT_NE(qxrpcGetStringPtr(set.get(), "table", &gone), 0);
+
+    auto calls = owner.calls();
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(calls[0].cb, "echoCb");
+    EXPECT_EQ(calls[0].names(), (std::vector<std::string>{"name", "table", "n", "para", "filter"}));
+    EXPECT_EQ(calls[0].text("para"), R"({"a":"\né"})");
+    EXPECT_EQ(calls[0].find("n")->value, -7);
+
+    // A callee's error code travels as a member; the call itself succeeded.
+    kep::RpcPara empty;
+    ASSERT_EQ(qxImiExecute(owner.pid(), "failCb", 0, 0, empty.get()), 0);
+    EXPECT_EQ(getInt(empty.get(), "errorCode"), -1402);
+    EXPECT_EQ(getText(empty.get(), "result"), R"({"why":1})");
+    calls = owner.calls();
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_TRUE(calls[1].members.empty());
+}
+
+TEST(ImiRemote, HandlerResultAndUnknownNamesLeaveTheSetAlone) {
+    OwnerProcess owner({{"refuse", [](QxRpcPara *set) {
+                             qxrpcAddInt(set, "errorCode", 0);
+                             return 42;
+                         }}});
+    ASSERT_TRUE(owner.ready());
+    kep::RpcPara set;
+    qxrpcAddStringPtr(set.get(), "table", "t");
+    EXPECT_EQ(qxImiExecute(owner.pid(), "refuse", 0, 0, set.get()), 42);
+    EXPECT_EQ(qxImiExecute(owner.pid(), "nobody", 0, 0, set.get()), QXRPC_ERR_NO_HANDLER);
+    EXPECT_EQ(set.get()->count, 1);
+    EXPECT_EQ(getText(set.get(), "table"), "t");
+}
+
+TEST(ImiRemote, HungCalleeTimesOutWithinBounds) {
+    TimeoutGuard timeout(300);
+    OwnerProcess hung({{"cb", kep_test::hang()}});
+    kep_test::OwnerOptions silent;
+    silent.serve = false;
+    OwnerProcess deaf({{"cb", kep_test::answer(0)}}, silent);
+    ASSERT_TRUE(hung.ready());
+    ASSERT_TRUE(deaf.ready());
+    for (pid_t pid : {hung.pid(), deaf.pid()}) {
+        kep::RpcPara set;
+        qxrpcAddStringPtr(set.get(), "table", "t");
+        auto start = Clock::now();
+        EXPECT_EQ(qxImiExecute(pid, "cb", 0, 0, set.get()), QXRPC_ERR_TIMEOUT);
+        long took = msSince(start);
+        EXPECT_GE(took, 250);
+        EXPECT_LT(took, 1500);
+        EXPECT_EQ(getText(set.get(), "table"), "t");
+    }
+}
+
+TEST(ImiRemote, DeadCalleeFailsAtOnce) {
+    OwnerProcess owner({{"cb", kep_test::answer(0)}});
+    ASSERT_TRUE(owner.ready());
+    pid_t pid = owner.pid();
+    owner.kill();
+    struct stat st;
+    ASSERT_EQ(stat(kep_test::imiSocketPath(pid).c_str(), &st), 0) << "a crash leaves the socket file";
+
+    kep::RpcPara set;
+    auto start = Clock::now();
+    EXPECT_EQ(qxImiExecute(pid, "cb", 0, 0, set.get()), QXRPC_ERR_NO_PEER);
+    EXPECT_EQ(qxImiExecute(999999999, "cb", 0, 0, set.get()), QXRPC_ERR_NO_PEER);
+    EXPECT_EQ(qxImiExecute(0, "cb", 0, 0, set.get()), QXRPC_ERR_NO_PEER);
+    EXPECT_LT(msSince(start), 200);
+    unlink(kep_test::imiSocketPath(pid).c_str());
+
+    // A clean stop takes the file away.
+    OwnerProcess stopped({{"cb", kep_test::answer(0)}});
+    ASSERT_TRUE(stopped.ready());
+    pid = stopped.pid();
+    EXPECT_TRUE(stopped.stop());
+    EXPECT_NE(stat(kep_test::imiSocketPath(pid).c_str(), &st), 0);
+}
+
+TEST(ImiRemote, BadArgumentsAndLimits) {
+    OwnerProcess owner({{"len", [](QxRpcPara *set) {
+                             char *text = nullptr;
+                             qxrpcGetStringPtr(set, "text", &text);
+                             return qxrpcAddInt(set, "length", text ? static_cast<int>(strlen(text)) : -1);
+                         }}});
+    ASSERT_TRUE(owner.ready());
+    kep::RpcPara set;
+    EXPECT_EQ(qxImiExecute(owner.pid(), nullptr, 0, 0, set.get()), QXRPC_ERR_ARG);
+    EXPECT_EQ(qxImiExecute(owner.pid(), "", 0, 0, set.get()), QXRPC_ERR_ARG);
+    EXPECT_EQ(qxImiExecute(-1, "len", 0, 0, set.get()), QXRPC_ERR_ARG);
+    EXPECT_EQ(qxImiExecute(owner.pid(), "len", 0, 0, nullptr), QXRPC_ERR_ARG);
+    EXPECT_EQ(qxImiExecute(owner.pid(), std::string(128, 'c').c_str(), 0, 0, set.get()), QXRPC_ERR_ARG);
+
+    std::string big(1u << 20, 'x');
+    ASSERT_EQ(qxrpcAddStringPtr(set.get(), "text", big.c_str()), 0);
+    ASSERT_EQ(qxImiExecute(owner.pid(), "len", 0, 0, set.get()), 0);
+    EXPECT_EQ(getInt(set.get(), "length"), 1 << 20);
+
+    kep::RpcPara tooBig;
+    big += 'x';
+    ASSERT_EQ(qxrpcAddStringPtr(tooBig.get(), "text", big.c_str()), 0);
+    EXPECT_EQ(qxImiExecute(owner.pid(), "len", 0, 0, tooBig.get()), QXRPC_ERR_ARG);
+    EXPECT_EQ(owner.calls().size(), 1u);
+}
+
+TEST(ImiRemote, GarbageAndSilentClientsDoNotStopTheServer) {
+    kep_test::OwnerOptions options;
+    options.setup = [] { qxImiSetTimeout(200); };  // the owner's read time-out
+    OwnerProcess owner({{"echoCb", kep_test::echoMembers()}}, options);
+    ASSERT_TRUE(owner.ready());
+
+    const std::vector<std::string> garbage = {
+        "GET / HTTP/1.0\r\n\r\n",
+        std::string("KIM1\xff\xff\xff\xff", 8),                             // absurd length
+        std::string("KIM1\0\0\0\x05\x01\x00", 10),                          // truncated body
+        std::string("KIM1\0\0\0\x04\x01\x02" "cb", 10) ,                    // no member count
+        std::string("KIM1\0\0\0\x0a\x01\x02" "cb\x10\x01\x01" "a\0\0", 18),  // count beyond the members
+        std::string("KIM1\0\0\0\x08\x01\x06" "echoCb", 12) + std::string("\x11", 1),
+        std::string("KIM1\0\0\0\x0c\x01\x06" "echoCb\x01\x01\x00", 15) + std::string(1, '\xff'),
+        std::string("KIM1\0\0\0\x12\x01\x06" "echoCb\x01\x01\x01" "a\x7f\xff\xff\xff", 20),
+    };
+    for (const std::string &g : garbage) {
+        int fd = rawConnect(owner.pid());
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(send(fd, g.data(), g.size(), MSG_NOSIGNAL), static_cast<ssize_t>(g.size()));
+        shutdown(fd, SHUT_WR);
+        char c;
+        EXPECT_LE(recv(fd, &c, 1, 0), 0) << "no answer to garbage";
+        close(fd);
+    }
+    // A client that connects and says nothing is dropped after the owner's time-out.
+    int silent = rawConnect(owner.pid());
+    ASSERT_GE(silent, 0);
+    auto start = Clock::now();
+    kep::RpcPara set;
+    qxrpcAddInt(set.get(), "n", 5);
+    EXPECT_EQ(qxImiExecute(owner.pid(), "echoCb", 0, 0, set.get()), 0);
+    EXPECT_LT(msSince(start), 1500);
+    EXPECT_EQ(getText(set.get(), "result"), R"({"n":5})");
+    close(silent);
+    EXPECT_EQ(owner.calls().size(), 1u);
+}
+
+TEST(ImiRemote, ConcurrentCallersEachGetTheirOwnAnswer) {
+    OwnerProcess owner({{"echoCb", kep_test::echoMembers()}});
+    ASSERT_TRUE(owner.ready());
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 6; t++) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 15; i++) {
+                kep::RpcPara set;
+                std::string tag = std::to_string(t) + "-" + std::to_string(i);
+                qxrpcAddStringPtr(set.get(), "tag", tag.c_str());
+                if (qxImiExecute(owner.pid(), "echoCb", 0, 0, set.get()) != 0 ||
+                    getText(set.get(), "result") != "{\"tag\":\"" + tag + "\"}") {
+                    wrong++;
+                }
+            }
+        });
+    }
+    for (auto &th : threads) th.join();
+    EXPECT_EQ(wrong.load(), 0);
+    EXPECT_EQ(owner.calls().size(), 90u);
+}
+
+namespace {
+
+int selfHandler(QxRpcPara *set, void *user) {
+    ++*static_cast<int *>(user);
+    int n = 0;
+    if (qxrpcGetInt(set, "n", &n) != 0) return 7;
+    qxrpcAddInt(set, "errorCode", 0);
+    return qxrpcAddStringPtr(set, "result", std::to_string(n * 2).c_str());
+}
+
+}  // namespace
+
+TEST(ImiLocal, SelfCallRunsTheHandlerDirectly) {
+    int calls = 0;
+    ASSERT_EQ(qxImiRegister("selfCb", selfHandler, &calls), 0);
+    kep::RpcPara set;
+    qxrpcAddInt(set.get(), "n", 21);
+    EXPECT_EQ(qxImiExecute(getpid(), "selfCb", 0, 0, set.get()), 0);
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(set.get()->count, 2);
+    EXPECT_EQ(getText(set.get(), "result"), "42");
+
+    kep::RpcPara noInput;
+    qxrpcAddStringPtr(noInput.get(), "table", "t");
+    EXPECT_EQ(qxImiExecute(getpid(), "selfCb", 0, 0, noInput.get()), 7);
+    EXPECT_EQ(getText(noInput.get(), "table"), "t");
+
+    EXPECT_EQ(qxImiUnregister("selfCb"), 0);
+    EXPECT_EQ(qxImiExecute(getpid(), "selfCb", 0, 0, set.get()), QXRPC_ERR_NO_HANDLER);
+    EXPECT_EQ(qxImiUnregister("selfCb"), QXRPC_ERR_NO_HANDLER);
+}
+
+TEST(ImiLocal, BackgroundServerAnswersOtherProcesses) {
+    int calls = 0;
+    ASSERT_EQ(qxImiRegister("selfCb", selfHandler, &calls), 0);
+    ASSERT_EQ(qxImiStartServer(), 0);
+    pid_t server = getpid();
+    pid_t child = fork();
+    if (child == 0) {
+        kep::RpcPara set;
+        qxrpcAddInt(set.get(), "n", 4);
+        int rc = qxImiExecute(server, "selfCb", 0, 0, set.get());
+        char *text = nullptr;
+        qxrpcGetStringPtr(set.get(), "result", &text);
+        _exit(rc == 0 && text && strcmp(text, "8") == 0 ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(calls, 1);
+    qxImiStopServer();
+    struct stat st;
+    EXPECT_NE(stat(kep_test::imiSocketPath(server).c_str(), &st), 0);
+    qxImiUnregister("selfCb");
+}
+
+TEST(ImiLocal, RefusesAnOpenRuntimeFolder) {
+    char dir[] = "/tmp/kep-imi-open-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    ASSERT_EQ(chmod(dir, 0777), 0);
+    pid_t child = fork();
+    if (child == 0) {
+        setenv("KEP_IMI_DIR", dir, 1);
+        int refused = qxImiListen() < 0;
+        chmod(dir, 0700);
+        int accepted = qxImiListen() >= 0;
+        qxImiStopServer();
+        _exit(refused && accepted ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    rmdir(dir);
+}

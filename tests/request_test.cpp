@@ -1,0 +1,367 @@
+// Request entry and method dispatch: response texts and codes, the method table
+// walk, delayed saves, log lines, hostile input and concurrent callers.
+#include <gtest/gtest.h>
+#include <json-c/json.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "json_text.h"
+#include "kep_json.h"
+#include "kep_pf_debug.h"
+#include "kep_pf_sys.h"
+#include "kep_request.h"
+#include "log_capture.h"
+#include "request/request_internal.h"
+
+using kep_test::canonicalJson;
+using Messages = std::vector<std::string>;
+
+namespace {
+
+enum Slot { kGet = 0, kSet, kAdd, kDelete, kDo, kSpare };
+
+// What the test handlers saw; reset per test.
+struct HandlerTrace {
+    int calls = 0;
+    int savesAtCall = -1;
+    std::string request;
+};
+HandlerTrace gTrace;
+
+void noteCall(json_object *request) {
+    gTrace.calls++;
+    gTrace.savesAtCall = ipcSaveConfigDelayCount();
+    gTrace.request = canonicalJson(request);
+}
+
+int okWithoutObject(json_object *request, json_object **) {
+    noteCall(request);
+    return 0;
+}
+
+// Echoes the request's "id" member, so concurrent callers can tell their answers apart.
+int echoId(json_object *request, json_object **response) {
+    json_object *obj = json_object_new_object();
+    json_object_object_add(obj, "data", json_object_new_string("rows"));
+    json_object *id = nullptr;
+    if (json_object_object_get_ex(request, "id", &id)) json_object_object_add(obj, "id", json_object_get(id));
+    json_object_object_add(obj, "error_code", json_object_new_int(0));
+    *response = obj;
+    return 0;
+}
+
+int okWithObject(json_object *request, json_object **response) {
+    noteCall(request);
+    return echoId(request, response);
+}
+
+int failAfterPartialObject(json_object *request, json_object **response) {
+    noteCall(request);
+    *response = json_object_new_object();
+    json_object_object_add(*response, "partial", json_object_new_array());
+    return -7004;
+}
+
+int failWithoutObject(json_object *request, json_object **) {
+    noteCall(request);
+    return -4000;
+}
+
+struct Answer {
+    int rc;
+    std::string text;  // compact form, "<null>" when nothing was stored
+};
+
+Answer handle(const char *request) {
+    char *response = nullptr;
+    int rc = standardKepReqHandle(request, &response);
+    Answer a{rc, canonicalJson(response)};
+    free(response);
+    return a;
+}
+
+Answer passthrough(const char *method, const char *request) {
+    json_object *req = request ? json_tokener_parse(request) : nullptr;
+    json_object *rsp = nullptr;
+    int rc = passthroughHandleMethod(method, req, &rsp);
+    Answer a{rc, canonicalJson(rsp)};
+    json_object_put(rsp);
+    json_object_put(req);
+    return a;
+}
+
+class Request : public ::testing::Test {
+protected:
+    void SetUp() override {
+        memcpy(saved_, gPassthroughHandler, sizeof saved_);
+        gTrace = HandlerTrace();
+    }
+    void TearDown() override { memcpy(gPassthroughHandler, saved_, sizeof saved_); }
+
+    static void install(int slot, MethodHandler handler) { gPassthroughHandler[slot].handler = handler; }
+
+    kep_test::LogCapture log;
+
+private:
+    MethodMsgHandler saved_[methodMsgHandlerNum];
+};
+
+TEST_F(Request, TableHoldsTheFiveMethodsAndAnEmptyEntry) {
+    const char *names[] = {"get", "set", "add", "delete", "do", ""};
+    for (int i = 0; i < methodMsgHandlerNum; i++) {
+        EXPECT_STREQ(gPassthroughHandler[i].method, names[i]);
+        EXPECT_EQ(gPassthroughHandler[i].method[31], '\0');
+    }
+    EXPECT_EQ(gPassthroughHandler[kSpare].handler, nullptr);
+}
+
+TEST_F(Request, ArgumentsThatAreNoRequest) {
+    char *response = nullptr;
+    EXPECT_EQ(standardKepReqHandle(nullptr, &response), -10000);
+    EXPECT_EQ(response, nullptr);
+    EXPECT_EQ(log.messages(), (Messages{"para is NULL.\r\n"}));
+    EXPECT_EQ(standardKepReqHandle("{\"method\":\"get\"}", nullptr), -10000);
+
+    log.clear();
+    EXPECT_EQ(standardKepReqHandle("{\"method\":", &response), -10100);
+    EXPECT_EQ(response, nullptr);
+    EXPECT_EQ(log.messages(), (Messages{"Create tokener failed.\n\r\n", "jsonParseStr error\n\r\n"}));
+    for (const char *bad : {"", "   ", "get", "null", "{\"method\":\"get\"} {}"}) {
+        EXPECT_EQ(handle(bad).rc, -10100) << bad;
+    }
+}
+
+TEST_F(Request, RequestsWithoutAMatchingMethodAnswerMinus7000) {
+    install(kGet, okWithObject);
+    install(kSet, okWithObject);
+    EXPECT_EQ(handle("{}").text, "{\"error_code\":-7000}");
+    EXPECT_TRUE(log.contains("requestDataObj method NULL.\n"));
+    for (const char *req : {"{\"method\":\"GET\"}", "{\"method\":\"ge\"}", "{\"method\":\"get \"}",
+                            "{\"method\":\"\"}", "{\"method\":1}", "{\"method\":[\"get\"]}", "{\"method\":null}",
+                            "{\"method\":{\"get\":1}}", "[\"method\",\"get\"]", "\"get\""}) {
+        Answer a = handle(req);
+        EXPECT_EQ(a.rc, 0) << req;
+        EXPECT_EQ(a.text, "{\"error_code\":-7000}") << req;
+    }
+    EXPECT_EQ(gTrace.calls, 0);
+}
+
+TEST_F(Request, HandlerResponseShapes) {
+    install(kGet, okWithoutObject);
+    EXPECT_EQ(handle("{\"method\":\"get\",\"m\":{\"table\":\"t\"}}").text, "{\"error_code\":0}");
+    EXPECT_EQ(gTrace.request, "{\"method\":\"get\",\"m\":{\"table\":\"t\"}}") << "the whole request, method included";
+
+    install(kGet, okWithObject);
+    Answer a = handle("{\"method\":\"get\",\"id\":3}");
+    EXPECT_EQ(a.rc, 0);
+    EXPECT_EQ(a.text, "{\"data\":\"rows\",\"id\":3,\"error_code\":0}") << "the handler's object, unchanged";
+
+    install(kGet, failAfterPartialObject);
+    EXPECT_EQ(handle("{\"method\":\"get\"}").text, "{\"error_code\":-7004}");
+    install(kGet, failWithoutObject);
+    EXPECT_EQ(handle("{\"method\":\"get\"}").text, "{\"error_code\":-4000}");
+    EXPECT_TRUE(log.contains("unsupport method failed\n"));
+}
+
+TEST_F(Request, DelayedSaveForEveryMethodButGet) {
+    struct Case {
+        const char *request;
+        int slot;
+        int saves;
+    };
+    for (const Case &c : {Case{"{\"method\":\"get\"}", kGet, 0}, Case{"{\"method\":\"set\"}", kSet, 1},
+                          Case{"{\"method\":\"add\"}", kAdd, 1}, Case{"{\"method\":\"delete\"}", kDelete, 1},
+                          Case{"{\"method\":\"do\"}", kDo, 1}}) {
+        for (MethodHandler h : {okWithoutObject, failAfterPartialObject}) {
+            install(c.slot, h);
+            int before = ipcSaveConfigDelayCount();
+            handle(c.request);
+            EXPECT_EQ(ipcSaveConfigDelayCount() - before, c.saves) << c.request;
+            EXPECT_EQ(gTrace.savesAtCall, before + c.saves) << c.request << ": save asked before the handler";
+        }
+    }
+    int before = ipcSaveConfigDelayCount();
+    handle("{\"method\":\"unknown\"}");
+    handle("{}");
+    EXPECT_EQ(ipcSaveConfigDelayCount(), before);
+}
+
+TEST_F(Request, ClearedEntryDisablesItsMethod) {
+    install(kSet, okWithoutObject);
+    install(kSet, nullptr);
+    int before = ipcSaveConfigDelayCount();
+    EXPECT_EQ(handle("{\"method\":\"set\"}").text, "{\"error_code\":-7000}");
+    EXPECT_EQ(ipcSaveConfigDelayCount(), before);
+    EXPECT_EQ(gTrace.calls, 0);
+}
+
+// The table is writable by the process, so the handler is read again right before
+// the call: an entry cleared after it matched answers -51204.
+void clearSetOnMatch(int, const char *line, void *) {
+    if (strstr(line, "find method")) gPassthroughHandler[kSet].handler = nullptr;
+}
+
+TEST_F(Request, EntryClearedAfterMatchingAnswersMinus51204) {
+    install(kSet, okWithoutObject);
+    debugSetSink(clearSetOnMatch, nullptr);
+    int before = ipcSaveConfigDelayCount();
+    Answer a = handle("{\"method\":\"set\"}");
+    debugSetSink(nullptr, nullptr);
+    EXPECT_EQ(a.text, "{\"error_code\":-51204}");
+    EXPECT_EQ(ipcSaveConfigDelayCount(), before + 1);
+    EXPECT_EQ(gTrace.calls, 0);
+}
+
+TEST_F(Request, AllSixEntriesAreWalkedAndTheFirstMatchWins) {
+    strcpy(gPassthroughHandler[kSpare].method, "reboot");
+    install(kSpare, okWithoutObject);
+    EXPECT_EQ(handle("{\"method\":\"reboot\"}").text, "{\"error_code\":0}");
+    EXPECT_EQ(gTrace.calls, 1);
+
+    strcpy(gPassthroughHandler[kSpare].method, "get");
+    install(kSpare, failWithoutObject);
+    install(kGet, okWithObject);
+    EXPECT_EQ(handle("{\"method\":\"get\"}").text, "{\"data\":\"rows\",\"error_code\":0}");
+
+    // A name filling the whole field without a terminator is still read within it.
+    memset(gPassthroughHandler[kSpare].method, 'x', sizeof gPassthroughHandler[kSpare].method);
+    std::string name(32, 'x');
+    EXPECT_EQ(handle(("{\"method\":\"" + name + "\"}").c_str()).text, "{\"error_code\":-4000}");
+}
+
+TEST_F(Request, LogLinesOfOneDispatch) {
+    install(kSet, okWithObject);
+    handle("{\"method\":\"set\"}");
+    const std::string rsp = "{\"data\":\"rows\",\"error_code\":0}";
+    Messages expected = {
+        "methodMsgHandlerNum:6\n\r\n",
+        "methodMsgHandlerNum:6\n\r\n",  // "get" has no handler
+        "method_buffer is \"set\"\r\n",
+        "method is \"set\"\r\n",
+        "delayed configuration save requested\r\n",
+        "find method \"set\" callback.\n\r\n",
+        "errorCode:0\n\r\n",
+        "testStr:{ \"data\": \"rows\", \"error_code\": 0 }\n\r\n",
+        "response:" + rsp + "\n\r\n",
+    };
+    EXPECT_EQ(log.messages(), expected);
+
+    log.clear();
+    install(kSet, nullptr);
+    install(kGet, okWithObject);
+    handle("{\"method\":\"add\"}");
+    expected = {
+        "methodMsgHandlerNum:6\n\r\n",
+        "method_buffer is \"get\"\r\n",
+        "method is \"add\"\r\n",
+        "methodMsgHandlerNum:6 method:\"get\" remoteMethod:\"add\"\n\r\n",
+        "methodMsgHandlerNum:6\n\r\n",
+        "methodMsgHandlerNum:6\n\r\n",
+        "methodMsgHandlerNum:6\n\r\n",
+        "methodMsgHandlerNum:6\n\r\n",
+        "methodMsgHandlerNum:6\n\r\n",
+        "errorCode:-7000\n\r\n",
+        "unsupport method failed\n\r\n",
+    };
+    EXPECT_EQ(log.messages(), expected);
+}
+
+TEST_F(Request, HostileRequestTexts) {
+    install(kGet, okWithoutObject);
+    install(kSet, okWithoutObject);
+
+    std::string big = "{\"method\":\"get\",\"pad\":\"" + std::string(1 << 20, 'a') + "\"}";
+    EXPECT_EQ(handle(big.c_str()).text, "{\"error_code\":0}");
+    EXPECT_EQ(handle(std::string(1 << 20, '{').c_str()).rc, -10100);
+
+    std::string deep = "{\"method\":\"get\",\"x\":" + std::string(10000, '[') + std::string(10000, ']') + "}";
+    EXPECT_EQ(handle(deep.c_str()).rc, -10100);
+    std::string deepObj;
+    for (int i = 0; i < 10000; i++) deepObj += "{\"a\":";
+    EXPECT_EQ(handle(deepObj.c_str()).rc, -10100);
+
+    EXPECT_EQ(handle("{\"method\":\"g\xff\xfe\"}").text, "{\"error_code\":-7000}");
+    EXPECT_EQ(handle("{\"method\":\"s\xc3\"}").text, "{\"error_code\":-7000}");
+    // The request is NUL-terminated text: what follows an embedded NUL is not seen.
+    std::string nul("{\"method\":\"set\"}\0{{{", 20);
+    EXPECT_EQ(handle(nul.c_str()).text, "{\"error_code\":0}");
+    EXPECT_EQ(handle(std::string("{\"method\":\"se\0t\"}", 17).c_str()).rc, -10100);
+    EXPECT_EQ(handle("{\"method\":\"se\\u0000t\"}").text, "{\"error_code\":-7000}");
+    // The comparison is on the serialised member, so escapes that serialise back to
+    // the bare name match.
+    EXPECT_EQ(handle("{\"method\":\"s\\u0065t\"}").text, "{\"error_code\":0}");
+}
+
+TEST_F(Request, PassthroughAnswersWithAnObject) {
+    EXPECT_EQ(passthrough("get", "{}").text, "{\"error_code\":-7000}") << "the bare name matches nothing";
+    install(kGet, okWithoutObject);
+    Answer a = passthrough("\"get\"", "{\"method\":\"get\"}");
+    EXPECT_EQ(a.rc, 0);
+    EXPECT_EQ(a.text, "{\"error_code\":0}");
+    install(kGet, okWithObject);
+    EXPECT_EQ(passthrough("\"get\"", "{}").text, "{\"data\":\"rows\",\"error_code\":0}");
+    install(kDo, failAfterPartialObject);
+    EXPECT_EQ(passthrough("\"do\"", "{}").text, "{\"error_code\":-7004}");
+
+    log.clear();
+    json_object *rsp = nullptr;
+    EXPECT_EQ(passthroughHandleMethod(nullptr, nullptr, &rsp), -51207);
+    EXPECT_EQ(rsp, nullptr);
+    EXPECT_EQ(log.messages(), (Messages{"runRes\n\r\n"}));
+    EXPECT_EQ(passthroughHandleMethod("\"get\"", nullptr, nullptr), -10000);
+}
+
+TEST_F(Request, DispatchStoresOnlyOnSuccess) {
+    json_object *rsp = reinterpret_cast<json_object *>(0x1);
+    EXPECT_EQ(kep::dispatchByMethod(nullptr, nullptr, &rsp), -51207);
+    EXPECT_EQ(rsp, reinterpret_cast<json_object *>(0x1));
+    install(kAdd, failAfterPartialObject);
+    EXPECT_EQ(kep::dispatchByMethod("\"add\"", nullptr, &rsp), -7004);
+    EXPECT_EQ(rsp, reinterpret_cast<json_object *>(0x1));
+    install(kAdd, okWithoutObject);
+    EXPECT_EQ(kep::dispatchByMethod("\"add\"", nullptr, &rsp), 0);
+    EXPECT_EQ(rsp, nullptr);
+}
+
+TEST_F(Request, ErrorTextAndInertExports) {
+    char *text = nullptr;
+    EXPECT_EQ(makeErrorRspObj(-10100, &text), 0);
+    EXPECT_EQ(canonicalJson(text), "{\"error_code\":-10100}");
+    free(text);
+    EXPECT_EQ(makeErrorRspObj(0, nullptr), -1);
+
+    EXPECT_EQ(filterDispatch(), 0);
+    EXPECT_EQ(sizeof gSetFilter, 4608u);
+    EXPECT_EQ(sizeof gDoFilter, 4608u);
+    for (size_t i = 0; i < sizeof gSetFilter; i++) ASSERT_EQ(gSetFilter[i] | gDoFilter[i], 0);
+    EXPECT_EQ(modelTid, 0);
+}
+
+TEST_F(Request, ConcurrentCallersKeepTheirOwnAnswers) {
+    install(kGet, echoId);
+    install(kSet, echoId);
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; t++) {
+        threads.emplace_back([t, &wrong] {
+            for (int i = 0; i < 100; i++) {
+                int id = t * 1000 + i;
+                const char *method = (i + t) % 3 == 0 ? "set" : (i % 3 == 1 ? "get" : "nope");
+                std::string req = "{\"method\":\"" + std::string(method) + "\",\"id\":" + std::to_string(id) + "}";
+                std::string want = strcmp(method, "nope") == 0
+                                       ? "{\"error_code\":-7000}"
+                                       : "{\"data\":\"rows\",\"id\":" + std::to_string(id) + ",\"error_code\":0}";
+                if (handle(req.c_str()).text != want) wrong++;
+            }
+        });
+    }
+    for (std::thread &th : threads) th.join();
+    EXPECT_EQ(wrong.load(), 0);
+}
+
+}  // namespace

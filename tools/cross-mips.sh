@@ -1,0 +1,122 @@
+#!/usr/bin/env bash
+# Builds libkepHandle for the device (32-bit big-endian MIPS Linux, o32) and runs the
+# whole test suite under qemu-user, then prints the stripped size of the library.
+#
+# On a fresh Debian bookworm machine, as root or with sudo. Everything comes from
+# Debian's archive: the cross compilers and qemu as packages, json-c from its Debian
+# source package, GoogleTest from the sources libgtest-dev ships. Both are built with
+# cmake/mips-linux-gnu.cmake into build-mips-deps/sysroot and kept there: a second
+# run rebuilds them only when the toolchain file, the compiler or their version changes.
+#
+#   tools/cross-mips.sh            deps + build-mips/ + ctest under qemu
+# JOBS (default 2) sets the build's parallelism; KEP_MIPS_TOOLS=ON also builds tools/.
+set -euo pipefail
+
+root=$(cd "$(dirname "$0")/.." && pwd)
+jobs=${JOBS:-2}
+triplet=mips-linux-gnu
+toolchain=$root/cmake/mips-linux-gnu.cmake
+deps=$root/build-mips-deps
+prefix=$deps/sysroot
+build=$root/build-mips
+export KEP_MIPS_PREFIX=$prefix
+
+sudo=""
+[ "$(id -u)" -ne 0 ] && sudo=sudo
+started=$SECONDS
+step() { echo "== mips: $* ($((SECONDS - started)) s)"; }
+
+# ---- packages: cross compilers and binutils, qemu-user, host build tools ----
+packages=(gcc-$triplet g++-$triplet binutils-$triplet dpkg-dev cmake pkg-config libgtest-dev)
+command -v qemu-mips >/dev/null || command -v qemu-mips-static >/dev/null || packages+=(qemu-user)
+apt_updated=0
+apt_update() {
+    [ $apt_updated = 1 ] && return 0
+    $sudo apt-get update -qq
+    apt_updated=1
+}
+missing=()
+for p in "${packages[@]}"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+    step "installing ${missing[*]}"
+    apt_update
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}" >/dev/null
+fi
+
+# A dependency build is reused while its key (what it was built from and with) is unchanged.
+toolkey="$(sha256sum "$toolchain" | cut -c1-16) $($triplet-gcc -dumpfullversion)"
+fresh() {  # fresh NAME KEY: true when NAME was built with KEY
+    [ -f "$prefix/.$1.key" ] && [ "$(cat "$prefix/.$1.key")" = "$2" ]
+}
+deps_cmake() {  # deps_cmake NAME SOURCE [cmake args...]: configure, build, install into the prefix
+    local name=$1 src=$2; shift 2
+    rm -rf "$deps/$name-build"
+    cmake -S "$src" -B "$deps/$name-build" -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
+        -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX="$prefix" -DCMAKE_INSTALL_LIBDIR=lib \
+        "$@" >"$deps/$name.log"
+    cmake --build "$deps/$name-build" -j"$jobs" >>"$deps/$name.log"
+    cmake --install "$deps/$name-build" >>"$deps/$name.log"
+    rm -rf "$deps/$name-build"
+}
+mkdir -p "$prefix"
+
+# ---- json-c from Debian's source package ----
+# The Debian version is known from the binary package; the source is fetched only
+# when no build of that version exists yet.
+jsonc_version=$(dpkg-query -W -f='${Version}' libjson-c-dev 2>/dev/null || true)
+[ -n "$jsonc_version" ] || jsonc_version=$(apt-cache policy libjson-c-dev | awk '/Candidate:/ {print $2}')
+jsonc_key="json-c $jsonc_version $toolkey"
+if ! fresh json-c "$jsonc_key"; then
+    step "json-c $jsonc_version from its Debian source package"
+    if ! apt-cache showsrc json-c >/dev/null 2>&1; then
+        # Source records for the archive that already serves json-c's binary packages.
+        uri=$(apt-cache policy libjson-c5 | awk '$3 ~ /^bookworm(-updates)?\/main$/ {print $2; exit}')
+        if [ -z "$uri" ]; then
+            apt_update
+            uri=$(apt-cache policy libjson-c5 | awk '$3 ~ /^bookworm(-updates)?\/main$/ {print $2; exit}')
+        fi
+        [ -n "$uri" ] || { echo "no bookworm archive configured for json-c" >&2; exit 1; }
+        printf 'Types: deb-src\nURIs: %s\nSuites: bookworm bookworm-updates\nComponents: main\nSigned-By: /usr/share/keyrings/debian-archive-keyring.gpg\n' \
+            "$uri" | $sudo tee /etc/apt/sources.list.d/kep-deb-src.sources >/dev/null
+        apt_updated=0
+        apt_update
+    fi
+    rm -rf "$deps/src/json-c"
+    mkdir -p "$deps/src/json-c"
+    # As root apt fetches unsandboxed and says so; the download itself is what matters.
+    (cd "$deps/src/json-c" && apt-get source -qq "json-c=$jsonc_version" 2>/dev/null \
+        || apt-get source -qq json-c) >/dev/null
+    src=$(find "$deps/src/json-c" -mindepth 1 -maxdepth 1 -type d -name 'json-c-*' | head -n1)
+    [ -f "$src/CMakeLists.txt" ] || { echo "json-c source not unpacked" >&2; exit 1; }
+    deps_cmake json-c "$src" -DBUILD_SHARED_LIBS=ON -DBUILD_STATIC_LIBS=OFF -DBUILD_TESTING=OFF \
+        -DBUILD_APPS=OFF -DDISABLE_WERROR=ON
+    echo "$jsonc_key" >"$prefix/.json-c.key"
+fi
+
+# ---- GoogleTest from the sources shipped by libgtest-dev ----
+gtest_key="googletest $(dpkg-query -W -f='${Version}' libgtest-dev) $toolkey"
+if ! fresh googletest "$gtest_key"; then
+    step "GoogleTest from /usr/src/googletest"
+    deps_cmake googletest /usr/src/googletest -DBUILD_GMOCK=ON -DINSTALL_GTEST=ON
+    echo "$gtest_key" >"$prefix/.googletest.key"
+fi
+
+# ---- the library and its tests ----
+step "configuring and building build-mips/"
+cmake -S "$root" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$toolchain" -DKEP_MIPS_PREFIX="$prefix" \
+    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKEP_BUILD_TOOLS="${KEP_MIPS_TOOLS:-OFF}" >/dev/null
+cmake --build "$build" -j"$jobs"
+
+step "tests under $(command -v qemu-mips || command -v qemu-mips-static)"
+rc=0
+ctest --test-dir "$build" -j"$jobs" --output-on-failure --timeout 300 || rc=$?
+
+lib=$(readlink -f "$build/libkepHandle.so.0")
+cp "$lib" "$build/libkepHandle.so.0.stripped"
+$triplet-strip "$build/libkepHandle.so.0.stripped"
+echo "MIPS libkepHandle.so.0 stripped: $(stat -c %s "$build/libkepHandle.so.0.stripped") bytes" \
+    "(unstripped $(stat -c %s "$lib"))"
+step "done"
+exit $rc

@@ -1,0 +1,72 @@
+#!/usr/bin/env bash
+# Developer entry point: sets up a fresh Debian machine and builds, demos or tests.
+#   tools/dev.sh deps    install the Debian packages the build and tests need
+#   tools/dev.sh demo    deps + build + run the demo
+#   tools/dev.sh test    deps + plain build and tests, ASan+UBSan build and tests,
+#                        ThreadSanitizer run of the threaded tests, MIPS build and tests under
+#                        qemu (tools/cross-mips.sh), short fuzz runs
+# FUZZ_SECONDS (default 60) sets each fuzz target's run; 0 skips fuzzing. KEP_MIPS=0 skips MIPS.
+set -euo pipefail
+
+root=$(cd "$(dirname "$0")/.." && pwd)
+jobs=${JOBS:-2}
+packages=(build-essential cmake pkg-config clang libclang-rt-14-dev libjson-c-dev libgtest-dev
+          libbenchmark-dev binutils valgrind)
+
+deps() {
+    local missing=()
+    for p in "${packages[@]}"; do
+        dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    local sudo=""
+    [ "$(id -u)" -ne 0 ] && sudo=sudo
+    echo "installing: ${missing[*]}"
+    $sudo apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}" >/dev/null
+}
+
+build() {  # build DIR [cmake args...]
+    local dir=$1; shift
+    cmake -S "$root" -B "$root/$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+    cmake --build "$root/$dir" -j"$jobs"
+}
+
+run_ctest() {  # run_ctest DIR [ctest args...]
+    local dir=$1; shift
+    ctest --test-dir "$root/$dir" -j"$jobs" --output-on-failure --timeout 120 "$@"
+}
+
+demo() {
+    deps
+    build build
+    "$root/build/tools/kep-demo" "$@"
+}
+
+test_all() {
+    deps
+    echo "== plain build"
+    build build
+    run_ctest build
+    echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
+    build build-asan -DKEP_SANITIZE=address,undefined -DKEP_BUILD_TOOLS=OFF
+    ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 run_ctest build-asan -E '^abi\.'
+    echo "== ThreadSanitizer (threaded tests)"
+    build build-tsan -DKEP_SANITIZE=thread -DKEP_BUILD_TOOLS=OFF
+    TSAN_OPTIONS=halt_on_error=1 run_ctest build-tsan -R 'Thread|Concurren'
+    if [ "${KEP_MIPS:-1}" != 0 ]; then
+        echo "== big-endian MIPS cross build, tests under qemu"
+        "$root/tools/cross-mips.sh"
+    fi
+    if [ "${FUZZ_SECONDS:-60}" != 0 ]; then
+        echo "== fuzz targets, ${FUZZ_SECONDS:-60} s each"
+        "$root/tools/run-fuzz.sh" "${FUZZ_SECONDS:-60}"
+    fi
+}
+
+case "${1:-}" in
+deps) deps ;;
+demo) shift; demo "$@" ;;
+test) test_all ;;
+*) echo "usage: $0 deps|demo|test" >&2; exit 2 ;;
+esac

@@ -1,0 +1,69 @@
+// Intrusive doubly linked list: links and unlinks nodes its users own, never allocates.
+#include "kep_list.h"
+
+#include "platform/api.h"
+
+KEP_API void lstInit(LstList *list) {
+    list->head = nullptr;
+    list->tail = nullptr;
+    list->count = 0;
+}
+
+KEP_API void lstInsert(LstList *list, LstNode *previous, LstNode *node) {
+    LstNode *follower;
+    if (previous) {
+        follower = previous->next;
+        previous->next = node;
+    } else {
+        follower = list->head;
+        list->head = node;
+    }
+    if (follower) {
+        follower->previous = node;
+    } else {
+        list->tail = node;
+    }
+    node->previous = previous;
+    node->next = follower;
+    list->count++;
+}
+
+KEP_API void lstAdd(LstList *list, LstNode *node) { lstInsert(list, list->tail, node); }
+
+KEP_API int lstCount(LstList *list) { return list->count; }
+
+KEP_API void lstDelete(LstList *list, LstNode *node) {
+    if (node->previous) {
+        node->previous->next = node->next;
+    } else {
+        list->head = node->next;
+    }
+    if (node->next) {
+        node->next->previous = node->previous;
+    } else {
+        list->tail = node->previous;
+    }
+    list->count--;
+}
+
+KEP_API LstNode *lstFirst(LstList *list) { return list->head; }
+
+KEP_API LstNode *lstGet(LstList *list) {
+    LstNode *node = list->head;
+    if (!node) return nullptr;
+    list->head = node->next;
+    if (list->head) {
+        list->head->previous = nullptr;
+    } else {
+        list->tail = nullptr;
+    }
+    list->count--;
+    return node;
+}
+
+KEP_API LstNode *lstNext(LstNode *node) { return node->next; }
+
+KEP_API void lstFree(LstList *list) {
+    LstNode *node;
+    while ((node = lstFirst(list)) != nullptr) lstDelete(list, node);
+}

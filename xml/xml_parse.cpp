@@ -1,0 +1,557 @@
+// The pooled parser: pool, readers, the parse loop and the retrying entry points.
+#include <errno.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include "api.h"
+#include "log.h"
+#include "xml/xml_internal.h"
+
+namespace kep {
+
+void *(*xmlAlloc)(size_t size) = malloc;
+
+}  // namespace kep
+
+namespace {
+
+using kep::XmlParseCtx;
+
+constexpr int kEof = -1;
+constexpr int kNoEnd = -2;        // a tag name that stopped after a marker, not at a delimiter
+constexpr int kBufSize = 64;      // working buffer: 63 characters and the zero
+constexpr int kEntityNameMax = 31;
+constexpr size_t kElementKeyLen = 8;
+constexpr unsigned long kRewindRequest = 7;
+
+// Element names kept when keepAll is 0: those of a device description.
+constexpr const char *kDeviceElements[] = {
+    "root",        "URLBase",   "device",     "deviceList",  "deviceType",
+    "presentationURL", "serviceList", "service", "serviceType", "serviceId",
+    "controlURL",  "eventSubURL", "SCPDURL",
+};
+
+bool isSpace(int c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+bool isQuote(int c) { return c == '"' || c == '\''; }
+
+bool isDeviceElement(const char *name) {
+    for (const char *known : kDeviceElements) {
+        if (strncmp(name, known, kElementKeyLen) == 0) return true;
+    }
+    return false;
+}
+
+void copyText(char *dst, const char *src, size_t size) {
+    size_t n = strnlen(src, size - 1);
+    memcpy(dst, src, n);
+    dst[n] = '\0';
+}
+
+// At most 63 characters, always terminated; a 64th does not fit.
+struct Buf {
+    char text[kBufSize];
+    int len;
+
+    void clear() {
+        len = 0;
+        text[0] = '\0';
+    }
+    bool push(int c) {
+        if (len >= kBufSize - 1) return false;
+        text[len++] = static_cast<char>(c);
+        text[len] = '\0';
+        return true;
+    }
+    bool endsWithTwo(char c) const { return len >= 2 && text[len - 1] == c && text[len - 2] == c; }
+    bool is(const char *s) const { return strcmp(text, s) == 0; }
+};
+
+// One parse attempt. The document is built only from ctx's pool; the walk keeps a
+// pointer to the open element instead of recursing, so depth costs nothing.
+class Parser {
+public:
+    explicit Parser(XmlParseCtx &ctx) : ctx_(ctx) { buf_.clear(); }
+
+    XmlNode *run() {
+        for (;;) {
+            int c = next();
+            if (c == kEof) {
+                // Text after the last tag is dropped; an element left open at the end
+                // is accepted only when nothing was opened or closed after it.
+                if (first_ && first_ == last_) return first_;
+                return fail();
+            }
+            if (c != '<') {
+                if (!decode(c) || !buf_.push(c)) return fail();
+                continue;
+            }
+            if (buf_.len > 0) ctx_.onText(current_, buf_.text);
+            int end;
+            if (!readTagName(end) || !dispatchTag(end)) return fail();
+            buf_.clear();
+        }
+    }
+
+private:
+    int next() { return ctx_.readChar(ctx_.input); }
+
+    // Replaces c by the character of the reference that "&" starts.
+    bool decode(int &c) {
+        if (c != '&') return true;
+        c = kep::xmlReadEntity(&ctx_);
+        return c >= 0;
+    }
+
+    XmlNode *fail() {
+        kep::xmlDocRelease(&ctx_, first_);
+        return nullptr;
+    }
+
+    // Reads the name after "<" into the buffer; end receives the delimiter that
+    // stopped it (consumed), kEof, or kNoEnd after "?", "!--" or "![CDATA[".
+    bool readTagName(int &end) {
+        buf_.clear();
+        for (;;) {
+            int c = next();
+            if (c == kEof || isSpace(c) || c == '>' || (c == '/' && buf_.len > 0)) {
+                end = c;
+                return true;
+            }
+            if (c == '<' || !decode(c) || !buf_.push(c)) return false;
+            if ((buf_.len == 1 && buf_.text[0] == '?') || (buf_.len == 3 && buf_.is("!--")) ||
+                (buf_.len == 8 && buf_.is("![CDATA["))) {
+                end = kNoEnd;
+                return true;
+            }
+        }
+    }
+
+    bool dispatchTag(int end) {
+        if (buf_.is("!--")) return comment();
+        if (buf_.is("![CDATA[")) return cdata();
+        if (buf_.is("?")) return declaration();
+        if (buf_.text[0] == '!') return skipTag(end);
+        if (buf_.text[0] == '/') return closeTag(end);
+        return startTag(end);
+    }
+
+    // Reads on until ">" comes after two stored '-'; the marker counts, so "<!-->" is
+    // a whole comment.
+    bool comment() {
+        for (;;) {
+            int c = next();
+            if (c == kEof) return false;
+            if (c == '>' && buf_.endsWithTwo('-')) return true;
+            if (!buf_.push(c)) return false;
+        }
+    }
+
+    bool cdata() {
+        buf_.clear();
+        for (;;) {
+            int c = next();
+            if (c == kEof) return false;
+            if (c == '>' && buf_.endsWithTwo(']')) {
+                buf_.len -= 2;
+                buf_.text[buf_.len] = '\0';
+                ctx_.onText(current_, buf_.text);
+                return true;
+            }
+            if (!buf_.push(c)) return false;
+        }
+    }
+
+    bool declaration() {
+        for (;;) {
+            int c = next();
+            if (c == kEof) return false;
+            if (c == '>' && buf_.text[buf_.len - 1] == '?') return true;
+            if (!buf_.push(c)) return false;
+        }
+    }
+
+    // Consumes the rest of a tag whose name stopped at end.
+    bool skipTag(int end) {
+        if (end == '>') return true;
+        if (end == kEof) return false;
+        for (;;) {
+            int c = next();
+            if (c == '>') return true;
+            if (c == kEof) return false;
+        }
+    }
+
+    bool closeTag(int end) {
+        // Only the closing name's length is compared: "</>" closes any element, and
+        // "</a>" closes "ab".
+        const char *name = buf_.text + 1;
+        if (!current_ || strncmp(current_->name, name, strlen(name)) != 0) return false;
+        if (!skipTag(end)) return false;
+        last_ = current_;
+        current_ = current_->parent;
+        return true;
+    }
+
+    // Skips an element outside the name table: on until its name shows up as
+    // consecutive characters (the closing tag), then past the next ">".
+    bool skipElement() {
+        const char *name = buf_.text;
+        int matched = 0;
+        while (matched < buf_.len) {
+            int c = next();
+            if (c == kEof) return false;
+            if (c == static_cast<signed char>(name[matched])) {
+                matched++;
+            } else {
+                matched = c == static_cast<signed char>(name[0]) ? 1 : 0;
+            }
+        }
+        return skipTag(kNoEnd);
+    }
+
+    bool startTag(int end) {
+        if ((!current_ && first_) || end == kEof) return false;
+        if (!ctx_.keepAll && !isDeviceElement(buf_.text)) return skipElement();
+        XmlNode *element = ctx_.onStartElement(current_, buf_.text, &ctx_);
+        if (!element) return false;
+        last_ = element;
+        if (!first_) first_ = element;
+        if (isSpace(end) && !readAttributes(element, end)) return false;
+        if (end == '/' || end == '?') {
+            if (next() != '>') return false;
+            if (end == '/') return true;  // empty element: the open one stays current
+        }
+        current_ = element;
+        return true;
+    }
+
+    // Reads attributes until the tag ends; end receives "/", "?" or ">".
+    bool readAttributes(XmlNode *element, int &end) {
+        Buf name, value;
+        int c = next();
+        for (;;) {
+            while (isSpace(c)) c = next();
+            if (c == '/' || c == '?' || c == '>') {
+                end = c;
+                return true;
+            }
+            if (c == '<' || c == kEof) return false;
+
+            name.clear();
+            if (isQuote(c)) {
+                // The opening quote is dropped and the closing one kept.
+                const int quote = c;
+                do {
+                    c = next();
+                    if (c == kEof) return false;
+                    const int raw = c;
+                    if (!decode(c) || !name.push(c)) return false;
+                    c = raw;
+                } while (c != quote);
+                c = next();
+            } else {
+                while (c != kEof && !isSpace(c) && c != '=' && c != '/' && c != '>' && c != '?') {
+                    if (!decode(c) || !name.push(c)) return false;
+                    c = next();
+                }
+            }
+            while (isSpace(c)) c = next();
+            if (c != '=') return false;  // every attribute has a value
+            c = next();
+            while (isSpace(c)) c = next();
+
+            value.clear();
+            if (isQuote(c)) {
+                const int quote = c;
+                for (c = next(); c != quote; c = next()) {
+                    if (c == kEof || !decode(c) || !value.push(c)) return false;
+                }
+                c = next();
+            } else {
+                while (c != kEof && !isSpace(c) && c != '=' && c != '/' && c != '>') {
+                    if (!decode(c) || !value.push(c)) return false;
+                    c = next();
+                }
+                if (c == kEof) return false;
+                if (isSpace(c) || c == '=') c = next();
+            }
+            if (!ctx_.onAttribute(element, name.text, value.text, &ctx_)) return false;
+        }
+    }
+
+    XmlParseCtx &ctx_;
+    Buf buf_;
+    XmlNode *current_ = nullptr;
+    XmlNode *first_ = nullptr;
+    XmlNode *last_ = nullptr;  // the element created or closed last
+};
+
+// Runs the attempts with growing pools; text null reads fd. *allFailed is set when
+// all six attempts ran and failed (not when memory ran out first).
+XmlNode **parseDocument(const char *text, int fd, int keepAll, bool *allFailed) {
+    *allFailed = false;
+    auto *ctx = static_cast<XmlParseCtx *>(kep::xmlAlloc(sizeof(XmlParseCtx)));
+    if (!ctx) return nullptr;
+    for (int n : kep::kXmlPoolSizes) {
+        memset(ctx, 0, sizeof *ctx);
+        if (kep::xmlMemPoolInit(&ctx->pool, n) != 0) {
+            free(ctx);
+            return nullptr;
+        }
+        if (text) {
+            ctx->cursor = text;
+            ctx->input = &ctx->cursor;
+            ctx->readChar = kep::xmlStrReadChar;
+        } else {
+            // Every attempt reads the input from its beginning; a pipe cannot rewind,
+            // so only its first attempt sees the document.
+            ioctl(fd, kRewindRequest, 0);
+            lseek(fd, 0, SEEK_SET);
+            ctx->fd = fd;
+            ctx->input = &ctx->fd;
+            ctx->readChar = kep::xmlFdReadChar;
+        }
+        ctx->keepAll = keepAll ? 1 : 0;
+        ctx->onStartElement = kep::mxmlParseStartElt;
+        ctx->onText = kep::xmlNodeAppendText;
+        ctx->onAttribute = kep::mxmlAddAttrib;
+        XmlNode *top = kep::xmlParseLoop(ctx);
+        if (top) {
+            ctx->top = top;
+            return &ctx->top;
+        }
+    }
+    free(ctx);
+    *allFailed = true;
+    return nullptr;
+}
+
+XmlParseCtx *contextOf(XmlNode **doc) {
+    return reinterpret_cast<XmlParseCtx *>(reinterpret_cast<char *>(doc) -
+                                           offsetof(XmlParseCtx, top));
+}
+
+}  // namespace
+
+namespace kep {
+
+int xmlMemPoolInit(XmlMemPool *pool, int n) {
+    if (!pool || n < 0) return -1;
+    memset(pool, 0, sizeof *pool);
+    if (n == 0) return 0;
+    const size_t count = static_cast<size_t>(n);
+    if (count > SIZE_MAX / (sizeof(XmlAttr) * kXmlAttrsPerNode) ||
+        count > SIZE_MAX / sizeof(XmlNode)) {
+        return -1;
+    }
+    const size_t nodeBytes = count * sizeof(XmlNode);
+    auto *nodes = static_cast<XmlNode *>(xmlAlloc(nodeBytes));
+    if (!nodes) {
+        KEP_LOG("xmlMemPoolInit malloc element mem size %d failed.\r\n", static_cast<int>(nodeBytes));
+        return -1;
+    }
+    const size_t attrCount = count * kXmlAttrsPerNode;
+    const size_t attrBytes = attrCount * sizeof(XmlAttr);
+    auto *attrs = static_cast<XmlAttr *>(xmlAlloc(attrBytes));
+    if (!attrs) {
+        KEP_LOG("xmlMemPoolInit malloc attribute mem size %d failed.\r\n", static_cast<int>(attrBytes));
+        free(nodes);
+        return -1;
+    }
+    for (size_t i = 0; i < count; i++) nodes[i].next = i + 1 < count ? &nodes[i + 1] : nullptr;
+    for (size_t i = 0; i < attrCount; i++) attrs[i].next = i + 1 < attrCount ? &attrs[i + 1] : nullptr;
+    pool->freeNodes = nodes;
+    pool->nodeBlock = nodes;
+    pool->freeAttrs = attrs;
+    pool->attrBlock = attrs;
+    return 0;
+}
+
+XmlNode *mxmlParseStartElt(XmlNode *parent, const char *name, XmlParseCtx *ctx) {
+    if (!ctx || !name || !*name) return nullptr;
+    if (ctx->count >= kXmlMaxNodes) {
+        KEP_LOG("Xml library support max %d nodes.\r\n", kXmlMaxNodes);
+        return nullptr;
+    }
+    XmlNode *node = ctx->pool.freeNodes;
+    if (!node) {
+        KEP_LOG("xml node malloc failed.\r\n");
+        return nullptr;
+    }
+    ctx->pool.freeNodes = node->next;
+    ctx->count++;
+    memset(node, 0, sizeof *node);
+    if (parent) {
+        node->parent = parent;
+        node->prev = parent->lastChild;
+        if (parent->lastChild) {
+            parent->lastChild->next = node;
+        } else {
+            parent->firstChild = node;
+        }
+        parent->lastChild = node;
+    }
+    copyText(node->name, name, sizeof node->name);
+    return node;
+}
+
+XmlAttr *mxmlAddAttrib(XmlNode *element, const char *name, const char *value, XmlParseCtx *ctx) {
+    if (!element || !name || !value || !ctx) return nullptr;
+    XmlAttr *attr = ctx->pool.freeAttrs;
+    if (!attr) {
+        KEP_LOG("xml attribute node malloc failed.\r\n");
+        return nullptr;
+    }
+    ctx->pool.freeAttrs = attr->next;
+    memset(attr, 0, sizeof *attr);
+    copyText(attr->name, name, sizeof attr->name);
+    copyText(attr->value, value, sizeof attr->value);
+    attr->next = element->attrs;
+    element->attrs = attr;
+    return attr;
+}
+
+void xmlNodeAppendText(XmlNode *element, const char *text) {
+    if (!element || !text) return;
+    size_t have = strlen(element->value);
+    bool blank = true;
+    for (size_t i = 0; i < have && blank; i++) blank = isSpace(element->value[i]);
+    if (blank) have = 0;
+    copyText(element->value + have, text, sizeof element->value - have);
+}
+
+int xmlReadEntity(XmlParseCtx *ctx) {
+    char name[kEntityNameMax + 1];
+    int len = 0;
+    for (;;) {
+        const int c = ctx->readChar(ctx->input);
+        if (c == ';') break;
+        const bool nameChar = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+                              (c >= '0' && c <= '9') || c == '#';
+        if (!nameChar || len == kEntityNameMax) return -1;
+        name[len++] = static_cast<char>(c);
+    }
+    name[len] = '\0';
+    if (name[0] == '#') {
+        // Leading digits only; none give 0. Unsigned arithmetic keeps the low bits
+        // of any length of digits.
+        const bool hex = name[1] == 'x';
+        uint32_t code = 0;
+        for (const char *p = name + (hex ? 2 : 1);; p++) {
+            int digit;
+            if (*p >= '0' && *p <= '9') {
+                digit = *p - '0';
+            } else if (hex && *p >= 'a' && *p <= 'f') {
+                digit = *p - 'a' + 10;
+            } else if (hex && *p >= 'A' && *p <= 'F') {
+                digit = *p - 'A' + 10;
+            } else {
+                break;
+            }
+            code = code * (hex ? 16u : 10u) + static_cast<uint32_t>(digit);
+        }
+        return static_cast<int>(code & 0xFFu);
+    }
+    for (const XmlEntity &e : kXmlEntities) {
+        if (strncmp(name, e.name, strlen(e.name)) == 0) return static_cast<unsigned char>(e.ch);
+    }
+    return -1;
+}
+
+XmlNode *xmlParseLoop(XmlParseCtx *ctx) {
+    if (!ctx) return nullptr;
+    Parser parser(*ctx);
+    return parser.run();
+}
+
+void xmlNodeRelease(XmlMemPool *pool, XmlNode *element) {
+    if (!pool || !element) return;
+    if (XmlNode *parent = element->parent) {
+        if (parent->firstChild == element) parent->firstChild = element->next;
+        if (parent->lastChild == element) parent->lastChild = element->prev;
+    }
+    if (element->prev) element->prev->next = element->next;
+    if (element->next) element->next->prev = element->prev;
+    element->parent = element->prev = element->next = nullptr;
+
+    // Post-order without recursion: descend to a leaf, unlink it from its parent
+    // (whose first child then moves on) and release it; climb one level; repeat.
+    XmlNode *node = element;
+    for (;;) {
+        while (node->firstChild) node = node->firstChild;
+        XmlNode *parent = node == element ? nullptr : node->parent;
+        if (parent) {
+            parent->firstChild = node->next;
+            if (node->next) {
+                node->next->prev = nullptr;
+            } else {
+                parent->lastChild = nullptr;
+            }
+        }
+        XmlAttr *attr = node->attrs;
+        while (attr) {
+            XmlAttr *nextAttr = attr->next;
+            attr->next = pool->freeAttrs;
+            pool->freeAttrs = attr;
+            attr = nextAttr;
+        }
+        memset(node, 0, sizeof *node);
+        node->next = pool->freeNodes;
+        pool->freeNodes = node;
+        if (!parent) return;
+        node = parent;
+    }
+}
+
+void xmlDocRelease(XmlParseCtx *ctx, XmlNode *top) {
+    if (!ctx) return;
+    xmlNodeRelease(&ctx->pool, top);
+    free(ctx->pool.nodeBlock);
+    free(ctx->pool.attrBlock);
+    memset(&ctx->pool, 0, sizeof ctx->pool);
+}
+
+int xmlStrReadChar(void *input) {
+    auto *cursor = static_cast<const char **>(input);
+    const unsigned char b = static_cast<unsigned char>(**cursor);
+    if (b == 0) return -1;
+    ++*cursor;
+    return static_cast<signed char>(b);
+}
+
+int xmlFdReadChar(void *input) {
+    const int fd = *static_cast<int *>(input);
+    unsigned char b;
+    ssize_t got;
+    do {
+        got = read(fd, &b, 1);
+    } while (got < 0 && errno == EINTR);
+    if (got != 1) return -1;
+    return static_cast<signed char>(b);
+}
+
+}  // namespace kep
+
+KEP_API XmlNode **strXmlParse(const char *text, int keepAll) {
+    if (!text) return nullptr;
+    bool allFailed;
+    return parseDocument(text, -1, keepAll, &allFailed);
+}
+
+KEP_API XmlNode **fdXmlParse(int fd, int keepAll) {
+    if (fd < 0) return nullptr;
+    bool allFailed;
+    XmlNode **doc = parseDocument(nullptr, fd, keepAll, &allFailed);
+    if (allFailed) KEP_LOG("parse xml file failed.\r\n");
+    return doc;
+}
+
+KEP_API void mxmlTreeDelete(XmlNode **doc) {
+    if (!doc) return;
+    XmlParseCtx *ctx = contextOf(doc);
+    kep::xmlDocRelease(ctx, *doc);
+    free(ctx);
+}
