@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <string>
 
 #include "kep_tree.h"
 #include "log_capture.h"
+#include "tree/tree_internal.h"
 #include "tree_builder.h"
 
 namespace {
@@ -319,6 +321,23 @@ TEST_F(RegistrationTest, UnregisterTableAfterRegistrations) {
     EXPECT_EQ(lstCount(&ps->notList), 0);
     EXPECT_EQ(p->methodCb[1], nullptr);
     EXPECT_EQ(lstCount(&p->verList), 0);
+}
+
+void *noMemory(size_t, size_t) { return nullptr; }
+
+TEST_F(RegistrationTest, ExhaustedMemoryLeavesTreeAsItWas) {
+    ASSERT_EQ(registerMethodCb("/m/t", KEP_METHOD_GET, "old", 1), 0);
+    kep::treeCalloc = noMemory;
+    EXPECT_EQ(registerMethodCb("/m/t", KEP_METHOD_GET, "new", 2), -1);
+    EXPECT_EQ(registerMethodCb("/m/t/t_1", KEP_METHOD_GET, "new", 2), -1);
+    EXPECT_EQ(registerVerNotify("/m/t", KEP_SELECT_VERIFY, "v", 2), -1);
+    EXPECT_EQ(registerVerNotify("/m/p/s", KEP_SELECT_NOTIFY, "n", 2), -1);
+    EXPECT_EQ(registerAction("m", "act", "cb", 2), -1);
+    kep::treeCalloc = calloc;
+    EXPECT_STREQ(t->methodCb[3]->cb, "old");
+    EXPECT_EQ(t->optionPublic, 1);
+    EXPECT_EQ(lstCount(&t->verList) + lstCount(&ps->notList), 0);
+    EXPECT_EQ(lstCount(&m->actions), 1);
 }
 
 }  // namespace

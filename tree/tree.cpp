@@ -24,7 +24,7 @@ void copyComponent(char (&dst)[32], const char *src, size_t len) {
 
 template <typename T>
 T *zeroNode() {
-    return static_cast<T *>(calloc(1, sizeof(T)));
+    return static_cast<T *>(treeCalloc(1, sizeof(T)));
 }
 
 void freeTable(DataTable *table) {
@@ -37,6 +37,8 @@ void freeTable(DataTable *table) {
 }
 
 }  // namespace
+
+void *(*treeCalloc)(size_t count, size_t size) = calloc;
 
 LstList &moduleRoot() { return gModuleRoot; }
 
@@ -87,7 +89,7 @@ ActionNode *newActionNode() { return zeroNode<ActionNode>(); }
 
 void *newCbNode() {
     static_assert(sizeof(VerNotifyNode) >= sizeof(MethodCbNode), "one allocation fits both node kinds");
-    return calloc(1, sizeof(VerNotifyNode));
+    return treeCalloc(1, sizeof(VerNotifyNode));
 }
 
 void freeVerNotifyList(LstList *list) {

@@ -2,6 +2,8 @@
 // subsystems (model description loading, model operations, configuration store).
 #pragma once
 
+#include <stddef.h>
+
 #include "kep_tree.h"
 
 namespace kep {
@@ -37,6 +39,10 @@ DataSection *newDataSection();
 void *newCbNode();  // a MethodCbNode or a VerNotifyNode: both fit
 ActionNode *newActionNode();
 void freeDataSection(DataSection *section);
+
+// The allocator behind the node allocators (calloc). Tests replace it to make a
+// chosen allocation fail; nothing else touches it.
+extern void *(*treeCalloc)(size_t count, size_t size);
 
 // Copies at most size-1 bytes of src and terminates dst (name and callback fields).
 void copyName(char *dst, const char *src, unsigned size);
