@@ -1,3 +1,5 @@
+// Dictionary: json.dict
+//
 // Feeds arbitrary bytes as a module's configuration file to the store: reads and
 // writes of list and named sections, then the start-up load that repairs what it
 // cannot read.
