@@ -14,6 +14,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <strings.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -183,7 +184,7 @@ static int onGetClients(QxRpcPara *set, void *user) {
     (void)user;
     if (para && json_object_object_get_ex(para, "limit", &limitObj)) limit = json_object_get_int(limitObj);
     for (int i = 0; rows && i < total && i < limit; i++) {
-        char key[32], ip[16], mac[18];
+        char key[32], ip[24], mac[24];
         json_object *row = json_object_new_object(), *v = json_object_new_object();
         snprintf(key, sizeof key, "client_%d", i + 1);
         snprintf(ip, sizeof ip, "192.168.1.%d", 100 + i);

@@ -42,10 +42,11 @@ static void usage(FILE *out) {
           out);
 }
 
-static int commandHelp(const char *cmd) {
+/* Prints one command's help to out; 0, or EXIT_USAGE for an unknown command. */
+static int commandHelp(const char *cmd, FILE *out) {
     for (size_t i = 0; i < sizeof kHelp / sizeof kHelp[0]; i++) {
         if (strcmp(kHelp[i][0], cmd) == 0) {
-            fputs(kHelp[i][1], stdout);
+            fputs(kHelp[i][1], out);
             return 0;
         }
     }
@@ -229,7 +230,7 @@ int main(int argc, char **argv) {
         return EXIT_USAGE;
     }
     const char *cmd = argv[i++];
-    if (i < argc && (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0)) return commandHelp(cmd);
+    if (i < argc && (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0)) return commandHelp(cmd, stdout);
 
     if (strcmp(cmd, "dump") == 0 || strcmp(cmd, "reset") == 0) {
         char *text = NULL;
@@ -244,7 +245,7 @@ int main(int argc, char **argv) {
 
     json_object *req = buildRequest(cmd, argc - i, argv + i);
     if (!req) {
-        if (commandHelp(cmd) == 0) return EXIT_USAGE;
+        commandHelp(cmd, stderr);
         return EXIT_USAGE;
     }
     const char *text = json_object_to_json_string_ext(req, JSON_C_TO_STRING_PLAIN);
