@@ -90,18 +90,22 @@ TEST_F(EndToEnd, EveryMethodReachesTheRightCallbackWithTheRightMembers) {
     ASSERT_TRUE(owner.ready());
     wire(owner.pid());
 
-    EXPECT_EQ(handle(R"({"method":"get","m":{"table":"host","filter":{"ip":"a"},"para":{"page":1}}})"),
-              R"({"m":{"count":{"host":9},"host":[{"host_1":{"ip":"a"}},{"host_2":{"ip":"b"}}]},"error_code":0})");
-    EXPECT_EQ(handle(R"({"method":"get","m":{"name":["time","host_7"]}})"),
-              R"({"m":{"time":{"zone":"utc"},"host_7":{"host_1":{"ip":"a"},"host_2":{"ip":"b"},"countAll":9}},)"
-              R"("error_code":0})");
+    EXPECT_EQ(
+        handle(R"({"method":"get","m":{"table":"host","filter":{"ip":"a"},"para":{"page":1}}})"),
+        R"({"m":{"count":{"host":9},"host":[{"host_1":{"ip":"a"}},{"host_2":{"ip":"b"}}]},"error_code":0})");
+    EXPECT_EQ(
+        handle(R"({"method":"get","m":{"name":["time","host_7"]}})"),
+        R"({"m":{"time":{"zone":"utc"},"host_7":{"host_1":{"ip":"a"},"host_2":{"ip":"b"},"countAll":9}},)"
+        R"("error_code":0})");
     EXPECT_EQ(handle(R"({"method":"set","m":{"table":"host","filter":{"ip":"a"},"para":{"ip":"c"}}})"),
               R"({"error_code":0})");
-    EXPECT_EQ(handle(R"({"method":"set","m":{"time":{"zone":"cet"},"host_1":{"ip":"d"}}})"), R"({"error_code":0})");
+    EXPECT_EQ(handle(R"({"method":"set","m":{"time":{"zone":"cet"},"host_1":{"ip":"d"}}})"),
+              R"({"error_code":0})");
     EXPECT_EQ(handle(R"({"method":"add","m":{"table":"host","name":"host_3","para":{"ip":"e"}}})"),
               R"({"m":{"name":["host_3"]},"error_code":0})");
     EXPECT_EQ(handle(R"({"method":"delete","m":{"name":"host_2"}})"), R"({"error_code":0})");
-    EXPECT_EQ(handle(R"({"method":"delete","m":{"table":"host","filter":{"ip":"b"}}})"), R"({"error_code":0})");
+    EXPECT_EQ(handle(R"({"method":"delete","m":{"table":"host","filter":{"ip":"b"}}})"),
+              R"({"error_code":0})");
     EXPECT_EQ(handle(R"({"method":"do","m":{"reboot":{"delay":5}}})"), R"({"after":5,"error_code":0})");
 
     std::vector<RecordedCall> calls = owner.calls();
@@ -157,7 +161,8 @@ TEST_F(EndToEnd, CalleeAnswersThatAreNotUsable) {
     EXPECT_EQ(handle(R"({"method":"get","m":{"name":"time"}})"), R"({"error_code":-10000})");
     EXPECT_EQ(handle(R"({"method":"set","m":{"host_1":{}}})"), R"({"error_code":-321})");
     EXPECT_EQ(handle(R"({"method":"delete","m":{"name":"host_1"}})"), R"({"error_code":-1500})");
-    EXPECT_EQ(handle(R"({"method":"add","m":{"table":"host","para":{}}})"), R"({"m":{"name":[]},"error_code":0})");
+    EXPECT_EQ(handle(R"({"method":"add","m":{"table":"host","para":{}}})"),
+              R"({"m":{"name":[]},"error_code":0})");
     EXPECT_EQ(handle(R"({"method":"do","m":{"reboot":{}}})"), R"({"error_code":-10100})");
     // No rollback: the second module fails after the first was changed.
     owner.clearCalls();

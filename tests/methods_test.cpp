@@ -30,7 +30,8 @@ protected:
 };
 
 TEST_F(MethodsTest, RequestWithoutModulesAnswersOnlyTheCode) {
-    for (auto h : {kep::kepMethodGet, kep::kepMethodSet, kep::kepMethodAdd, kep::kepMethodDel, kep::kepMethodDo}) {
+    for (auto h :
+         {kep::kepMethodGet, kep::kepMethodSet, kep::kepMethodAdd, kep::kepMethodDel, kep::kepMethodDo}) {
         EXPECT_EQ(run(h, "{\"method\":\"x\"}", &rsp), 0);
         EXPECT_EQ(rsp, "{\"error_code\":0}");
         EXPECT_EQ(run(h, "{}", &rsp), 0);
@@ -47,19 +48,24 @@ TEST_F(MethodsTest, GetCountsRowsOrTakesCountAll) {
     auto &a = callee("aGet", std::string("{\"a_1\":{},\"a_2\":{},\"a_3\":{},\"countAll\":40}"));
     callee("bGet", std::string("[{\"b_1\":{}},{\"b_2\":{}}]"));
 
-    EXPECT_EQ(run(kep::kepMethodGet, "{\"method\":\"get\",\"m\":{\"table\":\"a\",\"filter\":{\"k\":1}}}", &rsp), 0);
-    EXPECT_EQ(rsp, "{\"m\":{\"count\":{\"a\":40},\"a\":[{\"a_1\":{}},{\"a_2\":{}},{\"a_3\":{}}]},\"error_code\":0}");
+    EXPECT_EQ(
+        run(kep::kepMethodGet, "{\"method\":\"get\",\"m\":{\"table\":\"a\",\"filter\":{\"k\":1}}}", &rsp), 0);
+    EXPECT_EQ(
+        rsp,
+        "{\"m\":{\"count\":{\"a\":40},\"a\":[{\"a_1\":{}},{\"a_2\":{}},{\"a_3\":{}}]},\"error_code\":0}");
     EXPECT_EQ(a.calls.back(), (Members{{"table", "a"}, {"filter", "{\"k\":1}"}}));
 
     a.result = "{\"a_1\":{},\"a_2\":{},\"a_3\":{}}";
     EXPECT_EQ(run(kep::kepMethodGet, "{\"m\":{\"table\":\"a\"}}", &rsp), 0);
-    EXPECT_EQ(rsp, "{\"m\":{\"count\":{\"a\":3},\"a\":[{\"a_1\":{}},{\"a_2\":{}},{\"a_3\":{}}]},\"error_code\":0}");
+    EXPECT_EQ(
+        rsp, "{\"m\":{\"count\":{\"a\":3},\"a\":[{\"a_1\":{}},{\"a_2\":{}},{\"a_3\":{}}]},\"error_code\":0}");
 
     // Each table is counted afresh: b has no countAll after a had one.
     a.result = "{\"a_1\":{},\"countAll\":40}";
     EXPECT_EQ(run(kep::kepMethodGet, "{\"m\":{\"table\":[\"a\",\"b\"]}}", &rsp), 0);
-    EXPECT_EQ(rsp, "{\"m\":{\"a\":[{\"a_1\":{}}],\"b\":[{\"b_1\":{}},{\"b_2\":{}}],\"count\":{\"a\":40,\"b\":2}},"
-                   "\"error_code\":0}");
+    EXPECT_EQ(rsp,
+              "{\"m\":{\"a\":[{\"a_1\":{}}],\"b\":[{\"b_1\":{}},{\"b_2\":{}}],\"count\":{\"a\":40,\"b\":2}},"
+              "\"error_code\":0}");
 
     EXPECT_EQ(run(kep::kepMethodGet, "{\"m\":{\"table\":[]}}", &rsp), 0);
     EXPECT_EQ(rsp, "{\"m\":{\"count\":null},\"error_code\":0}");
@@ -164,7 +170,8 @@ TEST_F(MethodsTest, DoAnswersTheActionsObject) {
     DataModule *m = module("m");
     action(m, "ping", "pingCb", self());
     auto &ping = callee("pingCb", std::string("{\"rtt\":3}"));
-    EXPECT_EQ(run(kep::kepMethodDo, "{\"method\":\"do\",\"m\":{\"ping\":{\"host\":\"h\"},\"other\":{}}}", &rsp), 0);
+    EXPECT_EQ(
+        run(kep::kepMethodDo, "{\"method\":\"do\",\"m\":{\"ping\":{\"host\":\"h\"},\"other\":{}}}", &rsp), 0);
     EXPECT_EQ(rsp, "{\"rtt\":3,\"error_code\":0}");
     EXPECT_EQ(ping.calls.back(), (Members{{"para", "{\"host\":\"h\"}"}}));
     EXPECT_EQ(run(kep::kepMethodDo, "{\"m\":{\"pong\":{}}}", &rsp), -7004);

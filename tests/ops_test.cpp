@@ -18,7 +18,9 @@ using kep_test::Members;
 
 namespace {
 
-std::string text(json_object *v) { return jsonGetObjectStringOrigin(v); }
+std::string text(json_object *v) {
+    return jsonGetObjectStringOrigin(v);
+}
 
 class OpsTest : public kep_test::OpsFixture {};
 
@@ -58,7 +60,8 @@ TEST_F(OpsTest, InvokerSendsMembersInFixedOrder) {
     }
     ASSERT_EQ(c.calls.size(), 2u);
     EXPECT_TRUE(c.calls[0].empty());
-    EXPECT_EQ(c.calls[1], (Members{{"name", "s"}, {"table", "t"}, {"para", "{\"a\":1}"}, {"filter", "{\"f\":2}"}}));
+    EXPECT_EQ(c.calls[1],
+              (Members{{"name", "s"}, {"table", "t"}, {"para", "{\"a\":1}"}, {"filter", "{\"f\":2}"}}));
 }
 
 TEST_F(OpsTest, InvokerPassesCalleeCodeAndResult) {
@@ -204,8 +207,8 @@ TEST_F(OpsTest, SectionEditPicksTableOrSectionCallback) {
     EXPECT_EQ(editSectionByObjJson("m", "host_4", para.get(), nullptr), 0);  // list name, no node
     EXPECT_EQ(hostSet.calls.back(), (Members{{"name", "host_4"}, {"para", "{\"v\":1}"}}));
 
-    EXPECT_EQ(editSectionByObjJson("m", "log", para.get(), nullptr), -7004);   // empty own slot
-    EXPECT_EQ(editSectionByObjJson("m", "sys_2", para.get(), nullptr), -7004); // not a list table
+    EXPECT_EQ(editSectionByObjJson("m", "log", para.get(), nullptr), -7004);    // empty own slot
+    EXPECT_EQ(editSectionByObjJson("m", "sys_2", para.get(), nullptr), -7004);  // not a list table
     EXPECT_EQ(editSectionByObjJson("m", "dyn_1", para.get(), nullptr), -7004);
     EXPECT_EQ(editSectionByObjJson("m", "dyn_2", para.get(), nullptr), -7004);
     EXPECT_EQ(editSectionByObjJson("m", "noset_1", para.get(), nullptr), -7004);

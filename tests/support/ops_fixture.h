@@ -24,7 +24,7 @@ using Members = std::vector<std::pair<std::string, std::string>>;  // input memb
 struct Callee {
     std::string name;
     std::vector<Members> calls;
-    std::optional<int> errorCode = 0;  // nullopt: answer without "errorCode"
+    std::optional<int> errorCode = 0;   // nullopt: answer without "errorCode"
     std::optional<std::string> result;  // nullopt: answer without "result"
 
     static int serve(QxRpcPara *set, void *user) {
@@ -60,7 +60,9 @@ protected:
         c->result = std::move(result);
         return *c;
     }
-    int calls(const std::string &cb) { return callees_.count(cb) ? static_cast<int>(callees_[cb]->calls.size()) : 0; }
+    int calls(const std::string &cb) {
+        return callees_.count(cb) ? static_cast<int>(callees_[cb]->calls.size()) : 0;
+    }
 
     static int self() { return static_cast<int>(getpid()); }
 
