@@ -26,7 +26,8 @@ int recToJson(const char *, json_object **out, const void *record, int size) {
     if (size != static_cast<int>(sizeof(Rec))) return -1;
     const Rec *r = static_cast<const Rec *>(record);
     *out = json_object_new_object();
-    json_object_object_add(*out, "text", json_object_new_string_len(r->text, strnlen(r->text, sizeof r->text)));
+    json_object_object_add(*out, "text",
+                           json_object_new_string_len(r->text, strnlen(r->text, sizeof r->text)));
     json_object_object_add(*out, "value", json_object_new_int(r->value));
     return 0;
 }
