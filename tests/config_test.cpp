@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -38,7 +39,8 @@ Calls gCalls;
 int dynRead(const char *name, void *buf, int size) {
     gCalls.names.push_back(name);
     gCalls.sizes.push_back(size);
-    if (gCalls.result > 0) memset(buf, name[0], static_cast<size_t>(gCalls.result));
+    // Fills what it claims, within its room.
+    if (gCalls.result > 0) memset(buf, name[0], static_cast<size_t>(std::min(gCalls.result, size)));
     return gCalls.result;
 }
 int dynWrite(const char *name, const void *, int size) {
