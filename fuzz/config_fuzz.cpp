@@ -12,39 +12,16 @@
 
 #include <string>
 
+#include "../tests/support/config_fixture.h"
 #include "kep_config.h"
 #include "tree/tree_internal.h"
 
 namespace {
 
-struct Rec {
-    char text[16];
-    int32_t value;
-};
-
-int recToJson(const char *, json_object **out, const void *record, int size) {
-    if (size != static_cast<int>(sizeof(Rec))) return -1;
-    const Rec *r = static_cast<const Rec *>(record);
-    *out = json_object_new_object();
-    json_object_object_add(*out, "text",
-                           json_object_new_string_len(r->text, strnlen(r->text, sizeof r->text)));
-    json_object_object_add(*out, "value", json_object_new_int(r->value));
-    return 0;
-}
-
-int jsonToRec(const char *, json_object *value, void *buf, int size) {
-    json_object *text = nullptr, *num = nullptr;
-    if (size < static_cast<int>(sizeof(Rec)) || !json_object_object_get_ex(value, "text", &text) ||
-        !json_object_object_get_ex(value, "value", &num))
-        return -1;
-    const char *chars = json_object_get_string(text);
-    if (!chars) return -1;
-    Rec r{};
-    snprintf(r.text, sizeof r.text, "%s", chars);
-    r.value = json_object_get_int(num);
-    memcpy(buf, &r, sizeof r);
-    return sizeof r;
-}
+using kep_test::jsonToRec;
+using kep_test::makeRec;
+using kep_test::Rec;
+using kep_test::recToJson;
 
 int resetList(const char *, json_object **value) {
     *value = json_tokener_parse(R"([{"host_1":{"text":"d","value":1}}])");
@@ -52,8 +29,7 @@ int resetList(const char *, json_object **value) {
 }
 
 int resetSection(const char *name, json_object **value) {
-    Rec r{};
-    snprintf(r.text, sizeof r.text, "%s", name);
+    Rec r = makeRec(name, 0);
     return recToJson(name, value, &r, sizeof r);
 }
 
@@ -121,8 +97,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
     // Writes against the same bytes: update, add and delete.
     writeFile(file, data, size);
-    Rec r{};
-    strcpy(r.text, "fuzz");
+    Rec r = makeRec("fuzz", 1);
     modelWrite("/m/time/zone", &r, sizeof r);
     modelWrite("/m/host/host_1", &r, sizeof r);
     modelWrite("/m/host/host_new", &r, sizeof r);
