@@ -26,7 +26,8 @@ int recToJson(const char *, json_object **out, const void *record, int size) {
     if (size != static_cast<int>(sizeof(Rec))) return -1;
     const Rec *r = static_cast<const Rec *>(record);
     *out = json_object_new_object();
-    json_object_object_add(*out, "text", json_object_new_string_len(r->text, strnlen(r->text, sizeof r->text)));
+    json_object_object_add(*out, "text",
+                           json_object_new_string_len(r->text, strnlen(r->text, sizeof r->text)));
     json_object_object_add(*out, "value", json_object_new_int(r->value));
     return 0;
 }
@@ -36,8 +37,10 @@ int jsonToRec(const char *, json_object *value, void *buf, int size) {
     if (size < static_cast<int>(sizeof(Rec)) || !json_object_object_get_ex(value, "text", &text) ||
         !json_object_object_get_ex(value, "value", &num))
         return -1;
+    const char *chars = json_object_get_string(text);
+    if (!chars) return -1;
     Rec r{};
-    strncpy(r.text, json_object_get_string(text), sizeof r.text - 1);
+    snprintf(r.text, sizeof r.text, "%s", chars);
     r.value = json_object_get_int(num);
     memcpy(buf, &r, sizeof r);
     return sizeof r;
@@ -50,7 +53,7 @@ int resetList(const char *, json_object **value) {
 
 int resetSection(const char *name, json_object **value) {
     Rec r{};
-    strncpy(r.text, name, sizeof r.text - 1);
+    snprintf(r.text, sizeof r.text, "%s", name);
     return recToJson(name, value, &r, sizeof r);
 }
 

@@ -107,8 +107,8 @@ TEST(ConfigCrash, AKilledWriterLeavesTheOldOrTheNewDocument) {
         const std::string before = readText(lm.file);
         ASSERT_EQ(step(lm, rng, k), 0);
         const std::string after = readText(lm.file);
-        EXPECT_TRUE(left == before || left == after) << "left: " << left << "\nbefore: " << before
-                                                     << "\nafter: " << after;
+        EXPECT_TRUE(left == before || left == after)
+            << "left: " << left << "\nbefore: " << before << "\nafter: " << after;
         if (left == before && before != after) interrupted++;
         kep::resetTreeForTest();
         lm = ListModule(tree);
