@@ -10,6 +10,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <string>
 
 #include "../tests/support/config_fixture.h"
@@ -33,15 +34,20 @@ int resetSection(const char *name, json_object **value) {
     return recToJson(name, value, &r, sizeof r);
 }
 
-// Every write flushes the file to disk; a memory-backed folder keeps runs fast.
-const std::string &folder() {
-    static const std::string dir = [] {
-        char shm[] = "/dev/shm/kfXXXXXX";
-        if (mkdtemp(shm)) return std::string(shm);
-        char tmp[] = "/tmp/kfXXXXXX";
-        return std::string(mkdtemp(tmp) ? tmp : "/tmp");
-    }();
-    return dir;
+// Every write flushes the file to disk; a memory-backed folder keeps runs fast. A
+// plain array, so that it outlives the exit handler that removes the folder.
+char gFolder[32];
+
+const char *folder() {
+    if (gFolder[0] == '\0') {
+        snprintf(gFolder, sizeof gFolder, "/dev/shm/kfXXXXXX");
+        if (!mkdtemp(gFolder)) {
+            snprintf(gFolder, sizeof gFolder, "/tmp/kfXXXXXX");
+            if (!mkdtemp(gFolder)) abort();
+        }
+        atexit([] { std::filesystem::remove_all(gFolder); });
+    }
+    return gFolder;
 }
 
 void buildTree(const std::string &file) {
@@ -84,7 +90,7 @@ void writeFile(const std::string &file, const uint8_t *data, size_t size) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    const std::string file = folder() + "/m.json";
+    const std::string file = std::string(folder()) + "/m.json";
     buildTree(file);
     writeFile(file, data, size);
 
