@@ -118,6 +118,7 @@ TEST(ImiRemote, HandlerResultAndUnknownNamesLeaveTheSetAlone) {
 
 TEST(ImiRemote, HungCalleeTimesOutWithinBounds) {
     TimeoutGuard timeout(300);
+    EXPECT_EQ(qxImiGetTimeout(), 300);
     OwnerProcess hung({{"cb", kep_test::hang()}});
     kep_test::OwnerOptions silent;
     silent.serve = false;
@@ -165,7 +166,8 @@ TEST(ImiRemote, BadArgumentsAndLimits) {
                              char *text = nullptr;
                              qxrpcGetStringPtr(set, "text", &text);
                              return qxrpcAddInt(set, "length", text ? static_cast<int>(strlen(text)) : -1);
-                         }}});
+                         }},
+                        {"big", kep_test::answer(0, std::string(1u << 20, 'y').c_str())}});
     ASSERT_TRUE(owner.ready());
     kep::RpcPara set;
     EXPECT_EQ(qxImiExecute(owner.pid(), nullptr, 0, 0, set.get()), QXRPC_ERR_ARG);
@@ -184,6 +186,10 @@ TEST(ImiRemote, BadArgumentsAndLimits) {
     ASSERT_EQ(qxrpcAddStringPtr(tooBig.get(), "text", big.c_str()), 0);
     EXPECT_EQ(qxImiExecute(owner.pid(), "len", 0, 0, tooBig.get()), QXRPC_ERR_ARG);
     EXPECT_EQ(owner.calls().size(), 1u);
+
+    kep::RpcPara answer;
+    ASSERT_EQ(qxImiExecute(owner.pid(), "big", 0, 0, answer.get()), 0);
+    EXPECT_EQ(getText(answer.get(), "result").size(), 1u << 20);
 }
 
 TEST(ImiRemote, GarbageAndSilentClientsDoNotStopTheServer) {
@@ -250,7 +256,7 @@ TEST(ImiRemote, ConcurrentCallersEachGetTheirOwnAnswer) {
 namespace {
 
 int selfHandler(QxRpcPara *set, void *user) {
-    ++*static_cast<int *>(user);
+    ++*static_cast<std::atomic<int> *>(user);
     int n = 0;
     if (qxrpcGetInt(set, "n", &n) != 0) return 7;
     qxrpcAddInt(set, "errorCode", 0);
@@ -260,7 +266,7 @@ int selfHandler(QxRpcPara *set, void *user) {
 }  // namespace
 
 TEST(ImiLocal, SelfCallRunsTheHandlerDirectly) {
-    int calls = 0;
+    std::atomic<int> calls{0};
     ASSERT_EQ(qxImiRegister("selfCb", selfHandler, &calls), 0);
     kep::RpcPara set;
     qxrpcAddInt(set.get(), "n", 21);
@@ -280,7 +286,7 @@ TEST(ImiLocal, SelfCallRunsTheHandlerDirectly) {
 }
 
 TEST(ImiLocal, BackgroundServerAnswersOtherProcesses) {
-    int calls = 0;
+    std::atomic<int> calls{0};
     ASSERT_EQ(qxImiRegister("selfCb", selfHandler, &calls), 0);
     ASSERT_EQ(qxImiStartServer(), 0);
     pid_t server = getpid();

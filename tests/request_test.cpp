@@ -99,6 +99,8 @@ class Request : public ::testing::Test {
 protected:
     void SetUp() override {
         memcpy(saved_, gPassthroughHandler, sizeof saved_);
+        // Dispatch is tested with the stand-in handlers each test installs.
+        for (MethodMsgHandler &entry : gPassthroughHandler) entry.handler = nullptr;
         gTrace = HandlerTrace();
     }
     void TearDown() override { memcpy(gPassthroughHandler, saved_, sizeof saved_); }

@@ -25,7 +25,7 @@ constexpr int kNoEnd = -2;        // a tag name that stopped after a marker, not
 constexpr int kBufSize = 64;      // working buffer: 63 characters and the zero
 constexpr int kEntityNameMax = 31;
 constexpr size_t kElementKeyLen = 8;
-constexpr unsigned long kRewindRequest = 7;
+constexpr unsigned long kInputResetRequest = 7;  // sent before each attempt; no effect on ordinary files
 
 // Element names kept when keepAll is 0: those of a device description.
 constexpr const char *kDeviceElements[] = {
@@ -308,7 +308,7 @@ XmlNode **parseDocument(const char *text, int fd, int keepAll, bool *allFailed) 
         } else {
             // Every attempt reads the input from its beginning; a pipe cannot rewind,
             // so only its first attempt sees the document.
-            ioctl(fd, kRewindRequest, 0);
+            ioctl(fd, kInputResetRequest, 0);
             lseek(fd, 0, SEEK_SET);
             ctx->fd = fd;
             ctx->input = &ctx->fd;

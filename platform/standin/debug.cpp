@@ -68,7 +68,13 @@ PF_API void debugFlagSet(int mid, int on) {
         for (int i = 0; i < kMaxMid; i++) __atomic_store_n(&gFlags[i], 0, __ATOMIC_RELAXED);
         return;
     }
-    if (mid < kMaxMid) __atomic_store_n(&gFlags[mid], on ? 1 : 0, __ATOMIC_RELAXED);
+    if (mid >= kMaxMid) return;
+    // Switching one module off while all are on leaves all the others on.
+    if (!on && __atomic_load_n(&gAll, __ATOMIC_ACQUIRE) == 1) {
+        for (int i = 0; i < kMaxMid; i++) __atomic_store_n(&gFlags[i], 1, __ATOMIC_RELAXED);
+        __atomic_store_n(&gAll, 0, __ATOMIC_RELEASE);
+    }
+    __atomic_store_n(&gFlags[mid], on ? 1 : 0, __ATOMIC_RELAXED);
 }
 
 PF_API void debugSetSink(DebugSink sink, void *user) {

@@ -1,7 +1,9 @@
 // The stand-in's JSON object layer over json-c.
+#include <ctype.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -37,9 +39,12 @@ int storeAtomically(const char *path, const char *text) {
     if (plen + 16 > PATH_MAX) return -1;
     char tmp[PATH_MAX];
     snprintf(tmp, sizeof tmp, "%s.tmpXXXXXX", path);
-    int fd = mkstemp(tmp);
+    // A replaced file keeps its permissions.
+    struct stat old;
+    mode_t mode = stat(path, &old) == 0 && S_ISREG(old.st_mode) ? (old.st_mode & 07777) : 0644;
+    int fd = mkostemp(tmp, O_CLOEXEC);
     if (fd < 0) return -1;
-    bool ok = writeAll(fd, text, strlen(text)) && fchmod(fd, 0644) == 0 && fsync(fd) == 0;
+    bool ok = writeAll(fd, text, strlen(text)) && fchmod(fd, mode) == 0 && fsync(fd) == 0;
     if (close(fd) != 0) ok = false;
     if (!ok || rename(tmp, path) != 0) {
         unlink(tmp);
@@ -72,14 +77,17 @@ PF_API json_object *jsonObjectNewArray(void) { return json_object_new_array(); }
 
 PF_API json_object *jsonObjectFromString(const char *text) {
     if (!text) return nullptr;
+    size_t len = strlen(text);
+    if (len >= INT_MAX) return nullptr;
     json_tokener *tok = json_tokener_new();
     if (!tok) return nullptr;
-    size_t len = strlen(text);
-    json_object *obj = json_tokener_parse_ex(tok, text, static_cast<int>(len > INT_MAX ? INT_MAX : len));
-    enum json_tokener_error err = json_tokener_get_error(tok);
-    // Trailing bytes after a complete value make the text invalid as a whole.
-    if (err != json_tokener_success || (obj && tok->char_offset < static_cast<int>(len) &&
-                                        text[tok->char_offset + strspn(text + tok->char_offset, " \t\r\n")] != '\0')) {
+    // The terminating NUL is passed too: it is what ends a bare top-level number or
+    // literal, which would otherwise wait for more input.
+    json_object *obj = json_tokener_parse_ex(tok, text, static_cast<int>(len + 1));
+    size_t end = json_tokener_get_parse_end(tok);
+    // Anything but blanks after the value makes the text invalid as a whole.
+    if (json_tokener_get_error(tok) != json_tokener_success ||
+        (end < len && text[end + strspn(text + end, " \t\r\n")] != '\0')) {
         json_object_put(obj);
         obj = nullptr;
     }
@@ -194,7 +202,7 @@ PF_API int jsonObjectAddInt(json_object *obj, const char *key, int value) {
 }
 
 PF_API int jsonObjectAddIntByStr(json_object *obj, const char *key, const char *text) {
-    if (!text || !*text) return -1;
+    if (!text || !*text || isspace(static_cast<unsigned char>(*text))) return -1;
     char *end = nullptr;
     errno = 0;
     long n = strtol(text, &end, 10);
@@ -215,7 +223,10 @@ PF_API const char *jsonObjectGetString(json_object *obj, const char *key) {
 
 PF_API int jsonObjectGetIntSelf(json_object *value, int *out) {
     if (!out || !(isType(value, json_type_int) || isType(value, json_type_boolean))) return -1;
-    *out = json_object_get_int(value);
+    // json-c clamps a 64-bit value to the int range; such a value is not readable as int.
+    int64_t v = json_object_get_int64(value);
+    if (v < INT_MIN || v > INT_MAX) return -1;
+    *out = static_cast<int>(v);
     return 0;
 }
 

@@ -265,7 +265,9 @@ void serveConnection(int fd) {
     status = findHandler(cb, &h) ? h.fn(&set, h.user) : QXRPC_ERR_NO_HANDLER;
     char *frame = nullptr;
     if (encodeReply(status, &set, inputs, &frame, &len) == 0) {
-        sendAll(fd, frame, len, deadline);
+        // However long the handler took, the answer gets a full time-out of its own:
+        // the caller's deadline decides whether it still waits for it.
+        sendAll(fd, frame, len, nowMs() + qxImiGetTimeout());
         free(frame);
     }
     freeSet(&set);

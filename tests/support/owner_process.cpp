@@ -210,7 +210,7 @@ void OwnerProcess::runChild(int readyFd, const OwnerOptions &options) {
     close(readyFd);
     for (;;) {
         if (options.serve) {
-            qxImiServeOnce(-1);
+            if (qxImiServeOnce(-1) < 0) usleep(10000);
         } else {
             pause();
         }

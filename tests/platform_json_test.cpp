@@ -1,0 +1,285 @@
+// The stand-in JSON object layer and debug log.
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <json-c/json.h>
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "guard.h"
+#include "kep_pf_debug.h"
+#include "kep_pf_json.h"
+
+namespace {
+
+std::string text(json_object *obj) { return obj ? json_object_to_json_string_ext(obj, JSON_C_TO_STRING_PLAIN) : "NULL"; }
+
+std::string parsed(const char *in) {
+    kep::JsonPtr obj(jsonObjectFromString(in));
+    return text(obj.get());
+}
+
+std::string readFile(const std::string &path) {
+    std::ifstream f(path, std::ios::binary);
+    std::stringstream s;
+    s << f.rdbuf();
+    return s.str();
+}
+
+void writeFile(const std::string &path, const std::string &content) {
+    std::ofstream(path, std::ios::binary) << content;
+}
+
+// A scratch folder, removed with what it holds.
+class TempDir {
+public:
+    TempDir() {
+        char tmpl[] = "/tmp/kep-json-XXXXXX";
+        path_ = mkdtemp(tmpl);
+    }
+    ~TempDir() {
+        for (const std::string &name : entries()) unlink((path_ + "/" + name).c_str());
+        rmdir(path_.c_str());
+    }
+    std::string operator/(const std::string &name) const { return path_ + "/" + name; }
+    std::vector<std::string> entries() const {
+        std::vector<std::string> out;
+        if (DIR *d = opendir(path_.c_str())) {
+            while (dirent *e = readdir(d)) {
+                if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) out.push_back(e->d_name);
+            }
+            closedir(d);
+        }
+        return out;
+    }
+
+private:
+    std::string path_;
+};
+
+// Holds an extra reference so a test can tell whether a call released the value:
+// dropping the last reference then frees it, and json_object_put says so.
+bool releasedOnce(json_object *heldTwice) { return json_object_put(heldTwice) == 1; }
+
+}  // namespace
+
+TEST(JsonText, ParsesWholeTextsOnly) {
+    EXPECT_EQ(parsed("{\"a\":[1,\"x\"]}"), "{\"a\":[1,\"x\"]}");
+    EXPECT_EQ(parsed("  {\"a\":1} \r\n"), "{\"a\":1}");
+    EXPECT_EQ(parsed("123"), "123");
+    EXPECT_EQ(parsed("-5"), "-5");
+    EXPECT_EQ(parsed("true"), "true");
+    EXPECT_EQ(parsed("\"s\""), "\"s\"");
+
+    for (const char *bad : {"", "   ", "null", "{", "{\"a\":1} x", "{}{}", "123 4", "12a", "tru", "[1,2"}) {
+        EXPECT_EQ(jsonObjectFromString(bad), nullptr) << bad;
+    }
+    EXPECT_EQ(jsonObjectFromString(nullptr), nullptr);
+
+    // Nesting is bounded rather than recursing without limit.
+    std::string deep(200000, '[');
+    deep += std::string(200000, ']');
+    EXPECT_EQ(jsonObjectFromString(deep.c_str()), nullptr);
+    std::string shallow = std::string(20, '[') + std::string(20, ']');
+    EXPECT_NE(parsed(shallow.c_str()), "NULL");
+}
+
+TEST(JsonFile, FromFileRejectsMissingAndBrokenFiles) {
+    TempDir dir;
+    writeFile(dir / "good.json", "{\"k\":\"v\"}\n");
+    writeFile(dir / "broken.json", "{\"k\":");
+    writeFile(dir / "trailing.json", "{\"k\":1} {");
+    writeFile(dir / "nul.json", std::string("{\"k\":1}\0{", 9));
+    writeFile(dir / "empty.json", "");
+    kep::JsonPtr good(jsonObjectFromFile((dir / "good.json").c_str()));
+    EXPECT_EQ(text(good.get()), "{\"k\":\"v\"}");
+    for (const char *name : {"missing.json", "broken.json", "trailing.json", "nul.json", "empty.json"}) {
+        EXPECT_EQ(jsonObjectFromFile((dir / name).c_str()), nullptr) << name;
+    }
+    EXPECT_EQ(jsonObjectFromFile(nullptr), nullptr);
+    EXPECT_EQ(jsonObjectFromFile((dir / "").c_str()), nullptr);  // a folder
+}
+
+TEST(JsonFile, StoreReplacesWholeFilesAndKeepsTheOldOneOnFailure) {
+    TempDir dir;
+    const std::string path = dir / "cfg.json";
+    kep::JsonPtr obj(jsonObjectFromString("{\"a\":1,\"b\":\"two\"}"));
+    ASSERT_EQ(jsonObjectToFile(path.c_str(), obj.get()), 0);
+    EXPECT_EQ(readFile(path), "{\"a\":1,\"b\":\"two\"}");
+    chmod(path.c_str(), 0600);
+
+    kep::JsonPtr next(jsonObjectFromString("{\"a\":2}"));
+    ASSERT_EQ(jsonObjectToFileMem(path.c_str(), next.get()), 0);
+    kep::JsonPtr back(jsonObjectFromFile(path.c_str()));
+    EXPECT_EQ(text(back.get()), "{\"a\":2}");
+    struct stat st;
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_EQ(dir.entries(), std::vector<std::string>{"cfg.json"}) << "no temporary file left";
+
+    // Folders that cannot take the file (root ignores permissions, so they are
+    // missing, a regular file, or the target is itself a folder).
+    const std::string before = readFile(path);
+    for (const std::string &bad : {dir / "missing/cfg.json", path + "/cfg.json", dir / ""}) {
+        EXPECT_NE(jsonObjectToFile(bad.c_str(), obj.get()), 0) << bad;
+        EXPECT_NE(jsonObjectToFileMem(bad.c_str(), obj.get()), 0) << bad;
+    }
+    EXPECT_NE(jsonObjectToFile(nullptr, obj.get()), 0);
+    EXPECT_NE(jsonObjectToFile(path.c_str(), nullptr), 0);
+    EXPECT_EQ(readFile(path), before);
+    EXPECT_EQ(dir.entries(), std::vector<std::string>{"cfg.json"});
+
+    if (geteuid() != 0) {
+        chmod((dir / "").c_str(), 0500);
+        EXPECT_NE(jsonObjectToFile(path.c_str(), obj.get()), 0);
+        chmod((dir / "").c_str(), 0700);
+        EXPECT_EQ(readFile(path), before);
+    }
+
+    // A write that fails half way (the file size limit stands in for a full disk).
+    pid_t child = fork();
+    if (child == 0) {
+        signal(SIGXFSZ, SIG_IGN);
+        struct rlimit lim = {4, 4};
+        setrlimit(RLIMIT_FSIZE, &lim);
+        _exit(jsonObjectToFile(path.c_str(), obj.get()) != 0 && jsonObjectToFileMem(path.c_str(), obj.get()) != 0
+                  ? 0
+                  : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(readFile(path), before);
+    EXPECT_EQ(dir.entries(), std::vector<std::string>{"cfg.json"});
+}
+
+TEST(JsonObject, CursorWalksMembersInInsertionOrder) {
+    kep::JsonPtr obj(jsonObjectNewObject());
+    for (const char *k : {"z", "a", "m"}) ASSERT_EQ(jsonObjectAddString(obj.get(), k, k), 0);
+    ASSERT_EQ(jsonObjectObjectDel(obj.get(), "a"), 0);
+    ASSERT_EQ(jsonObjectAddInt(obj.get(), "a", 5), 0);
+    ASSERT_EQ(jsonObjectAddString(obj.get(), "z", "again"), 0);  // replaced in place
+
+    std::vector<std::string> keys, values;
+    const char *key = nullptr;
+    for (JsonObjCursor *c = jsonObjectNextSubObject(obj.get(), nullptr, &key); c;
+         c = jsonObjectNextSubObject(obj.get(), c, &key)) {
+        keys.push_back(key);
+        values.push_back(text(jsonObjectCursorValue(c)));
+    }
+    EXPECT_EQ(keys, (std::vector<std::string>{"z", "m", "a"}));
+    EXPECT_EQ(values, (std::vector<std::string>{"\"again\"", "\"m\"", "5"}));
+
+    kep::JsonPtr empty(jsonObjectNewObject()), array(jsonObjectNewArray());
+    EXPECT_EQ(jsonObjectNextSubObject(empty.get(), nullptr, &key), nullptr);
+    EXPECT_EQ(jsonObjectNextSubObject(array.get(), nullptr, &key), nullptr);
+    EXPECT_EQ(jsonObjectNextSubObject(nullptr, nullptr, &key), nullptr);
+    EXPECT_EQ(jsonObjectCursorValue(nullptr), nullptr);
+}
+
+TEST(JsonObject, AddTakesOwnershipEvenOnFailure) {
+    kep::JsonPtr obj(jsonObjectNewObject()), array(jsonObjectNewArray());
+
+    json_object *v = json_object_get(json_object_new_string("x"));
+    EXPECT_NE(jsonObjectObjectAdd(array.get(), "k", v), 0);  // not an object
+    EXPECT_TRUE(releasedOnce(v));
+    v = json_object_get(json_object_new_string("x"));
+    EXPECT_NE(jsonObjectObjectAdd(obj.get(), nullptr, v), 0);
+    EXPECT_TRUE(releasedOnce(v));
+    v = json_object_get(json_object_new_int(1));
+    EXPECT_NE(jsonObjectArrayAdd(obj.get(), v), 0);  // not an array
+    EXPECT_TRUE(releasedOnce(v));
+    EXPECT_NE(jsonObjectArrayAdd(array.get(), json_object_get(array.get())), 0);  // into itself
+    EXPECT_NE(jsonObjectObjectAdd(obj.get(), "self", json_object_get(obj.get())), 0);
+
+    // On success the container owns it: the extra reference is the last one left
+    // only after the container is gone.
+    v = json_object_get(json_object_new_string("kept"));
+    ASSERT_EQ(jsonObjectObjectAdd(obj.get(), "k", v), 0);
+    EXPECT_FALSE(releasedOnce(v));
+    EXPECT_STREQ(jsonObjectGetString(obj.get(), "k"), "kept");
+    ASSERT_EQ(jsonObjectObjectAdd(obj.get(), "nothing", nullptr), 0);  // a JSON null
+    EXPECT_EQ(text(obj.get()), "{\"k\":\"kept\",\"nothing\":null}");
+
+    ASSERT_EQ(jsonObjectArrayAdd(array.get(), json_object_new_int(1)), 0);
+    ASSERT_EQ(jsonObjectArrayAdd(array.get(), json_object_new_int(2)), 0);
+    json_object *first = jsonObjectArrayGetIdx(array.get(), 0);
+    kep::JsonPtr stranger(json_object_new_int(1));
+    EXPECT_NE(jsonObjectArrayDel(array.get(), stranger.get()), 0);
+    EXPECT_EQ(jsonObjectArrayDel(array.get(), first), 0);
+    EXPECT_EQ(text(array.get()), "[2]");
+    EXPECT_EQ(jsonObjectArrayGetIdx(array.get(), 1), nullptr);
+    EXPECT_EQ(jsonObjectArrayLength(obj.get()), 0);
+
+    kep::JsonPtr taken(jsonGetObjFromObj(obj.get(), "k"));
+    EXPECT_STREQ(jsonGetObjectString(taken.get()), "kept");
+    EXPECT_EQ(jsonObjectObjectGet(obj.get(), "k"), nullptr);
+    EXPECT_EQ(jsonGetObjFromObj(obj.get(), "k"), nullptr);
+    EXPECT_NE(jsonObjectObjectDel(obj.get(), "k"), 0);
+}
+
+TEST(JsonObject, IntegersReadOnlyWhenTheyFit) {
+    kep::JsonPtr obj(jsonObjectFromString(
+        R"({"i":-7,"b":true,"s":"5","big":3000000000,"huge":18446744073709551615,"d":1.5})"));
+    ASSERT_TRUE(obj);
+    int v = 99;
+    EXPECT_EQ(jsonObjectGetInt(obj.get(), "i", &v), 0);
+    EXPECT_EQ(v, -7);
+    EXPECT_EQ(jsonObjectGetInt(obj.get(), "b", &v), 0);
+    EXPECT_EQ(v, 1);
+    v = 99;
+    for (const char *k : {"s", "big", "huge", "d", "absent"}) {
+        EXPECT_EQ(jsonObjectGetInt(obj.get(), k, &v), -1) << k;
+        EXPECT_EQ(v, 99);
+    }
+    EXPECT_STREQ(jsonObjectGetString(obj.get(), "i"), "-7");  // JSON text of a non-string
+
+    kep::JsonPtr out(jsonObjectNewObject());
+    EXPECT_EQ(jsonObjectAddIntByStr(out.get(), "a", "-12"), 0);
+    for (const char *bad : {"", " 1", "1x", "0x10", "99999999999", "1 "}) {
+        EXPECT_NE(jsonObjectAddIntByStr(out.get(), "b", bad), 0) << bad;
+    }
+    EXPECT_EQ(text(out.get()), "{\"a\":-12}");
+}
+
+namespace {
+
+void collect(int mid, const char *line, void *user) {
+    static_cast<std::vector<std::string> *>(user)->push_back(std::to_string(mid) + ":" + line);
+}
+
+}  // namespace
+
+TEST(DebugLog, FlagsAndSink) {
+    std::vector<std::string> lines;
+    debugSetSink(collect, &lines);
+    debugFlagSet(-1, 1);
+    debugFlagSet(111, 0);
+    EXPECT_EQ(debugFlagGet(110), 1);
+    EXPECT_EQ(debugFlagGet(111), 0);
+    EXPECT_EQ(debugFlagGet(3), 1);
+    debugFlagSet(-1, 0);
+    EXPECT_EQ(debugFlagGet(110), 0);
+    debugFlagSet(111, 1);
+    EXPECT_EQ(debugFlagGet(111), 1);
+    EXPECT_EQ(debugFlagGet(110), 0);
+    debugPrintf(111, "x=%d\r\n", 4);
+    debugFlagSet(-1, 0);
+    debugSetSink(nullptr, nullptr);
+    EXPECT_EQ(lines, std::vector<std::string>{"111:x=4\r\n"});
+    EXPECT_STREQ(midNameGet(110), "kepJson");
+    EXPECT_EQ(pidGetCurrent(), getpid());
+    EXPECT_STRNE(pidNameGet(pidGetCurrent()), "");
+}
