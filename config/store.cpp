@@ -1,0 +1,143 @@
+// Reading and writing binary records through a module's configuration file, or
+// through the owner's own reader and writer for dynamic tables.
+#include <string.h>
+
+#include "api.h"
+#include "config/config_internal.h"
+#include "guard.h"
+#include "kep_pf_json.h"
+#include "tree/tree_internal.h"
+
+namespace kep {
+namespace {
+
+// Runs read(section, at, room) for every section of the table, or only for the one
+// named when name is not empty, packing the records one after another into buf.
+// With a name the first record's result is returned as it is; otherwise the total,
+// or -1 when nothing was written. A result below 1 fails the whole read.
+template <typename ReadFn>
+int readSections(DataTable &table, const char *name, void *buf, int size, ReadFn read) {
+    const bool one = name[0] != '\0';
+    int total = 0;
+    for (DataSection *section = cfg::first<DataSection>(table.sections); section;
+         section = cfg::next(section)) {
+        if (one && strcmp(section->name, name) != 0) continue;
+        const int room = size - total;
+        const int got = read(*section, static_cast<char *>(buf) + total, room);
+        if (got < 1) return -1;
+        if (one) return got;
+        // A converter that claims more than its room would send the next one past
+        // the end of the caller's buffer.
+        if (got > room) return -1;
+        total += got;
+    }
+    return total > 0 ? total : -1;
+}
+
+int readDynamic(DataTable &table, const char *name, void *buf, int size) {
+    if (name[0] == '\0' && cfg::isListTable(table)) {
+        DynReadFn reader = table.opr.binToJson.dynamic;
+        if (!reader) return -1;
+        const int token = modelLock();
+        const int got = reader(table.name, buf, size);
+        modelUnlock(token);
+        return got;
+    }
+    return readSections(table, name, buf, size, [](DataSection &section, void *at, int room) {
+        DynReadFn reader = section.opr.binToJson.dynamic;
+        if (!reader) return -1;
+        const int token = modelLock();
+        const int got = reader(section.name, at, room);
+        modelUnlock(token);
+        return got;
+    });
+}
+
+int readStored(DataModule &module, DataTable &table, const char *name, void *buf, int size) {
+    JsonPtr doc(loadModuleDocument(module));
+    if (!doc) return -1;
+    json_object *stored = jsonObjectObjectGet(doc.get(), table.name);
+    if (!stored) return -1;
+    const bool list = cfg::isListTable(table);
+    // A list table is read one section at a time.
+    if (name[0] == '\0' && list) return -1;
+    return readSections(table, name, buf, size, [&](DataSection &section, void *at, int room) {
+        json_object *container = list ? findListElement(stored, section.name) : stored;
+        if (!container) return -1;
+        JsonPtr value(jsonGetObjFromObj(container, section.name));
+        JsonToBinFn toBin = section.opr.jsonToBin.config;
+        if (!value || !toBin) return -1;
+        return toBin(section.name, value.get(), at, room);
+    });
+}
+
+int writeDynamic(DataTable &table, const char *name, const void *record, int size) {
+    if (!record || size < 0) return -1;
+    const char *target = table.name;
+    DynWriteFn writer = nullptr;
+    if (name[0] != '\0') {
+        DataSection *section = findSectionInTable(&table, name);
+        if (!section) return -1;
+        target = section->name;
+        writer = section->opr.jsonToBin.dynamic;
+    } else if (cfg::isListTable(table)) {
+        writer = table.opr.jsonToBin.dynamic;
+    }
+    if (!writer) return -1;
+    const int token = modelLock();
+    const int result = writer(target, record, size);
+    modelUnlock(token);
+    return result;
+}
+
+int writeStored(DataModule &module, DataTable &table, const char *name, const void *record, int size) {
+    if (!record || size < 1 || name[0] == '\0') return -1;
+    JsonPtr doc(loadModuleDocument(module));
+    if (!doc) return -1;
+    json_object *stored = jsonObjectObjectGet(doc.get(), table.name);
+    if (!stored) return -1;
+    DataSection *section = findSectionInTable(&table, name);
+    if (!section) return storeModuleDocument(module.configFile, doc.get(), StoreKind::Write);
+    BinToJsonFn toJson = section->opr.binToJson.config;
+    JsonPtr value;
+    if (!toJson || toJson(section->name, value.out(), record, size) != 0) return -1;
+    jsonObjectObjectDel(stored, section->name);
+    if (jsonObjectObjectAdd(stored, section->name, value.release()) != 0) return -1;
+    return storeModuleDocument(module.configFile, doc.get(), StoreKind::Write);
+}
+
+// The table a path addresses, with its module; null for a malformed path or an
+// unknown table.
+DataTable *resolvePath(const char *path, TreePath *split, DataModule **module) {
+    if (!splitTreePath(path, split) || !getModulerRoot()) return nullptr;
+    return findPathTable(*split, module);
+}
+
+}  // namespace
+}  // namespace kep
+
+using namespace kep;
+
+KEP_API int modelLock(void) { return 0; }
+
+KEP_API void modelUnlock(int token) { (void)token; }
+
+KEP_API int modelRead(const char *path, void *buf, int size) {
+    TreePath split;
+    DataModule *module = nullptr;
+    if (!buf || size < 0) return -1;
+    DataTable *table = resolvePath(path, &split, &module);
+    if (!table || !module) return -1;
+    if (cfg::isDynamicTable(*table)) return readDynamic(*table, split.section, buf, size);
+    return readStored(*module, *table, split.section, buf, size);
+}
+
+KEP_API int modelWrite(const char *path, const void *record, int size) {
+    TreePath split;
+    DataModule *module = nullptr;
+    DataTable *table = resolvePath(path, &split, &module);
+    if (!table || !module) return -1;
+    if (cfg::isDynamicTable(*table)) return writeDynamic(*table, split.section, record, size);
+    if (cfg::isListTable(*table)) return modelConfListSecWrite(split.section, module, table, record, size);
+    return writeStored(*module, *table, split.section, record, size);
+}

@@ -1,0 +1,537 @@
+// Configuration store: reads and writes through module files and dynamic owners,
+// list sections kept in step with the tree, start-up load and factory reset.
+#include <gtest/gtest.h>
+#include <json-c/json.h>
+
+#include <string>
+#include <vector>
+
+#include "config/config_internal.h"
+#include "config_fixture.h"
+#include "kep_config.h"
+#include "log_capture.h"
+
+using kep_test::canonical;
+using kep_test::ConfigTree;
+using kep_test::makeRec;
+using kep_test::readText;
+using kep_test::Rec;
+using kep_test::recOpr;
+using kep_test::sectionNames;
+using kep_test::writeText;
+
+namespace {
+
+constexpr int kRec = sizeof(Rec);
+
+// What the dynamic owner and the verify entries were called with.
+struct Calls {
+    std::vector<std::string> names;
+    std::vector<int> sizes;
+    std::vector<int> existed;
+    int result = kRec;
+    int verifyResult = 0;
+    int resetResult = 0;
+};
+Calls gCalls;
+
+int dynRead(const char *name, void *buf, int size) {
+    gCalls.names.push_back(name);
+    gCalls.sizes.push_back(size);
+    if (gCalls.result > 0) memset(buf, name[0], static_cast<size_t>(gCalls.result));
+    return gCalls.result;
+}
+int dynWrite(const char *name, const void *, int size) {
+    gCalls.names.push_back(name);
+    gCalls.sizes.push_back(size);
+    return 7;
+}
+int dynReset(const char *name) {
+    gCalls.names.push_back(name);
+    return -5;
+}
+int verifyRecord(const char *name, json_object *value, void *reserved, int existed) {
+    gCalls.names.push_back(name);
+    gCalls.existed.push_back(existed);
+    EXPECT_EQ(reserved, nullptr);
+    EXPECT_TRUE(json_object_is_type(value, json_type_object));
+    return gCalls.verifyResult;
+}
+int resetSection(const char *name, json_object **value) {
+    Rec r = makeRec(name, 0);
+    if (gCalls.resetResult != 0) return gCalls.resetResult;
+    return kep_test::recToJson(name, value, &r, kRec);
+}
+int resetList(const char *name, json_object **value) {
+    gCalls.names.push_back(name);
+    *value = json_tokener_parse(R"([{"host_9":{"text":"d","value":9}}])");
+    return gCalls.resetResult;
+}
+
+OprInterface dynOpr() {
+    OprInterface opr{};
+    opr.resetConfig.dynamic = dynReset;
+    opr.binToJson.dynamic = dynRead;
+    opr.jsonToBin.dynamic = dynWrite;
+    return opr;
+}
+
+class ConfigStore : public ::testing::Test {
+protected:
+    void SetUp() override {
+        gCalls = Calls();
+        m = tree.module("m", "m.json");
+        named = tree.table(m, "time", false, false, recOpr());
+        tree.section(named, "settings", recOpr(resetSection));
+        tree.section(named, "zone", recOpr());
+        list = tree.table(m, "host", true, false, recOpr(resetList));
+        file = tree.path("m.json");
+    }
+    std::string store(const std::string &doc) {
+        writeText(file, doc);
+        return readText(file);
+    }
+    Rec read(const std::string &path) {
+        Rec r{};
+        EXPECT_EQ(modelRead(path.c_str(), &r, kRec), kRec) << path;
+        return r;
+    }
+
+    ConfigTree tree;
+    DataModule *m = nullptr;
+    DataTable *named = nullptr;
+    DataTable *list = nullptr;
+    std::string file;
+};
+
+const char kStored[] =
+    R"({"time":{"settings":{"text":"s","value":1},"zone":{"text":"z","value":2}},)"
+    R"("host":[{"host_1":{"text":"a","value":10}},{"host_2":{"text":"b","value":20}}]})";
+
+TEST_F(ConfigStore, PathFormsSelectModuleTableAndSection) {
+    store(kStored);
+    Rec r{};
+    Rec two[2];
+    EXPECT_EQ(modelRead("/m", &r, kRec), -1);
+    EXPECT_EQ(modelRead("m/time/settings", &r, kRec), -1);
+    EXPECT_EQ(modelRead(nullptr, &r, kRec), -1);
+    EXPECT_EQ(modelWrite("/m", &r, kRec), -1);
+    EXPECT_EQ(modelWrite("m/time/settings", &r, kRec), -1);
+    EXPECT_EQ(modelRead("/m/nosuch/settings", &r, kRec), -1);
+    EXPECT_EQ(modelRead("/x/time/settings", &r, kRec), -1);
+    // A trailing slash addresses the whole table.
+    EXPECT_EQ(modelRead("/m/time/", two, sizeof two), 2 * kRec);
+    EXPECT_STREQ(two[0].text, "s");
+    EXPECT_STREQ(two[1].text, "z");
+    // A section component holding a slash names no section.
+    EXPECT_EQ(modelRead("/m/time/zone/x", &r, kRec), -1);
+
+    std::string longModule(40, 'M'), longTable(40, 'T');
+    DataModule *lm = tree.module(longModule.c_str(), "long.json");
+    DataTable *lt = tree.table(lm, longTable.c_str(), false, false, recOpr());
+    tree.section(lt, "s", recOpr());
+    ASSERT_EQ(strlen(lm->name), 31u);
+    writeText(tree.path("long.json"), "{\"" + longTable.substr(0, 31) + R"(":{"s":{"text":"L","value":3}}})");
+    EXPECT_STREQ(read("/" + longModule + "/" + longTable + "/s").text, "L");
+    Rec w = makeRec("W", 4);
+    EXPECT_EQ(modelWrite(("/" + longModule + "/" + longTable + "/s").c_str(), &w, kRec), 0);
+    EXPECT_STREQ(read("/" + longModule.substr(0, 31) + "/" + longTable.substr(0, 31) + "/s").text, "W");
+}
+
+TEST_F(ConfigStore, ReadOfATableIsAllOrNothing) {
+    store(kStored);
+    Rec two[2];
+    EXPECT_EQ(modelRead("/m/time", two, sizeof two), 2 * kRec);
+    EXPECT_EQ(two[1].value, 2);
+    EXPECT_EQ(modelRead("/m/time/zone", two, kRec), kRec);
+    EXPECT_STREQ(two[0].text, "z");
+    // Not enough room for the second record: the converter refuses, so does the read.
+    EXPECT_EQ(modelRead("/m/time", two, kRec + 4), -1);
+    EXPECT_EQ(modelRead("/m/time", nullptr, kRec), -1);
+    EXPECT_EQ(modelRead("/m/time", two, -1), -1);
+    EXPECT_EQ(modelRead("/m/time/nosuch", two, kRec), -1);
+
+    store(R"({"time":{"settings":{"text":"s","value":1}}})");
+    EXPECT_EQ(modelRead("/m/time", two, sizeof two), -1);
+    EXPECT_EQ(modelRead("/m/time/settings", two, kRec), kRec);
+    store(R"({"host":[]})");
+    EXPECT_EQ(modelRead("/m/time/settings", two, kRec), -1);
+    store("not json");
+    EXPECT_EQ(modelRead("/m/time/settings", two, kRec), -1);
+    store("[1,2]");
+    EXPECT_EQ(modelRead("/m/time/settings", two, kRec), -1);
+}
+
+TEST_F(ConfigStore, ListTableIsReadOneSectionAtATime) {
+    store(kStored);
+    tree.section(list, "host_1", recOpr());
+    tree.section(list, "host_2", recOpr());
+    Rec two[2];
+    EXPECT_EQ(modelRead("/m/host", two, sizeof two), -1);
+    EXPECT_EQ(modelRead("/m/host/host_2", two, sizeof two), kRec);
+    EXPECT_EQ(two[0].value, 20);
+    tree.section(list, "host_3", recOpr());
+    EXPECT_EQ(modelRead("/m/host/host_3", two, kRec), -1);
+    // A section without a converter cannot be read.
+    tree.section(list, "host_4", OprInterface{});
+    store(R"({"host":[{"host_4":{"text":"x","value":1}}]})");
+    EXPECT_EQ(modelRead("/m/host/host_4", two, kRec), -1);
+}
+
+TEST_F(ConfigStore, DynamicTablesCallTheOwnerBetweenTheLockHooks) {
+    DataTable *dynList = tree.table(m, "stats", true, true, dynOpr());
+    DataTable *dynNamed = tree.table(m, "ports", false, true, dynOpr());
+    tree.section(dynNamed, "lan", dynOpr());
+    tree.section(dynNamed, "wan", dynOpr());
+    char buf[64];
+
+    gCalls.result = 5;
+    EXPECT_EQ(modelRead("/m/stats", buf, sizeof buf), 5);
+    EXPECT_EQ(gCalls.names, std::vector<std::string>{"stats"});
+    gCalls = Calls();
+    gCalls.result = 5;
+    EXPECT_EQ(modelRead("/m/ports", buf, sizeof buf), 10);
+    EXPECT_EQ(std::string(buf, 10), "lllllwwwww");
+    EXPECT_EQ(gCalls.sizes, (std::vector<int>{64, 59}));
+    EXPECT_EQ(modelRead("/m/ports/wan", buf, sizeof buf), 5);
+    gCalls.result = 0;
+    EXPECT_EQ(modelRead("/m/ports", buf, sizeof buf), -1);
+    EXPECT_EQ(modelRead("/m/ports/lan", buf, sizeof buf), -1);
+    // A reader claiming more than its room would push the next one past the buffer.
+    gCalls.result = 40;
+    EXPECT_EQ(modelRead("/m/ports", buf, 60), -1);
+    dynList->opr.binToJson.dynamic = nullptr;
+    EXPECT_EQ(modelRead("/m/stats", buf, sizeof buf), -1);
+
+    gCalls = Calls();
+    EXPECT_EQ(modelWrite("/m/ports/lan", buf, 0), 7);
+    EXPECT_EQ(modelWrite("/m/stats", buf, 3), 7);
+    EXPECT_EQ(gCalls.names, (std::vector<std::string>{"lan", "stats"}));
+    EXPECT_EQ(modelWrite("/m/ports", buf, 3), -1);
+    EXPECT_EQ(modelWrite("/m/ports/dmz", buf, 3), -1);
+    EXPECT_EQ(modelWrite("/m/ports/lan", nullptr, 3), -1);
+    EXPECT_EQ(modelWrite("/m/ports/lan", buf, -1), -1);
+    EXPECT_EQ(modelLock(), 0);
+    modelUnlock(0);
+}
+
+TEST_F(ConfigStore, NamedSectionWriteReplacesOnlyItsMember) {
+    store(kStored);
+    Rec r = makeRec("new", 42);
+    EXPECT_EQ(modelWrite("/m/time/zone", &r, kRec), 0);
+    EXPECT_STREQ(read("/m/time/zone").text, "new");
+    EXPECT_EQ(read("/m/time/settings").value, 1);
+    EXPECT_EQ(modelWrite("/m/time/zone", &r, 0), -1);
+    EXPECT_EQ(modelWrite("/m/time/zone", nullptr, kRec), -1);
+    EXPECT_EQ(modelWrite("/m/time", &r, kRec), -1);
+    EXPECT_EQ(modelWrite("/m/time/zone", &r, 3), -1);  // the converter refuses
+
+    // A section without a node: the document is stored back as it was.
+    const std::string before = canonical(readText(file));
+    EXPECT_EQ(modelWrite("/m/time/nosuch", &r, kRec), 0);
+    EXPECT_EQ(canonical(readText(file)), before);
+
+    store(R"({"host":[]})");
+    EXPECT_EQ(modelWrite("/m/time/zone", &r, kRec), -1);
+}
+
+TEST_F(ConfigStore, ListSectionsAreAddedUpdatedAndDeletedWithTheirNodes) {
+    store(R"({"time":{}})");
+    Rec a = makeRec("a", 1), b = makeRec("b", 2), c = makeRec("c", 3);
+    ASSERT_EQ(modelWrite("/m/host/host_1", &a, kRec), 0);
+    EXPECT_EQ(canonical(readText(file)), R"({"time":{},"host":[{"host_1":{"text":"a","value":1}}]})");
+    ASSERT_EQ(modelWrite("/m/host/host_2", &b, kRec), 0);
+    ASSERT_EQ(modelWrite("/m/host/host_3", &c, kRec), 0);
+    EXPECT_EQ(sectionNames(list), (std::vector<std::string>{"host_1", "host_2", "host_3"}));
+    // New nodes share the table's interface.
+    EXPECT_EQ(reinterpret_cast<DataSection *>(lstFirst(&list->sections))->opr.jsonToBin.config,
+              list->opr.jsonToBin.config);
+
+    Rec u = makeRec("u", 99);
+    ASSERT_EQ(modelWrite("/m/host/host_1", &u, kRec), 0);
+    EXPECT_EQ(canonical(readText(file)),
+              R"({"time":{},"host":[{"host_1":{"text":"u","value":99}},{"host_2":{"text":"b","value":2}},)"
+              R"({"host_3":{"text":"c","value":3}}]})");
+    EXPECT_EQ(read("/m/host/host_1").value, 99);
+    EXPECT_EQ(sectionNames(list).size(), 3u);
+
+    ASSERT_EQ(modelWrite("/m/host/host_2", nullptr, 0), 0);
+    ASSERT_EQ(modelWrite("/m/host/host_1", nullptr, 0), 0);
+    EXPECT_EQ(sectionNames(list), std::vector<std::string>{"host_3"});
+    ASSERT_EQ(modelWrite("/m/host/host_3", nullptr, 0), 0);
+    EXPECT_EQ(canonical(readText(file)), R"({"time":{}})");
+    EXPECT_TRUE(sectionNames(list).empty());
+
+    // Empty names and unknown deletes store nothing.
+    EXPECT_EQ(modelWrite("/m/host", &a, kRec), -1);
+    EXPECT_EQ(modelWrite("/m/host/", &a, kRec), -1);
+    kep_test::LogCapture log;
+    EXPECT_EQ(modelWrite("/m/host/host_9", nullptr, 0), -1);
+    EXPECT_EQ(modelWrite("/m/host/host_9", &a, -1), -1);
+    EXPECT_TRUE(log.contains("bufBin can't be null.\r\n"));
+    EXPECT_EQ(canonical(readText(file)), R"({"time":{}})");
+}
+
+TEST_F(ConfigStore, ListWriteFailuresLeaveFileAndTreeAlone) {
+    tree.section(list, "host_1", recOpr());
+    tree.section(list, "host_7", recOpr());  // a node without an element
+    const std::string before = store(R"({"host":[{"host_1":{"text":"a","value":1}}]})");
+    kep_test::LogCapture log;
+    Rec r = makeRec("r", 5);
+
+    EXPECT_EQ(modelWrite("/m/host/host_7", &r, kRec), -1);
+    EXPECT_TRUE(log.contains("find section host_7 from table host failed.\r\n"));
+    EXPECT_EQ(modelWrite("/m/host/host_1", &r, 3), -1);
+    EXPECT_TRUE(log.contains("transfer section host_1 bin to json failed, binToJson = 0x"));
+    EXPECT_EQ(modelWrite("/m/host/host_2", &r, 3), -1);
+    EXPECT_TRUE(log.contains("bin to json failed.\r\n"));
+
+    tree.verify(list, nullptr);  // registered remotely: no in-process check, skipped
+    tree.verify(list, verifyRecord);
+    gCalls.verifyResult = 1;
+    EXPECT_EQ(modelWrite("/m/host/host_1", &r, kRec), -1);
+    EXPECT_TRUE(log.contains("verify section host_1 failed.\r\n"));
+    EXPECT_EQ(modelWrite("/m/host/host_2", &r, kRec), -1);
+    EXPECT_TRUE(log.contains("verify failed.\r\n"));
+    EXPECT_EQ(gCalls.existed, (std::vector<int>{1, 0}));
+    EXPECT_EQ(readText(file), before);
+    EXPECT_EQ(sectionNames(list), (std::vector<std::string>{"host_1", "host_7"}));
+
+    gCalls.verifyResult = 0;
+    EXPECT_EQ(modelWrite("/m/host/host_2", &r, kRec), 0);
+    EXPECT_EQ(sectionNames(list), (std::vector<std::string>{"host_1", "host_7", "host_2"}));
+
+    // Deleting the node without an element still drops the node and rewrites the file.
+    EXPECT_EQ(modelWrite("/m/host/host_7", nullptr, 0), 0);
+    EXPECT_EQ(sectionNames(list), (std::vector<std::string>{"host_1", "host_2"}));
+
+    store(R"({"time":{}})");
+    EXPECT_EQ(modelWrite("/m/host/host_1", nullptr, 0), -1);
+    EXPECT_TRUE(log.contains("get table host from module m failed.\r\n"));
+    EXPECT_EQ(modelWrite("/m/host/host_1", &r, kRec), -1);
+    EXPECT_EQ(sectionNames(list).size(), 2u);
+    store(R"({"host":{"host_1":{}}})");  // wrong type: no array to append to
+    EXPECT_EQ(modelWrite("/m/host/host_5", &r, kRec), -1);
+    EXPECT_TRUE(log.contains("make new element failed.\r\n"));
+    EXPECT_EQ(sectionNames(list).size(), 2u);
+}
+
+TEST_F(ConfigStore, LoadCreatesListNodesInArrayOrder) {
+    DataModule *bare = tree.module("bare", "");
+    tree.table(bare, "host", true, false, recOpr());
+    store(R"({"host":[{"host_2":{}},{"host_1":{"x":1}},{},{"host_3":{}}],"time":[{"t":{}}]})");
+    named->optionPublic = 0;
+    EXPECT_EQ(systemLoadConfigFile(), 0);
+    EXPECT_EQ(sectionNames(list), (std::vector<std::string>{"host_2", "host_1"}));
+    EXPECT_EQ(sectionNames(named), (std::vector<std::string>{"settings", "zone"}));
+    EXPECT_EQ(reinterpret_cast<DataSection *>(lstFirst(&list->sections))->opr.binToJson.config, &kep_test::recToJson);
+
+    EXPECT_EQ(loadTableListConfig(list, nullptr), 0);
+    EXPECT_EQ(loadTableListConfig(nullptr, nullptr), -1);
+    json_object *odd = json_tokener_parse(R"([{"host_5":1},"text",{"host_6":{}}])");
+    EXPECT_EQ(loadTableListConfig(list, odd), 0);
+    json_object_put(odd);
+    EXPECT_EQ(sectionNames(list), (std::vector<std::string>{"host_2", "host_1", "host_5"}));
+}
+
+TEST_F(ConfigStore, LoadRepairsAnUnreadableFileWithDefaults) {
+    for (const char *bad : {"{\"host\": [", "not json at all", "[]", "\"text\"", ""}) {
+        SCOPED_TRACE(bad);
+        store(bad);
+        kep_test::LogCapture log;
+        EXPECT_EQ(systemLoadConfigFile(), 0);
+        EXPECT_TRUE(log.contains("module m config data has been destroyed.\r\n"));
+        EXPECT_TRUE(log.contains("Module [m] reset config data to file [" + file + "].\r\n"));
+        EXPECT_EQ(canonical(readText(file)),
+                  R"({"time":{"settings":{"text":"settings","value":0}},"host":[{"host_9":{"text":"d","value":9}}]})");
+        // The defaults' list entries are loaded like any stored ones.
+        EXPECT_EQ(sectionNames(list).back(), "host_9");
+    }
+    // A missing file is repaired the same way.
+    unlink(file.c_str());
+    EXPECT_EQ(systemLoadConfigFile(), 0);
+    EXPECT_NE(readText(file), "<missing>");
+}
+
+TEST_F(ConfigStore, BadFilesAreRefusedOrRepairedNeverTrusted) {
+    std::string huge = R"({"host":[)";
+    for (int i = 0; i < 3000; i++) huge += (i ? ",{\"host_" : "{\"host_") + std::to_string(i) + "\":{}}";
+    huge += "]}";
+    const std::string cases[] = {
+        std::string(kStored).substr(0, sizeof kStored / 2),
+        std::string(5000, '[') + std::string(5000, ']'),
+        R"({"time":[1,2],"host":{"host_1":5}})",
+        R"({"time":{"zone":7,"settings":null},"host":[5,{"host_1":"x"},[]]})",
+        std::string("{\"time\":{}}\0garbage", 19),
+        huge,
+    };
+    tree.section(list, "host_1", recOpr());
+    Rec r = makeRec("r", 1);
+    Rec two[2];
+    for (const std::string &bad : cases) {
+        SCOPED_TRACE(bad.substr(0, 60));
+        store(bad);
+        EXPECT_EQ(modelRead("/m/time", two, sizeof two), -1);
+        EXPECT_EQ(modelRead("/m/time/zone", two, kRec), -1);
+        EXPECT_EQ(modelRead("/m/host/host_1", two, kRec), -1);
+        modelWrite("/m/time/zone", &r, kRec);
+        modelWrite("/m/host/host_1", &r, kRec);
+        modelWrite("/m/host/host_2", &r, kRec);
+        modelWrite("/m/host/host_2", nullptr, 0);
+        EXPECT_EQ(systemLoadConfigFile(), 0);
+        EXPECT_NE(canonical(readText(file)), "<invalid>");
+    }
+    EXPECT_GE(sectionNames(list).size(), 3000u);
+}
+
+TEST_F(ConfigStore, LoadStopsWhenTheRepairFails) {
+    DataModule *lost = tree.module("lost", "nodir/l.json");
+    DataModule *after = tree.module("after", "a.json");
+    DataTable *afterList = tree.table(after, "host", true, false, recOpr());
+    writeText(tree.path("a.json"), R"({"host":[{"host_1":{}}]})");
+    (void)lost;
+    kep_test::LogCapture log;
+    EXPECT_EQ(systemLoadConfigFile(), -1);
+    EXPECT_TRUE(log.contains("module lost config data reset error.\r\n"));
+    EXPECT_TRUE(sectionNames(afterList).empty());
+}
+
+TEST_F(ConfigStore, ResetBuildsTheDefaultsOfEveryTableKind) {
+    DataTable *dynList = tree.table(m, "stats", true, true, dynOpr());
+    DataTable *dynNamed = tree.table(m, "ports", false, true, dynOpr());
+    tree.section(dynNamed, "lan", dynOpr());
+    DataTable *noDefaults = tree.table(m, "misc", false, false, recOpr());
+    tree.section(noDefaults, "a", recOpr());
+    DataTable *noListDefault = tree.table(m, "users", true, false, recOpr());
+    tree.section(list, "host_1", recOpr());
+
+    json_object *v = reinterpret_cast<json_object *>(1);
+    EXPECT_EQ(tableResetConfig(dynList, &v), 0);
+    EXPECT_EQ(v, nullptr);
+    EXPECT_EQ(tableResetConfig(noListDefault, &v), 0);
+    EXPECT_EQ(v, nullptr);
+    EXPECT_EQ(tableResetConfig(dynNamed, &v), 0);
+    EXPECT_EQ(v, nullptr);
+    EXPECT_EQ(gCalls.names, std::vector<std::string>{"lan"});
+    EXPECT_EQ(tableResetConfig(noDefaults, &v), 0);
+    EXPECT_STREQ(json_object_to_json_string_ext(v, JSON_C_TO_STRING_PLAIN), "{}");
+    json_object_put(v);
+    EXPECT_EQ(tableResetConfig(nullptr, &v), -1);
+
+    EXPECT_EQ(modelResetConfigFile(m), 0);
+    EXPECT_EQ(canonical(readText(file)),
+              R"({"time":{"settings":{"text":"settings","value":0}},"host":[{"host_9":{"text":"d","value":9}}],)"
+              R"("misc":{}})");
+    // The tree keeps its list sections.
+    EXPECT_EQ(sectionNames(list), std::vector<std::string>{"host_1"});
+    EXPECT_EQ(modelResetConfigFile(nullptr), -1);
+}
+
+TEST_F(ConfigStore, AFailingDefaultLeavesTheFileAsItWas) {
+    const std::string before = store(kStored);
+    kep_test::LogCapture log;
+    gCalls.resetResult = 3;
+    json_object *v = nullptr;
+    EXPECT_EQ(tableResetConfig(list, &v), 3);
+    EXPECT_EQ(v, nullptr);
+    EXPECT_EQ(tableResetConfig(named, &v), -1);
+    EXPECT_EQ(v, nullptr);
+    EXPECT_TRUE(log.contains("Section settings reset config data failed.\r\n"));
+    EXPECT_EQ(modelResetConfigFile(m), -1);
+    EXPECT_EQ(readText(file), before);
+
+    // Without a file the reset still asks every table and stores nothing.
+    gCalls = Calls();
+    DataModule *bare = tree.module("bare", "");
+    tree.table(bare, "host", true, false, recOpr(resetList));
+    EXPECT_EQ(modelResetConfigFile(bare), 0);
+    EXPECT_EQ(gCalls.names, std::vector<std::string>{"host"});
+}
+
+// The binding record as the cloud module stores it: its 100 bytes in hexadecimal.
+int bindToJson(const char *, json_object **out, const void *record, int size) {
+    if (size != 100) return -1;
+    std::string hex;
+    char two[3];
+    for (int i = 0; i < size; i++) {
+        snprintf(two, sizeof two, "%02x", static_cast<const unsigned char *>(record)[i]);
+        hex += two;
+    }
+    *out = json_object_new_object();
+    json_object_object_add(*out, "record", json_object_new_string(hex.c_str()));
+    return 0;
+}
+int bindToBin(const char *, json_object *value, void *buf, int size) {
+    json_object *hex = nullptr;
+    if (size < 100 || !json_object_object_get_ex(value, "record", &hex) || json_object_get_string_len(hex) != 200)
+        return -1;
+    const char *text = json_object_get_string(hex);
+    for (int i = 0; i < 100; i++) {
+        unsigned byte = 0;
+        sscanf(text + 2 * i, "%2x", &byte);
+        static_cast<unsigned char *>(buf)[i] = static_cast<unsigned char>(byte);
+    }
+    return 100;
+}
+
+class CloudBinding : public ConfigStore {
+protected:
+    void SetUp() override {
+        ConfigStore::SetUp();
+        OprInterface opr{};
+        opr.binToJson.config = bindToJson;
+        opr.jsonToBin.config = bindToBin;
+        cloud = tree.module("cloud_config", "c.json");
+        DataTable *t = tree.table(cloud, "router_post", false, false, opr);
+        tree.section(t, "bind", opr);
+        cloudFile = tree.path("c.json");
+    }
+    std::vector<unsigned char> readBind() {
+        std::vector<unsigned char> buf(100, 0xEE);
+        EXPECT_EQ(modelRead("/cloud_config/router_post/bind", buf.data(), 100), 100);
+        return buf;
+    }
+    DataModule *cloud = nullptr;
+    std::string cloudFile;
+};
+
+TEST_F(CloudBinding, ResetKeepsTheRecordAndMarksIt) {
+    writeText(cloudFile, R"({"router_post":{}})");
+    unsigned char rec[100];
+    for (int i = 0; i < 100; i++) rec[i] = static_cast<unsigned char>(i * 7 + 1);
+    const int32_t zero = 0;
+    memcpy(rec + 96, &zero, 4);
+    ASSERT_EQ(modelWrite("/cloud_config/router_post/bind", rec, 100), 0);
+    store(kStored);
+
+    EXPECT_EQ(systemResetConfigFile(), 0);
+    std::vector<unsigned char> after = readBind();
+    EXPECT_EQ(memcmp(after.data(), rec, 96), 0);
+    int32_t mark = 0;
+    memcpy(&mark, after.data() + 96, 4);
+    EXPECT_EQ(mark, 1);
+    // Every other module holds its defaults.
+    EXPECT_EQ(canonical(readText(file)),
+              R"({"time":{"settings":{"text":"settings","value":0}},"host":[{"host_9":{"text":"d","value":9}}]})");
+}
+
+TEST_F(CloudBinding, AnUnreadableRecordBecomesZerosAndTheMark) {
+    writeText(cloudFile, "garbage");
+    EXPECT_EQ(systemResetConfigFile(), 0);
+    std::vector<unsigned char> after = readBind();
+    EXPECT_EQ(std::vector<unsigned char>(after.begin(), after.begin() + 96), std::vector<unsigned char>(96, 0));
+    int32_t mark = 0;
+    memcpy(&mark, after.data() + 96, 4);
+    EXPECT_EQ(mark, 1);
+}
+
+TEST(ConfigEmptyTree, EveryEntryPointRefuses) {
+    ConfigTree tree;
+    char buf[8];
+    EXPECT_EQ(modelRead("/m/t/s", buf, sizeof buf), -1);
+    EXPECT_EQ(modelWrite("/m/t/s", buf, sizeof buf), -1);
+    EXPECT_EQ(systemLoadConfigFile(), -1);
+    EXPECT_EQ(systemResetConfigFile(), -1);
+}
+
+}  // namespace
