@@ -45,13 +45,15 @@ int buildModule(XmlNode *element) {
         return -1;
     }
     lstAdd(&moduleRoot(), &module->link);
-    for (XmlNode *t = strNodeSearch(element, element, kTableElement); t; t = strNodeSearch(t, element, kTableElement)) {
+    for (XmlNode *t = strNodeSearch(element, element, kTableElement); t;
+         t = strNodeSearch(t, element, kTableElement)) {
         DataTable *table = newDataTable();
         if (!table) return -1;
         lstAdd(&module->tables, &table->link);
         if (parseTableElement(table, t) != 0) return -1;
     }
-    for (XmlNode *s = strNodeSearch(element, element, kServiceElement); s; s = strNodeSearch(s, element, kServiceElement)) {
+    for (XmlNode *s = strNodeSearch(element, element, kServiceElement); s;
+         s = strNodeSearch(s, element, kServiceElement)) {
         ActionNode *action = newActionNode();
         if (!action) return -1;
         if (readNameAttr(action->name, sizeof action->name, s) != 0) {
@@ -69,7 +71,8 @@ int buildTree(const char *path) {
     XmlDoc doc(fdXmlParse(fd.get(), 1));
     XmlNode *root = doc.root();
     if (!root) return -1;
-    for (XmlNode *m = strNodeSearch(root, root, kModuleElement); m; m = strNodeSearch(m, root, kModuleElement)) {
+    for (XmlNode *m = strNodeSearch(root, root, kModuleElement); m;
+         m = strNodeSearch(m, root, kModuleElement)) {
         if (buildModule(m) != 0) return -1;
     }
     return 0;
@@ -105,7 +108,8 @@ int parseTableElement(DataTable *table, XmlNode *element) {
     if (readNameAttr(table->name, sizeof table->name, element) != 0) return -1;
     table->isDynamic = tableKind(element);
     table->optionPublic = 1;
-    for (XmlNode *s = strNodeSearch(element, element, kSectionElement); s; s = strNodeSearch(s, element, kSectionElement)) {
+    for (XmlNode *s = strNodeSearch(element, element, kSectionElement); s;
+         s = strNodeSearch(s, element, kSectionElement)) {
         DataSection *section = newDataSection();
         if (!section) return -1;
         lstAdd(&table->sections, &section->link);
@@ -115,7 +119,9 @@ int parseTableElement(DataTable *table, XmlNode *element) {
     return 0;
 }
 
-const char *modelPath() { return KEP_MODEL_PATH; }
+const char *modelPath() {
+    return KEP_MODEL_PATH;
+}
 
 int loadModelFile(const char *path) {
     KEP_LOG_AS("dataModuleInit", "=======================data module init\r\n");
@@ -128,11 +134,14 @@ int loadModelFile(const char *path) {
 
 using namespace kep;
 
-KEP_API int dataModuleInit(void) { return loadModelFile(modelPath()); }
+KEP_API int dataModuleInit(void) {
+    return loadModelFile(modelPath());
+}
 
 KEP_API int registerDataModel(XmlNode *root) {
     if (!root) return 0;
-    for (XmlNode *m = strNodeSearch(root, root, kModuleElement); m; m = strNodeSearch(m, root, kModuleElement)) {
+    for (XmlNode *m = strNodeSearch(root, root, kModuleElement); m;
+         m = strNodeSearch(m, root, kModuleElement)) {
         char name[32] = {};
         if (readNameAttr(name, sizeof name, m) != 0) continue;
         DataModule *module = getDataModuler(name);

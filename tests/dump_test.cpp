@@ -34,7 +34,9 @@ protected:
     kep_test::LogCapture log;
 };
 
-TEST_F(DumpTest, EmptyTreeGivesHeaderOnly) { EXPECT_EQ(dump(), Lines{"Data module tree.\r\n\r\n"}); }
+TEST_F(DumpTest, EmptyTreeGivesHeaderOnly) {
+    EXPECT_EQ(dump(), Lines{"Data module tree.\r\n\r\n"});
+}
 
 TEST_F(DumpTest, NothingWhileDebugSwitchIsOff) {
     addTable(addModule("m"), "t");

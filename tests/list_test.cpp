@@ -9,7 +9,9 @@ struct Item {
     int id;
 };
 
-LstNode *L(Item &i) { return &i.link; }
+LstNode *L(Item &i) {
+    return &i.link;
+}
 
 // Walks both directions and checks the header against the expected order.
 void expectOrder(LstList &list, std::initializer_list<Item *> want) {

@@ -15,9 +15,12 @@
 
 namespace {
 
-const std::string kExample = std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) + "/../examples/model.xml";
+const std::string kExample =
+    std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) + "/../examples/model.xml";
 
-DataTable *table(const char *path) { return getTableByFullName(path); }
+DataTable *table(const char *path) {
+    return getTableByFullName(path);
+}
 
 int sectionCount(const char *path) {
     DataTable *t = table(path);
@@ -138,7 +141,8 @@ TEST_F(ModelTest, NameAttributeIsFirstInListOrder) {
 }
 
 TEST_F(ModelTest, RepeatedNamesGiveUnreachableSecondNodes) {
-    const char *text = R"(<model><module name="m"><table name="t"/><table name="t" attribute="dynamic"/></module></model>)";
+    const char *text =
+        R"(<model><module name="m"><table name="t"/><table name="t" attribute="dynamic"/></module></model>)";
     ASSERT_EQ(load(text), 0);
     ASSERT_EQ(load(text), 0);
     EXPECT_EQ(getModuleSize(), 2);
@@ -151,10 +155,10 @@ TEST_F(ModelTest, UnreadableDescriptionsFailCleanly) {
     for (int i = 0; i < 860; i++) big += "<module name=\"m\"/>";
     big += "</model>";
     const std::string cases[] = {
-        "<model><module name=\"a\"/></model><model/>",    // two top elements
-        "<model><module name=\"a\"></model>",             // mismatched close
-        "<model><module name></module></model>",          // attribute without value
-        big,                                              // beyond the largest pool
+        "<model><module name=\"a\"/></model><model/>",  // two top elements
+        "<model><module name=\"a\"></model>",           // mismatched close
+        "<model><module name></module></model>",        // attribute without value
+        big,                                            // beyond the largest pool
         "",
     };
     for (const std::string &text : cases) {
@@ -166,7 +170,7 @@ TEST_F(ModelTest, UnreadableDescriptionsFailCleanly) {
     kep_test::LogCapture log;
     EXPECT_EQ(kep::loadModelFile("/nonexistent/kep/model.xml"), -1);
     EXPECT_EQ(log.messages(), (std::vector<std::string>{"=======================data module init\r\n\r\n",
-                                                         "data module init failed.\r\n\r\n"}));
+                                                        "data module init failed.\r\n\r\n"}));
 }
 
 TEST_F(ModelTest, DataModuleInitReadsCompiledPath) {
@@ -180,13 +184,17 @@ TEST_F(ModelTest, MissingNamesKeepWhatWasBuilt) {
     EXPECT_EQ(getModuleSize(), 1);
     kep::resetTreeForTest();
 
-    EXPECT_EQ(load(R"(<model><module name="a"><table name="t"/><table/><table name="u"/></module></model>)"), -1);
+    EXPECT_EQ(load(R"(<model><module name="a"><table name="t"/><table/><table name="u"/></module></model>)"),
+              -1);
     DataModule *a = getDataModuler("a");
     ASSERT_EQ(lstCount(&a->tables), 2);
     EXPECT_STREQ(reinterpret_cast<DataTable *>(a->tables.tail)->name, "");
     kep::resetTreeForTest();
 
-    EXPECT_EQ(load(R"(<model><module name="a"><table name="t"><section name="s"/><section/></table></module></model>)"), -1);
+    EXPECT_EQ(
+        load(
+            R"(<model><module name="a"><table name="t"><section name="s"/><section/></table></module></model>)"),
+        -1);
     EXPECT_EQ(sectionNames("/a/t"), "s,,");
     kep::resetTreeForTest();
 
@@ -242,7 +250,10 @@ TEST_F(ModelTest, MergeSkipsNamelessModules) {
 }
 
 TEST_F(ModelTest, MergeFailureClearsModuleRegistrations) {
-    ASSERT_EQ(merge(R"(<model><module name="m"><table name="list"><section name="list_1"/></table></module></model>)"), 0);
+    ASSERT_EQ(
+        merge(
+            R"(<model><module name="m"><table name="list"><section name="list_1"/></table></module></model>)"),
+        0);
     ASSERT_EQ(registerAction("m", "act", "cb", 1), 0);
     AppOps ops{nullptr, {&ops, nullptr, nullptr}};
     ASSERT_EQ(registerAppModule("m", &ops), 0);
@@ -271,7 +282,9 @@ public:
     static bool fired() { return gLeft < 0; }
 
 private:
-    static void *failing(size_t count, size_t size) { return --gLeft == 0 ? (gLeft = -1, nullptr) : calloc(count, size); }
+    static void *failing(size_t count, size_t size) {
+        return --gLeft == 0 ? (gLeft = -1, nullptr) : calloc(count, size);
+    }
     static inline int gLeft;
 };
 

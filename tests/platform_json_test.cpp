@@ -103,9 +103,10 @@ TEST(JsonFile, FromFileRejectsMissingAndBrokenFiles) {
     writeFile(dir / "trailing.json", "{\"k\":1} {");
     writeFile(dir / "nul.json", std::string("{\"k\":1}\0{", 9));
     writeFile(dir / "empty.json", "");
+    ASSERT_EQ(mkfifo((dir / "fifo.json").c_str(), 0600), 0);
     kep::JsonPtr good(jsonObjectFromFile((dir / "good.json").c_str()));
     EXPECT_EQ(text(good.get()), "{\"k\":\"v\"}");
-    for (const char *name : {"missing.json", "broken.json", "trailing.json", "nul.json", "empty.json"}) {
+    for (const char *name : {"missing.json", "broken.json", "trailing.json", "nul.json", "empty.json", "fifo.json"}) {
         EXPECT_EQ(jsonObjectFromFile((dir / name).c_str()), nullptr) << name;
     }
     EXPECT_EQ(jsonObjectFromFile(nullptr), nullptr);

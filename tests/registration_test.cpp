@@ -17,7 +17,9 @@ using kep_test::addSection;
 using kep_test::addTable;
 
 int gInitCalls;
-int countingInit() { return ++gInitCalls; }
+int countingInit() {
+    return ++gInitCalls;
+}
 
 // Module "m" with a public table "t" (three list entries), a private table "p"
 // (one named section) and a declared service "restart".
@@ -323,7 +325,9 @@ TEST_F(RegistrationTest, UnregisterTableAfterRegistrations) {
     EXPECT_EQ(lstCount(&p->verList), 0);
 }
 
-void *noMemory(size_t, size_t) { return nullptr; }
+void *noMemory(size_t, size_t) {
+    return nullptr;
+}
 
 TEST_F(RegistrationTest, ExhaustedMemoryLeavesTreeAsItWas) {
     ASSERT_EQ(registerMethodCb("/m/t", KEP_METHOD_GET, "old", 1), 0);

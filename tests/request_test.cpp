@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include <atomic>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -13,6 +14,7 @@
 #include "json_text.h"
 #include "kep_json.h"
 #include "kep_pf_debug.h"
+#include "kep_pf_json.h"
 #include "kep_pf_sys.h"
 #include "kep_request.h"
 #include "log_capture.h"
@@ -365,5 +367,179 @@ TEST_F(Request, ConcurrentCallersKeepTheirOwnAnswers) {
     for (std::thread &th : threads) th.join();
     EXPECT_EQ(wrong.load(), 0);
 }
+
+}  // namespace
+
+// Allocation failure, in the manner of fault simulation: the same request is run
+// failing its 1st, 2nd, ... allocation until a run completes without an injected
+// failure. Every run must end in a documented code and give back all it took
+// except the response text. (The text itself is not judged after an injected
+// failure: json-c's serialiser may drop pieces when its buffer cannot grow.)
+// Sanitizer builds bring their own allocator, so the interposer below exists only in
+// plain builds.
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
+#define KEP_OWN_ALLOCATOR 1
+#endif
+#endif
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) && !defined(KEP_OWN_ALLOCATOR)
+#define KEP_ALLOC_FAULTS 1
+
+extern "C" void *__libc_malloc(size_t);
+extern "C" void *__libc_calloc(size_t, size_t);
+extern "C" void *__libc_realloc(void *, size_t);
+extern "C" void __libc_free(void *);
+
+namespace {
+
+thread_local int tFailIn;        // the allocation that fails, counting down; 0: none
+thread_local long tOutstanding;  // allocations minus releases on this thread
+thread_local long tAttempts;     // allocations asked for on this thread
+
+bool injectFailure() {
+    tAttempts++;
+    return tFailIn > 0 && --tFailIn == 0;
+}
+
+}  // namespace
+
+extern "C" void *malloc(size_t n) {
+    if (injectFailure()) return nullptr;
+    void *p = __libc_malloc(n);
+    if (p) tOutstanding++;
+    return p;
+}
+
+extern "C" void *calloc(size_t n, size_t size) {
+    if (injectFailure()) return nullptr;
+    void *p = __libc_calloc(n, size);
+    if (p) tOutstanding++;
+    return p;
+}
+
+extern "C" void *realloc(void *old, size_t n) {
+    if (injectFailure()) return nullptr;
+    void *p = __libc_realloc(old, n);
+    if (p && !old) tOutstanding++;
+    if (!p && old && n == 0) tOutstanding--;
+    return p;
+}
+
+extern "C" void free(void *p) {
+    if (p) tOutstanding--;
+    __libc_free(p);
+}
+#endif
+
+namespace {
+
+#ifdef KEP_ALLOC_FAULTS
+// Checks its allocations like library code must; fails with a partial object.
+int buildsObject(json_object *, json_object **response) {
+    json_object *obj = json_object_new_object();
+    if (!obj) return -10000;
+    *response = obj;
+    if (jsonObjectObjectAdd(obj, "rows", jsonObjectNewArray()) != 0 || jsonObjectAddInt(obj, "error_code", 0) != 0)
+        return -10000;
+    return 0;
+}
+
+// Runs call with its n-th allocation failing, for n = first, first + 1, ... until a
+// run has no failure injected; check judges each outcome. Returns the number of runs.
+template <typename Call, typename Check>
+int withEachAllocationFailing(Call call, Check check, int first = 1) {
+    call(false);  // warm-up: lazy initialisation is not the subject
+    for (int n = first; n < 10000; n++) {
+        long before = tOutstanding;
+        tFailIn = n;
+        auto outcome = call(true);
+        bool injected = tFailIn == 0;
+        tFailIn = 0;
+        check(outcome, injected, tOutstanding - before, n);
+        call.release(outcome);
+        if (!injected) return n;
+    }
+    ADD_FAILURE() << "never completed";
+    return 0;
+}
+
+// json-c's tokener does not survive a failed allocation (it passes a null key on), so
+// runs start after the allocations that parsing the text takes.
+int allocationsToParse(const char *text) {
+    long before = tAttempts;
+    json_object_put(jsonParseStr(text));
+    return static_cast<int>(tAttempts - before);
+}
+
+struct TextCall {
+    std::function<int(char **)> fn;
+    std::pair<int, char *> operator()(bool) const {
+        char *text = nullptr;
+        int rc = fn(&text);
+        return {rc, text};
+    }
+    void release(const std::pair<int, char *> &o) const { free(o.second); }
+};
+
+class RequestOutOfMemory : public Request {};
+
+TEST_F(RequestOutOfMemory, RequestEntryAnswersOrFailsCleanly) {
+    install(kSet, buildsObject);
+    // The capture's sink allocates: logging stays off here.
+    debugFlagSet(-1, 0);
+    debugSetSink(nullptr, nullptr);
+
+    const std::string full = "{\"rows\":[],\"error_code\":0}";
+    static const char request[] = "{\"method\":\"set\",\"m\":{\"table\":\"t\"}}";
+    int parse = allocationsToParse(request);
+    int runs = withEachAllocationFailing(
+        TextCall{[](char **t) { return standardKepReqHandle(request, t); }},
+        [&](const std::pair<int, char *> &o, bool injected, long leaked, int n) {
+            EXPECT_EQ(leaked, o.second ? 1 : 0) << "run " << n;
+            if (o.first != 0) {
+                EXPECT_TRUE(o.first == -10100 || o.first == -51204) << "run " << n << ": " << o.first;
+                EXPECT_EQ(o.second, nullptr);
+                return;
+            }
+            ASSERT_NE(o.second, nullptr) << "run " << n;
+            if (!injected) {
+                EXPECT_EQ(canonicalJson(o.second), full);
+            }
+        },
+        parse + 1);
+    EXPECT_GT(runs, parse + 5);
+}
+
+TEST_F(RequestOutOfMemory, BuildersGiveTheTextOrNull) {
+    debugFlagSet(-1, 0);
+    debugSetSink(nullptr, nullptr);
+    struct Case {
+        std::function<char *()> build;
+        std::string text;
+    };
+    for (const Case &c : {Case{[] { return generateErrorJsonMsg(-3, "bad", 77); }, "{\"id\":\"77\",\"error_code\":-3,\"msg\":\"bad\"}"},
+                          Case{[] { return generateErrorJsonMsgForSDK(-3, "bad"); }, "{\"error_code\":-3,\"msg\":\"bad\"}"},
+                          Case{[] { return buildFormatedResponseForSDK("[1,[true],\"x\"]"); },
+                               "{\"result\":[1,[true],\"x\"],\"error_code\":0}"}}) {
+        withEachAllocationFailing(
+            TextCall{[&](char **t) {
+                *t = c.build();
+                return 0;
+            }},
+            [&](const std::pair<int, char *> &o, bool injected, long leaked, int n) {
+                EXPECT_EQ(leaked, o.second ? 1 : 0) << "run " << n;
+                if (!injected) {
+                    EXPECT_EQ(canonicalJson(o.second), c.text);
+                }
+            });
+    }
+    withEachAllocationFailing(TextCall{[](char **t) { return makeErrorRspObj(-7004, t); }},
+                              [](const std::pair<int, char *> &o, bool, long leaked, int n) {
+                                  EXPECT_EQ(leaked, o.second ? 1 : 0) << "run " << n;
+                                  EXPECT_EQ(o.first == 0, o.second != nullptr) << "run " << n;
+
+                              });
+}
+#endif
 
 }  // namespace

@@ -30,7 +30,8 @@ void dumpVerNotify(LstList *verList, LstList *notList, bool sectionLevel) {
 
 void dumpMethodSlots(MethodCbNode *const slots[4]) {
     for (int i = 0; i < 4; i++) {
-        if (slots[i]) KEP_LOG_AS("printDataModuleTree", "| |-cb[%d] pid%d %-15s\r\n", i, slots[i]->pid, slots[i]->cb);
+        if (slots[i])
+            KEP_LOG_AS("printDataModuleTree", "| |-cb[%d] pid%d %-15s\r\n", i, slots[i]->pid, slots[i]->cb);
     }
 }
 
@@ -50,10 +51,12 @@ void dumpTable(DataTable *table) {
         }
     }
     dumpVerNotify(&table->verList, &table->notList, false);
-    if (table->opr.pid > 0) KEP_LOG_AS("printDataModuleTree", "| | |-dymic_cb pid%d %s\r\n", table->opr.pid, table->opr.cb);
+    if (table->opr.pid > 0)
+        KEP_LOG_AS("printDataModuleTree", "| | |-dymic_cb pid%d %s\r\n", table->opr.pid, table->opr.cb);
     // Nothing names the owner of configPid, so the line shows the interface's callback.
     if (table->opr.configPid > 0) {
-        KEP_LOG_AS("printDataModuleTree", "| | |-config_cb pid%d %s\r\n", table->opr.configPid, table->opr.cb);
+        KEP_LOG_AS("printDataModuleTree", "| | |-config_cb pid%d %s\r\n", table->opr.configPid,
+                   table->opr.cb);
     }
     dumpMethodSlots(table->methodCb);
 }

@@ -28,9 +28,13 @@ KEP_API void lstInsert(LstList *list, LstNode *previous, LstNode *node) {
     list->count++;
 }
 
-KEP_API void lstAdd(LstList *list, LstNode *node) { lstInsert(list, list->tail, node); }
+KEP_API void lstAdd(LstList *list, LstNode *node) {
+    lstInsert(list, list->tail, node);
+}
 
-KEP_API int lstCount(LstList *list) { return list->count; }
+KEP_API int lstCount(LstList *list) {
+    return list->count;
+}
 
 KEP_API void lstDelete(LstList *list, LstNode *node) {
     if (node->previous) {
@@ -46,7 +50,9 @@ KEP_API void lstDelete(LstList *list, LstNode *node) {
     list->count--;
 }
 
-KEP_API LstNode *lstFirst(LstList *list) { return list->head; }
+KEP_API LstNode *lstFirst(LstList *list) {
+    return list->head;
+}
 
 KEP_API LstNode *lstGet(LstList *list) {
     LstNode *node = list->head;
@@ -61,7 +67,9 @@ KEP_API LstNode *lstGet(LstList *list) {
     return node;
 }
 
-KEP_API LstNode *lstNext(LstNode *node) { return node->next; }
+KEP_API LstNode *lstNext(LstNode *node) {
+    return node->next;
+}
 
 KEP_API void lstFree(LstList *list) {
     LstNode *node;

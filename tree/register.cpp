@@ -12,7 +12,9 @@ namespace kep {
 
 namespace {
 
-bool treeEmpty() { return lstCount(&moduleRoot()) == 0; }
+bool treeEmpty() {
+    return lstCount(&moduleRoot()) == 0;
+}
 
 void traceComponents(const char *func, const TreePath &p) {
     KEP_LOG_AS(func, "moduleName:%s\r\n", p.module);
@@ -129,8 +131,8 @@ int unRegTableVerNotify(DataTable *table, const char *section, int selector, con
             }
         }
     }
-    KEP_LOG("unregister %s notify%s for %s failed.\r\n", selector == KEP_SELECT_VERIFY ? "verify" : "notify", cb,
-            *section ? section : table->name);
+    KEP_LOG("unregister %s notify%s for %s failed.\r\n", selector == KEP_SELECT_VERIFY ? "verify" : "notify",
+            cb, *section ? section : table->name);
     return -1;
 }
 
@@ -160,9 +162,12 @@ KEP_API int regOprInterface(const char *path, const OprInterface *opr) {
     KEP_LOG("tableName:%s \n pStr%s \n pTmpPath:%s  ", p.table, afterModule, p.section);
     DataTable *table = searchPathTable(
         p, nullptr,
-        [&](DataModule *m) { KEP_LOG_AS("regOprInterface", "pModule->name:%s moduleName:%s  ", m->name, p.module); },
+        [&](DataModule *m) {
+            KEP_LOG_AS("regOprInterface", "pModule->name:%s moduleName:%s  ", m->name, p.module);
+        },
         [&](DataTable *t) {
-            KEP_LOG_AS("regOprInterface", "pTmpPath:%s pTable->name:%s tableName:%s  ", p.section, t->name, p.table);
+            KEP_LOG_AS("regOprInterface", "pTmpPath:%s pTable->name:%s tableName:%s  ", p.section, t->name,
+                       p.table);
         });
     if (!table) {
         KEP_LOG("regOprInterface: path %s can't find.\r\n", path);
@@ -190,7 +195,8 @@ KEP_API int registerMethodCb(const char *path, int method, const char *cb, int p
 }
 
 KEP_API int unRegisterMethodCb(const char *path, int method, const char * /*cb*/, int pid) {
-    if (!path || path[0] != '/' || pid < 0 || method < KEP_METHOD_ADD || method > KEP_METHOD_GET || treeEmpty())
+    if (!path || path[0] != '/' || pid < 0 || method < KEP_METHOD_ADD || method > KEP_METHOD_GET ||
+        treeEmpty())
         return -1;
     TreePath p;
     if (!splitTreePath(path, &p)) return -1;
@@ -222,7 +228,9 @@ KEP_API int registerVerNotify(const char *path, int selector, const char *cb, in
     DataTable *table = searchPathTable(
         p, nullptr,
         [](DataModule *m) { KEP_LOG_AS("registerVerNotify", "pModule:%p \r\n", static_cast<void *>(m)); },
-        [&](DataTable *t) { KEP_LOG_AS("registerVerNotify", "pTable->name:%s pTmpPath:%s\r\n", t->name, p.section); });
+        [&](DataTable *t) {
+            KEP_LOG_AS("registerVerNotify", "pTable->name:%s pTmpPath:%s\r\n", t->name, p.section);
+        });
     if (!table) {
         KEP_LOG("registerVerNotify: path %s can't find.\r\n", path);
         return -1;

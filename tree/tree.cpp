@@ -40,7 +40,9 @@ void freeTable(DataTable *table) {
 
 void *(*treeCalloc)(size_t count, size_t size) = calloc;
 
-LstList &moduleRoot() { return gModuleRoot; }
+LstList &moduleRoot() {
+    return gModuleRoot;
+}
 
 void copyName(char *dst, const char *src, unsigned size) {
     if (size == 0) return;
@@ -64,7 +66,8 @@ bool splitTreePath(const char *path, TreePath *out) {
 }
 
 DataTable *findPathTable(const TreePath &path, DataModule **module) {
-    return searchPathTable(path, module, [](DataModule *) {}, [](DataTable *) {});
+    return searchPathTable(
+        path, module, [](DataModule *) {}, [](DataTable *) {});
 }
 
 DataSection *findSectionInTable(DataTable *table, const char *name) {
@@ -82,10 +85,18 @@ int lastIndexOfChar(const char *text, char c) {
     return last ? static_cast<int>(last - text) : -1;
 }
 
-DataModule *newDataModule() { return zeroNode<DataModule>(); }
-DataTable *newDataTable() { return zeroNode<DataTable>(); }
-DataSection *newDataSection() { return zeroNode<DataSection>(); }
-ActionNode *newActionNode() { return zeroNode<ActionNode>(); }
+DataModule *newDataModule() {
+    return zeroNode<DataModule>();
+}
+DataTable *newDataTable() {
+    return zeroNode<DataTable>();
+}
+DataSection *newDataSection() {
+    return zeroNode<DataSection>();
+}
+ActionNode *newActionNode() {
+    return zeroNode<ActionNode>();
+}
 
 void *newCbNode() {
     static_assert(sizeof(VerNotifyNode) >= sizeof(MethodCbNode), "one allocation fits both node kinds");
@@ -125,9 +136,13 @@ void resetTreeForTest() {
 
 using namespace kep;
 
-KEP_API DataModule *getModulerRoot(void) { return nodeAs<DataModule>(lstFirst(&gModuleRoot)); }
+KEP_API DataModule *getModulerRoot(void) {
+    return nodeAs<DataModule>(lstFirst(&gModuleRoot));
+}
 
-KEP_API int getModuleSize(void) { return lstCount(&gModuleRoot); }
+KEP_API int getModuleSize(void) {
+    return lstCount(&gModuleRoot);
+}
 
 KEP_API DataModule *getDataModuler(const char *name) {
     if (!name) return nullptr;

@@ -17,7 +17,9 @@ inline T *nodeAs(LstNode *node) {
 // fields always stay terminated.
 constexpr unsigned kCallbackNameSize = 65;
 
-inline bool sameName(const char *a, const char *b) { return strcmp(a, b) == 0; }
+inline bool sameName(const char *a, const char *b) {
+    return strcmp(a, b) == 0;
+}
 
 // First table named path.table in a module named path.module, going on through the
 // remaining modules of the root list when the first module of that name lacks it.
@@ -49,8 +51,8 @@ void freeMethodSlots(MethodCbNode *slots[4]);
 }  // namespace kep
 
 // Logs as KEP_LOG does, but under the name of the operation a shared step serves.
-#define KEP_LOG_AS(func, ...)                                              \
-    do {                                                                   \
-        if (false) ::kep::logFormatCheck(__VA_ARGS__);                     \
-        ::kep::logAt(::kep::kMidHandle, (func), __LINE__, __VA_ARGS__);    \
+#define KEP_LOG_AS(func, ...)                                           \
+    do {                                                                \
+        if (false) ::kep::logFormatCheck(__VA_ARGS__);                  \
+        ::kep::logAt(::kep::kMidHandle, (func), __LINE__, __VA_ARGS__); \
     } while (0)

@@ -97,7 +97,9 @@ PF_API json_object *jsonObjectFromString(const char *text) {
 
 PF_API json_object *jsonObjectFromFile(const char *path) {
     if (!path) return nullptr;
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    // Non-blocking so that a FIFO without writer cannot hold the caller; reads of a
+    // regular file are unaffected.
+    int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) return nullptr;
     struct stat st;
     if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > 64 * 1024 * 1024) {
