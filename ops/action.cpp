@@ -24,7 +24,8 @@ const ActionNode *usableAction(DataModule *module, const char *name) {
 
 }  // namespace
 
-KEP_API int doActionToModel(const char *module, const char *action, json_object *params, json_object **result) {
+KEP_API int doActionToModel(const char *module, const char *action, json_object *params,
+                            json_object **result) {
     DataModule *mod = module && action ? getDataModuler(module) : nullptr;
     if (!mod) {
         KEP_LOG("Get data moduler %s failed.\r\n", kep::orNull(module));

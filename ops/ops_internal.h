@@ -38,7 +38,9 @@ DataTable *listTableOf(DataModule *module, const char *name, bool wholeNameFirst
 
 // Log arguments: null texts print as "(null)"; JSON texts are only serialised while
 // the debug log is on, since serialising is not free.
-inline const char *orNull(const char *text) { return text ? text : "(null)"; }
+inline const char *orNull(const char *text) {
+    return text ? text : "(null)";
+}
 const char *logJson(json_object *value);
 
 }  // namespace kep

@@ -20,7 +20,8 @@ namespace {
 
 // Edits list-table sections selected by exactly one of filter and section name,
 // through the table's set callback.
-int editTable(DataModule *module, DataTable *table, json_object *para, json_object *filter, const char *secName) {
+int editTable(DataModule *module, DataTable *table, json_object *para, json_object *filter,
+              const char *secName) {
     KEP_LOG("begin editTable.\n");
     if (!module || !table || !para || table->optionPublic != 1) return -7004;
     KEP_LOG("begin paraStr:%s.\n", logJson(para));
@@ -34,7 +35,8 @@ int editTable(DataModule *module, DataTable *table, json_object *para, json_obje
         params.secname = secName;
     }
     params.paraBuf = jsonGetObjectStringOrigin(para);
-    KEP_LOG("begin params.filterBuf:%s params.secname:%s.\n", orNull(params.filterBuf), orNull(params.secname));
+    KEP_LOG("begin params.filterBuf:%s params.secname:%s.\n", orNull(params.filterBuf),
+            orNull(params.secname));
     // An unregistered set callback refuses like any other unserved operation.
     if (!takeSlot(table->methodCb[KEP_METHOD_SET], params)) return -7004;
     KEP_LOG("  params->pid:%d params->cb:%s", params.pid, params.cb);
@@ -54,7 +56,7 @@ int editSectionNode(const SectionHit &hit, json_object *para, json_object *reque
     } else {
         slot = hit.section->methodCb[KEP_METHOD_SET];
     }
-    if (!takeSlot(slot, params)) return -7004;
+    if (!takeSlot(slot, params)) return -7004;  // unserved, as in editTable
     params.secname = hit.section->name;
     params.paraBuf = jsonGetObjectStringOrigin(para);
     KEP_LOG("  params->pid:%d params->cb:%s", params.pid, params.cb);
@@ -111,8 +113,8 @@ KEP_API int editSectionByObjJson(const char *module, const char *section, json_o
     return kep::editTable(mod, tab, params, nullptr, section);
 }
 
-KEP_API int addSectionByObjJson(const char *module, const char *table, const char *section, json_object *params,
-                                json_object *result) {
+KEP_API int addSectionByObjJson(const char *module, const char *table, const char *section,
+                                json_object *params, json_object *result) {
     DataTable *tab = params ? kep::listTableForWrite(module, table) : nullptr;
     if (!tab) return -7004;
 
@@ -122,7 +124,7 @@ KEP_API int addSectionByObjJson(const char *module, const char *table, const cha
     req.paraBuf = jsonGetObjectStringOrigin(params);
     KEP_LOG("params.paraBuf:%s secVal:%s params.secname:%s\n", req.paraBuf, kep::orNull(section),
             kep::orNull(req.secname));
-    if (!kep::takeSlot(tab->methodCb[KEP_METHOD_ADD], req)) return -7004;
+    if (!kep::takeSlot(tab->methodCb[KEP_METHOD_ADD], req)) return -7004;  // unserved: refused unsent
 
     kep::RpcPara set;
     int rc = kep::imiExcuteKepHandle(set.get(), &req);
@@ -154,7 +156,7 @@ KEP_API int deleteDataTable(const char *module, const char *table, json_object *
     if (!tab) return -7004;
     ModelReqParams params{};
     if (filter) params.filterBuf = jsonGetObjectStringOrigin(filter);
-    if (!kep::takeSlot(tab->methodCb[KEP_METHOD_DELETE], params)) return -7004;
+    if (!kep::takeSlot(tab->methodCb[KEP_METHOD_DELETE], params)) return -7004;  // unserved: refused unsent
     return kep::invokeCallback(params);
 }
 

@@ -118,6 +118,7 @@ int doModule(const char *module, json_object *moduleReq, json_object **response)
     json_object *params = jsonObjectCursorValue(head);
     json_object *result = nullptr;
     int rc = doActionToModel(module, action, params, &result);
+    // A failed action leaves the response as it was, to carry the code.
     if (!result) return rc;
     // The response must be an object to carry "error_code": an action answering
     // any other JSON value is refused like a result that is not JSON.
@@ -138,12 +139,16 @@ int kepMethodSet(json_object *request, json_object **response) {
     return walkModules(request, response, setModule);
 }
 
-int kepMethodAdd(json_object *request, json_object **response) { return walkModules(request, response, addModule); }
+int kepMethodAdd(json_object *request, json_object **response) {
+    return walkModules(request, response, addModule);
+}
 
 int kepMethodDel(json_object *request, json_object **response) {
     return walkModules(request, response, deleteModule);
 }
 
-int kepMethodDo(json_object *request, json_object **response) { return walkModules(request, response, doModule); }
+int kepMethodDo(json_object *request, json_object **response) {
+    return walkModules(request, response, doModule);
+}
 
 }  // namespace kep

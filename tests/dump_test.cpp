@@ -12,7 +12,6 @@
 
 namespace {
 
-using kep_test::addAction;
 using kep_test::addModule;
 using kep_test::addSection;
 using kep_test::addTable;
@@ -34,11 +33,8 @@ protected:
     kep_test::LogCapture log;
 };
 
-TEST_F(DumpTest, EmptyTreeGivesHeaderOnly) {
+TEST_F(DumpTest, EmptyTreeAndSwitchOff) {
     EXPECT_EQ(dump(), Lines{"Data module tree.\r\n\r\n"});
-}
-
-TEST_F(DumpTest, NothingWhileDebugSwitchIsOff) {
     addTable(addModule("m"), "t");
     debugFlagSet(-1, 0);
     EXPECT_TRUE(dump().empty());
@@ -47,17 +43,20 @@ TEST_F(DumpTest, NothingWhileDebugSwitchIsOff) {
 
 TEST_F(DumpTest, DeclaredTreeWithoutRegistrations) {
     DataModule *m = addModule("dhcp");
-    DataTable *t = addTable(m, "settings");
-    addSection(t, "server");
-    addAction(m, "restart");
-    Lines want = {
-        "Data module tree.\r\n\r\n",
-        moduleLine(m),
-        "| |-table settings             public   check      0\r\n\r\n",
-        "| | |-section server    \r\n\r\n",
-        "| |-action restart         pid:0 cb\r\n\r\n",
-    };
-    EXPECT_EQ(dump(), want);
+    addSection(addTable(m, "settings"), "server");
+    DataTable *priv = addTable(m, "named", 0);
+    DataOption hidden = {"hidden"};  // options show for public tables only
+    priv->options = &hidden;
+    priv->optionCount = 1;
+    kep_test::addAction(m, "restart");
+    EXPECT_EQ(dump(), (Lines{
+                          "Data module tree.\r\n\r\n",
+                          moduleLine(m),
+                          "| |-table settings             public   check      0\r\n\r\n",
+                          "| | |-section server    \r\n\r\n",
+                          "| |-table named                private  check      0\r\n\r\n",
+                          "| |-action restart         pid:0 cb\r\n\r\n",
+                      }));
 }
 
 TEST_F(DumpTest, RegistrationsInOrder) {
@@ -71,12 +70,9 @@ TEST_F(DumpTest, RegistrationsInOrder) {
     DataOption options[2] = {{"ip"}, {"mac"}};
     list->options = options;
     list->optionCount = 2;
-    list->opr.configPid = 8;
-    strcpy(list->opr.cb, "cfg");
     DataModule *m2 = addModule("m2");
 
-    OprInterface zeroPid;
-    memset(&zeroPid, 0, sizeof zeroPid);
+    OprInterface zeroPid{};
     strcpy(zeroPid.cb, "nobody");
     ASSERT_EQ(regOprInterface("/m/t", &zeroPid), 0);
     ASSERT_EQ(registerVerNotify("/m/t/s1", KEP_SELECT_VERIFY, "sv", 1), 0);
@@ -85,46 +81,33 @@ TEST_F(DumpTest, RegistrationsInOrder) {
     ASSERT_EQ(registerVerNotify("/m/t", KEP_SELECT_NOTIFY, "tn", 4), 0);
     ASSERT_EQ(registerVerNotify("/m/t", KEP_SELECT_VERIFY, "tv", 5), 0);
     ASSERT_EQ(registerMethodCb("/m/t", KEP_METHOD_ADD, "tadd", 6), 0);
-    OprInterface owner;
-    memset(&owner, 0, sizeof owner);
+    OprInterface owner{};
     owner.pid = 7;
-    strcpy(owner.cb, "dyn");
     owner.configPid = 8;
+    strcpy(owner.cb, "dyn");
     ASSERT_EQ(regOprInterface("/m/list", &owner), 0);
     ASSERT_EQ(registerAction("m", "reboot", "do_reboot", 9), 0);
 
-    Lines want = {
-        "Data module tree.\r\n\r\n",
-        moduleLine(m),
-        "| |-table t                    private  check      0\r\n\r\n",
-        "| | |-section s1        \r\n\r\n",
-        "| | | |-verlist_cb pid1 sv\r\n\r\n",
-        "| | | |-notlist_cb pid2 sn\r\n\r\n",
-        "| | |-section s2        \r\n\r\n",
-        "| |-cb[3] pid3 sget           \r\n\r\n",
-        "| | |-verlist_cb pid5 tv\r\n\r\n",
-        "| | |-notlist_cb pid4 tn\r\n\r\n",
-        "| |-cb[0] pid6 tadd           \r\n\r\n",
-        "| |-table list                 public   nocheck   12\r\n\r\n",
-        "| | |-option ip        \r\n\r\n",
-        "| | |-option mac       \r\n\r\n",
-        "| | |-dymic_cb pid7 dyn\r\n\r\n",
-        "| | |-config_cb pid8 dyn\r\n\r\n",
-        "| |-action reboot          pid:9 cbdo_reboot\r\n\r\n",
-        moduleLine(m2),
-    };
-    EXPECT_EQ(dump(), want);
-}
-
-TEST_F(DumpTest, PrivateTableHidesOptions) {
-    DataModule *m = addModule("m");
-    DataTable *t = addTable(m, "t", 0);
-    DataOption option = {"hidden"};
-    t->options = &option;
-    t->optionCount = 1;
-    Lines want = {"Data module tree.\r\n\r\n", moduleLine(m),
-                  "| |-table t                    private  check      0\r\n\r\n"};
-    EXPECT_EQ(dump(), want);
+    EXPECT_EQ(dump(), (Lines{
+                          "Data module tree.\r\n\r\n",
+                          moduleLine(m),
+                          "| |-table t                    private  check      0\r\n\r\n",
+                          "| | |-section s1        \r\n\r\n",
+                          "| | | |-verlist_cb pid1 sv\r\n\r\n",
+                          "| | | |-notlist_cb pid2 sn\r\n\r\n",
+                          "| | |-section s2        \r\n\r\n",
+                          "| |-cb[3] pid3 sget           \r\n\r\n",
+                          "| | |-verlist_cb pid5 tv\r\n\r\n",
+                          "| | |-notlist_cb pid4 tn\r\n\r\n",
+                          "| |-cb[0] pid6 tadd           \r\n\r\n",
+                          "| |-table list                 public   nocheck   12\r\n\r\n",
+                          "| | |-option ip        \r\n\r\n",
+                          "| | |-option mac       \r\n\r\n",
+                          "| | |-dymic_cb pid7 dyn\r\n\r\n",
+                          "| | |-config_cb pid8 dyn\r\n\r\n",
+                          "| |-action reboot          pid:9 cbdo_reboot\r\n\r\n",
+                          moduleLine(m2),
+                      }));
 }
 
 }  // namespace

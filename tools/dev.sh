@@ -40,7 +40,7 @@ run_ctest() {  # run_ctest DIR [ctest args...]
 demo() {
     deps
     build build
-    "$root/build/tools/kep-demo" "$@"
+    "$root/tools/demo.sh" "$root/build"
 }
 
 test_all() {

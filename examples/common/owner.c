@@ -1,0 +1,229 @@
+#define _POSIX_C_SOURCE 200809L
+#include "owner.h"
+
+#include <arpa/inet.h>
+#include <ctype.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <json-c/json.h>
+
+#include "kepHandle.h"
+#include "kep_host.h"
+#include "kep_platform.h"
+
+int ownerToJson(const OwnerField *fields, int n, const void *record, json_object **out) {
+    const char *base = (const char *)record;
+    json_object *obj = json_object_new_object();
+    if (!obj) return -1;
+    for (int i = 0; i < n; i++) {
+        const OwnerField *f = &fields[i];
+        json_object *v;
+        if (f->type == FIELD_TEXT) {
+            v = json_object_new_string_len(base + f->offset, (int)strnlen(base + f->offset, f->size));
+        } else {
+            int x;
+            memcpy(&x, base + f->offset, sizeof x);
+            v = f->type == FIELD_INT ? json_object_new_int(x) : json_object_new_boolean(x);
+        }
+        if (!v || json_object_object_add(obj, f->key, v) != 0) {
+            json_object_put(v);
+            json_object_put(obj);
+            return -1;
+        }
+    }
+    *out = obj;
+    return 0;
+}
+
+static const OwnerField *findField(const OwnerField *fields, int n, const char *key) {
+    for (int i = 0; i < n; i++) {
+        if (strcmp(fields[i].key, key) == 0) return &fields[i];
+    }
+    return NULL;
+}
+
+int ownerFromJson(const OwnerField *fields, int n, json_object *value, void *record) {
+    char *base = (char *)record;
+    if (!json_object_is_type(value, json_type_object)) return -1;
+    json_object_object_foreach(value, key, v) {
+        const OwnerField *f = findField(fields, n, key);
+        if (!f) return -1;
+        if (f->type == FIELD_TEXT) {
+            const char *s = json_object_get_string(v);
+            if (!json_object_is_type(v, json_type_string) || strlen(s) >= f->size) return -1;
+            if (f->valid && !f->valid(s)) return -1;
+        } else if (!json_object_is_type(v, json_type_int) && !json_object_is_type(v, json_type_boolean)) {
+            return -1;
+        }
+    }
+    /* Checked as a whole first, so that a refused value changes nothing. */
+    json_object_object_foreach(value, key2, v2) {
+        const OwnerField *f = findField(fields, n, key2);
+        if (f->type == FIELD_TEXT) {
+            memset(base + f->offset, 0, f->size);
+            strcpy(base + f->offset, json_object_get_string(v2));
+        } else {
+            int x = json_object_get_int(v2);
+            memcpy(base + f->offset, &x, sizeof x);
+        }
+    }
+    return 0;
+}
+
+int ownerMatches(const OwnerField *fields, int n, const void *record, json_object *filter) {
+    json_object *mine = NULL;
+    int match = 1;
+    if (!filter) return 1;
+    if (!json_object_is_type(filter, json_type_object) || ownerToJson(fields, n, record, &mine) != 0) return 0;
+    json_object_object_foreach(filter, key, want) {
+        json_object *have = NULL;
+        if (!json_object_object_get_ex(mine, key, &have) ||
+            strcmp(json_object_get_string(have), json_object_get_string(want)) != 0) {
+            match = 0;
+            break;
+        }
+    }
+    json_object_put(mine);
+    return match;
+}
+
+int ownerValidIpv4(const char *text) {
+    struct in_addr a;
+    return inet_pton(AF_INET, text, &a) == 1;
+}
+
+int ownerValidMac(const char *text) {
+    if (strlen(text) != 17) return 0;
+    for (int i = 0; i < 17; i++) {
+        if (i % 3 == 2 ? text[i] != ':' : !isxdigit((unsigned char)text[i])) return 0;
+    }
+    return 1;
+}
+
+const char *ownerMember(QxRpcPara *set, const char *name) {
+    char *text = NULL;
+    return qxrpcGetStringPtr(set, name, &text) == 0 ? text : NULL;
+}
+
+json_object *ownerJsonMember(QxRpcPara *set, const char *name) {
+    const char *text = ownerMember(set, name);
+    return text ? json_tokener_parse(text) : NULL;
+}
+
+int ownerAnswer(QxRpcPara *set, int code, const char *result) {
+    qxrpcAddInt(set, "errorCode", code);
+    if (result) qxrpcAddStringPtr(set, "result", result);
+    return 0;
+}
+
+int ownerAnswerJson(QxRpcPara *set, int code, json_object *result) {
+    ownerAnswer(set, code, result ? json_object_to_json_string_ext(result, JSON_C_TO_STRING_PLAIN) : NULL);
+    json_object_put(result);
+    return 0;
+}
+
+int ownerLoadModel(const char *file) {
+    int fd = open(file, O_RDONLY | O_CLOEXEC);
+    XmlNode **doc;
+    int rc;
+    if (fd < 0) {
+        fprintf(stderr, "cannot open %s: %s\n", file, strerror(errno));
+        return -1;
+    }
+    doc = fdXmlParse(fd, 1);
+    close(fd);
+    if (!doc) {
+        fprintf(stderr, "%s is not a usable model description\n", file);
+        return -1;
+    }
+    rc = registerDataModel(*doc);
+    mxmlTreeDelete(doc);
+    return rc;
+}
+
+int ownerRegisterAll(const OwnerRegistration *regs, int n, int waitMs) {
+    /* Listen first: the host may call back as soon as a registration lands. */
+    if (qxImiListen() < 0) {
+        fprintf(stderr, "cannot serve the RPC\n");
+        return -1;
+    }
+    if (kepHostWait(waitMs) != 0) {
+        fprintf(stderr, "the host (kepd) does not answer\n");
+        return -1;
+    }
+    for (int i = 0; i < n; i++) {
+        int rc = kepHostRegister(regs[i].op, regs[i].path, regs[i].index, regs[i].cb);
+        if (rc != 0) {
+            fprintf(stderr, "registering %s %s failed: %d\n", regs[i].op, regs[i].path, rc);
+            return rc;
+        }
+    }
+    return 0;
+}
+
+int ownerResetHandler(QxRpcPara *set, void *user) {
+    int rc = systemResetConfigFile();
+    (void)user;
+    /* The files hold the defaults now; the list tables' sections follow them. */
+    for (DataModule *m = getModulerRoot(); rc == 0 && m; m = (DataModule *)lstNext(&m->link)) {
+        json_object *doc = m->configFile[0] ? jsonObjectFromFile(m->configFile) : NULL;
+        for (DataTable *t = (DataTable *)lstFirst(&m->tables); doc && t; t = (DataTable *)lstNext(&t->link)) {
+            if (t->isDynamic || t->optionPublic != 1) continue;
+            delDataTable(t);
+            json_object *member = jsonObjectObjectGet(doc, t->name);
+            if (member) loadTableListConfig(t, member);
+        }
+        jsonObjectObjectDelete(doc);
+    }
+    return ownerAnswer(set, rc, NULL);
+}
+
+static volatile sig_atomic_t gStop;
+
+static void onSignal(int sig) {
+    (void)sig;
+    gStop = 1;
+}
+
+/* Notifications wait until the current call has been answered: the host is still
+ * inside the request that reached us, and asking it now would deadlock both. */
+static char gPending[8][80];
+static int gPendingCount;
+
+void ownerNotifyLater(const char *path) {
+    for (int i = 0; i < gPendingCount; i++) {
+        if (strcmp(gPending[i], path) == 0) return;
+    }
+    if (gPendingCount < 8) snprintf(gPending[gPendingCount++], sizeof gPending[0], "%s", path);
+}
+
+static void flushNotifications(void) {
+    for (int i = 0; i < gPendingCount; i++) {
+        int rc = kepHostNotify(gPending[i]);
+        if (rc != 0) fprintf(stderr, "notifying %s failed: %d\n", gPending[i], rc);
+    }
+    gPendingCount = 0;
+}
+
+int ownerServe(const char *name) {
+    struct sigaction sa;
+    memset(&sa, 0, sizeof sa);
+    sa.sa_handler = onSignal;
+    sigaction(SIGTERM, &sa, NULL);
+    sigaction(SIGINT, &sa, NULL);
+    signal(SIGPIPE, SIG_IGN);
+    fprintf(stderr, "%s: serving as pid %d\n", name, (int)getpid());
+    while (!gStop) {
+        qxImiServeOnce(500);
+        flushNotifications();
+    }
+    kepHostRegister("unregister", NULL, 0, NULL);
+    fprintf(stderr, "%s: stopped\n", name);
+    return 0;
+}

@@ -1,0 +1,110 @@
+/* Client side of the host daemon's RPC handlers. */
+#define _POSIX_C_SOURCE 200809L
+#include "kep_host.h"
+
+#include <errno.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "kep_pf_rpc.h"
+
+const char *kepHostPidFile(void) {
+    static char path[256];
+    const char *env = getenv("KEPD_PIDFILE");
+    if (env && *env) return env;
+    snprintf(path, sizeof path, "/tmp/kepd-%u.pid", (unsigned)getuid());
+    return path;
+}
+
+int kepHostPid(void) {
+    FILE *f = fopen(kepHostPidFile(), "r");
+    int pid = -1;
+    if (!f) return -1;
+    if (fscanf(f, "%d", &pid) != 1) pid = -1;
+    fclose(f);
+    if (pid <= 0 || (kill(pid, 0) != 0 && errno == ESRCH)) return -1;
+    return pid;
+}
+
+/* Runs handler with the members already in set; 0 with the host's answer in set. */
+static int call(const char *handler, QxRpcPara *set) {
+    int pid = kepHostPid();
+    int code = 0;
+    int rc;
+    if (pid < 0) return QXRPC_ERR_NO_PEER;
+    rc = qxImiExecute(pid, handler, 0, 0, set);
+    if (rc != 0) return rc;
+    if (qxrpcGetInt(set, "errorCode", &code) != 0) return -1500;
+    return code;
+}
+
+static int fetchResult(QxRpcPara *set, char **text) {
+    char *result = NULL;
+    qxrpcGetStringPtr(set, "result", &result);
+    *text = strdup(result ? result : "");
+    return *text ? 0 : QXRPC_ERR_NOMEM;
+}
+
+int kepHostRequest(const char *request, char **response) {
+    QxRpcPara set;
+    int rc;
+    *response = NULL;
+    qxrpcParaInit(&set);
+    rc = qxrpcAddStringPtr(&set, "para", request);
+    if (rc == 0) rc = call("kepd.request", &set);
+    if (rc == 0) rc = fetchResult(&set, response);
+    qxrpcParaFree(&set);
+    return rc;
+}
+
+int kepHostRegister(const char *op, const char *path, int index, const char *cb) {
+    QxRpcPara set;
+    int rc;
+    qxrpcParaInit(&set);
+    rc = qxrpcAddStringPtr(&set, "op", op);
+    if (rc == 0 && path) rc = qxrpcAddStringPtr(&set, "path", path);
+    if (rc == 0 && cb) rc = qxrpcAddStringPtr(&set, "cb", cb);
+    if (rc == 0) rc = qxrpcAddInt(&set, "index", index);
+    if (rc == 0) rc = qxrpcAddInt(&set, "pid", (int)getpid());
+    if (rc == 0) rc = call("kepd.register", &set);
+    qxrpcParaFree(&set);
+    return rc;
+}
+
+int kepHostNotify(const char *path) {
+    QxRpcPara set;
+    int rc;
+    qxrpcParaInit(&set);
+    rc = qxrpcAddStringPtr(&set, "para", path);
+    if (rc == 0) rc = call("kepd.notify", &set);
+    qxrpcParaFree(&set);
+    return rc;
+}
+
+int kepHostFetch(const char *handler, char **text) {
+    QxRpcPara set;
+    int rc;
+    *text = NULL;
+    qxrpcParaInit(&set);
+    rc = call(handler, &set);
+    if (rc == 0) rc = fetchResult(&set, text);
+    qxrpcParaFree(&set);
+    return rc;
+}
+
+int kepHostWait(int ms) {
+    struct timespec step = {0, 20 * 1000 * 1000};
+    for (int waited = 0; waited <= ms; waited += 20) {
+        char *dump = NULL;
+        if (kepHostFetch("kepd.ping", &dump) == 0) {
+            free(dump);
+            return 0;
+        }
+        nanosleep(&step, NULL);
+    }
+    return -1;
+}

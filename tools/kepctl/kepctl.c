@@ -1,0 +1,261 @@
+/*
+ * kepctl: command-line client of the host daemon. Builds a request, hands it to kepd
+ * and prints the response; the exit status tells whether "error_code" was 0.
+ */
+#define _POSIX_C_SOURCE 200809L
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <json-c/json.h>
+
+#include "kep_host.h"
+#include "kep_pf_rpc.h"
+
+enum { EXIT_CODE = 1, EXIT_USAGE = 2, EXIT_HOST = 3 };
+
+static int gCompact;
+static int gVerbose;
+
+static const char *const kHelp[][2] = {
+    {"get", "kepctl get MODULE TABLE...            read tables (rows and counts)\n"
+            "kepctl get MODULE --name SECTION...   read sections\n"
+            "  --filter JSON, --para JSON          passed with a table read\n"},
+    {"set", "kepctl set MODULE SECTION JSON [SECTION JSON]...   change sections\n"
+            "kepctl set MODULE --table TABLE --filter JSON JSON  change the rows a filter selects\n"},
+    {"add", "kepctl add MODULE TABLE JSON [--name NAME]   add a section to a list table\n"},
+    {"delete", "kepctl delete MODULE SECTION...                 delete sections\n"
+               "kepctl delete MODULE --table TABLE [--filter JSON]  delete the rows a filter selects\n"},
+    {"do", "kepctl do MODULE ACTION [JSON]   run an action with its parameters (default {})\n"},
+    {"call", "kepctl call 'REQUEST-JSON'   send any request as it stands\n"},
+    {"dump", "kepctl dump    print the host's data module tree\n"},
+    {"reset", "kepctl reset   factory reset: every module's configuration back to defaults\n"},
+};
+
+static void usage(FILE *out) {
+    fprintf(out, "usage: kepctl [-c] [-v] COMMAND ARGS...\n"
+                 "  -c  compact JSON output      -v  print the request too\n"
+                 "  COMMAND --help  for one command\n\n");
+    for (size_t i = 0; i < sizeof kHelp / sizeof kHelp[0]; i++) fputs(kHelp[i][1], out);
+    fputs("\nExit status: 0 when \"error_code\" is 0, 1 when it is not (its meaning on standard error),\n"
+          "2 for a usage error, 3 when the host (kepd) cannot be reached.\n",
+          out);
+}
+
+/* Prints one command's help to out; 0, or EXIT_USAGE for an unknown command. */
+static int commandHelp(const char *cmd, FILE *out) {
+    for (size_t i = 0; i < sizeof kHelp / sizeof kHelp[0]; i++) {
+        if (strcmp(kHelp[i][0], cmd) == 0) {
+            fputs(kHelp[i][1], out);
+            return 0;
+        }
+    }
+    usage(stderr);
+    return EXIT_USAGE;
+}
+
+static const char *meaning(int code) {
+    switch (code) {
+        case 0: return "success";
+        case -1: return "generic failure (bad argument, missing member, no memory, empty callback slot)";
+        case -1500: return "the owner's callback answered without \"errorCode\"";
+        case -4000: return "no such table in the module";
+        case -7000: return "no \"method\" or an unknown method";
+        case -7004: return "module, table, section, action or callback not registered, or not allowed";
+        case -8000: return "the section may not be deleted";
+        case -10000: return "null argument, no memory, or a read failed";
+        case -10100: return "not JSON, or a needed member is missing or of the wrong type";
+        case -51204: return "no memory for the response";
+        case -51207: return "null method";
+        case QXRPC_ERR_NO_PEER: return "the owner process is not running";
+        case QXRPC_ERR_TIMEOUT: return "the owner process did not answer in time";
+        case QXRPC_ERR_IO: return "the connection to the owner broke";
+        case QXRPC_ERR_NO_HANDLER: return "the owner has no such callback";
+        default: return "code passed on from the owner's callback";
+    }
+}
+
+static json_object *parseArg(const char *text) {
+    json_object *v = json_tokener_parse(text);
+    if (!v && strcmp(text, "null") != 0) fprintf(stderr, "kepctl: not JSON: %s\n", text);
+    return v;
+}
+
+/* Collects "--flag VALUE" options and positional words. */
+typedef struct Args {
+    const char *filter, *para, *name, *table;
+    int names;  /* --name given: the words are section names */
+    const char *word[64];
+    int count;
+} Args;
+
+static int parseArgs(int argc, char **argv, Args *a) {
+    memset(a, 0, sizeof *a);
+    for (int i = 0; i < argc; i++) {
+        const char **slot = NULL;
+        if (strcmp(argv[i], "--filter") == 0) slot = &a->filter;
+        else if (strcmp(argv[i], "--para") == 0) slot = &a->para;
+        else if (strcmp(argv[i], "--table") == 0) slot = &a->table;
+        else if (strcmp(argv[i], "--name") == 0) {
+            a->names = 1;
+            if (i + 1 < argc && argv[i + 1][0] != '-') a->name = argv[i + 1];
+            continue;
+        }
+        if (slot) {
+            if (++i >= argc) return -1;
+            *slot = argv[i];
+        } else if (a->count < 64) {
+            a->word[a->count++] = argv[i];
+        } else {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+static json_object *stringList(const char *const *words, int n) {
+    if (n == 1) return json_object_new_string(words[0]);
+    json_object *arr = json_object_new_array();
+    for (int i = 0; i < n; i++) json_object_array_add(arr, json_object_new_string(words[i]));
+    return arr;
+}
+
+/* Builds the request of one command; NULL after printing why on a usage error. */
+static json_object *buildRequest(const char *cmd, int argc, char **argv) {
+    Args a;
+    json_object *req, *mod;
+    if (strcmp(cmd, "call") == 0) return argc == 1 ? parseArg(argv[0]) : NULL;
+    if (parseArgs(argc, argv, &a) != 0 || a.count < 1) return NULL;
+    req = json_object_new_object();
+    mod = json_object_new_object();
+    json_object_object_add(req, "method", json_object_new_string(strcmp(cmd, "delete") == 0 ? "delete" : cmd));
+    json_object_object_add(req, a.word[0], mod);
+    const char *const *w = a.word + 1;
+    int n = a.count - 1;
+    int ok = 1;
+
+    if (strcmp(cmd, "get") == 0) {
+        ok = n > 0;
+        if (ok) json_object_object_add(mod, a.names ? "name" : "table", stringList(w, n));
+        if (ok && a.filter) json_object_object_add(mod, "filter", parseArg(a.filter));
+        if (ok && a.para) json_object_object_add(mod, "para", parseArg(a.para));
+    } else if (strcmp(cmd, "set") == 0) {
+        if (a.table) {
+            ok = n == 1 && a.filter;
+            if (ok) {
+                json_object_object_add(mod, "table", json_object_new_string(a.table));
+                json_object_object_add(mod, "filter", parseArg(a.filter));
+                json_object_object_add(mod, "para", parseArg(w[0]));
+            }
+        } else {
+            ok = n >= 2 && n % 2 == 0;
+            for (int i = 0; ok && i < n; i += 2) {
+                json_object *v = parseArg(w[i + 1]);
+                ok = v != NULL;
+                json_object_object_add(mod, w[i], v);
+            }
+        }
+    } else if (strcmp(cmd, "add") == 0) {
+        json_object *para = n == 2 ? parseArg(w[1]) : NULL;
+        ok = para != NULL;
+        if (ok) {
+            json_object_object_add(mod, "table", json_object_new_string(w[0]));
+            if (a.name) json_object_object_add(mod, "name", json_object_new_string(a.name));
+            json_object_object_add(mod, "para", para);
+        }
+    } else if (strcmp(cmd, "delete") == 0) {
+        if (a.table) {
+            ok = n == 0;
+            json_object_object_add(mod, "table", json_object_new_string(a.table));
+            if (a.filter) json_object_object_add(mod, "filter", parseArg(a.filter));
+        } else {
+            ok = n > 0;
+            if (ok) json_object_object_add(mod, "name", stringList(w, n));
+        }
+    } else if (strcmp(cmd, "do") == 0) {
+        json_object *para = n == 2 ? parseArg(w[1]) : json_object_new_object();
+        ok = (n == 1 || n == 2) && para;
+        if (ok) json_object_object_add(mod, w[0], para);
+    } else {
+        ok = 0;
+    }
+    if (!ok) {
+        json_object_put(req);
+        return NULL;
+    }
+    return req;
+}
+
+static int printResponse(const char *text) {
+    json_object *rsp = json_tokener_parse(text);
+    json_object *code = NULL;
+    int c;
+    if (!rsp) {
+        fprintf(stderr, "kepctl: the host answered something that is not JSON: %s\n", text);
+        return EXIT_CODE;
+    }
+    puts(json_object_to_json_string_ext(rsp, gCompact ? JSON_C_TO_STRING_PLAIN : JSON_C_TO_STRING_PRETTY));
+    if (!json_object_object_get_ex(rsp, "error_code", &code)) {
+        fprintf(stderr, "kepctl: the response has no \"error_code\"\n");
+        json_object_put(rsp);
+        return EXIT_CODE;
+    }
+    c = json_object_get_int(code);
+    json_object_put(rsp);
+    if (c != 0) fprintf(stderr, "kepctl: error_code %d: %s\n", c, meaning(c));
+    return c == 0 ? 0 : EXIT_CODE;
+}
+
+static int hostFailed(int rc) {
+    fprintf(stderr, "kepctl: the host cannot be reached (%d: %s); is kepd running? (pid file %s)\n", rc,
+            meaning(rc), kepHostPidFile());
+    return EXIT_HOST;
+}
+
+int main(int argc, char **argv) {
+    int i = 1;
+    for (; i < argc && argv[i][0] == '-'; i++) {
+        if (strcmp(argv[i], "-c") == 0) gCompact = 1;
+        else if (strcmp(argv[i], "-v") == 0) gVerbose = 1;
+        else if (strcmp(argv[i], "-h") == 0 || strcmp(argv[i], "--help") == 0) {
+            usage(stdout);
+            return 0;
+        } else {
+            usage(stderr);
+            return EXIT_USAGE;
+        }
+    }
+    if (i >= argc) {
+        usage(stderr);
+        return EXIT_USAGE;
+    }
+    const char *cmd = argv[i++];
+    if (i < argc && (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0)) return commandHelp(cmd, stdout);
+
+    if (strcmp(cmd, "dump") == 0 || strcmp(cmd, "reset") == 0) {
+        char *text = NULL;
+        int rc = kepHostFetch(strcmp(cmd, "dump") == 0 ? "kepd.dump" : "kepd.reset", &text);
+        if (rc == QXRPC_ERR_NO_PEER || rc == QXRPC_ERR_TIMEOUT || rc == QXRPC_ERR_IO) return hostFailed(rc);
+        if (text && *text) fputs(text, stdout);
+        if (rc == 0 && strcmp(cmd, "reset") == 0) puts("factory reset done");
+        free(text);
+        if (rc != 0) fprintf(stderr, "kepctl: %s failed: %d\n", cmd, rc);
+        return rc == 0 ? 0 : EXIT_CODE;
+    }
+
+    json_object *req = buildRequest(cmd, argc - i, argv + i);
+    if (!req) {
+        commandHelp(cmd, stderr);
+        return EXIT_USAGE;
+    }
+    const char *text = json_object_to_json_string_ext(req, JSON_C_TO_STRING_PLAIN);
+    if (gVerbose) printf("request:  %s\n", text);
+    char *response = NULL;
+    int rc = kepHostRequest(text, &response);
+    json_object_put(req);
+    if (rc != 0) return hostFailed(rc);
+    if (gVerbose) fputs("response: ", stdout);
+    rc = printResponse(response);
+    free(response);
+    return rc;
+}
