@@ -205,31 +205,35 @@ out("`modelWrite` in the owner's process: reads the module file, changes one lis
     "flush (the stand-in always flushes). The floor is json-c alone reading the file and writing it "
     "back the same way, with and without fsync.")
 out()
-out("| operation | sections | file bytes | time µs | floor µs | / floor |")
-out("|---|---|---|---|---|---|")
+out("On disk the ratio compares wall-clock times (waiting for the flush is the cost); on tmpfs it "
+    "compares CPU times.")
+out()
+out("| operation | sections | file bytes | time µs | cpu µs | floor time µs | floor cpu µs | / floor |")
+out("|---|---|---|---|---|---|---|---|")
+worst = {}
 for op, floor_name in (("update_disk", "disk_fsync"), ("add_disk", "disk_fsync"),
                        ("update_tmpfs", "tmpfs"), ("add_tmpfs", "tmpfs")):
+    field = "real_time" if "disk" in op else CPU
     for secs in (10, 100, 1000):
         run = scale.get(f"scale/store/{op}/sections:{secs}")
         fl = scale.get(f"scale/file_floor/{floor_name}/sections:{secs}")
         if not run:
             continue
-        out(f"| {op} | {secs} | {fmt(run.get('file_bytes'), 0)} | {fmt(us(run))} | "
-            f"{fmt(us(fl)) if fl else 'n/a'} ({floor_name}) | {fmt(ratio(us(run), us(fl)) if fl else None, 2)} |")
+        r = ratio(us(run, field), us(fl, field)) if fl else None
+        if r is not None and secs == 1000:
+            worst[op] = r
+        out(f"| {op} | {secs} | {fmt(run.get('file_bytes'), 0)} | {fmt(us(run))} | {fmt(us(run, CPU))} | "
+            f"{fmt(us(fl)) if fl else 'n/a'} | {fmt(us(fl, CPU)) if fl else 'n/a'} ({floor_name}) | {fmt(r, 2)} |")
 for secs in (10, 100, 1000):
     fl = scale.get(f"scale/file_floor/disk_nofsync/sections:{secs}")
     if fl:
-        out(f"| json-c floor on disk without fsync | {secs} | | {fmt(us(fl))} | | |")
+        out(f"| json-c floor on disk without fsync | {secs} | | | | {fmt(us(fl))} | {fmt(us(fl, CPU))} | |")
 out()
-worst = 0
-for op, floor_name in (("update_disk", "disk_fsync"), ("add_disk", "disk_fsync"),
-                       ("update_tmpfs", "tmpfs"), ("add_tmpfs", "tmpfs")):
-    run = scale.get(f"scale/store/{op}/sections:1000")
-    fl = scale.get(f"scale/file_floor/{floor_name}/sections:1000")
-    if run and fl:
-        worst = max(worst, us(run) / us(fl))
 if worst:
-    target("3 store of 1,000 sections / json-c floor (worst)", f"{worst:.2f}", "small constant", worst <= 3)
+    op = max(worst, key=worst.get)
+    target("3 list-section store, 1,000 sections / json-c floor (worst)", f"{worst[op]:.2f}",
+           "small constant (≤ 3 here)", worst[op] <= 3,
+           ", ".join(f"{k} {v:.2f}" for k, v in worst.items()))
 
 # ---------------------------------------------------------------- 4. xml
 out("## 4. Model description parsing")
