@@ -27,7 +27,7 @@ struct Rec {
 inline Rec makeRec(const char *text, int32_t value) {
     Rec r;
     memset(&r, 0, sizeof r);
-    strncpy(r.text, text, sizeof r.text - 1);
+    snprintf(r.text, sizeof r.text, "%s", text);
     r.value = value;
     return r;
 }
