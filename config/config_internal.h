@@ -38,8 +38,12 @@ template <typename T>
 inline T *next(T *node) {
     return reinterpret_cast<T *>(lstNext(&node->link));
 }
-inline bool isListTable(const DataTable &table) { return table.optionPublic == 1; }
-inline bool isDynamicTable(const DataTable &table) { return table.isDynamic != 0; }
+inline bool isListTable(const DataTable &table) {
+    return table.optionPublic == 1;
+}
+inline bool isDynamicTable(const DataTable &table) {
+    return table.isDynamic != 0;
+}
 }  // namespace cfg
 
 }  // namespace kep

@@ -78,8 +78,8 @@ int updateListSection(json_object *doc, DataModule &module, DataTable &table, co
     return storeModuleDocument(module.configFile, doc, StoreKind::Write);
 }
 
-int addListSection(json_object *doc, DataModule &module, DataTable &table, const char *name, const void *record,
-                   int size) {
+int addListSection(json_object *doc, DataModule &module, DataTable &table, const char *name,
+                   const void *record, int size) {
     if (!record || size < 0) {
         KEP_LOG("bufBin can't be null.\r\n");
         return -1;

@@ -24,7 +24,8 @@ constexpr int kBindMarkOffset = kBindSize - static_cast<int>(sizeof(int32_t));
 int resetNamedSections(DataTable &table, json_object **value) {
     JsonPtr object(jsonObjectNewObject());
     if (!object) return -1;
-    for (DataSection *section = cfg::first<DataSection>(table.sections); section; section = cfg::next(section)) {
+    for (DataSection *section = cfg::first<DataSection>(table.sections); section;
+         section = cfg::next(section)) {
         ResetConfigFn reset = section->opr.resetConfig.config;
         if (!reset) continue;
         JsonPtr produced;
@@ -115,7 +116,8 @@ KEP_API int systemResetConfigFile(void) {
     const int32_t mark = 1;
     memcpy(bind + kBindMarkOffset, &mark, sizeof mark);
     if (!getModulerRoot()) return -1;
-    for (DataModule *module = getModulerRoot(); module; module = cfg::next(module)) modelResetConfigFile(module);
+    for (DataModule *module = getModulerRoot(); module; module = cfg::next(module))
+        modelResetConfigFile(module);
     modelWrite(kBindPath, bind, kBindSize);
     return 0;
 }

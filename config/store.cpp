@@ -34,22 +34,25 @@ int readSections(DataTable &table, const char *name, void *buf, int size, ReadFn
     return total > 0 ? total : -1;
 }
 
+// Every call into a dynamic owner's reader or writer runs between the lock hooks.
+template <typename Call>
+int underModelLock(Call call) {
+    const int token = modelLock();
+    const int result = call();
+    modelUnlock(token);
+    return result;
+}
+
 int readDynamic(DataTable &table, const char *name, void *buf, int size) {
     if (name[0] == '\0' && cfg::isListTable(table)) {
         DynReadFn reader = table.opr.binToJson.dynamic;
         if (!reader) return -1;
-        const int token = modelLock();
-        const int got = reader(table.name, buf, size);
-        modelUnlock(token);
-        return got;
+        return underModelLock([&] { return reader(table.name, buf, size); });
     }
     return readSections(table, name, buf, size, [](DataSection &section, void *at, int room) {
         DynReadFn reader = section.opr.binToJson.dynamic;
         if (!reader) return -1;
-        const int token = modelLock();
-        const int got = reader(section.name, at, room);
-        modelUnlock(token);
-        return got;
+        return underModelLock([&] { return reader(section.name, at, room); });
     });
 }
 
@@ -84,10 +87,7 @@ int writeDynamic(DataTable &table, const char *name, const void *record, int siz
         writer = table.opr.jsonToBin.dynamic;
     }
     if (!writer) return -1;
-    const int token = modelLock();
-    const int result = writer(target, record, size);
-    modelUnlock(token);
-    return result;
+    return underModelLock([&] { return writer(target, record, size); });
 }
 
 int writeStored(DataModule &module, DataTable &table, const char *name, const void *record, int size) {
@@ -97,6 +97,7 @@ int writeStored(DataModule &module, DataTable &table, const char *name, const vo
     json_object *stored = jsonObjectObjectGet(doc.get(), table.name);
     if (!stored) return -1;
     DataSection *section = findSectionInTable(&table, name);
+    // A section without a node changes nothing: the document goes back as it was read.
     if (!section) return storeModuleDocument(module.configFile, doc.get(), StoreKind::Write);
     BinToJsonFn toJson = section->opr.binToJson.config;
     JsonPtr value;
@@ -118,9 +119,13 @@ DataTable *resolvePath(const char *path, TreePath *split, DataModule **module) {
 
 using namespace kep;
 
-KEP_API int modelLock(void) { return 0; }
+KEP_API int modelLock(void) {
+    return 0;
+}
 
-KEP_API void modelUnlock(int token) { (void)token; }
+KEP_API void modelUnlock(int token) {
+    (void)token;
+}
 
 KEP_API int modelRead(const char *path, void *buf, int size) {
     TreePath split;

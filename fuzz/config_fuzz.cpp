@@ -10,38 +10,19 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <string>
 
+#include "../tests/support/config_fixture.h"
 #include "kep_config.h"
 #include "tree/tree_internal.h"
 
 namespace {
 
-struct Rec {
-    char text[16];
-    int32_t value;
-};
-
-int recToJson(const char *, json_object **out, const void *record, int size) {
-    if (size != static_cast<int>(sizeof(Rec))) return -1;
-    const Rec *r = static_cast<const Rec *>(record);
-    *out = json_object_new_object();
-    json_object_object_add(*out, "text", json_object_new_string_len(r->text, strnlen(r->text, sizeof r->text)));
-    json_object_object_add(*out, "value", json_object_new_int(r->value));
-    return 0;
-}
-
-int jsonToRec(const char *, json_object *value, void *buf, int size) {
-    json_object *text = nullptr, *num = nullptr;
-    if (size < static_cast<int>(sizeof(Rec)) || !json_object_object_get_ex(value, "text", &text) ||
-        !json_object_object_get_ex(value, "value", &num))
-        return -1;
-    Rec r{};
-    strncpy(r.text, json_object_get_string(text), sizeof r.text - 1);
-    r.value = json_object_get_int(num);
-    memcpy(buf, &r, sizeof r);
-    return sizeof r;
-}
+using kep_test::jsonToRec;
+using kep_test::makeRec;
+using kep_test::Rec;
+using kep_test::recToJson;
 
 int resetList(const char *, json_object **value) {
     *value = json_tokener_parse(R"([{"host_1":{"text":"d","value":1}}])");
@@ -49,20 +30,24 @@ int resetList(const char *, json_object **value) {
 }
 
 int resetSection(const char *name, json_object **value) {
-    Rec r{};
-    strncpy(r.text, name, sizeof r.text - 1);
+    Rec r = makeRec(name, 0);
     return recToJson(name, value, &r, sizeof r);
 }
 
-// Every write flushes the file to disk; a memory-backed folder keeps runs fast.
-const std::string &folder() {
-    static const std::string dir = [] {
-        char shm[] = "/dev/shm/kfXXXXXX";
-        if (mkdtemp(shm)) return std::string(shm);
-        char tmp[] = "/tmp/kfXXXXXX";
-        return std::string(mkdtemp(tmp) ? tmp : "/tmp");
-    }();
-    return dir;
+// Every write flushes the file to disk; a memory-backed folder keeps runs fast. A
+// plain array, so that it outlives the exit handler that removes the folder.
+char gFolder[32];
+
+const char *folder() {
+    if (gFolder[0] == '\0') {
+        snprintf(gFolder, sizeof gFolder, "/dev/shm/kfXXXXXX");
+        if (!mkdtemp(gFolder)) {
+            snprintf(gFolder, sizeof gFolder, "/tmp/kfXXXXXX");
+            if (!mkdtemp(gFolder)) abort();
+        }
+        atexit([] { std::filesystem::remove_all(gFolder); });
+    }
+    return gFolder;
 }
 
 void buildTree(const std::string &file) {
@@ -105,7 +90,7 @@ void writeFile(const std::string &file, const uint8_t *data, size_t size) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    const std::string file = folder() + "/m.json";
+    const std::string file = std::string(folder()) + "/m.json";
     buildTree(file);
     writeFile(file, data, size);
 
@@ -118,8 +103,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
     // Writes against the same bytes: update, add and delete.
     writeFile(file, data, size);
-    Rec r{};
-    strcpy(r.text, "fuzz");
+    Rec r = makeRec("fuzz", 1);
     modelWrite("/m/time/zone", &r, sizeof r);
     modelWrite("/m/host/host_1", &r, sizeof r);
     modelWrite("/m/host/host_new", &r, sizeof r);

@@ -1,3 +1,5 @@
+// Dictionary: xml.dict
+//
 // Fuzzes the XML parser: text input with both filter modes, descriptor input through a
 // memfd (which must build the same tree as the text), then every tree operation.
 #include <stddef.h>

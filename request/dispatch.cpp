@@ -114,8 +114,9 @@ KEP_API int standardKepReqHandle(const char *request, char **response) {
     } else if (!rsp) {
         rsp.reset(newErrorObject(0));
         if (!rsp) code = KEP_ERR_NO_RSP_MEMORY;
-    } else {
-        // The handler put "error_code" in its object itself.
+    } else if (debugFlagGet(kep::kMidHandle) == 1) {
+        // The handler put "error_code" in its object itself. Serialised for the log
+        // only when the log is on: a table read can be large.
         KEP_LOG("testStr:%s\n", json_object_to_json_string(rsp.get()));
     }
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -38,7 +39,8 @@ Calls gCalls;
 int dynRead(const char *name, void *buf, int size) {
     gCalls.names.push_back(name);
     gCalls.sizes.push_back(size);
-    if (gCalls.result > 0) memset(buf, name[0], static_cast<size_t>(gCalls.result));
+    // Fills what it claims, within its room.
+    if (gCalls.result > 0) memset(buf, name[0], static_cast<size_t>(std::min(gCalls.result, size)));
     return gCalls.result;
 }
 int dynWrite(const char *name, const void *, int size) {
@@ -104,9 +106,8 @@ protected:
     std::string file;
 };
 
-const char kStored[] =
-    R"({"time":{"settings":{"text":"s","value":1},"zone":{"text":"z","value":2}},)"
-    R"("host":[{"host_1":{"text":"a","value":10}},{"host_2":{"text":"b","value":20}}]})";
+const char kStored[] = R"({"time":{"settings":{"text":"s","value":1},"zone":{"text":"z","value":2}},)"
+                       R"("host":[{"host_1":{"text":"a","value":10}},{"host_2":{"text":"b","value":20}}]})";
 
 TEST_F(ConfigStore, PathFormsSelectModuleTableAndSection) {
     store(kStored);
@@ -324,7 +325,8 @@ TEST_F(ConfigStore, LoadCreatesListNodesInArrayOrder) {
     EXPECT_EQ(systemLoadConfigFile(), 0);
     EXPECT_EQ(sectionNames(list), (std::vector<std::string>{"host_2", "host_1"}));
     EXPECT_EQ(sectionNames(named), (std::vector<std::string>{"settings", "zone"}));
-    EXPECT_EQ(reinterpret_cast<DataSection *>(lstFirst(&list->sections))->opr.binToJson.config, &kep_test::recToJson);
+    EXPECT_EQ(reinterpret_cast<DataSection *>(lstFirst(&list->sections))->opr.binToJson.config,
+              &kep_test::recToJson);
 
     EXPECT_EQ(loadTableListConfig(list, nullptr), 0);
     EXPECT_EQ(loadTableListConfig(nullptr, nullptr), -1);
@@ -342,8 +344,9 @@ TEST_F(ConfigStore, LoadRepairsAnUnreadableFileWithDefaults) {
         EXPECT_EQ(systemLoadConfigFile(), 0);
         EXPECT_TRUE(log.contains("module m config data has been destroyed.\r\n"));
         EXPECT_TRUE(log.contains("Module [m] reset config data to file [" + file + "].\r\n"));
-        EXPECT_EQ(canonical(readText(file)),
-                  R"({"time":{"settings":{"text":"settings","value":0}},"host":[{"host_9":{"text":"d","value":9}}]})");
+        EXPECT_EQ(
+            canonical(readText(file)),
+            R"({"time":{"settings":{"text":"settings","value":0}},"host":[{"host_9":{"text":"d","value":9}}]})");
         // The defaults' list entries are loaded like any stored ones.
         EXPECT_EQ(sectionNames(list).back(), "host_9");
     }
@@ -419,9 +422,10 @@ TEST_F(ConfigStore, ResetBuildsTheDefaultsOfEveryTableKind) {
     EXPECT_EQ(tableResetConfig(nullptr, &v), -1);
 
     EXPECT_EQ(modelResetConfigFile(m), 0);
-    EXPECT_EQ(canonical(readText(file)),
-              R"({"time":{"settings":{"text":"settings","value":0}},"host":[{"host_9":{"text":"d","value":9}}],)"
-              R"("misc":{}})");
+    EXPECT_EQ(
+        canonical(readText(file)),
+        R"({"time":{"settings":{"text":"settings","value":0}},"host":[{"host_9":{"text":"d","value":9}}],)"
+        R"("misc":{}})");
     // The tree keeps its list sections.
     EXPECT_EQ(sectionNames(list), std::vector<std::string>{"host_1"});
     EXPECT_EQ(modelResetConfigFile(nullptr), -1);
@@ -463,7 +467,8 @@ int bindToJson(const char *, json_object **out, const void *record, int size) {
 }
 int bindToBin(const char *, json_object *value, void *buf, int size) {
     json_object *hex = nullptr;
-    if (size < 100 || !json_object_object_get_ex(value, "record", &hex) || json_object_get_string_len(hex) != 200)
+    if (size < 100 || !json_object_object_get_ex(value, "record", &hex) ||
+        json_object_get_string_len(hex) != 200)
         return -1;
     const char *text = json_object_get_string(hex);
     for (int i = 0; i < 100; i++) {
@@ -511,15 +516,17 @@ TEST_F(CloudBinding, ResetKeepsTheRecordAndMarksIt) {
     memcpy(&mark, after.data() + 96, 4);
     EXPECT_EQ(mark, 1);
     // Every other module holds its defaults.
-    EXPECT_EQ(canonical(readText(file)),
-              R"({"time":{"settings":{"text":"settings","value":0}},"host":[{"host_9":{"text":"d","value":9}}]})");
+    EXPECT_EQ(
+        canonical(readText(file)),
+        R"({"time":{"settings":{"text":"settings","value":0}},"host":[{"host_9":{"text":"d","value":9}}]})");
 }
 
 TEST_F(CloudBinding, AnUnreadableRecordBecomesZerosAndTheMark) {
     writeText(cloudFile, "garbage");
     EXPECT_EQ(systemResetConfigFile(), 0);
     std::vector<unsigned char> after = readBind();
-    EXPECT_EQ(std::vector<unsigned char>(after.begin(), after.begin() + 96), std::vector<unsigned char>(96, 0));
+    EXPECT_EQ(std::vector<unsigned char>(after.begin(), after.begin() + 96),
+              std::vector<unsigned char>(96, 0));
     int32_t mark = 0;
     memcpy(&mark, after.data() + 96, 4);
     EXPECT_EQ(mark, 1);

@@ -12,6 +12,7 @@
 #include "kep_model.h"
 #include "kep_pf_json.h"
 #include "kep_request.h"
+#include "log_capture.h"
 #include "owner_process.h"
 #include "tree_builder.h"
 
@@ -170,6 +171,7 @@ TEST_F(EndToEnd, ConcurrentGetsFromManyThreads) {
                                      R"({"method":"get","m":{"name":"time"}})"};
     const std::string responses[2] = {handle(requests[0]), handle(requests[1])};
     ASSERT_EQ(responses[1], R"({"m":{"time":{"zone":"utc"}},"error_code":0})");
+    kep_test::LogCapture log;  // the logging path runs on every thread too
     std::vector<int> wrong(6, 0);
     std::vector<std::thread> threads;
     for (int t = 0; t < 6; t++) {
@@ -180,6 +182,7 @@ TEST_F(EndToEnd, ConcurrentGetsFromManyThreads) {
     for (std::thread &th : threads) th.join();
     EXPECT_EQ(wrong, std::vector<int>(6, 0));
     EXPECT_EQ(owner.calls().size(), 92u);
+    EXPECT_TRUE(log.contains("begin to get method handle. reqObj is"));
 }
 
 }  // namespace

@@ -179,9 +179,12 @@ TEST_F(JsonHelpers, FormattedResponseWrapsParsedValue) {
 
 TEST_F(JsonHelpers, LogLinesCarryTheJsonModuleAndFunction) {
     jsonParseStr(nullptr);
+    free(generateErrorJsonMsgForSDK(0, nullptr));
+    jsonObjectPut(nullptr);
     std::vector<std::string> lines = log.lines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_NE(lines[0].find("/jsonParseStr()/"), std::string::npos) << lines[0];
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_NE(lines[0].find(":<kepJson/jsonParseStr()/"), std::string::npos) << lines[0];
+    EXPECT_NE(lines[1].find(":<kepJson/jsonObjectPut()/"), std::string::npos) << lines[1];
     EXPECT_EQ(lines[0].substr(0, 2), "[<");
 }
 

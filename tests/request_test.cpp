@@ -254,6 +254,8 @@ TEST_F(Request, LogLinesOfOneDispatch) {
         "response:" + rsp + "\n\r\n",
     };
     EXPECT_EQ(log.messages(), expected);
+    EXPECT_NE(log.lines()[0].find(":<kepHandle/dispatchByMethod()/"), std::string::npos) << log.lines()[0];
+    EXPECT_NE(log.lines().back().find(":<kepHandle/standardKepReqHandle()/"), std::string::npos);
 
     log.clear();
     install(kSet, nullptr);

@@ -176,6 +176,7 @@ TEST_F(Text, Utf8TruncateLogsItsWalk) {
     cut("ab\xc3\xa9", 3);
     EXPECT_EQ(log.messages(), (Messages{"Max bytes 3\r\n\r\n", "char A9\r\n\r\n", "char C3\r\n\r\n",
                                         "freeBytes 1, truncate C3, len 2\r\n\r\n"}));
+    EXPECT_NE(log.lines()[0].find(":<kepHandle/utf8Truncate()/"), std::string::npos) << log.lines()[0];
     log.clear();
     cut("ab", 5);
     EXPECT_TRUE(log.messages().empty());

@@ -4,6 +4,7 @@
 
 #include <json-c/json.h>
 #include <stdint.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
