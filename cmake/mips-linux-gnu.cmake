@@ -14,6 +14,13 @@ set(CMAKE_CXX_COMPILER ${KEP_MIPS_TRIPLET}-g++)
 # and headers sit in /usr/mips-linux-gnu, which qemu also needs for the loader.
 set(KEP_MIPS_LIBC_ROOT /usr/${KEP_MIPS_TRIPLET})
 
+# Under qemu-user the 64-bit host kernel hands out 64-bit directory offsets and
+# inode numbers, which 32-bit readdir and stat turn into EOVERFLOW (a readdir
+# loop then just sees an empty folder). The large-file interfaces carry them, as
+# they would any large value on the device. No public record holds an off_t.
+set(CMAKE_C_FLAGS_INIT "-D_FILE_OFFSET_BITS=64")
+set(CMAKE_CXX_FLAGS_INIT "-D_FILE_OFFSET_BITS=64")
+
 # try_compile projects re-read this file without the cache, so the prefix is
 # also kept in the environment.
 if(NOT KEP_MIPS_PREFIX)
