@@ -2,7 +2,8 @@
 # Developer entry point: sets up a fresh Debian machine and builds, demos or tests.
 #   tools/dev.sh deps    install the Debian packages the build and tests need
 #   tools/dev.sh demo    deps + build + run the demo
-#   tools/dev.sh test    deps + plain build and tests, ASan+UBSan build and tests,
+#   tools/dev.sh test    deps + plain build and tests, the unit tests under valgrind,
+#                        ASan+UBSan build and tests,
 #                        ThreadSanitizer run of the threaded tests, MIPS build and tests under
 #                        qemu (tools/cross-mips.sh), short fuzz runs
 # FUZZ_SECONDS (default 60) sets each fuzz target's run; 0 skips fuzzing. KEP_MIPS=0 skips MIPS.
@@ -26,10 +27,12 @@ deps() {
     DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}" >/dev/null
 }
 
-build() {  # build DIR [cmake args...]
+build() {  # build DIR [cmake args...]; TARGETS="a b" limits what is built
     local dir=$1; shift
     cmake -S "$root" -B "$root/$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
-    cmake --build "$root/$dir" -j"$jobs"
+    local targets=()
+    for t in ${TARGETS:-}; do targets+=(--target "$t"); done
+    cmake --build "$root/$dir" -j"$jobs" "${targets[@]}"
 }
 
 run_ctest() {  # run_ctest DIR [ctest args...]
@@ -48,11 +51,13 @@ test_all() {
     echo "== plain build"
     build build
     run_ctest build
+    echo "== valgrind memcheck (unit-test executables)"
+    "$root/tools/valgrind-tests.sh" build
     echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
     build build-asan -DKEP_SANITIZE=address,undefined -DKEP_BUILD_TOOLS=OFF
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 run_ctest build-asan -E '^abi\.'
     echo "== ThreadSanitizer (threaded tests)"
-    build build-tsan -DKEP_SANITIZE=thread -DKEP_BUILD_TOOLS=OFF
+    TARGETS="e2e_test platform_rpc_test request_test" build build-tsan -DKEP_SANITIZE=thread -DKEP_BUILD_TOOLS=OFF
     TSAN_OPTIONS=halt_on_error=1 run_ctest build-tsan -R 'Thread|Concurren'
     if [ "${KEP_MIPS:-1}" != 0 ]; then
         echo "== big-endian MIPS cross build, tests under qemu"
