@@ -3,6 +3,8 @@
 //   floor_*        the same request and reply frames over a Unix-domain stream socket
 //                  between two processes, no library: json-c parses the request and
 //                  the reply and serialises the response (the reference)
+//   floor_two_hops the kept-connection floor through a relay process (two process
+//                  boundaries, the reference for a broker)
 //   standin_rpc    the stand-in RPC alone: one call to the owner's get callback
 //   request_local  standardKepReqHandle in this process, the owner in another
 //   request_host   the same request through the host daemon (kepd) from this client
@@ -40,7 +42,8 @@ const char kCallback[] = "tGet";
 
 std::string gDir;
 kep_bench::Child gOwner, gFloor, gHost;
-std::string gFloorPath;
+std::string gFloorPath, gRelayPath;
+kep_bench::Child gRelay;
 
 // ---- the IMI frame layout, written by hand for the floor ----
 
@@ -136,16 +139,37 @@ void serveFloor(int listenFd) {
     }
 }
 
-int connectFloor() {
+int connectTo(const std::string &path) {
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
-    snprintf(addr.sun_path, sizeof addr.sun_path, "%s", gFloorPath.c_str());
+    snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
     if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
         close(fd);
         fd = -1;
     }
     return fd;
+}
+
+int connectFloor() { return connectTo(gFloorPath); }
+
+// The two-hop floor's relay: forwards each request frame of a client connection to
+// the floor server over a connection of its own and the reply back, bytes only.
+void serveRelay(int listenFd) {
+    std::string buf;
+    for (;;) {
+        int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0) continue;
+        int up = connectFloor();
+        while (up >= 0 && readFrame(fd, buf)) {
+            std::string out = frame(buf);
+            if (!writeAll(up, out.data(), out.size()) || !readFrame(up, buf)) break;
+            out = frame(buf);
+            if (!writeAll(fd, out.data(), out.size())) break;
+        }
+        if (up >= 0) close(up);
+        close(fd);
+    }
 }
 
 // One request of the floor on fd: parse the request, send its frame, read the reply,
@@ -179,6 +203,24 @@ bool floorRequest(int fd, std::string &buf) {
 void BM_FloorKeptConnection(benchmark::State &state) {
     int fd = connectFloor();
     if (fd < 0) return state.SkipWithError("floor server unreachable");
+    Latencies lat;
+    std::string buf;
+    for (auto _ : state) {
+        int64_t t0 = nowNs();
+        if (!floorRequest(fd, buf)) {
+            state.SkipWithError("floor request failed");
+            break;
+        }
+        lat.add(nowNs() - t0);
+    }
+    close(fd);
+    lat.report(state);
+}
+
+// The same through a relay process: two process boundaries, as through a broker.
+void BM_FloorTwoHops(benchmark::State &state) {
+    int fd = connectTo(gRelayPath);
+    if (fd < 0) return state.SkipWithError("relay unreachable");
     Latencies lat;
     std::string buf;
     for (auto _ : state) {
@@ -330,6 +372,7 @@ void BM_ConcurrentGets(benchmark::State &state) {
 
 BENCHMARK(BM_FloorKeptConnection)->Name("e2e/floor_kept_connection");
 BENCHMARK(BM_FloorConnectPerRequest)->Name("e2e/floor_connect_per_request");
+BENCHMARK(BM_FloorTwoHops)->Name("e2e/floor_two_hops_kept");
 BENCHMARK(BM_StandinRpcOnly)->Name("e2e/standin_rpc_only");
 BENCHMARK(BM_RequestLocal)->Name("e2e/request_local");
 BENCHMARK(BM_RequestThroughHost)->Name("e2e/request_through_host");
@@ -344,15 +387,26 @@ int serveOwner(QxRpcPara *set, void *) {
     return 0;
 }
 
-bool startFloor() {
-    gFloorPath = gDir + "/floor.sock";
+int listenOn(const std::string &path) {
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
-    snprintf(addr.sun_path, sizeof addr.sun_path, "%s", gFloorPath.c_str());
-    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 || listen(fd, 64) != 0) return false;
-    bool ok = gFloor.start([] { return true; }, [fd] { serveFloor(fd); });
-    close(fd);
+    snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+    if (fd >= 0 && (bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 || listen(fd, 64) != 0)) {
+        close(fd);
+        fd = -1;
+    }
+    return fd;
+}
+
+bool startFloor() {
+    gFloorPath = gDir + "/floor.sock";
+    gRelayPath = gDir + "/relay.sock";
+    int fd = listenOn(gFloorPath), relay = listenOn(gRelayPath);
+    bool ok = fd >= 0 && relay >= 0 && gFloor.start([] { return true; }, [fd] { serveFloor(fd); }) &&
+              gRelay.start([] { return true; }, [relay] { serveRelay(relay); });
+    if (fd >= 0) close(fd);
+    if (relay >= 0) close(relay);
     return ok;
 }
 
@@ -411,6 +465,7 @@ int main(int argc, char **argv) {
     benchmark::Shutdown();
     gOwner.stop();
     gHost.stop();
+    gRelay.stop();
     gFloor.stop();
     kep_bench::removeTree(gDir);
     return rc;
