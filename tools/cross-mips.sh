@@ -9,7 +9,8 @@
 # run rebuilds them only when the toolchain file, the compiler or their version changes.
 #
 #   tools/cross-mips.sh            deps + build-mips/ + ctest under qemu
-# JOBS (default 2) sets the build's parallelism; KEP_MIPS_TOOLS=ON also builds tools/.
+# JOBS (default 2) sets the build's parallelism; KEP_MIPS_TOOLS=OFF leaves out tools/ and
+# examples/ and with them the system test across processes.
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -106,7 +107,7 @@ fi
 # ---- the library and its tests ----
 step "configuring and building build-mips/"
 cmake -S "$root" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$toolchain" -DKEP_MIPS_PREFIX="$prefix" \
-    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKEP_BUILD_TOOLS="${KEP_MIPS_TOOLS:-OFF}" >/dev/null
+    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKEP_BUILD_TOOLS="${KEP_MIPS_TOOLS:-ON}" >/dev/null
 cmake --build "$build" -j"$jobs"
 
 step "tests under $(command -v qemu-mips || command -v qemu-mips-static)"
