@@ -106,6 +106,7 @@ PF_API const char *midNameGet(int mid) {
     switch (mid) {
         case 110: return "kepJson";
         case 111: return "kepHandle";
+        case 112: return "imi";
         default: return "unknown";
     }
 }

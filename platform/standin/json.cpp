@@ -70,12 +70,7 @@ int storeAtomically(const char *path, const char *text) {
 
 bool isType(json_object *v, json_type t) { return v && json_object_get_type(v) == t; }
 
-}  // namespace
-
-PF_API json_object *jsonObjectNewObject(void) { return json_object_new_object(); }
-PF_API json_object *jsonObjectNewArray(void) { return json_object_new_array(); }
-
-PF_API json_object *jsonObjectFromString(const char *text) {
+json_object *parseText(const char *text) {
     if (!text) return nullptr;
     size_t len = strlen(text);
     if (len >= INT_MAX) return nullptr;
@@ -94,6 +89,45 @@ PF_API json_object *jsonObjectFromString(const char *text) {
     json_tokener_free(tok);
     return obj;
 }
+
+// Resets store through jsonObjectToFileMem, and the start-up repair is a reset of a
+// file that does not parse: that file is kept beside the new one as "<path>.corrupt"
+// (one generation, a hard link to the old data) so that a field failure can be
+// analysed. A parse that failed for want of memory may keep a sound file too; the
+// copy is harmless.
+void keepUnparsable(const char *path) {
+    struct stat st;
+    if (!path || lstat(path, &st) != 0 || !S_ISREG(st.st_mode)) return;
+    json_object *old = jsonObjectFromFile(path);
+    if (old) {
+        json_object_put(old);
+        return;
+    }
+    char corrupt[PATH_MAX];
+    if (snprintf(corrupt, sizeof corrupt, "%s.corrupt", path) >= static_cast<int>(sizeof corrupt)) return;
+    unlink(corrupt);
+    link(path, corrupt);
+}
+
+// The text of obj, or null. json-c 0.16 ignores a failed append while it serialises
+// and may hand out a text with pieces missing when memory runs short; such a text
+// must never replace a configuration file, so it is read back and compared first.
+const char *verifiedText(json_object *obj, int flags, size_t *len) {
+    const char *text = json_object_to_json_string_length(obj, flags, len);
+    if (!text) return nullptr;
+    json_object *back = parseText(text);
+    bool same = back && json_object_equal(obj, back);
+    json_object_put(back);
+    return same ? text : nullptr;
+}
+
+}  // namespace
+
+PF_API json_object *jsonObjectNewObject(void) { return json_object_new_object(); }
+PF_API json_object *jsonObjectNewArray(void) { return json_object_new_array(); }
+
+PF_API json_object *jsonObjectFromString(const char *text) { return parseText(text); }
+
 
 PF_API json_object *jsonObjectFromFile(const char *path) {
     if (!path) return nullptr;
@@ -128,14 +162,16 @@ PF_API json_object *jsonObjectFromFile(const char *path) {
 
 PF_API int jsonObjectToFile(const char *path, json_object *obj) {
     if (!obj) return -1;
-    const char *text = json_object_to_json_string_ext(obj, JSON_C_TO_STRING_PLAIN);
+    size_t len = 0;
+    const char *text = verifiedText(obj, JSON_C_TO_STRING_PLAIN, &len);
     return text ? storeAtomically(path, text) : -1;
 }
 
 PF_API int jsonObjectToFileMem(const char *path, json_object *obj) {
     if (!obj) return -1;
+    keepUnparsable(path);
     size_t len = 0;
-    const char *text = json_object_to_json_string_length(obj, JSON_C_TO_STRING_PRETTY, &len);
+    const char *text = verifiedText(obj, JSON_C_TO_STRING_PRETTY, &len);
     if (!text) return -1;
     char *copy = strndup(text, len);
     if (!copy) return -1;

@@ -13,6 +13,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "kep_pf_debug.h"
 #include "kep_pf_rpc.h"
 #include "rpc_wire.h"
 
@@ -23,6 +24,7 @@ using namespace kep_pf;
 namespace {
 
 constexpr int kDefaultTimeoutMs = 5000;
+constexpr int kImiLogMid = 112;  // the stand-in RPC's own debug module ("imi")
 constexpr int kMaxHandlers = 64;
 
 // ---- handler registry ----
@@ -350,7 +352,13 @@ PF_API int qxImiGetTimeout(void) {
 PF_API int qxImiExecute(int pid, const char *cb, int, int, QxRpcPara *set) {
     if (pid < 0 || !validCb(cb) || !set || checkMembers(set, 0) != 0) return QXRPC_ERR_ARG;
     if (pid == getpid()) return callInProcess(cb, set);
-    return callRemote(pid, cb, set);
+    int rc = callRemote(pid, cb, set);
+    // A callee that is gone or silent is a field problem worth a trace of its own.
+    if ((rc == QXRPC_ERR_TIMEOUT || rc == QXRPC_ERR_NO_PEER || rc == QXRPC_ERR_IO) && debugFlagGet(kImiLogMid))
+        debugPrintf(kImiLogMid, "qxImiExecute: pid %d callback %s: %s (%d)\n", pid, cb,
+                    rc == QXRPC_ERR_TIMEOUT ? "time-out" : rc == QXRPC_ERR_NO_PEER ? "no peer" : "connection broken",
+                    rc);
+    return rc;
 }
 
 PF_API int qxImiListen(void) {
