@@ -183,6 +183,12 @@ int callRemote(int pid, const char *cb, QxRpcPara *set) {
     rc = connectTo(pid, deadline, &fd);
     if (rc == 0) rc = sendAll(fd, frame, len, deadline);
     free(frame);
+    // The callee needs a while to answer: wait before reading rather than after a
+    // read that would find nothing.
+    if (rc == 0) {
+        int w = waitFd(fd, POLLIN, deadline);
+        rc = w > 0 ? 0 : w == 0 ? QXRPC_ERR_TIMEOUT : QXRPC_ERR_IO;
+    }
     char *body = nullptr;
     if (rc == 0) rc = readFrame(fd, deadline, &body, &len);
     if (fd >= 0) close(fd);

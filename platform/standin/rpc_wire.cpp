@@ -262,17 +262,45 @@ int recvAll(int fd, char *data, size_t len, int64_t deadline) {
     return 0;
 }
 
+// Reads at least min and at most cap bytes; *got receives the count.
+int recvAtLeast(int fd, char *data, size_t cap, size_t min, int64_t deadline, size_t *got) {
+    size_t have = 0;
+    while (have < min) {
+        ssize_t n = recv(fd, data + have, cap - have, 0);
+        if (n > 0) {
+            have += static_cast<size_t>(n);
+            continue;
+        }
+        if (n == 0) return QXRPC_ERR_IO;
+        if (errno == EINTR) continue;
+        if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            int w = waitFd(fd, POLLIN, deadline);
+            if (w == 0) return QXRPC_ERR_TIMEOUT;
+            if (w < 0) return QXRPC_ERR_IO;
+            continue;
+        }
+        return QXRPC_ERR_IO;
+    }
+    *got = have;
+    return 0;
+}
+
 }  // namespace
 
 int readFrame(int fd, int64_t deadline, char **body, size_t *len) {
-    char header[kHeader];
-    int rc = recvAll(fd, header, sizeof header, deadline);
+    // A connection carries one frame each way, so the first read takes whatever has
+    // arrived: for most frames the header and the whole body, one call instead of two.
+    char first[4096];
+    size_t got = 0;
+    int rc = recvAtLeast(fd, first, sizeof first, kHeader, deadline, &got);
     if (rc) return rc;
-    uint32_t size = get32(header + 4);
-    if (get32(header) != kMagic || size == 0 || size > kMaxBody) return QXRPC_ERR_IO;
+    uint32_t size = get32(first + 4);
+    if (get32(first) != kMagic || size == 0 || size > kMaxBody) return QXRPC_ERR_IO;
     char *buf = static_cast<char *>(malloc(size));
     if (!buf) return QXRPC_ERR_NOMEM;
-    rc = recvAll(fd, buf, size, deadline);
+    size_t early = got - kHeader < size ? got - kHeader : size;  // bytes past the frame are dropped
+    memcpy(buf, first + kHeader, early);
+    rc = recvAll(fd, buf + early, size - early, deadline);
     if (rc) {
         free(buf);
         return rc;

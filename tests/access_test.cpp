@@ -1,0 +1,119 @@
+// Access control of the RPC: a process of another user can neither reach an owner's
+// socket through the stand-in nor, with the folder opened up, get a call served by
+// talking to the socket directly; the owner's own user is served.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <grp.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+
+#include "kep_pf_rpc.h"
+#include "owner_process.h"
+
+namespace {
+
+constexpr uid_t kNobody = 65534;
+
+// Runs fn in a child that has dropped to the nobody user; its exit status, or -1.
+template <typename Fn>
+int asNobody(Fn fn) {
+    pid_t pid = fork();
+    if (pid == 0) {
+        if (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0 || geteuid() != kNobody)
+            _exit(100);
+        _exit(fn());
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// A well-formed request frame for callback cb without members.
+std::string requestFrame(const std::string &cb) {
+    std::string body;
+    body += '\x01';
+    body += static_cast<char>(cb.size());
+    body += cb;
+    body += '\x00';
+    uint32_t header[2] = {htonl(0x4b494d31u), htonl(static_cast<uint32_t>(body.size()))};
+    return std::string(reinterpret_cast<const char *>(header), sizeof header) + body;
+}
+
+// Sends frame straight to the socket: 0 when the peer hung up without a reply, 1 when
+// it replied, 2 when the connection failed, 3 when nothing happened in time.
+int rawCall(const std::string &socketPath, const std::string &frame) {
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    snprintf(addr.sun_path, sizeof addr.sun_path, "%s", socketPath.c_str());
+    if (fd < 0 || connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) return 2;
+    int rc = 0;
+    if (send(fd, frame.data(), frame.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(frame.size())) {
+        pollfd p = {fd, POLLIN, 0};
+        char byte;
+        rc = poll(&p, 1, 3000) != 1 ? 3 : recv(fd, &byte, 1, 0) > 0 ? 1 : 0;
+    }
+    close(fd);
+    return rc;
+}
+
+class Access : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (geteuid() != 0) GTEST_SKIP() << "needs root to run a child as another user";
+    }
+    static int callOwner(pid_t owner, std::string *result = nullptr) {
+        QxRpcPara set;
+        qxrpcParaInit(&set);
+        int rc = qxImiExecute(static_cast<int>(owner), "whoCb", 0, 0, &set);
+        char *text = nullptr;
+        if (rc == 0 && result && qxrpcGetStringPtr(&set, "result", &text) == 0) *result = text;
+        qxrpcParaFree(&set);
+        return rc;
+    }
+};
+
+TEST_F(Access, AnotherUserIsRefusedWhileTheOwnersUserIsServed) {
+    kep_test::OwnerProcess owner({{"whoCb", kep_test::answer(0, "\"served\"")}});
+    ASSERT_TRUE(owner.ready());
+
+    std::string result;
+    ASSERT_EQ(callOwner(owner.pid(), &result), 0);
+    EXPECT_EQ(result, "\"served\"");
+
+    // Through the stand-in: the folder is closed to the other user, who does not even
+    // trust a folder it does not own.
+    EXPECT_EQ(asNobody([&] { return callOwner(owner.pid()) == QXRPC_ERR_NO_PEER ? 0 : 1; }), 0);
+
+    // Straight to the socket with the folder and the socket opened up: the owner
+    // checks the peer's credentials and hangs up without serving the call.
+    const std::string socket = kep_test::imiSocketPath(owner.pid());
+    const std::string dir = std::filesystem::path(socket).parent_path();
+    struct stat dirStat;
+    ASSERT_EQ(stat(dir.c_str(), &dirStat), 0);
+    ASSERT_EQ(chmod(dir.c_str(), 0711), 0);
+    ASSERT_EQ(chmod(socket.c_str(), 0777), 0);
+    const std::string frame = requestFrame("whoCb");
+    ASSERT_EQ(rawCall(socket, frame), 1);  // the frame is one the owner serves
+    owner.clearCalls();
+    int direct = asNobody([&] { return rawCall(socket, frame); });
+    chmod(dir.c_str(), dirStat.st_mode & 07777);
+    EXPECT_EQ(direct, 0);
+    EXPECT_TRUE(owner.calls().empty());
+
+    // The owner serves its own user as before.
+    result.clear();
+    EXPECT_EQ(callOwner(owner.pid(), &result), 0);
+    EXPECT_EQ(result, "\"served\"");
+}
+
+}  // namespace

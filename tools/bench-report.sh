@@ -1,0 +1,76 @@
+#!/bin/sh
+# Builds the benchmarks in Release (build-bench/), runs them with repetitions and
+# writes docs/BENCHMARKS.md: every figure, the machine, the reference measured in the
+# same run and the ratio against it. Prints each target with its ratio.
+#
+#   tools/bench-report.sh              full run (about 5 to 10 minutes)
+#   KEP_BENCH_REPS=3 tools/bench-report.sh     fewer repetitions
+#   KEP_BENCH_BUILD=DIR, KEP_BENCH_OUT=FILE    other build folder / report file
+#   KEP_MIPS_BUILD=DIR                 a MIPS build holding libkepHandle.so.0
+#                                      (default build-mips/, see tools/cross-mips.sh)
+# Needs: cmake, a C++ compiler, json-c, Google Benchmark (libbenchmark-dev), python3,
+# binutils; Mini-XML (libmxml-dev) for the XML reference.
+set -eu
+
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=${KEP_BENCH_BUILD:-$root/build-bench}
+out=${KEP_BENCH_OUT:-$root/docs/BENCHMARKS.md}
+reps=${KEP_BENCH_REPS:-5}
+mips=${KEP_MIPS_BUILD:-$root/build-mips}
+results=$build/bench-results
+
+command -v python3 >/dev/null || { echo "bench-report: python3 is needed to write the report" >&2; exit 1; }
+
+echo "== building (Release) in $build"
+cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DKEP_BUILD_TESTS=OFF -DKEP_BUILD_BENCH=ON >/dev/null
+[ -d "$build/bench" ] || {
+    echo "bench-report: the benchmarks were not configured (is Google Benchmark installed?)" >&2
+    exit 1
+}
+cmake --build "$build" -j2 --target kepHandle kepd kep_bench_e2e kep_bench_scale kep_bench_xml kep_bench_heap >/dev/null
+
+rm -rf "$results"
+mkdir -p "$results"
+{
+    echo "date=$(date -u '+%Y-%m-%d %H:%M UTC')"
+    echo "nproc=$(nproc)"
+    echo "cpu=$(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -n 1)"
+    echo "kernel=$(uname -sr)"
+    echo "compiler=$(${CXX:-c++} --version 2>/dev/null | head -n 1)"
+    echo "load_before=$(cut -d' ' -f1-3 /proc/loadavg)"
+    echo "reps=$reps"
+} >"$results/machine.txt"
+
+run() {
+    name=$1
+    shift
+    echo "== $name"
+    "$build/bench/kep_bench_$name" --benchmark_repetitions="$reps" --benchmark_report_aggregates_only=true \
+        --benchmark_out="$results/$name.json" --benchmark_out_format=json "$@" >/dev/null
+}
+run e2e --benchmark_min_time=0.5
+run scale --benchmark_min_time=0.3
+run xml --benchmark_min_time=0.3
+
+echo "== footprint"
+"$build/bench/kep_bench_heap" >"$results/heap.json"
+footprint() {
+    arch=$1 lib=$2 strip=$3 size=$4 readelf=$5
+    [ -f "$lib" ] || return 0
+    tmp=$results/libkepHandle.$arch.stripped
+    "$strip" --strip-all -o "$tmp" "$lib"
+    bytes=$(wc -c <"$tmp")
+    set -- $("$size" -B "$tmp" | tail -n 1)
+    needed=$("$readelf" -d "$tmp" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | tr '\n' ' ')
+    echo "$arch $bytes $1 $2 $3 $needed" >>"$results/footprint.txt"
+}
+: >"$results/footprint.txt"
+footprint x86-64 "$build/libkepHandle.so.0" strip size readelf
+if [ -f "$mips/libkepHandle.so.0" ] && command -v mips-linux-gnu-strip >/dev/null; then
+    footprint mips "$mips/libkepHandle.so.0" mips-linux-gnu-strip mips-linux-gnu-size mips-linux-gnu-readelf
+fi
+echo "load_after=$(cut -d' ' -f1-3 /proc/loadavg)" >>"$results/machine.txt"
+
+mkdir -p "$(dirname "$out")"
+python3 "$root/tools/bench-report.py" "$results" "$root/bench/NOTES.md" "$out"
+echo "== wrote $out"
