@@ -28,7 +28,7 @@ struct Rec {
 inline Rec makeRec(const char *text, int32_t value) {
     Rec r;
     memset(&r, 0, sizeof r);
-    snprintf(r.text, sizeof r.text, "%s", text);
+    memcpy(r.text, text, strnlen(text, sizeof r.text - 1));  // cut to fit; the zeroing ends it
     r.value = value;
     return r;
 }
