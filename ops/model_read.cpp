@@ -2,6 +2,7 @@
 #include <string.h>
 
 #include "api.h"
+#include "config/config_internal.h"
 #include "guard.h"
 #include "kep_model.h"
 #include "log.h"
@@ -77,7 +78,7 @@ KEP_API int modelReadFromReqObj(const char *path, json_object *request, void *bu
     json_object *wanted = requestSection(request, split.module, split.section);
     if (!wanted) return -1;
 
-    JsonPtr config(jsonObjectFromFile(module->configFile));
+    JsonPtr config(kep::loadModuleDocument(*module));
     json_object *stored = jsonObjectObjectGet(jsonObjectObjectGet(config.get(), table->name), split.section);
     if (!stored) return -1;
     JsonPtr merged(jsonObjectNewObject());

@@ -288,6 +288,7 @@ protected:
             total += f.points;
         }
         printf("SWEEP TOTAL %zu scenarios, %ld injection points\n", gFigures.size(), total);
+        fflush(stdout);
     }
     void SetUp() override {
         char tmpl[] = "/tmp/kaXXXXXX";

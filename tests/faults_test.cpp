@@ -36,8 +36,13 @@ using kep_test::writeText;
 
 namespace {
 
-// How many times an owner is killed in the middle of a request and restarted.
-constexpr int kKillIterations = 25;
+// How many times an owner is killed in the middle of a request and restarted;
+// KEP_KILL_ITERATIONS lowers it for slow runs (valgrind).
+int killIterations() {
+    const char *env = getenv("KEP_KILL_ITERATIONS");
+    int n = env ? atoi(env) : 0;
+    return n > 0 ? n : 25;
+}
 
 std::string handle(const std::string &request) {
     char *out = nullptr;
@@ -80,8 +85,9 @@ TEST_F(OwnerFaults, OwnerKilledInTheMiddleOfARequestThenRestarted) {
     const std::string set = R"({"method":"set","m":{"host_1":{"ip":"x"}}})";
     const std::string get = R"({"method":"get","m":{"table":"host"}})";
     const std::string rows = R"({"m":{"count":{"host":1},"host":[{"host_1":{"ip":"a"}}]},"error_code":0})";
-    long slowest = 0;
-    for (int i = 0; i < kKillIterations; i++) {
+    long slowest = 0;  // from the kill to the answer
+    const int iterations = killIterations();
+    for (int i = 0; i < iterations; i++) {
         auto owner = std::make_unique<OwnerProcess>(kep_test::OwnerHandlers{
             {"hostSet", kep_test::hang()}, {"hostGet", answer(0, R"([{"host_1":{"ip":"a"}}])")}});
         serve(*owner);
@@ -90,9 +96,10 @@ TEST_F(OwnerFaults, OwnerKilledInTheMiddleOfARequestThenRestarted) {
         // Killed once the call has arrived and the handler holds it.
         while (owner->calls().empty() && msSince(t0) < timeoutMs) std::this_thread::sleep_for(std::chrono::milliseconds(1));
         ASSERT_FALSE(owner->calls().empty()) << "iteration " << i;
+        Clock::time_point killed = Clock::now();
         owner->kill();
         const std::string reply = pending.get();
-        slowest = std::max(slowest, msSince(t0));
+        slowest = std::max(slowest, msSince(killed));
         EXPECT_EQ(reply, R"({"error_code":-20007})") << "iteration " << i;
         // The stale socket of the dead owner is refused, not waited on.
         EXPECT_EQ(handle(get), R"({"error_code":-10000})") << "iteration " << i;
@@ -104,8 +111,9 @@ TEST_F(OwnerFaults, OwnerKilledInTheMiddleOfARequestThenRestarted) {
         EXPECT_EQ(handle(set), R"({"error_code":0})") << "iteration " << i;
     }
     EXPECT_LT(slowest, timeoutMs);
-    printf("FAULTS owner killed mid-request and restarted: %d iterations, slowest answer %ld ms\n", kKillIterations,
-           slowest);
+    printf("FAULTS owner killed mid-request and restarted: %d iterations, slowest answer %ld ms after the kill\n",
+           iterations, slowest);
+    fflush(stdout);  // not again from the forked owners
 }
 
 // A silent owner costs one time-out and a debug line naming its pid and callback.
@@ -119,7 +127,7 @@ TEST_F(OwnerFaults, OwnerThatNeverAnswersTimesOutAndIsLogged) {
     EXPECT_EQ(handle(R"({"method":"set","m":{"host_1":{}}})"), R"({"error_code":-20006})");
     long took = msSince(t0);
     EXPECT_GE(took, 600);
-    EXPECT_LT(took, 2000);
+    EXPECT_LT(took, 5000);  // bounded by the time-outs, with room for a slow machine
     const std::string pid = std::to_string(owner.pid());
     EXPECT_TRUE(log.contains("qxImiExecute: pid " + pid + " callback hostGet: time-out (-20006)\n"));
     EXPECT_TRUE(log.contains("qxImiExecute: pid " + pid + " callback hostSet: time-out (-20006)\n"));

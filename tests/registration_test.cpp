@@ -17,9 +17,6 @@ int gInitCalls;
 int countingInit() {
     return ++gInitCalls;
 }
-void *noMemory(size_t, size_t) {
-    return nullptr;
-}
 
 OprInterface opr(int pid, const char *cb) {
     OprInterface o{};
@@ -211,19 +208,6 @@ TEST_F(RegistrationTest, VerifyAndNotifyFailures) {
     EXPECT_EQ(registerVerNotify("/m/t", 1, "v", -1), -1);
     EXPECT_EQ(unRegisterVerNotify("/m", 1, "v", 1), -1);
     EXPECT_TRUE(log.messages().empty());
-}
-
-TEST_F(RegistrationTest, ExhaustedMemoryLeavesTreeAsItWas) {
-    ASSERT_EQ(registerMethodCb("/m/t", KEP_METHOD_GET, "old", 1), 0);
-    kep::treeCalloc = noMemory;
-    EXPECT_EQ(registerMethodCb("/m/t", KEP_METHOD_GET, "new", 2), -1);
-    EXPECT_EQ(registerMethodCb("/m/t/t_1", KEP_METHOD_GET, "new", 2), -1);
-    EXPECT_EQ(registerVerNotify("/m/p/s", KEP_SELECT_NOTIFY, "n", 2), -1);
-    EXPECT_EQ(registerAction("m", "act", "cb", 2), -1);
-    kep::treeCalloc = calloc;
-    EXPECT_STREQ(t->methodCb[3]->cb, "old");
-    EXPECT_EQ(t->optionPublic, 1);
-    EXPECT_EQ(lstCount(&ps->notList) + lstCount(&m->actions), 1);
 }
 
 }  // namespace

@@ -2,7 +2,8 @@
 # Developer entry point: sets up a fresh Debian machine and builds, demos or tests.
 #   tools/dev.sh deps    install the Debian packages the build and tests need
 #   tools/dev.sh demo    deps + build + run the demo
-#   tools/dev.sh test    deps + plain build and tests, ASan+UBSan build and tests,
+#   tools/dev.sh test    deps + plain build and tests, the unit tests under valgrind,
+#                        ASan+UBSan build and tests,
 #                        ThreadSanitizer run of the threaded tests, MIPS build and tests under
 #                        qemu (tools/cross-mips.sh), short fuzz runs
 # FUZZ_SECONDS (default 60) sets each fuzz target's run; 0 skips fuzzing. KEP_MIPS=0 skips MIPS.
@@ -48,6 +49,8 @@ test_all() {
     echo "== plain build"
     build build
     run_ctest build
+    echo "== valgrind memcheck (unit-test executables)"
+    "$root/tools/valgrind-tests.sh" build
     echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
     build build-asan -DKEP_SANITIZE=address,undefined -DKEP_BUILD_TOOLS=OFF
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 run_ctest build-asan -E '^abi\.'

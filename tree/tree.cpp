@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "config/config_internal.h"
 #include "platform/api.h"
 #include "platform/guard.h"
 #include "platform/log.h"
@@ -240,11 +241,11 @@ KEP_API int deletePluginTable(const char *moduleName, const char *tableName) {
     if (!module) return -1;
     DataTable *table = getDataTable(module, tableName);
     if (!table || table->isDynamic == 1) return -1;
-    JsonPtr config(jsonObjectFromFile(module->configFile));
+    JsonPtr config(kep::loadModuleDocument(*module));
     if (!config) return -1;
     if (jsonObjectObjectGet(config.get(), table->name)) {
         jsonObjectObjectDel(config.get(), table->name);
-        jsonObjectToFile(module->configFile, config.get());
+        kep::storeModuleDocument(module->configFile, config.get(), kep::StoreKind::Write);
     }
     config.reset();
     if (table->optionPublic == 1) delDataTable(table);

@@ -4,7 +4,6 @@
 #include <arpa/inet.h>
 #include <ctype.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -126,25 +125,6 @@ int ownerAnswerJson(QxRpcPara *set, int code, json_object *result) {
     ownerAnswer(set, code, result ? json_object_to_json_string_ext(result, JSON_C_TO_STRING_PLAIN) : NULL);
     json_object_put(result);
     return 0;
-}
-
-int ownerLoadModel(const char *file) {
-    int fd = open(file, O_RDONLY | O_CLOEXEC);
-    XmlNode **doc;
-    int rc;
-    if (fd < 0) {
-        fprintf(stderr, "cannot open %s: %s\n", file, strerror(errno));
-        return -1;
-    }
-    doc = fdXmlParse(fd, 1);
-    close(fd);
-    if (!doc) {
-        fprintf(stderr, "%s is not a usable model description\n", file);
-        return -1;
-    }
-    rc = registerDataModel(*doc);
-    mxmlTreeDelete(doc);
-    return rc;
 }
 
 int ownerRegisterAll(const OwnerRegistration *regs, int n, int waitMs) {

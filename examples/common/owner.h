@@ -47,12 +47,6 @@ json_object *ownerJsonMember(QxRpcPara *set, const char *name);
 int ownerAnswer(QxRpcPara *set, int code, const char *result);
 int ownerAnswerJson(QxRpcPara *set, int code, json_object *result);  /* releases result */
 
-/*
- * Start-up shared by the owners: merges the module's model description into this
- * process's own tree (it holds only this owner's modules), so that the library can
- * convert and store this module's records.
- */
-int ownerLoadModel(const char *file);
 /* Waits for the host, then sends the registrations; 0 or the first failure. */
 typedef struct OwnerRegistration { const char *op; const char *path; int index; const char *cb; } OwnerRegistration;
 int ownerRegisterAll(const OwnerRegistration *regs, int n, int waitMs);

@@ -317,7 +317,9 @@ int main(int argc, char **argv) {
         puts("usage: dhcpd MODEL.xml   (the dhcp module's model description)");
         return 0;
     }
-    if (ownerLoadModel(model) != 0) return 1;
+    /* This process's tree holds only this owner's module, so that loading and resetting
+     * configuration here touches this module's file alone. */
+    if (kepMergeModelFile(model) != 0) return 1;
 
     memset(&host, 0, sizeof host);
     host.resetConfig.config = hostDefaults;

@@ -12,6 +12,7 @@
 #include <json-c/json.h>
 
 #include "kepHandle.h"
+#include "kep_host.h"
 #include "owner.h"
 
 typedef struct TimeNtp {
@@ -125,7 +126,9 @@ int main(int argc, char **argv) {
         puts("usage: sysd MODEL.xml   (the system module's model description)");
         return 0;
     }
-    if (ownerLoadModel(model) != 0) return 1;
+    /* This process's tree holds only this owner's module, so that loading and resetting
+     * configuration here touches this module's file alone. */
+    if (kepMergeModelFile(model) != 0) return 1;
     memset(&opr, 0, sizeof opr);
     opr.resetConfig.config = defaults;
     opr.binToJson.config = toJson;

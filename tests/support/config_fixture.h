@@ -28,7 +28,8 @@ struct Rec {
 inline Rec makeRec(const char *text, int32_t value) {
     Rec r;
     memset(&r, 0, sizeof r);
-    memcpy(r.text, text, strnlen(text, sizeof r.text - 1));  // cut to fit; the zeroing ends it
+    // Longer texts are cut on purpose: the record's field is fixed.
+    memcpy(r.text, text, strnlen(text, sizeof r.text - 1));
     r.value = value;
     return r;
 }

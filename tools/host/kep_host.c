@@ -3,6 +3,7 @@
 #include "kep_host.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -11,6 +12,7 @@
 #include <unistd.h>
 
 #include "kep_pf_rpc.h"
+#include "kep_xml.h"
 
 const char *kepHostPidFile(void) {
     static char path[256];
@@ -107,4 +109,24 @@ int kepHostWait(int ms) {
         nanosleep(&step, NULL);
     }
     return -1;
+}
+
+int kepMergeModelFile(const char *file) {
+    int fd = open(file, O_RDONLY | O_CLOEXEC);
+    XmlNode **doc;
+    int rc;
+    if (fd < 0) {
+        fprintf(stderr, "cannot open %s: %s\n", file, strerror(errno));
+        return -1;
+    }
+    doc = fdXmlParse(fd, 1);
+    close(fd);
+    if (!doc) {
+        fprintf(stderr, "%s is not a usable model description\n", file);
+        return -1;
+    }
+    rc = registerDataModel(*doc);
+    mxmlTreeDelete(doc);
+    if (rc != 0) fprintf(stderr, "merging %s into the tree failed\n", file);
+    return rc;
 }

@@ -33,6 +33,9 @@ int kepHostRegister(const char *op, const char *path, int index, const char *cb)
 int kepHostNotify(const char *path);
 /* Calls a host handler without inputs and returns its "result" text, malloc'd, in *text. */
 int kepHostFetch(const char *handler, char **text);
+/* Parses a model description file and merges it into this process's tree; 0 or -1
+ * (with the reason on standard error). */
+int kepMergeModelFile(const char *file);
 /* Waits up to ms milliseconds for the host to answer; 0 when it does, -1 otherwise. */
 int kepHostWait(int ms);
 

@@ -8,7 +8,6 @@
  */
 #define _POSIX_C_SOURCE 200809L
 #include <errno.h>
-#include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -35,26 +34,6 @@ static void usage(FILE *out) {
             "  -m FILE   merge this model description (repeatable)\n"
             "  -p FILE   pid file (default $KEPD_PIDFILE or /tmp/kepd-<uid>.pid)\n"
             "  Debug log: KEP_DEBUG=all (or a list of module ids, e.g. 111).\n");
-}
-
-static int mergeModel(const char *file) {
-    int fd = open(file, O_RDONLY | O_CLOEXEC);
-    XmlNode **doc;
-    int rc;
-    if (fd < 0) {
-        fprintf(stderr, "kepd: cannot open %s: %s\n", file, strerror(errno));
-        return -1;
-    }
-    doc = fdXmlParse(fd, 1);
-    close(fd);
-    if (!doc) {
-        fprintf(stderr, "kepd: %s is not a usable model description\n", file);
-        return -1;
-    }
-    rc = registerDataModel(*doc);
-    mxmlTreeDelete(doc);
-    if (rc != 0) fprintf(stderr, "kepd: merging %s failed\n", file);
-    return rc;
 }
 
 static int writePidFile(const char *path) {
@@ -347,7 +326,7 @@ int main(int argc, char **argv) {
     }
     if (dataModuleInit() != 0) fprintf(stderr, "kepd: no built-in model description, using -m files only\n");
     for (optind = 1; (opt = getopt(argc, argv, "m:p:h")) != -1;) {
-        if (opt == 'm' && mergeModel(optarg) != 0) return 1;
+        if (opt == 'm' && kepMergeModelFile(optarg) != 0) return 1;
     }
     if (systemLoadConfigFile() != 0) fprintf(stderr, "kepd: loading the configuration files failed\n");
 

@@ -1,0 +1,116 @@
+#!/usr/bin/env bash
+# Regenerates docs/ROBUSTNESS.md from a fresh run of the robustness tests.
+#   tools/robustness-report.sh [BUILD_DIR]        (default: build; built when missing)
+# VALGRIND=1 also runs tools/valgrind-tests.sh and records its outcome.
+set -euo pipefail
+
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=${1:-build}
+case "$build" in /*) ;; *) build="$root/$build" ;; esac
+out="$root/docs/ROBUSTNESS.md"
+
+if [ ! -x "$build/tests/alloc_sweep_test" ] || [ ! -x "$build/tests/faults_test" ]; then
+    cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+    cmake --build "$build" -j"${JOBS:-2}" --target alloc_sweep_test faults_test access_test
+fi
+export KEP_IMI_DIR="$build/tests/imi-run"
+
+sweep=$("$build/tests/alloc_sweep_test" --gtest_brief=1)
+faults=$("$build/tests/faults_test" --gtest_brief=1)
+access=$("$build/tests/access_test" 2>&1 || true)
+for run in "$sweep" "$faults"; do
+    grep -q 'PASSED' <<<"$run" || { echo "$run"; echo "a robustness test failed: no report" >&2; exit 1; }
+done
+
+total=$(grep '^SWEEP TOTAL' <<<"$sweep" | sed 's/^SWEEP TOTAL //')
+rows=$(grep '^SWEEP ' <<<"$sweep" | grep -v '^SWEEP TOTAL' |
+    sed -E 's/^SWEEP (.*[^ ]) +([0-9]+) injection points, +([0-9]+) answered an error, +([0-9]+) json-c calls deferred$/| \1 | \2 | \3 | \4 |/')
+kills=$(grep '^FAULTS owner killed' <<<"$faults" | head -1 | sed 's/^FAULTS //')
+if grep -q 'SKIPPED' <<<"$access"; then
+    access_line="skipped (not run as root)"
+elif grep -q 'PASSED' <<<"$access"; then
+    access_line="passed"
+else
+    access_line="FAILED"
+fi
+valgrind_line="not run here (VALGRIND=1 runs it; CI runs it in tools/dev.sh test)"
+if [ "${VALGRIND:-0}" = 1 ]; then
+    if "$root/tools/valgrind-tests.sh" "$build" >/dev/null 2>&1; then
+        valgrind_line="clean (no invalid access, no definite or indirect leak)"
+    else
+        valgrind_line="FAILED (run tools/valgrind-tests.sh for the report)"
+    fi
+fi
+
+mkdir -p "$root/docs"
+cat >"$out" <<EOF
+# Robustness
+
+What the test suite proves about failures, and the figures of the last run. This file
+is written by \`tools/robustness-report.sh\`; do not edit it by hand.
+
+Run on $(date -u +%Y-%m-%d) with $(json_c=$(pkg-config --modversion json-c 2>/dev/null || echo '?'); echo "json-c $json_c").
+
+## Allocation-failure sweep (\`tests/alloc_sweep_test.cpp\`)
+
+Each scenario runs with its 1st, 2nd, … k-th allocation failing until a run injects no
+failure. The test executable replaces malloc, calloc, realloc and free
+(\`tests/support/alloc_fault.cpp\`), so the library's allocations, the XML pools, the
+platform stand-in's and json-c's are all counted. At every k the run must: not crash;
+give success or the documented error of that operation; leak no block allocated during
+the run; leave the tree unchanged (or as the documented failure leaves it) and every
+configuration file either as it was or as the successful run writes it, with no
+temporary file left behind.
+
+Total: **$total**.
+
+| scenario | injection points | answered an error | json-c calls deferred |
+|---|---|---|---|
+$rows
+
+"Injection points" are the runs in which an allocation failed; the others of those runs
+still succeeded (a failure the operation may tolerate, such as a log text). json-c 0.16
+does not survive every failed allocation: its parser uses a failed copy of a member name
+unchecked and drops a member whose insert fails, and its serialiser ignores failed
+appends. Allocations made inside the parser, and inside the serialiser unless a file
+store called it, are therefore never failed; the sweep fails the next allocation
+instead ("deferred", summed over all runs). The stand-in's file stores read their
+serialised text back and refuse a store whose text does not match the document, so a
+text damaged by json-c never replaces a configuration file.
+
+The sweep replaces the allocator, which AddressSanitizer and valgrind own themselves:
+it is left out of the sanitizer builds and of the valgrind run, and checks its own leaks.
+
+## Faults of the world (\`tests/faults_test.cpp\`)
+
+- Owner killed in the middle of a request, then restarted: $kills. Every killed call
+  answers -20007 at once (well within the 3 s RPC time-out), a call to the dead owner's
+  stale socket is refused, and the restarted owner is served.
+- Owner that never answers: each call costs one time-out (-20006); the stand-in logs the
+  peer's pid and callback name (debug module 112, "imi"), and "no peer" once it is dead.
+- Full disk (a file size limit in a child): writes, resets and the factory reset are
+  refused, the old file stays byte for byte, no temporary file is left.
+- Configuration folder that disappears: reads and writes fail, the start-up load
+  reports -1, nothing crashes; when the folder returns every stored value is there.
+- Start-up repair of a file that does not parse: the file is kept as \`<name>.corrupt\`
+  (one generation); a factory reset of a sound file keeps nothing.
+- Model description replaced, broken or removed while running: no effect on the tree
+  until it is read again; a broken re-read changes nothing.
+- Host killed during configuration writes: \`tests/config_crash_test.cpp\`.
+
+## Access control (\`tests/access_test.cpp\`)
+
+As root, a forked child drops to uid 65534: the stand-in refuses its call (the socket
+folder is closed to it), and with the folder opened up a hand-made request straight to
+the owner's socket is hung up on without being served; the owner's own user is served.
+Last run: $access_line.
+
+## Memory hygiene
+
+\`tools/valgrind-tests.sh\` runs every unit-test executable under valgrind memcheck
+(forked owners included) and fails on any invalid access or definite/indirect leak;
+\`tools/dev.sh test\` runs it after the plain build. Left out: the allocation sweep and
+the other helpers' out-of-memory cases (they replace the allocator) and the system demo
+(its processes are covered by the unit tests). Last run: $valgrind_line.
+EOF
+echo "wrote $out"
