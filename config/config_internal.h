@@ -3,6 +3,7 @@
 #pragma once
 
 #include "kep_config.h"
+#include "tree/tree_internal.h"
 
 namespace kep {
 
@@ -28,16 +29,7 @@ json_object *findListElement(json_object *array, const char *name);
 int modelConfListSecWrite(const char *name, DataModule *module, DataTable *table, const void *record,
                           int size);
 
-// Walks the intrusive lists of the tree, whose nodes all begin with their LstNode.
 namespace cfg {
-template <typename T>
-inline T *first(LstList &list) {
-    return reinterpret_cast<T *>(lstFirst(&list));
-}
-template <typename T>
-inline T *next(T *node) {
-    return reinterpret_cast<T *>(lstNext(&node->link));
-}
 inline bool isListTable(const DataTable &table) {
     return table.optionPublic == 1;
 }

@@ -24,8 +24,8 @@ constexpr int kBindMarkOffset = kBindSize - static_cast<int>(sizeof(int32_t));
 int resetNamedSections(DataTable &table, json_object **value) {
     JsonPtr object(jsonObjectNewObject());
     if (!object) return -1;
-    for (DataSection *section = cfg::first<DataSection>(table.sections); section;
-         section = cfg::next(section)) {
+    for (DataSection *section = firstOf<DataSection>(table.sections); section;
+         section = nextOf(section)) {
         ResetConfigFn reset = section->opr.resetConfig.config;
         if (!reset) continue;
         JsonPtr produced;
@@ -62,8 +62,8 @@ KEP_API int tableResetConfig(DataTable *table, json_object **value) {
     }
     if (cfg::isDynamicTable(*table)) {
         // The owner resets its own state; there is nothing to store.
-        for (DataSection *section = cfg::first<DataSection>(table->sections); section;
-             section = cfg::next(section)) {
+        for (DataSection *section = firstOf<DataSection>(table->sections); section;
+             section = nextOf(section)) {
             if (section->opr.resetConfig.dynamic) section->opr.resetConfig.dynamic(section->name);
         }
         return 0;
@@ -76,7 +76,7 @@ KEP_API int modelResetConfigFile(DataModule *module) {
     KEP_LOG("Module [%s] reset config data to file [%s].\r\n", module->name, module->configFile);
     JsonPtr doc(jsonObjectNewObject());
     if (!doc) return -1;
-    for (DataTable *table = cfg::first<DataTable>(module->tables); table; table = cfg::next(table)) {
+    for (DataTable *table = firstOf<DataTable>(module->tables); table; table = nextOf(table)) {
         JsonPtr value;
         if (tableResetConfig(table, value.out()) != 0) return -1;
         if (value && jsonObjectObjectAdd(doc.get(), table->name, value.release()) != 0) return -1;
@@ -88,7 +88,7 @@ KEP_API int modelResetConfigFile(DataModule *module) {
 
 KEP_API int systemLoadConfigFile(void) {
     if (!getModulerRoot()) return -1;
-    for (DataModule *module = getModulerRoot(); module; module = cfg::next(module)) {
+    for (DataModule *module = getModulerRoot(); module; module = nextOf(module)) {
         if (module->configFile[0] == '\0') continue;
         JsonPtr doc(loadModuleDocument(*module));
         if (!doc) {
@@ -100,7 +100,7 @@ KEP_API int systemLoadConfigFile(void) {
                 return -1;
             }
         }
-        for (DataTable *table = cfg::first<DataTable>(module->tables); table; table = cfg::next(table)) {
+        for (DataTable *table = firstOf<DataTable>(module->tables); table; table = nextOf(table)) {
             json_object *stored = jsonObjectObjectGet(doc.get(), table->name);
             if (stored && cfg::isListTable(*table)) loadTableListConfig(table, stored);
         }
@@ -116,7 +116,7 @@ KEP_API int systemResetConfigFile(void) {
     const int32_t mark = 1;
     memcpy(bind + kBindMarkOffset, &mark, sizeof mark);
     if (!getModulerRoot()) return -1;
-    for (DataModule *module = getModulerRoot(); module; module = cfg::next(module))
+    for (DataModule *module = getModulerRoot(); module; module = nextOf(module))
         modelResetConfigFile(module);
     modelWrite(kBindPath, bind, kBindSize);
     return 0;

@@ -5,10 +5,8 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <atomic>
 #include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "json_text.h"
@@ -46,7 +44,7 @@ int okWithoutObject(json_object *request, json_object **) {
     return 0;
 }
 
-// Echoes the request's "id" member, so concurrent callers can tell their answers apart.
+// Echoes the request's "id" member.
 int echoId(json_object *request, json_object **response) {
     json_object *obj = json_object_new_object();
     json_object_object_add(obj, "data", json_object_new_string("rows"));
@@ -337,28 +335,6 @@ TEST_F(Request, ErrorText) {
     free(text);
     EXPECT_EQ(makeErrorRspObj(0, nullptr), -1);
     EXPECT_EQ(filterDispatch(), 0);
-}
-
-TEST_F(Request, ConcurrentCallersKeepTheirOwnAnswers) {
-    install(kGet, echoId);
-    install(kSet, echoId);
-    std::atomic<int> wrong{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; t++) {
-        threads.emplace_back([t, &wrong] {
-            for (int i = 0; i < 100; i++) {
-                int id = t * 1000 + i;
-                const char *method = (i + t) % 3 == 0 ? "set" : (i % 3 == 1 ? "get" : "nope");
-                std::string req = "{\"method\":\"" + std::string(method) + "\",\"id\":" + std::to_string(id) + "}";
-                std::string want = strcmp(method, "nope") == 0
-                                       ? "{\"error_code\":-7000}"
-                                       : "{\"data\":\"rows\",\"id\":" + std::to_string(id) + ",\"error_code\":0}";
-                if (handle(req.c_str()).text != want) wrong++;
-            }
-        });
-    }
-    for (std::thread &th : threads) th.join();
-    EXPECT_EQ(wrong.load(), 0);
 }
 
 }  // namespace

@@ -8,11 +8,6 @@
 
 namespace kep {
 
-template <typename T>
-inline T *nodeAs(LstNode *node) {
-    return reinterpret_cast<T *>(node);  // every tree record begins with its link
-}
-
 // Callback names keep at most 64 characters of the caller's text, so the 68-byte
 // fields always stay terminated.
 constexpr unsigned kCallbackNameSize = 65;

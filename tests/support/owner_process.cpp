@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/prctl.h>
@@ -14,63 +13,29 @@
 #include <json-c/json.h>
 
 #include <chrono>
-#include <memory>
 #include <thread>
 
 namespace kep_test {
 namespace {
 
-// ---- the call record: [u32 size][payload] per call, appended by the child ----
-
-void putU32(std::string &out, uint32_t v) { out.append(reinterpret_cast<const char *>(&v), 4); }
-
-void putStr(std::string &out, const std::string &s) {
-    putU32(out, static_cast<uint32_t>(s.size()));
-    out += s;
-}
-
-struct Cursor {
-    const std::string &s;
-    size_t pos = 0;
-    bool ok = true;
-    uint32_t u32() {
-        uint32_t v = 0;
-        if (pos + 4 > s.size()) return ok = false, 0;
-        memcpy(&v, s.data() + pos, 4);
-        pos += 4;
-        return v;
-    }
-    std::string str() {
-        uint32_t n = u32();
-        if (!ok || pos + n > s.size()) return ok = false, std::string();
-        std::string out = s.substr(pos, n);
-        pos += n;
-        return out;
-    }
-};
-
+// Appends the call as one line: {"cb": name, "m": [[name, isString, value, text], ...]}.
 void writeRecord(int fd, const std::string &cb, const QxRpcPara *set) {
-    std::string payload;
-    putStr(payload, cb);
-    putU32(payload, static_cast<uint32_t>(set->count));
+    json_object *rec = json_object_new_object(), *members = json_object_new_array();
+    json_object_object_add(rec, "cb", json_object_new_string(cb.c_str()));
     for (int i = 0; i < set->count; i++) {
         const QxRpcMember &m = set->member[i];
-        putStr(payload, m.name);
-        putU32(payload, m.isString ? 1 : 0);
-        putU32(payload, static_cast<uint32_t>(m.value));
-        putStr(payload, m.isString && m.text ? m.text : "");
+        json_object *one = json_object_new_array();
+        json_object_array_add(one, json_object_new_string(m.name));
+        json_object_array_add(one, json_object_new_boolean(m.isString));
+        json_object_array_add(one, json_object_new_int(m.value));
+        json_object_array_add(one, json_object_new_string(m.isString && m.text ? m.text : ""));
+        json_object_array_add(members, one);
     }
-    std::string record;
-    putStr(record, payload);
-    const char *p = record.data();
-    size_t left = record.size();
-    while (left > 0) {
-        ssize_t n = write(fd, p, left);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return;
-        p += n;
-        left -= static_cast<size_t>(n);
-    }
+    json_object_object_add(rec, "m", members);
+    std::string line = json_object_to_json_string_ext(rec, JSON_C_TO_STRING_PLAIN) + std::string("\n");
+    json_object_put(rec);
+    // One write on an O_APPEND file: records of concurrent calls do not interleave.
+    if (write(fd, line.data(), line.size()) != static_cast<ssize_t>(line.size())) _exit(3);
 }
 
 // What the child's trampoline needs per handler.
@@ -83,11 +48,7 @@ struct ChildHandler {
 int trampoline(QxRpcPara *set, void *user) {
     auto *h = static_cast<ChildHandler *>(user);
     writeRecord(h->recordFd, h->name, set);
-    try {
-        return h->fn ? h->fn(set) : 0;
-    } catch (...) {
-        return -1;
-    }
+    return h->fn ? h->fn(set) : 0;
 }
 
 char gChildSocket[256];
@@ -134,16 +95,6 @@ OwnerHandler hang() {
     };
 }
 
-OwnerHandler sequence(std::vector<OwnerHandler> steps) {
-    auto state = std::make_shared<std::pair<size_t, std::vector<OwnerHandler>>>(0, std::move(steps));
-    return [state](QxRpcPara *set) {
-        auto &[next, list] = *state;
-        if (list.empty()) return 0;
-        size_t i = next < list.size() ? next++ : list.size() - 1;
-        return list[i](set);
-    };
-}
-
 std::vector<std::string> RecordedCall::names() const {
     std::vector<std::string> out;
     for (const RecordedMember &m : members) out.push_back(m.name);
@@ -184,12 +135,14 @@ OwnerProcess::OwnerProcess(OwnerHandlers handlers, OwnerOptions options) : handl
         runChild(pipeFds[1], options);
     }
     close(pipeFds[1]);
-    if (pid_ < 0) {
-        close(pipeFds[0]);
-        return;
-    }
-    readyFd_ = pipeFds[0];
-    waitReady(options.readyTimeoutMs);
+    struct pollfd p = {pipeFds[0], POLLIN, 0};
+    int n;
+    do {
+        n = pid_ > 0 ? poll(&p, 1, 5000) : 0;
+    } while (n < 0 && errno == EINTR);
+    char state = 0;
+    ready_ = n > 0 && read(pipeFds[0], &state, 1) == 1 && state == 'R';
+    close(pipeFds[0]);
 }
 
 void OwnerProcess::runChild(int readyFd, const OwnerOptions &options) {
@@ -209,28 +162,12 @@ void OwnerProcess::runChild(int readyFd, const OwnerOptions &options) {
     if (write(readyFd, &state, 1) != 1 || !ok) _exit(2);
     close(readyFd);
     for (;;) {
-        if (options.serve) {
-            if (qxImiServeOnce(-1) < 0) usleep(10000);
-        } else {
+        if (!options.serve) {
             pause();
+        } else if (qxImiServeOnce(-1) < 0) {
+            usleep(10000);
         }
     }
-}
-
-bool OwnerProcess::waitReady(int timeoutMs) {
-    if (ready_ || readyFd_ < 0) return ready_;
-    struct pollfd p = {readyFd_, POLLIN, 0};
-    int n;
-    do {
-        n = poll(&p, 1, timeoutMs);
-    } while (n < 0 && errno == EINTR);
-    char state = 0;
-    if (n > 0 && read(readyFd_, &state, 1) == 1) ready_ = state == 'R';
-    if (n > 0) {
-        close(readyFd_);
-        readyFd_ = -1;
-    }
-    return ready_;
 }
 
 bool OwnerProcess::reap(int timeoutMs, int *status) {
@@ -264,40 +201,32 @@ bool OwnerProcess::stop() {
 
 OwnerProcess::~OwnerProcess() {
     stop();
-    if (readyFd_ >= 0) close(readyFd_);
     if (recordFd_ >= 0) close(recordFd_);
 }
 
 std::vector<RecordedCall> OwnerProcess::calls() const {
     std::vector<RecordedCall> out;
-    if (recordFd_ < 0) return out;
     std::string data;
     char buf[65536];
-    off_t off = 0;
-    for (;;) {
-        ssize_t n = pread(recordFd_, buf, sizeof buf, off);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
+    ssize_t n;
+    while (recordFd_ >= 0 && (n = pread(recordFd_, buf, sizeof buf, static_cast<off_t>(data.size()))) > 0)
         data.append(buf, static_cast<size_t>(n));
-        off += n;
-    }
-    Cursor c{data};
-    while (c.ok && c.pos < data.size()) {
-        std::string payload = c.str();
-        if (!c.ok) break;  // a record still being written
-        Cursor p{payload};
-        RecordedCall call;
-        call.cb = p.str();
-        uint32_t count = p.u32();
-        for (uint32_t i = 0; p.ok && i < count; i++) {
-            RecordedMember m;
-            m.name = p.str();
-            m.isString = p.u32() != 0;
-            m.value = static_cast<int>(p.u32());
-            m.text = p.str();
-            call.members.push_back(std::move(m));
+    // A last line without its newline is a record still being written.
+    for (size_t start = 0, end; (end = data.find('\n', start)) != std::string::npos; start = end + 1) {
+        json_object *rec = json_tokener_parse(data.substr(start, end - start).c_str());
+        json_object *cb = nullptr, *members = nullptr;
+        if (json_object_object_get_ex(rec, "cb", &cb) && json_object_object_get_ex(rec, "m", &members)) {
+            RecordedCall call{json_object_get_string(cb), {}};
+            for (size_t i = 0; i < json_object_array_length(members); i++) {
+                json_object *m = json_object_array_get_idx(members, i);
+                call.members.push_back({json_object_get_string(json_object_array_get_idx(m, 0)),
+                                        json_object_get_boolean(json_object_array_get_idx(m, 1)) != 0,
+                                        json_object_get_int(json_object_array_get_idx(m, 2)),
+                                        json_object_get_string(json_object_array_get_idx(m, 3))});
+            }
+            out.push_back(std::move(call));
         }
-        if (p.ok) out.push_back(std::move(call));
+        json_object_put(rec);
     }
     return out;
 }

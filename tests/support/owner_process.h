@@ -40,8 +40,6 @@ OwnerHandler answer(int code, const char *result = nullptr);
 OwnerHandler echoMembers();
 // Never answers (the caller must time out).
 OwnerHandler hang();
-// Answers the given handlers' outputs in turn, then repeats the last one.
-OwnerHandler sequence(std::vector<OwnerHandler> steps);
 
 struct RecordedMember {
     std::string name;
@@ -57,7 +55,6 @@ struct RecordedCall {
 
     std::vector<std::string> names() const;
     const RecordedMember *find(const std::string &name) const;
-    bool has(const std::string &name) const { return find(name) != nullptr; }
     // The text of a string member, "" when absent.
     std::string text(const std::string &name) const;
 };
@@ -67,7 +64,6 @@ struct OwnerOptions {
     bool serve = true;
     // Runs in the child before it listens.
     std::function<void()> setup;
-    int readyTimeoutMs = 5000;
 };
 
 class OwnerProcess {
@@ -78,15 +74,12 @@ public:
     OwnerProcess &operator=(const OwnerProcess &) = delete;
 
     pid_t pid() const { return pid_; }
-    // The constructor waits until the child's socket accepts calls (or the ready
-    // time-out passed); waitReady waits longer if it has to.
+    // The constructor waits (up to 5 s) until the child's socket accepts calls.
     bool ready() const { return ready_; }
-    bool waitReady(int timeoutMs);
     // SIGKILL and reap, like a crash: the socket file stays behind, stale.
     void kill();
     // SIGTERM: the child removes its socket file and exits; true when it exited with 0.
     bool stop();
-    bool alive() const { return pid_ > 0; }
 
     // Every request received so far, in order of arrival.
     std::vector<RecordedCall> calls() const;
@@ -99,8 +92,7 @@ private:
     OwnerHandlers handlers_;
     pid_t pid_ = -1;
     bool ready_ = false;
-    int readyFd_ = -1;   // parent's end of the ready pipe
-    int recordFd_ = -1;  // unlinked file shared with the child, appended to by it
+    int recordFd_ = -1;  // unlinked file shared with the child, one JSON line per call
 };
 
 // The socket path of pid under the current KEP_IMI_DIR (or the default folder).
