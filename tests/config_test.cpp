@@ -146,53 +146,40 @@ TEST_F(ConfigStore, RefusedReadsAndWritesStoreNothing) {
     EXPECT_EQ(sectionNames(list), (std::vector<std::string>{"host_1", "host_2", "host_3", "host_4"}));
 }
 
-TEST_F(ConfigStore, PathFormsSelectModuleTableAndSection) {
+TEST_F(ConfigStore, ReadsOfSectionsAndWholeTables) {
     store(kStored);
+    tree.section(list, "host_2", recOpr());
     Rec two[2];
-    // A trailing slash addresses the whole table.
-    EXPECT_EQ(modelRead("/m/time/", two, sizeof two), 2 * kRec);
-    EXPECT_STREQ(two[0].text, "s");
-    EXPECT_STREQ(two[1].text, "z");
+    // A trailing slash addresses the whole table too.
+    for (const char *path : {"/m/time", "/m/time/"}) {
+        EXPECT_EQ(modelRead(path, two, sizeof two), 2 * kRec);
+        EXPECT_EQ(std::string(two[0].text) + two[1].text, "sz");
+    }
+    EXPECT_STREQ(read("/m/time/zone").text, "z");
+    EXPECT_EQ(modelRead("/m/host/host_2", two, sizeof two), kRec);
+    EXPECT_EQ(two[0].value, 20);
+    // A named table missing one of its members is not read at all; its members are.
+    store(R"({"time":{"settings":{"text":"s","value":1}}})");
+    EXPECT_EQ(modelRead("/m/time", two, sizeof two), -1);
+    EXPECT_EQ(read("/m/time/settings").value, 1);
+    for (const char *doc : {R"({"host":[]})", "not json", "[1,2]"}) {
+        store(doc);
+        EXPECT_EQ(modelRead("/m/time/settings", two, kRec), -1) << doc;
+    }
+    // A section without a converter cannot be read, even with its element stored.
+    tree.section(list, "host_4", OprInterface{});
+    store(R"({"host":[{"host_4":{"text":"x","value":1}}]})");
+    EXPECT_EQ(modelRead("/m/host/host_4", two, kRec), -1);
 
+    // Names are cut to 31 characters, in the path and in the file's members alike.
     std::string longModule(40, 'M'), longTable(40, 'T');
-    DataModule *lm = tree.module(longModule.c_str(), "long.json");
-    DataTable *lt = tree.table(lm, longTable.c_str(), false, false, recOpr());
-    tree.section(lt, "s", recOpr());
-    ASSERT_EQ(strlen(lm->name), 31u);
+    tree.section(tree.table(tree.module(longModule.c_str(), "long.json"), longTable.c_str(), false, false, recOpr()),
+                 "s", recOpr());
     writeText(tree.path("long.json"), "{\"" + longTable.substr(0, 31) + R"(":{"s":{"text":"L","value":3}}})");
     EXPECT_STREQ(read("/" + longModule + "/" + longTable + "/s").text, "L");
     Rec w = makeRec("W", 4);
     EXPECT_EQ(modelWrite(("/" + longModule + "/" + longTable + "/s").c_str(), &w, kRec), 0);
     EXPECT_STREQ(read("/" + longModule.substr(0, 31) + "/" + longTable.substr(0, 31) + "/s").text, "W");
-}
-
-TEST_F(ConfigStore, ReadOfATableIsAllOrNothing) {
-    store(kStored);
-    Rec two[2];
-    EXPECT_EQ(modelRead("/m/time", two, sizeof two), 2 * kRec);
-    EXPECT_EQ(two[1].value, 2);
-    EXPECT_EQ(modelRead("/m/time/zone", two, kRec), kRec);
-    EXPECT_STREQ(two[0].text, "z");
-
-    store(R"({"time":{"settings":{"text":"s","value":1}}})");
-    EXPECT_EQ(modelRead("/m/time", two, sizeof two), -1);
-    EXPECT_EQ(modelRead("/m/time/settings", two, kRec), kRec);
-    for (const char *doc : {R"({"host":[]})", "not json", "[1,2]"}) {
-        store(doc);
-        EXPECT_EQ(modelRead("/m/time/settings", two, kRec), -1) << doc;
-    }
-}
-
-TEST_F(ConfigStore, ListTableIsReadOneSectionAtATime) {
-    store(kStored);
-    tree.section(list, "host_2", recOpr());
-    Rec two[2];
-    EXPECT_EQ(modelRead("/m/host/host_2", two, sizeof two), kRec);
-    EXPECT_EQ(two[0].value, 20);
-    // A section without a converter cannot be read, even with its element stored.
-    tree.section(list, "host_4", OprInterface{});
-    store(R"({"host":[{"host_4":{"text":"x","value":1}}]})");
-    EXPECT_EQ(modelRead("/m/host/host_4", two, kRec), -1);
 }
 
 TEST_F(ConfigStore, DynamicTablesCallTheOwnerBetweenTheLockHooks) {

@@ -138,10 +138,6 @@ TEST_F(JsonHelpers, PutDropsExactlyOneReference) {
 
     jsonObjectPut(nullptr);
     EXPECT_EQ(log.messages(), (Messages{"Free null obj\n\r\n"}));
-
-    Obj same = parse("{}");
-    EXPECT_EQ(getNexlSubJsonObj(same.get()), same.get());
-    EXPECT_EQ(getNexlSubJsonObj(nullptr), nullptr);
 }
 
 TEST_F(JsonHelpers, ErrorMessagesForSdk) {

@@ -244,7 +244,4 @@ TEST(DebugLog, FlagsAndSink) {
     debugFlagSet(-1, 0);
     debugSetSink(nullptr, nullptr);
     EXPECT_EQ(lines, std::vector<std::string>{"111:x=4\r\n"});
-    EXPECT_STREQ(midNameGet(110), "kepJson");
-    EXPECT_EQ(pidGetCurrent(), getpid());
-    EXPECT_STRNE(pidNameGet(pidGetCurrent()), "");
 }

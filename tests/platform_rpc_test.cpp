@@ -15,6 +15,8 @@
 #include <atomic>
 #include <chrono>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "guard.h"
@@ -223,6 +225,26 @@ TEST(ImiRemote, GarbageAndSilentClientsDoNotStopTheServer) {
     EXPECT_EQ(getText(set.get(), "result"), R"({"n":5})");
     close(silent);
     EXPECT_EQ(owner.calls().size(), 1u);
+}
+
+TEST(ImiRemote, RequestArrivingInPiecesIsAnswered) {
+    OwnerProcess owner({{"echoCb", kep_test::echoMembers()}});
+    ASSERT_TRUE(owner.ready());
+    // Member "a" = "x"; the header is split, the body follows a byte at a time.
+    const std::string frame = std::string("KIM1\0\0\0\x11\x01\x06" "echoCb\x01\x01\x01" "a\0\0\0\x01" "x", 25);
+    int fd = rawConnect(owner.pid());
+    ASSERT_GE(fd, 0);
+    std::vector<std::pair<size_t, size_t>> pieces = {{0, 5}, {5, 3}};
+    for (size_t at = 8; at < frame.size(); at++) pieces.emplace_back(at, 1);
+    for (auto [at, n] : pieces) {
+        ASSERT_EQ(send(fd, frame.data() + at, n, MSG_NOSIGNAL), static_cast<ssize_t>(n));
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    std::string reply;
+    char buf[256];
+    for (ssize_t n; (n = recv(fd, buf, sizeof buf, 0)) > 0;) reply.append(buf, static_cast<size_t>(n));
+    close(fd);
+    EXPECT_NE(reply.find(R"({"a":"x"})"), std::string::npos);
 }
 
 namespace {

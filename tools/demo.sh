@@ -4,6 +4,7 @@
 # runs a scripted session with kepctl, and stops everything it started.
 #   tools/demo.sh [BUILD-DIR]      (default: build)
 # Exits nonzero when any step answers other than expected, so it doubles as a system test.
+# KEP_RUN, when set, prefixes every program started (an emulator for a cross build).
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -25,7 +26,7 @@ for m in dhcpd/dhcp sysd/system; do
     sed "s|@CONFDIR@|$work|" "$root/examples/$m.xml.in" >"$work/$(basename $m).xml"
 done
 
-kepctl() { "$bin/tools/kepctl" "$@"; }
+kepctl() { ${KEP_RUN:-} "$bin/tools/kepctl" "$@"; }
 
 # step EXPECTED-EXIT-STATUS TITLE -- kepctl ARGS...
 step() {
@@ -41,11 +42,11 @@ step() {
 
 # Owners first: each loads its module's file, writing defaults when there is none,
 # then waits for the host to register with it.
-"$bin/examples/dhcpd" "$work/dhcp.xml" 2>"$work/dhcpd.log" & pids+=($!)
+${KEP_RUN:-} "$bin/examples/dhcpd" "$work/dhcp.xml" 2>"$work/dhcpd.log" & pids+=($!)
 dhcpd=$!
-"$bin/examples/sysd" "$work/system.xml" >"$work/sysd.out" 2>"$work/sysd.log" & pids+=($!)
+${KEP_RUN:-} "$bin/examples/sysd" "$work/system.xml" >"$work/sysd.out" 2>"$work/sysd.log" & pids+=($!)
 for _ in $(seq 100); do [ -f "$work/dhcp.json" ] && [ -f "$work/system.json" ] && break; sleep 0.05; done
-"$bin/tools/kepd" -m "$work/dhcp.xml" -m "$work/system.xml" 2>"$work/kepd.log" & pids+=($!)
+${KEP_RUN:-} "$bin/tools/kepd" -m "$work/dhcp.xml" -m "$work/system.xml" 2>"$work/kepd.log" & pids+=($!)
 for _ in $(seq 100); do
     kepctl -c get dhcp host >/dev/null 2>&1 && kepctl -c get system --name ntp >/dev/null 2>&1 && break
     sleep 0.05

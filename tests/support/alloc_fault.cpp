@@ -228,4 +228,22 @@ void free(void *ptr) {
     __libc_free(ptr);
 }
 
+// The C library's own copies, so that the stack walk of sparedJsonC() starts in code
+// with unwind tables: on MIPS the C library has none for strdup, and the walk from a
+// member-name copy would stop there before reaching json-c.
+char *strdup(const char *s) {
+    size_t n = strlen(s) + 1;
+    char *p = static_cast<char *>(malloc(n));
+    return p ? static_cast<char *>(memcpy(p, s, n)) : nullptr;
+}
+
+char *strndup(const char *s, size_t max) {
+    size_t n = strnlen(s, max);
+    char *p = static_cast<char *>(malloc(n + 1));
+    if (!p) return nullptr;
+    memcpy(p, s, n);
+    p[n] = '\0';
+    return p;
+}
+
 }  // extern "C"
