@@ -23,7 +23,10 @@ def load(name):
     for b in data.get("benchmarks", []):
         if b.get("aggregate_name", "median") != "median" or b.get("error_occurred"):
             continue
-        runs[b["run_name"]] = b
+        # Benchmarks with their own run length carry it in the name.
+        name = "/".join(part for part in b["run_name"].split("/")
+                        if not part.startswith(("min_time:", "repeats:")))
+        runs[name] = b
     return runs
 
 
