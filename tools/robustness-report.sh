@@ -123,7 +123,7 @@ the other helpers' out-of-memory cases (they replace the allocator) and the syst
 - Response texts (\`jsonObjectToMallocString\`) are not read back like stored files: a
   text damaged by json-c's serialiser under memory shortage would reach the client.
 - A start-up load whose read fails for want of memory treats a sound file as destroyed
-  and rewrites it with defaults, as the load is designed to; the stand-in keeps the old
+  and rewrites it with defaults, as the load does by contract; the stand-in keeps the old
   file as \`.corrupt\` only when it still fails to parse when the reset checks it.
 EOF
 echo "wrote $out"
