@@ -200,9 +200,9 @@ bool floorRequest(int fd, std::string &buf) {
     return ok;
 }
 
-void BM_FloorKeptConnection(benchmark::State &state) {
-    int fd = connectFloor();
-    if (fd < 0) return state.SkipWithError("floor server unreachable");
+// Floor requests over one connection that stays open; fd is closed at the end.
+void runKeptConnection(benchmark::State &state, int fd, const char *unreachable) {
+    if (fd < 0) return state.SkipWithError(unreachable);
     Latencies lat;
     std::string buf;
     for (auto _ : state) {
@@ -217,22 +217,13 @@ void BM_FloorKeptConnection(benchmark::State &state) {
     lat.report(state);
 }
 
+void BM_FloorKeptConnection(benchmark::State &state) {
+    runKeptConnection(state, connectFloor(), "floor server unreachable");
+}
+
 // The same through a relay process: two process boundaries, as through a broker.
 void BM_FloorTwoHops(benchmark::State &state) {
-    int fd = connectTo(gRelayPath);
-    if (fd < 0) return state.SkipWithError("relay unreachable");
-    Latencies lat;
-    std::string buf;
-    for (auto _ : state) {
-        int64_t t0 = nowNs();
-        if (!floorRequest(fd, buf)) {
-            state.SkipWithError("floor request failed");
-            break;
-        }
-        lat.add(nowNs() - t0);
-    }
-    close(fd);
-    lat.report(state);
+    runKeptConnection(state, connectTo(gRelayPath), "relay unreachable");
 }
 
 void BM_FloorConnectPerRequest(benchmark::State &state) {

@@ -241,27 +241,6 @@ int sendAll(int fd, const char *data, size_t len, int64_t deadline) {
 
 namespace {
 
-int recvAll(int fd, char *data, size_t len, int64_t deadline) {
-    while (len > 0) {
-        ssize_t n = recv(fd, data, len, 0);
-        if (n > 0) {
-            data += n;
-            len -= static_cast<size_t>(n);
-            continue;
-        }
-        if (n == 0) return QXRPC_ERR_IO;  // the peer closed early
-        if (errno == EINTR) continue;
-        if (errno == EAGAIN || errno == EWOULDBLOCK) {
-            int w = waitFd(fd, POLLIN, deadline);
-            if (w == 0) return QXRPC_ERR_TIMEOUT;
-            if (w < 0) return QXRPC_ERR_IO;
-            continue;
-        }
-        return QXRPC_ERR_IO;
-    }
-    return 0;
-}
-
 // Reads at least min and at most cap bytes; *got receives the count.
 int recvAtLeast(int fd, char *data, size_t cap, size_t min, int64_t deadline, size_t *got) {
     size_t have = 0;
@@ -283,6 +262,11 @@ int recvAtLeast(int fd, char *data, size_t cap, size_t min, int64_t deadline, si
     }
     *got = have;
     return 0;
+}
+
+int recvAll(int fd, char *data, size_t len, int64_t deadline) {
+    size_t got = 0;
+    return recvAtLeast(fd, data, len, len, deadline, &got);
 }
 
 }  // namespace
