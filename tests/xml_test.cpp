@@ -2,6 +2,7 @@
 // entities, the device-description filter, descriptor input, the tree walkers and
 // release on every failure path.
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -272,6 +273,47 @@ TEST_F(XmlAllocFault, PoolBlockFailuresAreLogged) {
     EXPECT_TRUE(log.contains("xmlMemPoolInit malloc attribute mem size " +
                              std::to_string(300 * sizeof(XmlAttr)) + " failed.\r\n"));
     EXPECT_FALSE(log.contains("parse xml file failed."));
+}
+
+// Growing the pool during a parse of text: a block that moves keeps the tree intact
+// (every reallocation here moves), and one that cannot grow makes the parse start
+// again at that size, as the plain retries would, with the same result and log.
+int gReallocs;
+int gFailRealloc;
+void *movingRealloc(void *block, size_t size) {
+    if (++gReallocs == gFailRealloc) return nullptr;
+    void *moved = malloc(size);
+    if (moved) {
+        memcpy(moved, block, std::min(size, malloc_usable_size(block)));
+        free(block);
+    }
+    return moved;
+}
+
+TEST(XmlPool, GrowingMovesAndFallsBack) {
+    std::string s = "<top>";
+    for (int i = 0; i < 300; i++) s += "<e a=\"" + std::to_string(i) + "\" b=\"x\"><f/></e>";
+    s += "</top>";
+    const std::string expected = [&] {
+        kep_test::LogCapture log;
+        XmlDoc doc = parse(s);
+        EXPECT_EQ(countMessages(log, "xml node malloc failed.\r\n"), 4);  // 100..550
+        return describe(doc.root());
+    }();
+    kep::xmlRealloc = movingRealloc;
+    for (int failAt : {0, 1, 2, 5}) {
+        SCOPED_TRACE(failAt);
+        gReallocs = 0;
+        gFailRealloc = failAt;
+        kep_test::LogCapture log;
+        XmlDoc doc = parse(s);
+        ASSERT_TRUE(doc);
+        EXPECT_EQ(describe(doc.root()), expected);
+        EXPECT_STREQ(doc.root()->lastChild->attrs->value, "x");
+        EXPECT_EQ(doc.root()->lastChild->firstChild->parent, doc.root()->lastChild);
+        EXPECT_EQ(countMessages(log, "xml node malloc failed.\r\n"), 4);
+    }
+    kep::xmlRealloc = realloc;
 }
 
 // The read end of a pipe, or an unlinked file left positioned at its end, holding text.

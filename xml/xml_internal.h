@@ -55,9 +55,11 @@ inline constexpr XmlEntity kXmlEntities[] = {
     {"amp", '&'}, {"apos", '\''}, {"gt", '>'}, {"lt", '<'}, {"quot", '"'},
 };
 
-// Allocator of the context and the pool blocks (malloc). Tests replace it to make a
-// chosen allocation fail; nothing else touches it.
+// Allocator of the context and the pool blocks (malloc), and the reallocation that
+// grows the blocks during a parse of text (realloc). Tests replace them to make a
+// chosen allocation fail; nothing else touches them.
 extern void *(*xmlAlloc)(size_t size);
+extern void *(*xmlRealloc)(void *block, size_t size);
 
 // Fills pool with n elements and 3n attributes; 0, or -1 (null pool, negative n, no
 // memory: nothing stays allocated).

@@ -13,6 +13,7 @@
 namespace kep {
 
 void *(*xmlAlloc)(size_t size) = malloc;
+void *(*xmlRealloc)(void *block, size_t size) = realloc;
 
 }  // namespace kep
 
@@ -50,30 +51,51 @@ void copyText(char *dst, const char *src, size_t size) {
     dst[n] = '\0';
 }
 
-// At most 63 characters, always terminated; a 64th does not fit.
+// At most 63 characters; a 64th does not fit. The text is terminated only when it is
+// handed on (str()), not after every byte.
 struct Buf {
     char text[kBufSize];
     int len;
 
-    void clear() {
-        len = 0;
-        text[0] = '\0';
-    }
+    void clear() { len = 0; }
     bool push(int c) {
         if (len >= kBufSize - 1) return false;
         text[len++] = static_cast<char>(c);
-        text[len] = '\0';
         return true;
     }
+    const char *str() {
+        text[len] = '\0';
+        return text;
+    }
     bool endsWithTwo(char c) const { return len >= 2 && text[len - 1] == c && text[len - 2] == c; }
-    bool is(const char *s) const { return strcmp(text, s) == 0; }
+    template <size_t N>
+    bool is(const char (&s)[N]) const {
+        return len == static_cast<int>(N - 1) && memcmp(text, s, N - 1) == 0;
+    }
 };
 
 // One parse attempt. The document is built only from ctx's pool; the walk keeps a
 // pointer to the open element instead of recursing, so depth costs nothing.
+//
+// Over text, a parse can also stand for the whole retry schedule (growing): an attempt
+// with a larger pool would read the same text, create the same records in the same
+// order and fail at the same place up to where the smaller pool ran out, so instead of
+// starting again the pool grows to the next size of the schedule and the parse goes on.
+// The result, the records' order and the log lines are those of the attempts it
+// replaces; a failure for any other cause would repeat in every later attempt.
 class Parser {
 public:
-    explicit Parser(XmlParseCtx &ctx) : ctx_(ctx) { buf_.clear(); }
+    // growing: attempt is the schedule's index of the pool ctx holds.
+    Parser(XmlParseCtx &ctx, bool growing, int attempt)
+        : ctx_(ctx),
+          text_(ctx.readChar == kep::xmlStrReadChar),
+          growing_(growing),
+          attempt_(attempt),
+          capacity_(growing ? kep::kXmlPoolSizes[attempt] : 0) {
+        buf_.clear();
+    }
+
+    int restartAt() const { return restartAt_; }
 
     XmlNode *run() {
         for (;;) {
@@ -88,7 +110,7 @@ public:
                 if (!decode(c) || !buf_.push(c)) return fail();
                 continue;
             }
-            if (buf_.len > 0) ctx_.onText(current_, buf_.text);
+            if (buf_.len > 0) ctx_.onText(current_, buf_.str());
             int end;
             if (!readTagName(end) || !dispatchTag(end)) return fail();
             buf_.clear();
@@ -96,7 +118,96 @@ public:
     }
 
 private:
-    int next() { return ctx_.readChar(ctx_.input); }
+    // Text is read in place (the same bytes xmlStrReadChar gives), without a call per
+    // character; the entity reader shares the cursor.
+    int next() {
+        if (!text_) return ctx_.readChar(ctx_.input);
+        const unsigned char b = static_cast<unsigned char>(*ctx_.cursor);
+        if (b == 0) return kEof;
+        ++ctx_.cursor;
+        return static_cast<signed char>(b);
+    }
+
+    // The pool ran out (the handler has logged it): goes on as the attempt with the
+    // next size of the schedule would, its blocks grown in place when the allocator
+    // can. False when there is no larger size, or when growing fails for want of
+    // memory (restartAt() then names the attempt to run from the start, which needs
+    // no more memory than the schedule itself).
+    bool nextAttempt() {
+        if (!growing_ || attempt_ + 1 >= kAttempts) return false;
+        const int size = kep::kXmlPoolSizes[attempt_ + 1];
+        if (!growPool(size)) {
+            restartAt_ = attempt_ + 1;
+            return false;
+        }
+        attempt_++;
+        return true;
+    }
+
+    // Grows both blocks to size records (3 size attributes), re-aims every pointer
+    // into a block that moved (links, attribute lists, free lists, the parser's own)
+    // and chains the new records behind the free lists. Records leave the lists in
+    // address order and none comes back during a parse, so a list that still holds
+    // records ends at the last record of the old block. On failure the pool is
+    // consistent (one block may already be larger) and fail() can release it.
+    bool growPool(int size) {
+        kep::XmlMemPool &pool = ctx_.pool;
+        const int oldSize = capacity_;
+
+        const uintptr_t oldNodes = reinterpret_cast<uintptr_t>(pool.nodeBlock);
+        const size_t oldNodeBytes = static_cast<size_t>(oldSize) * sizeof(XmlNode);
+        auto *nodes = static_cast<XmlNode *>(kep::xmlRealloc(pool.nodeBlock, static_cast<size_t>(size) * sizeof(XmlNode)));
+        if (!nodes) return false;
+        pool.nodeBlock = nodes;
+        if (reinterpret_cast<uintptr_t>(nodes) != oldNodes) {
+            // Only the address is used: the old block is gone.
+            auto move = [&](XmlNode *&p) {
+                const uintptr_t v = reinterpret_cast<uintptr_t>(p);
+                if (v - oldNodes < oldNodeBytes) p = nodes + (v - oldNodes) / sizeof(XmlNode);
+            };
+            for (int i = 0; i < oldSize; i++) {
+                move(nodes[i].next);
+                move(nodes[i].prev);
+                move(nodes[i].parent);
+                move(nodes[i].firstChild);
+                move(nodes[i].lastChild);
+            }
+            move(pool.freeNodes);
+            move(current_);
+            move(first_);
+            move(last_);
+        }
+        for (int i = oldSize; i < size; i++) nodes[i].next = i + 1 < size ? &nodes[i + 1] : nullptr;
+        if (pool.freeNodes) {
+            nodes[oldSize - 1].next = &nodes[oldSize];
+        } else {
+            pool.freeNodes = &nodes[oldSize];
+        }
+        capacity_ = size;  // the node block is of the new size from here on
+
+        const int oldCount = oldSize * kep::kXmlAttrsPerNode, count = size * kep::kXmlAttrsPerNode;
+        const uintptr_t oldAttrs = reinterpret_cast<uintptr_t>(pool.attrBlock);
+        const size_t oldAttrBytes = static_cast<size_t>(oldCount) * sizeof(XmlAttr);
+        auto *attrs = static_cast<XmlAttr *>(kep::xmlRealloc(pool.attrBlock, static_cast<size_t>(count) * sizeof(XmlAttr)));
+        if (!attrs) return false;
+        pool.attrBlock = attrs;
+        if (reinterpret_cast<uintptr_t>(attrs) != oldAttrs) {
+            auto move = [&](XmlAttr *&p) {
+                const uintptr_t v = reinterpret_cast<uintptr_t>(p);
+                if (v - oldAttrs < oldAttrBytes) p = attrs + (v - oldAttrs) / sizeof(XmlAttr);
+            };
+            for (int i = 0; i < oldSize; i++) move(nodes[i].attrs);
+            for (int i = 0; i < oldCount; i++) move(attrs[i].next);
+            move(pool.freeAttrs);
+        }
+        for (int i = oldCount; i < count; i++) attrs[i].next = i + 1 < count ? &attrs[i + 1] : nullptr;
+        if (pool.freeAttrs) {
+            attrs[oldCount - 1].next = &attrs[oldCount];
+        } else {
+            pool.freeAttrs = &attrs[oldCount];
+        }
+        return true;
+    }
 
     // Replaces c by the character of the reference that "&" starts.
     bool decode(int &c) {
@@ -121,8 +232,7 @@ private:
                 return true;
             }
             if (c == '<' || !decode(c) || !buf_.push(c)) return false;
-            if ((buf_.len == 1 && buf_.text[0] == '?') || (buf_.len == 3 && buf_.is("!--")) ||
-                (buf_.len == 8 && buf_.is("![CDATA["))) {
+            if (buf_.is("?") || buf_.is("!--") || buf_.is("![CDATA[")) {
                 end = kNoEnd;
                 return true;
             }
@@ -130,6 +240,7 @@ private:
     }
 
     bool dispatchTag(int end) {
+        buf_.str();  // an empty name reads as "", not as a stale byte
         if (buf_.is("!--")) return comment();
         if (buf_.is("![CDATA[")) return cdata();
         if (buf_.is("?")) return declaration();
@@ -156,8 +267,7 @@ private:
             if (c == kEof) return false;
             if (c == '>' && buf_.endsWithTwo(']')) {
                 buf_.len -= 2;
-                buf_.text[buf_.len] = '\0';
-                ctx_.onText(current_, buf_.text);
+                ctx_.onText(current_, buf_.str());
                 return true;
             }
             if (!buf_.push(c)) return false;
@@ -216,10 +326,14 @@ private:
         if ((!current_ && first_) || end == kEof) return false;
         if (!ctx_.keepAll && !isDeviceElement(buf_.text)) return skipElement();
         XmlNode *element = ctx_.onStartElement(current_, buf_.text, &ctx_);
+        if (!element && !ctx_.pool.freeNodes && nextAttempt()) {
+            element = ctx_.onStartElement(current_, buf_.text, &ctx_);
+        }
         if (!element) return false;
         last_ = element;
         if (!first_) first_ = element;
-        if (isSpace(end) && !readAttributes(element, end)) return false;
+        if (isSpace(end) && !readAttributes(end)) return false;
+        element = last_;  // the pool may have moved
         if (end == '/' || end == '?') {
             if (next() != '>') return false;
             if (end == '/') return true;  // empty element: the open one stays current
@@ -229,7 +343,8 @@ private:
     }
 
     // Reads attributes until the tag ends; end receives "/", "?" or ">".
-    bool readAttributes(XmlNode *element, int &end) {
+    // The element is last_.
+    bool readAttributes(int &end) {
         Buf name, value;
         int c = next();
         for (;;) {
@@ -278,11 +393,22 @@ private:
                 if (c == kEof) return false;
                 if (isSpace(c) || c == '=') c = next();
             }
-            if (!ctx_.onAttribute(element, name.text, value.text, &ctx_)) return false;
+            XmlAttr *attr = ctx_.onAttribute(last_, name.str(), value.str(), &ctx_);
+            if (!attr && !ctx_.pool.freeAttrs && nextAttempt()) {
+                attr = ctx_.onAttribute(last_, name.text, value.text, &ctx_);
+            }
+            if (!attr) return false;
         }
     }
 
+    static constexpr int kAttempts = static_cast<int>(sizeof kep::kXmlPoolSizes / sizeof kep::kXmlPoolSizes[0]);
+
     XmlParseCtx &ctx_;
+    const bool text_;     // reading ctx_.cursor in place
+    const bool growing_;  // standing for the whole schedule
+    int attempt_;         // the attempt of the schedule this parse is at
+    int capacity_;        // records in the node block
+    int restartAt_ = -1;  // growing ran out of memory: the attempt to run afresh
     Buf buf_;
     XmlNode *current_ = nullptr;
     XmlNode *first_ = nullptr;
@@ -290,14 +416,17 @@ private:
 };
 
 // Runs the attempts with growing pools; text null reads fd. *allFailed is set when
-// all six attempts ran and failed (not when memory ran out first).
+// all six attempts ran and failed (not when memory ran out first). Text is parsed
+// once, the pool growing through the schedule as it runs out; a descriptor is read
+// again from its start for every attempt.
 XmlNode **parseDocument(const char *text, int fd, int keepAll, bool *allFailed) {
     *allFailed = false;
     auto *ctx = static_cast<XmlParseCtx *>(kep::xmlAlloc(sizeof(XmlParseCtx)));
     if (!ctx) return nullptr;
-    for (int n : kep::kXmlPoolSizes) {
+    constexpr int kAttempts = static_cast<int>(sizeof kep::kXmlPoolSizes / sizeof kep::kXmlPoolSizes[0]);
+    for (int i = 0; i < kAttempts; i++) {
         memset(ctx, 0, sizeof *ctx);
-        if (kep::xmlMemPoolInit(&ctx->pool, n) != 0) {
+        if (kep::xmlMemPoolInit(&ctx->pool, kep::kXmlPoolSizes[i]) != 0) {
             free(ctx);
             return nullptr;
         }
@@ -318,10 +447,15 @@ XmlNode **parseDocument(const char *text, int fd, int keepAll, bool *allFailed) 
         ctx->onStartElement = kep::mxmlParseStartElt;
         ctx->onText = kep::xmlNodeAppendText;
         ctx->onAttribute = kep::mxmlAddAttrib;
-        XmlNode *top = kep::xmlParseLoop(ctx);
+        Parser parser(*ctx, text != nullptr, i);
+        XmlNode *top = parser.run();
         if (top) {
             ctx->top = top;
             return &ctx->top;
+        }
+        if (text) {
+            if (parser.restartAt() < 0) break;  // every later attempt fails the same way
+            i = parser.restartAt() - 1;
         }
     }
     free(ctx);
@@ -463,7 +597,7 @@ int xmlReadEntity(XmlParseCtx *ctx) {
 
 XmlNode *xmlParseLoop(XmlParseCtx *ctx) {
     if (!ctx) return nullptr;
-    Parser parser(*ctx);
+    Parser parser(*ctx, false, 0);
     return parser.run();
 }
 
