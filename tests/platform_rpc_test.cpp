@@ -1,6 +1,7 @@
 // The stand-in IMI across real processes: forked owners serve handlers, this
 // process calls them.
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
@@ -14,6 +15,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -240,11 +243,74 @@ TEST(ImiRemote, RequestArrivingInPiecesIsAnswered) {
         ASSERT_EQ(send(fd, frame.data() + at, n, MSG_NOSIGNAL), static_cast<ssize_t>(n));
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
+    // The connection stays open for the next request: read until the reply is whole.
+    timeval limit{5, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     std::string reply;
     char buf[256];
-    for (ssize_t n; (n = recv(fd, buf, sizeof buf, 0)) > 0;) reply.append(buf, static_cast<size_t>(n));
+    for (ssize_t n; reply.find(R"({"a":"x"})") == std::string::npos && (n = recv(fd, buf, sizeof buf, 0)) > 0;) {
+        reply.append(buf, static_cast<size_t>(n));
+    }
     close(fd);
     EXPECT_NE(reply.find(R"({"a":"x"})"), std::string::npos);
+}
+
+namespace {
+
+std::set<int> openFds() {
+    std::set<int> fds;
+    for (const auto &e : std::filesystem::directory_iterator("/proc/self/fd")) {
+        fds.insert(std::stoi(e.path().filename().string()));
+    }
+    return fds;
+}
+
+}  // namespace
+
+// A thread's calls to one callee share one connection; a callee that closes it (here:
+// more callers than it keeps connections for) costs its caller a reconnect, not an
+// error; a forked child never writes on its parent's connections.
+TEST(ImiRemote, KeptConnections) {
+    OwnerProcess owner({{"echoCb", kep_test::echoMembers()}});
+    ASSERT_TRUE(owner.ready());
+    auto call = [&](int n) {
+        kep::RpcPara set;
+        qxrpcAddInt(set.get(), "n", n);
+        return qxImiExecute(owner.pid(), "echoCb", 0, 0, set.get()) == 0 &&
+               getText(set.get(), "result") == "{\"n\":" + std::to_string(n) + "}";
+    };
+    const std::set<int> before = openFds();
+    ASSERT_TRUE(call(1));
+    std::set<int> kept = openFds();
+    for (int fd : before) kept.erase(fd);
+    ASSERT_EQ(kept.size(), 1u);
+    for (int i = 0; i < 5; i++) ASSERT_TRUE(call(i));
+    EXPECT_EQ(openFds().size(), before.size() + 1);
+
+    std::atomic<int> called{0}, failed{0};
+    std::atomic<bool> again{false};
+    std::vector<std::thread> callers;
+    for (int t = 0; t < 70; t++) {
+        callers.emplace_back([&, t] {
+            if (!call(t)) failed++;
+            called++;
+            while (!again) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            if (!call(t)) failed++;
+        });
+    }
+    while (called < 70) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_TRUE(call(100));  // this thread's connection was dropped first
+    again = true;
+    for (std::thread &t : callers) t.join();
+    EXPECT_EQ(failed, 0);
+
+    const int parentFd = *kept.begin();
+    pid_t child = fork();
+    if (child == 0) _exit(fcntl(parentFd, F_GETFD) == -1 && call(7) && call(8) ? 0 : 1);
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_TRUE(call(9));
 }
 
 namespace {

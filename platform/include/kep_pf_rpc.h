@@ -15,7 +15,8 @@
  * bounds the whole call from connecting to the last byte of the answer.
  *
  * Limits: a string member holds at most 1 MiB; a callback name at most 127 bytes.
- * Each call uses its own connection, so several threads may call at once.
+ * Each calling thread keeps its own connection to each of the last few callees it
+ * called, so several threads may call at once; a forked child starts without them.
  */
 #ifndef KEP_PF_RPC_H
 #define KEP_PF_RPC_H
@@ -79,12 +80,13 @@ int qxImiUnregister(const char *cb);
  */
 int qxImiListen(void);
 /*
- * Listens if needed and handles at most one connection: 1 handled (a malformed or
- * refused one included), 0 none within timeoutMs (-1: wait), <0 error. A client
- * that does not deliver its request within the time-out is dropped.
+ * Listens if needed and handles at most one request, on a new connection or one a
+ * caller keeps open (up to 64 are kept): 1 handled (a malformed or refused one
+ * included), 0 none within timeoutMs (-1: wait), <0 error. A client that does not
+ * deliver a request it has begun within the time-out is dropped.
  */
 int qxImiServeOnce(int timeoutMs);
-/* Serves connections one at a time on a background thread; 0 or -1. */
+/* Serves requests one at a time on a background thread; 0 or -1. */
 int qxImiStartServer(void);
 /* Stops that thread, closes the socket and removes its file. */
 void qxImiStopServer(void);

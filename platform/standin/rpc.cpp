@@ -1,6 +1,8 @@
 // The stand-in's IMI: handlers registered by name, served on a Unix-domain socket per
-// process in a folder only the user may enter; calls made over a fresh connection
-// each, bounded by the time-out from connect to the last byte of the reply.
+// process in a folder only the user may enter. Each calling thread keeps its
+// connection to a callee open between calls, and the callee serves all open
+// connections from one poll loop; a call is bounded by the time-out from connect (or
+// reuse) to the last byte of the reply.
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -173,15 +175,111 @@ int connectTo(int pid, int64_t deadline, int *out) {
     return 0;
 }
 
+// ---- kept connections of the calling thread ----
+
+// A few callees per thread; a thread that calls more of them in turn reconnects.
+constexpr int kKeptPerThread = 4;
+
+struct Kept {
+    int pid;
+    int fd;  // -1: none
+};
+
+struct KeptSet {
+    Kept slot[kKeptPerThread];
+    unsigned next;  // the slot a new connection replaces
+};
+
+pthread_key_t gKeptKey;
+bool gKeptKeyMade;
+pthread_once_t gKeptOnce = PTHREAD_ONCE_INIT;
+
+void closeKept(void *p) {
+    auto *set = static_cast<KeptSet *>(p);
+    for (Kept &k : set->slot) {
+        if (k.fd >= 0) close(k.fd);
+    }
+    free(set);
+}
+
+void makeKeptKey() { gKeptKeyMade = pthread_key_create(&gKeptKey, closeKept) == 0; }
+
+// The calling thread's connections; null when they cannot be kept (no memory), and
+// then every call connects afresh.
+KeptSet *keptSet() {
+    pthread_once(&gKeptOnce, makeKeptKey);
+    if (!gKeptKeyMade) return nullptr;
+    auto *set = static_cast<KeptSet *>(pthread_getspecific(gKeptKey));
+    if (set) return set;
+    set = static_cast<KeptSet *>(calloc(1, sizeof *set));
+    if (!set) return nullptr;
+    for (Kept &k : set->slot) k.fd = -1;
+    if (pthread_setspecific(gKeptKey, set) != 0) {
+        free(set);
+        return nullptr;
+    }
+    return set;
+}
+
+// Takes the thread's open connection to pid out of its set (so that it is never
+// used twice at once), or -1. One the callee has closed (it stopped serving or
+// dropped an idle connection) reads as ready, and is closed instead.
+int takeKept(KeptSet *set, int pid) {
+    if (!set) return -1;
+    for (Kept &k : set->slot) {
+        if (k.fd < 0 || k.pid != pid) continue;
+        int fd = k.fd;
+        k.fd = -1;
+        struct pollfd p = {fd, POLLIN, 0};
+        if (poll(&p, 1, 0) == 0) return fd;
+        close(fd);
+        return -1;
+    }
+    return -1;
+}
+
+// Keeps fd as the thread's connection to pid, or closes it.
+void keep(KeptSet *set, int pid, int fd) {
+    if (!set) {
+        close(fd);
+        return;
+    }
+    Kept *slot = nullptr;
+    for (Kept &k : set->slot) {
+        if (k.fd < 0) {
+            slot = &k;
+            break;
+        }
+    }
+    if (!slot) {
+        slot = &set->slot[set->next++ % kKeptPerThread];
+        close(slot->fd);
+    }
+    slot->pid = pid;
+    slot->fd = fd;
+}
+
 int callRemote(int pid, const char *cb, QxRpcPara *set) {
     int64_t deadline = nowMs() + qxImiGetTimeout();
     char *frame = nullptr;
     size_t len = 0;
     int rc = encodeRequest(cb, set, &frame, &len);
     if (rc) return rc;
-    int fd = -1;
-    rc = connectTo(pid, deadline, &fd);
-    if (rc == 0) rc = sendAll(fd, frame, len, deadline);
+    KeptSet *kept = keptSet();
+    int fd = takeKept(kept, pid);
+    if (fd >= 0) {
+        rc = sendAll(fd, frame, len, deadline);
+        // A send refused outright means the callee closed the connection before
+        // reading anything of this request: nothing ran, so a new one may carry it.
+        if (rc == QXRPC_ERR_IO) {
+            close(fd);
+            fd = -1;
+        }
+    }
+    if (fd < 0) {
+        rc = connectTo(pid, deadline, &fd);
+        if (rc == 0) rc = sendAll(fd, frame, len, deadline);
+    }
     free(frame);
     // The callee needs a while to answer: wait before reading rather than after a
     // read that would find nothing.
@@ -191,7 +289,14 @@ int callRemote(int pid, const char *cb, QxRpcPara *set) {
     }
     char *body = nullptr;
     if (rc == 0) rc = readFrame(fd, deadline, &body, &len);
-    if (fd >= 0) close(fd);
+    // Only a connection that delivered a whole reply is in step for the next call.
+    if (fd >= 0) {
+        if (rc == 0) {
+            keep(kept, pid, fd);
+        } else {
+            close(fd);
+        }
+    }
     if (rc) return rc;
     QxRpcPara reply;
     qxrpcParaInit(&reply);
@@ -234,11 +339,33 @@ void removeSocketAtExit() {
     if (gListenFd >= 0 && gListenPid == getpid()) unlink(gSocketPath);
 }
 
+// Callers' open connections, served from one poll loop. Only a serving step touches
+// them, and one step runs at a time (gServeLock): the server thread's or
+// qxImiServeOnce's.
+constexpr int kMaxConns = 64;
+pthread_mutex_t gServeLock = PTHREAD_MUTEX_INITIALIZER;
+int gConns[kMaxConns];
+int gConnCount;
+unsigned gConnTurn;  // where the next scan starts, so that no caller is starved
+int gConnsOf = -1;   // the listening socket the connections came through
+
+void closeConns() {
+    for (int i = 0; i < gConnCount; i++) close(gConns[i]);
+    gConnCount = 0;
+}
+
+void dropConn(int i) {
+    close(gConns[i]);
+    gConns[i] = gConns[--gConnCount];
+}
+
 // A forked child has its own pid and no server thread: it must not answer on the
-// parent's socket, nor think that a thread serves it.
+// parent's socket or connections, nor think that a thread serves it, nor share the
+// calling thread's connections with the parent.
 void resetInChild() {
     gRegLock = PTHREAD_MUTEX_INITIALIZER;
     gServerLock = PTHREAD_MUTEX_INITIALIZER;
+    gServeLock = PTHREAD_MUTEX_INITIALIZER;
     if (gListenFd >= 0) close(gListenFd);
     gListenFd = -1;
     gListenPid = 0;
@@ -247,18 +374,28 @@ void resetInChild() {
         fd = -1;
     }
     gThreadRunning = false;
+    closeConns();
+    gConnsOf = -1;
+    if (gKeptKeyMade) {
+        if (auto *set = static_cast<KeptSet *>(pthread_getspecific(gKeptKey))) {
+            for (Kept &k : set->slot) {
+                if (k.fd >= 0) close(k.fd);
+                k.fd = -1;
+            }
+        }
+    }
 }
 
 __attribute__((constructor)) void installForkHandler() { pthread_atfork(nullptr, nullptr, resetInChild); }
 
-// Answers one accepted connection: one request, one reply, within the time-out so
-// that a slow or silent client cannot hold the server.
-void serveConnection(int fd) {
-    if (!trustedPeer(fd)) return;
+// Answers one request waiting on fd, within the time-out so that a slow or silent
+// caller cannot hold the server: 0 answered (the connection stays), -1 the caller
+// hung up or sent garbage (the connection is to be closed).
+int serveRequest(int fd) {
     int64_t deadline = nowMs() + qxImiGetTimeout();
     char *body = nullptr;
     size_t len = 0;
-    if (readFrame(fd, deadline, &body, &len) != 0) return;
+    if (readFrame(fd, deadline, &body, &len) != 0) return -1;
     char cb[kMaxCbName + 1];
     QxRpcPara set;
     qxrpcParaInit(&set);
@@ -266,28 +403,85 @@ void serveConnection(int fd) {
     free(body);
     if (status != 0) {
         freeSet(&set);
-        return;
+        return -1;
     }
     int inputs = set.count;
     Handler h;
     status = findHandler(cb, &h) ? h.fn(&set, h.user) : QXRPC_ERR_NO_HANDLER;
     char *frame = nullptr;
+    int rc = -1;
     if (encodeReply(status, &set, inputs, &frame, &len) == 0) {
         // However long the handler took, the answer gets a full time-out of its own:
         // the caller's deadline decides whether it still waits for it.
-        sendAll(fd, frame, len, nowMs() + qxImiGetTimeout());
+        rc = sendAll(fd, frame, len, nowMs() + qxImiGetTimeout()) == 0 ? 0 : -1;
         free(frame);
     }
     freeSet(&set);
+    return rc;
 }
 
-// 1 when a connection was taken and handled, 0 when none was waiting.
-int acceptOne(int listenFd) {
+// Takes a new connection: 1 refused (a stranger, counted as handled), 0 kept or
+// none waiting, -1 error. When all places are taken an open connection goes; its
+// caller finds it closed before it sends again and reconnects.
+int acceptConn(int listenFd) {
     int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (fd < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR || errno == ECONNABORTED ? 0 : -1;
-    serveConnection(fd);
-    close(fd);
-    return 1;
+    if (!trustedPeer(fd)) {
+        close(fd);
+        return 1;
+    }
+    if (gConnCount == kMaxConns) dropConn(0);
+    gConns[gConnCount++] = fd;
+    return 0;
+}
+
+// One serving step under gServeLock: waits until the deadline (-1: none) for a
+// request on a kept or a new connection and answers at most one. 1 handled, 0 none,
+// 2 woken through wakeFd, <0 error.
+int serveStep(int listenFd, int wakeFd, int64_t deadline) {
+    if (gConnsOf != listenFd) {
+        closeConns();  // connections of a socket that was closed since
+        gConnsOf = listenFd;
+    }
+    for (;;) {
+        struct pollfd p[kMaxConns + 2];
+        int n = 0;
+        p[n++] = {listenFd, POLLIN, 0};
+        if (wakeFd >= 0) p[n++] = {wakeFd, POLLIN, 0};
+        const int first = n;
+        for (int i = 0; i < gConnCount; i++) p[n++] = {gConns[i], POLLIN, 0};
+        int w;
+        if (deadline < 0) {
+            w = poll(p, static_cast<nfds_t>(n), -1);
+        } else {
+            int64_t left = deadline - nowMs();
+            w = poll(p, static_cast<nfds_t>(n), left > 0 ? static_cast<int>(left) : 0);
+        }
+        if (w < 0) return errno == EINTR ? 0 : -1;
+        if (w == 0) return 0;
+        if (wakeFd >= 0 && p[1].revents) return 2;
+        if (p[0].revents & (POLLNVAL | POLLERR)) return -1;
+        const int conns = gConnCount;
+        for (int k = 0; k < conns; k++) {
+            const int i = static_cast<int>((gConnTurn + static_cast<unsigned>(k)) % static_cast<unsigned>(conns));
+            if (!p[first + i].revents) continue;
+            gConnTurn = static_cast<unsigned>(i) + 1;
+            // A caller that hung up with nothing sent is closed quietly; garbage
+            // counts as handled.
+            const short ev = p[first + i].revents;
+            char c;
+            const bool hungUp = !(ev & POLLIN) ||
+                                ((ev & POLLHUP) && recv(gConns[i], &c, 1, MSG_PEEK | MSG_DONTWAIT) <= 0);
+            if (!hungUp && serveRequest(gConns[i]) == 0) return 1;
+            dropConn(i);
+            if (!hungUp) return 1;
+            break;  // the places moved: poll again
+        }
+        if (p[0].revents & POLLIN) {
+            int rc = acceptConn(listenFd);
+            if (rc != 0) return rc;
+        }
+    }
 }
 
 struct ServerFds {
@@ -298,12 +492,15 @@ ServerFds gServerFds;
 
 void *serverMain(void *) {
     ServerFds fds = gServerFds;
-    while (!__atomic_load_n(&gStop, __ATOMIC_ACQUIRE)) {
-        struct pollfd p[2] = {{fds.listen, POLLIN, 0}, {fds.wake, POLLIN, 0}};
-        int n = poll(p, 2, -1);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0 || p[1].revents || (p[0].revents & (POLLNVAL | POLLERR))) break;
-        if ((p[0].revents & POLLIN) && acceptOne(fds.listen) < 0) poll(nullptr, 0, 10);
+    for (;;) {
+        pthread_mutex_lock(&gServeLock);
+        int rc = 0;
+        if (!__atomic_load_n(&gStop, __ATOMIC_ACQUIRE)) rc = serveStep(fds.listen, fds.wake, -1);
+        const bool stop = __atomic_load_n(&gStop, __ATOMIC_ACQUIRE) || rc == 2;
+        if (stop) closeConns();
+        pthread_mutex_unlock(&gServeLock);
+        if (stop) break;
+        if (rc < 0) poll(nullptr, 0, 10);
     }
     return nullptr;
 }
@@ -397,9 +594,9 @@ PF_API int qxImiServeOnce(int timeoutMs) {
     int fd = qxImiListen();
     if (fd < 0) return QXRPC_ERR_IO;
     int64_t deadline = timeoutMs < 0 ? -1 : nowMs() + timeoutMs;
-    int w = waitFd(fd, POLLIN, deadline);
-    if (w <= 0) return w == 0 ? 0 : QXRPC_ERR_IO;
-    int rc = acceptOne(fd);
+    pthread_mutex_lock(&gServeLock);
+    int rc = serveStep(fd, -1, deadline);
+    pthread_mutex_unlock(&gServeLock);
     return rc < 0 ? QXRPC_ERR_IO : rc;
 }
 
