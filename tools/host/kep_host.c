@@ -32,13 +32,25 @@ int kepHostPid(void) {
     return pid;
 }
 
+/* The host's pid as last read, so that a request costs no file read; 0: not read. */
+static int gHostPid;
+
 /* Runs handler with the members already in set; 0 with the host's answer in set. */
 static int call(const char *handler, QxRpcPara *set) {
-    int pid = kepHostPid();
+    int pid = __atomic_load_n(&gHostPid, __ATOMIC_RELAXED);
     int code = 0;
     int rc;
+    if (pid <= 0) pid = kepHostPid();
     if (pid < 0) return QXRPC_ERR_NO_PEER;
+    __atomic_store_n(&gHostPid, pid, __ATOMIC_RELAXED);
     rc = qxImiExecute(pid, handler, 0, 0, set);
+    /* Nobody (or no host) served that pid, so nothing ran: a host started since has
+     * written another pid, and the request may go there. */
+    if (rc == QXRPC_ERR_NO_PEER || rc == QXRPC_ERR_NO_HANDLER) {
+        int now = kepHostPid();
+        __atomic_store_n(&gHostPid, now > 0 ? now : 0, __ATOMIC_RELAXED);
+        if (now > 0 && now != pid) rc = qxImiExecute(now, handler, 0, 0, set);
+    }
     if (rc != 0) return rc;
     if (qxrpcGetInt(set, "errorCode", &code) != 0) return -1500;
     return code;
