@@ -222,18 +222,15 @@ KeptSet *keptSet() {
 }
 
 // Takes the thread's open connection to pid out of its set (so that it is never
-// used twice at once), or -1. One the callee has closed (it stopped serving or
-// dropped an idle connection) reads as ready, and is closed instead.
+// used twice at once), or -1. One the callee has closed meanwhile (it stopped
+// serving, died or dropped an idle connection) refuses the next send.
 int takeKept(KeptSet *set, int pid) {
     if (!set) return -1;
     for (Kept &k : set->slot) {
         if (k.fd < 0 || k.pid != pid) continue;
         int fd = k.fd;
         k.fd = -1;
-        struct pollfd p = {fd, POLLIN, 0};
-        if (poll(&p, 1, 0) == 0) return fd;
-        close(fd);
-        return -1;
+        return fd;
     }
     return -1;
 }
@@ -386,7 +383,21 @@ void resetInChild() {
     }
 }
 
-__attribute__((constructor)) void installForkHandler() { pthread_atfork(nullptr, nullptr, resetInChild); }
+// This process's pid, kept so that telling a call to ourselves apart costs no
+// system call; a forked child sets its own.
+int gSelfPid;
+
+void notePid() { __atomic_store_n(&gSelfPid, static_cast<int>(getpid()), __ATOMIC_RELAXED); }
+
+void resetInChildAndPid() {
+    notePid();
+    resetInChild();
+}
+
+__attribute__((constructor)) void installForkHandler() {
+    notePid();
+    pthread_atfork(nullptr, nullptr, resetInChildAndPid);
+}
 
 // Answers one request waiting on fd, within the time-out so that a slow or silent
 // caller cannot hold the server: 0 answered (the connection stays), -1 the caller
@@ -554,7 +565,7 @@ PF_API int qxImiGetTimeout(void) {
 
 PF_API int qxImiExecute(int pid, const char *cb, int, int, QxRpcPara *set) {
     if (pid < 0 || !validCb(cb) || !set || checkMembers(set, 0) != 0) return QXRPC_ERR_ARG;
-    if (pid == getpid()) return callInProcess(cb, set);
+    if (pid == __atomic_load_n(&gSelfPid, __ATOMIC_RELAXED)) return callInProcess(cb, set);
     int rc = callRemote(pid, cb, set);
     // A callee that is gone or silent is a field problem worth a trace of its own.
     if ((rc == QXRPC_ERR_TIMEOUT || rc == QXRPC_ERR_NO_PEER || rc == QXRPC_ERR_IO) && debugFlagGet(kImiLogMid))
