@@ -8,7 +8,6 @@
 //   standin_rpc    the stand-in RPC alone: one call to the owner's get callback
 //   request_local  standardKepReqHandle in this process, the owner in another
 //   request_host   the same request through the host daemon (kepd) from this client
-//   host_rpc_known_pid  the same without kepHostRequest's pid-file lookup per request
 //   concurrent     1..8 threads of this process issuing gets to the one owner
 //
 // The owner answers every get of table t of module m with the same 3 sections of 5
@@ -296,30 +295,6 @@ void BM_RequestThroughHost(benchmark::State &state) {
     lat.report(state);
 }
 
-// The host's request handler called directly with its pid known: the client side
-// of kepHostRequest without its pid-file lookup per request.
-void BM_HostDirect(benchmark::State &state) {
-    const int pid = kepHostPid();
-    Latencies lat;
-    for (auto _ : state) {
-        int64_t t0 = nowNs();
-        QxRpcPara set;
-        qxrpcParaInit(&set);
-        qxrpcAddStringPtr(&set, "para", kRequest);
-        char *text = nullptr;
-        int rc = qxImiExecute(pid, "kepd.request", 0, 0, &set);
-        if (rc == 0) rc = qxrpcGetStringPtr(&set, "result", &text);
-        bool ok = rc == 0 && strstr(text, "\"error_code\":0");
-        qxrpcParaFree(&set);
-        if (!ok) {
-            state.SkipWithError("request through the host failed");
-            break;
-        }
-        lat.add(nowNs() - t0);
-    }
-    lat.report(state);
-}
-
 // ---- throughput: threads of one client process, one owner ----
 
 std::mutex gMergeLock;
@@ -367,7 +342,6 @@ BENCHMARK(BM_FloorTwoHops)->Name("e2e/floor_two_hops_kept");
 BENCHMARK(BM_StandinRpcOnly)->Name("e2e/standin_rpc_only");
 BENCHMARK(BM_RequestLocal)->Name("e2e/request_local");
 BENCHMARK(BM_RequestThroughHost)->Name("e2e/request_through_host");
-BENCHMARK(BM_HostDirect)->Name("e2e/host_rpc_known_pid");
 BENCHMARK(BM_ConcurrentGets)->Name("concurrent/get")->ThreadRange(1, 8)->UseRealTime();
 
 // ---- processes ----

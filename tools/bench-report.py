@@ -111,8 +111,9 @@ out()
 out("A forked owner serves a get of a table of 3 sections x 5 string options (304 bytes of result "
     "JSON) over the stand-in's RPC. The reference (a) is the same request and reply frames over a "
     "Unix-domain stream socket between two processes without the library, json-c parsing the request "
-    "and the reply and serialising the response, on a connection kept open; the same with one "
-    "connection per request (as the stand-in's RPC makes them) is shown too, and the kept-connection "
+    "and the reply and serialising the response, on a connection kept open, as the stand-in's RPC keeps "
+    "them; the same with one connection per request (what a caller's first call to a callee pays) is "
+    "shown too, and the kept-connection "
     "floor through a relay process that forwards the frames (two process boundaries, what a broker "
     "cannot avoid). Latencies are per "
     "request, measured one by one (p50, p99); mean is the benchmark's time per iteration.")
@@ -125,8 +126,7 @@ two = e2e.get("e2e/floor_two_hops_kept")
 for label, run in [("(a) floor, kept connection", floor), ("(a') floor, connection per request", floor_conn),
                    ("floor through a relay process (two hops, kept connections)", two),
                    ("stand-in RPC call alone", rpc), ("(b) standardKepReqHandle", local),
-                   ("(c) through the host daemon", host),
-                   ("(c) without the client's pid-file lookup", e2e.get("e2e/host_rpc_known_pid"))]:
+                   ("(c) through the host daemon", host)]:
     if not run:
         out(f"| {label} | n/a | | | | | |")
         continue
@@ -155,8 +155,9 @@ if local:
 # ---------------------------------------------------------------- 2. throughput
 out("## 2. Throughput under concurrency")
 out()
-out("Threads of one client process issue gets (path (b)) to the one owner, which serves one "
-    "connection at a time. Requests per second over all threads; latency per request.")
+out("Threads of one client process issue gets (path (b)) to the one owner, which serves the "
+    "threads' open connections from one poll loop, one request at a time. Requests per second over "
+    "all threads; latency per request.")
 out()
 out("| threads | requests/s | p50 µs | p99 µs | requests/s vs 1 thread |")
 out("|---|---|---|---|---|")
@@ -251,9 +252,10 @@ if worst:
 out("## 4. Model description parsing")
 out()
 out("`strXmlParse` (keeping every element) and Mini-XML's `mxmlLoadString` on the same indented "
-    "description; `fdXmlParse` on the same text in a file. The pooled parser retries with ever larger "
-    "pools (100, 250, 400, 550, 700, 850 elements) and starts again from the first byte each time, so "
-    "850 elements are parsed in six attempts (2,850 element parses); 90 elements fit the first pool.")
+    "description; `fdXmlParse` on the same text in a file. The pooled parser's pool goes through 100, "
+    "250, 400, 550, 700 and 850 elements as it runs out: over text it grows in place and the parse "
+    "goes on, so the text is read once; a descriptor is read again from its start for every size "
+    "(six times for 850 elements). 90 elements fit the first pool.")
 out()
 out("Times are CPU time of the parsing thread (user + system), which a busy machine inflates less "
     "than wall-clock time.")
@@ -275,8 +277,9 @@ for n in (850, 90):
             f"{fmt(us(d, CPU)) if d else 'n/a'} / {fmt(us(o, CPU)) if o else 'n/a'} | {fmt(speed, 2)} |")
 out()
 out("\"kept (no trim)\": the same run with `GLIBC_TUNABLES=glibc.malloc.trim_threshold=67108864:"
-    "glibc.malloc.mmap_threshold=67108864`, so that the 265 KB pool of the last attempt, freed by "
-    "`mxmlTreeDelete`, is not handed back to the kernel and faulted in again by the next parse.")
+    "glibc.malloc.mmap_threshold=67108864`, so that the 265 KB pool, freed by `mxmlTreeDelete`, is "
+    "not handed back to the kernel and faulted in again by the next parse. Mini-XML's many small "
+    "blocks stay in the heap either way.")
 out()
 out("| elements | fdXmlParse µs | fdXmlParse / strXmlParse | system share of fdXmlParse (getrusage) |")
 out("|---|---|---|---|")
@@ -289,7 +292,7 @@ out()
 if (850, "default") in speeds:
     target("4 strXmlParse speed-up over Mini-XML, 850 elements", f"{speeds[(850, 'default')]:.2f}", "≥ 2",
            speeds[(850, "default")] >= 2,
-           f"heap kept: {fmt(speeds.get((850, 'kept (no trim)')), 2)}; 90 elements (one attempt): "
+           f"heap kept: {fmt(speeds.get((850, 'kept (no trim)')), 2)}; 90 elements (first pool): "
            f"{fmt(speeds.get((90, 'default')), 2)}")
 
 # ---------------------------------------------------------------- 5. footprint
