@@ -153,6 +153,7 @@ private:
     bool growPool(int size) {
         kep::XmlMemPool &pool = ctx_.pool;
         const int oldSize = capacity_;
+        const int used = ctx_.count;  // taken in address order, none given back
 
         const uintptr_t oldNodes = reinterpret_cast<uintptr_t>(pool.nodeBlock);
         const size_t oldNodeBytes = static_cast<size_t>(oldSize) * sizeof(XmlNode);
@@ -165,13 +166,16 @@ private:
                 const uintptr_t v = reinterpret_cast<uintptr_t>(p);
                 if (v - oldNodes < oldNodeBytes) p = nodes + (v - oldNodes) / sizeof(XmlNode);
             };
-            for (int i = 0; i < oldSize; i++) {
+            // Records before used are in the tree; the rest are free, with only their
+            // link to the next free record set.
+            for (int i = 0; i < used; i++) {
                 move(nodes[i].next);
                 move(nodes[i].prev);
                 move(nodes[i].parent);
                 move(nodes[i].firstChild);
                 move(nodes[i].lastChild);
             }
+            for (int i = used; i < oldSize; i++) move(nodes[i].next);
             move(pool.freeNodes);
             move(current_);
             move(first_);
@@ -196,7 +200,7 @@ private:
                 const uintptr_t v = reinterpret_cast<uintptr_t>(p);
                 if (v - oldAttrs < oldAttrBytes) p = attrs + (v - oldAttrs) / sizeof(XmlAttr);
             };
-            for (int i = 0; i < oldSize; i++) move(nodes[i].attrs);
+            for (int i = 0; i < used; i++) move(nodes[i].attrs);
             for (int i = 0; i < oldCount; i++) move(attrs[i].next);
             move(pool.freeAttrs);
         }
