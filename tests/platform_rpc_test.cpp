@@ -16,7 +16,6 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
-#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -257,10 +256,18 @@ TEST(ImiRemote, RequestArrivingInPiecesIsAnswered) {
 
 namespace {
 
-std::set<int> openFds() {
-    std::set<int> fds;
+// This process's descriptors connected to pid's socket.
+std::vector<int> connectionsTo(pid_t pid) {
+    const std::string path = kep_test::imiSocketPath(pid);
+    std::vector<int> fds;
     for (const auto &e : std::filesystem::directory_iterator("/proc/self/fd")) {
-        fds.insert(std::stoi(e.path().filename().string()));
+        const int fd = std::stoi(e.path().filename().string());
+        sockaddr_un peer{};
+        socklen_t len = sizeof peer;
+        if (getpeername(fd, reinterpret_cast<sockaddr *>(&peer), &len) == 0 && peer.sun_family == AF_UNIX &&
+            path == peer.sun_path) {
+            fds.push_back(fd);
+        }
     }
     return fds;
 }
@@ -279,13 +286,11 @@ TEST(ImiRemote, KeptConnections) {
         return qxImiExecute(owner.pid(), "echoCb", 0, 0, set.get()) == 0 &&
                getText(set.get(), "result") == "{\"n\":" + std::to_string(n) + "}";
     };
-    const std::set<int> before = openFds();
     ASSERT_TRUE(call(1));
-    std::set<int> kept = openFds();
-    for (int fd : before) kept.erase(fd);
+    const std::vector<int> kept = connectionsTo(owner.pid());
     ASSERT_EQ(kept.size(), 1u);
     for (int i = 0; i < 5; i++) ASSERT_TRUE(call(i));
-    EXPECT_EQ(openFds().size(), before.size() + 1);
+    EXPECT_EQ(connectionsTo(owner.pid()), kept);
 
     std::atomic<int> called{0}, failed{0};
     std::atomic<bool> again{false};
@@ -304,7 +309,7 @@ TEST(ImiRemote, KeptConnections) {
     for (std::thread &t : callers) t.join();
     EXPECT_EQ(failed, 0);
 
-    const int parentFd = *kept.begin();
+    const int parentFd = kept[0];
     pid_t child = fork();
     if (child == 0) _exit(fcntl(parentFd, F_GETFD) == -1 && call(7) && call(8) ? 0 : 1);
     int status = -1;

@@ -264,18 +264,14 @@ int callRemote(int pid, const char *cb, QxRpcPara *set) {
     if (rc) return rc;
     KeptSet *kept = keptSet();
     int fd = takeKept(kept, pid);
-    if (fd >= 0) {
+    for (int attempt = 0;; attempt++) {
+        if (fd < 0 && (rc = connectTo(pid, deadline, &fd)) != 0) break;
         rc = sendAll(fd, frame, len, deadline);
-        // A send refused outright means the callee closed the connection before
-        // reading anything of this request: nothing ran, so a new one may carry it.
-        if (rc == QXRPC_ERR_IO) {
-            close(fd);
-            fd = -1;
-        }
-    }
-    if (fd < 0) {
-        rc = connectTo(pid, deadline, &fd);
-        if (rc == 0) rc = sendAll(fd, frame, len, deadline);
+        // A send refused outright means the callee shut the connection before it
+        // read anything of this request: nothing ran, so a new one may carry it.
+        if (rc != QXRPC_ERR_IO || attempt == 1) break;
+        close(fd);
+        fd = -1;
     }
     free(frame);
     // The callee needs a while to answer: wait before reading rather than after a
@@ -431,9 +427,11 @@ int serveRequest(int fd) {
     return rc;
 }
 
-// Takes a new connection: 1 refused (a stranger, counted as handled), 0 kept or
-// none waiting, -1 error. When all places are taken an open connection goes; its
-// caller finds it closed before it sends again and reconnects.
+// Takes a new connection: 1 handled (a stranger refused, or a request answered on
+// the connection that made room), 0 kept or none waiting, -1 error. When all places
+// are taken an open connection goes. It is shut for reading first: a caller's request
+// that is already in it is still answered, and one sent later is refused at once, so
+// that the caller resends it on a new connection instead of losing it.
 int acceptConn(int listenFd) {
     int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (fd < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR || errno == ECONNABORTED ? 0 : -1;
@@ -441,9 +439,15 @@ int acceptConn(int listenFd) {
         close(fd);
         return 1;
     }
-    if (gConnCount == kMaxConns) dropConn(0);
+    int handled = 0;
+    if (gConnCount == kMaxConns) {
+        shutdown(gConns[0], SHUT_RD);
+        char c;
+        if (recv(gConns[0], &c, 1, MSG_PEEK | MSG_DONTWAIT) == 1 && serveRequest(gConns[0]) == 0) handled = 1;
+        dropConn(0);
+    }
     gConns[gConnCount++] = fd;
-    return 0;
+    return handled;
 }
 
 // One serving step under gServeLock: waits until the deadline (-1: none) for a
