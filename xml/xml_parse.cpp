@@ -74,6 +74,45 @@ struct Buf {
     }
 };
 
+// Reallocates a pool block of records and re-aims pointers that pointed into its old
+// place. Only the old address is used once the block has moved: it is gone.
+template <typename T>
+class BlockMove {
+public:
+    // False when there is no memory; block is then unchanged.
+    bool grow(T *&block, int oldCount, int count) {
+        old_ = reinterpret_cast<uintptr_t>(block);
+        oldBytes_ = static_cast<size_t>(oldCount) * sizeof(T);
+        auto *grown = static_cast<T *>(kep::xmlRealloc(block, static_cast<size_t>(count) * sizeof(T)));
+        if (!grown) return false;
+        block = now_ = grown;
+        return true;
+    }
+    bool moved() const { return reinterpret_cast<uintptr_t>(now_) != old_; }
+    void reaim(T *&p) const {
+        const uintptr_t v = reinterpret_cast<uintptr_t>(p);
+        if (v - old_ < oldBytes_) p = now_ + (v - old_) / sizeof(T);
+    }
+
+private:
+    uintptr_t old_ = 0;
+    size_t oldBytes_ = 0;
+    T *now_ = nullptr;
+};
+
+// Chains records [from, to) of block in address order behind the free list head.
+// Records leave a list in address order and none comes back during a parse, so a
+// list that still holds records ends at record from - 1.
+template <typename T>
+void chainFree(T *block, int from, int to, T *&head) {
+    for (int i = from; i < to; i++) block[i].next = i + 1 < to ? &block[i + 1] : nullptr;
+    if (head) {
+        block[from - 1].next = &block[from];
+    } else {
+        head = &block[from];
+    }
+}
+
 // One parse attempt. The document is built only from ctx's pool; the walk keeps a
 // pointer to the open element instead of recursing, so depth costs nothing.
 //
@@ -146,70 +185,43 @@ private:
 
     // Grows both blocks to size records (3 size attributes), re-aims every pointer
     // into a block that moved (links, attribute lists, free lists, the parser's own)
-    // and chains the new records behind the free lists. Records leave the lists in
-    // address order and none comes back during a parse, so a list that still holds
-    // records ends at the last record of the old block. On failure the pool is
+    // and chains the new records behind the free lists. On failure the pool is
     // consistent (one block may already be larger) and fail() can release it.
     bool growPool(int size) {
         kep::XmlMemPool &pool = ctx_.pool;
         const int oldSize = capacity_;
         const int used = ctx_.count;  // taken in address order, none given back
 
-        const uintptr_t oldNodes = reinterpret_cast<uintptr_t>(pool.nodeBlock);
-        const size_t oldNodeBytes = static_cast<size_t>(oldSize) * sizeof(XmlNode);
-        auto *nodes = static_cast<XmlNode *>(kep::xmlRealloc(pool.nodeBlock, static_cast<size_t>(size) * sizeof(XmlNode)));
-        if (!nodes) return false;
-        pool.nodeBlock = nodes;
-        if (reinterpret_cast<uintptr_t>(nodes) != oldNodes) {
-            // Only the address is used: the old block is gone.
-            auto move = [&](XmlNode *&p) {
-                const uintptr_t v = reinterpret_cast<uintptr_t>(p);
-                if (v - oldNodes < oldNodeBytes) p = nodes + (v - oldNodes) / sizeof(XmlNode);
-            };
+        BlockMove<XmlNode> nodes;
+        if (!nodes.grow(pool.nodeBlock, oldSize, size)) return false;
+        if (nodes.moved()) {
             // Records before used are in the tree; the rest are free, with only their
             // link to the next free record set.
-            for (int i = 0; i < used; i++) {
-                move(nodes[i].next);
-                move(nodes[i].prev);
-                move(nodes[i].parent);
-                move(nodes[i].firstChild);
-                move(nodes[i].lastChild);
+            for (XmlNode *r = pool.nodeBlock; r < pool.nodeBlock + used; r++) {
+                nodes.reaim(r->next);
+                nodes.reaim(r->prev);
+                nodes.reaim(r->parent);
+                nodes.reaim(r->firstChild);
+                nodes.reaim(r->lastChild);
             }
-            for (int i = used; i < oldSize; i++) move(nodes[i].next);
-            move(pool.freeNodes);
-            move(current_);
-            move(first_);
-            move(last_);
+            for (int i = used; i < oldSize; i++) nodes.reaim(pool.nodeBlock[i].next);
+            nodes.reaim(pool.freeNodes);
+            nodes.reaim(current_);
+            nodes.reaim(first_);
+            nodes.reaim(last_);
         }
-        for (int i = oldSize; i < size; i++) nodes[i].next = i + 1 < size ? &nodes[i + 1] : nullptr;
-        if (pool.freeNodes) {
-            nodes[oldSize - 1].next = &nodes[oldSize];
-        } else {
-            pool.freeNodes = &nodes[oldSize];
-        }
+        chainFree(pool.nodeBlock, oldSize, size, pool.freeNodes);
         capacity_ = size;  // the node block is of the new size from here on
 
-        const int oldCount = oldSize * kep::kXmlAttrsPerNode, count = size * kep::kXmlAttrsPerNode;
-        const uintptr_t oldAttrs = reinterpret_cast<uintptr_t>(pool.attrBlock);
-        const size_t oldAttrBytes = static_cast<size_t>(oldCount) * sizeof(XmlAttr);
-        auto *attrs = static_cast<XmlAttr *>(kep::xmlRealloc(pool.attrBlock, static_cast<size_t>(count) * sizeof(XmlAttr)));
-        if (!attrs) return false;
-        pool.attrBlock = attrs;
-        if (reinterpret_cast<uintptr_t>(attrs) != oldAttrs) {
-            auto move = [&](XmlAttr *&p) {
-                const uintptr_t v = reinterpret_cast<uintptr_t>(p);
-                if (v - oldAttrs < oldAttrBytes) p = attrs + (v - oldAttrs) / sizeof(XmlAttr);
-            };
-            for (int i = 0; i < used; i++) move(nodes[i].attrs);
-            for (int i = 0; i < oldCount; i++) move(attrs[i].next);
-            move(pool.freeAttrs);
+        const int oldCount = oldSize * kep::kXmlAttrsPerNode;
+        BlockMove<XmlAttr> attrs;
+        if (!attrs.grow(pool.attrBlock, oldCount, size * kep::kXmlAttrsPerNode)) return false;
+        if (attrs.moved()) {
+            for (int i = 0; i < used; i++) attrs.reaim(pool.nodeBlock[i].attrs);
+            for (int i = 0; i < oldCount; i++) attrs.reaim(pool.attrBlock[i].next);
+            attrs.reaim(pool.freeAttrs);
         }
-        for (int i = oldCount; i < count; i++) attrs[i].next = i + 1 < count ? &attrs[i + 1] : nullptr;
-        if (pool.freeAttrs) {
-            attrs[oldCount - 1].next = &attrs[oldCount];
-        } else {
-            pool.freeAttrs = &attrs[oldCount];
-        }
+        chainFree(pool.attrBlock, oldCount, size * kep::kXmlAttrsPerNode, pool.freeAttrs);
         return true;
     }
 
