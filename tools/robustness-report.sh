@@ -61,10 +61,10 @@ fuzz_input() {
 }
 summary=${FUZZ_SUMMARY:-$root/build-fuzz/summary.tsv}
 if [ -s "$summary" ]; then
-    fuzz_rows=$(while IFS=$'\t' read -r name execs secs cov edges ft units day; do
-        printf '| %s | %s | %s | %s of %s | %s | %s | %s | %s |\n' "$name" \
-            "$(printf "%'d" "$execs" 2>/dev/null || echo "$execs")" "$secs" "$cov" "$edges" "$ft" "$units" "$day" \
-            "$(fuzz_input "$name")"
+    fuzz_rows=$(while IFS=$'\t' read -r name execs secs cov edges ft units day commit; do
+        printf '| %s | %s | %s | %s of %s | %s | %s | %s %s | %s |\n' "$name" \
+            "$(echo "$execs" | sed ':a;s/\B[0-9]\{3\}\>/,&/;ta')" "$secs" "$cov" "$edges" "$ft" \
+            "$units" "$day" "${commit:+(\`$commit\`)}" "$(fuzz_input "$name")"
     done <"$summary")
 else
     fuzz_rows="| (no run recorded: \`tools/run-fuzz.sh\` writes $summary) | | | | | | | |"
@@ -119,7 +119,7 @@ for 60 s; the figures below are of the last long run (each target until 10 milli
 executions or an hour, whichever came first; two targets at a time on this machine's two
 CPUs), all clean.
 
-| target | executions | seconds | edges covered | features | corpus | run on | input |
+| target | executions | seconds | edges covered | features | corpus | run on (commit) | input |
 |---|---|---|---|---|---|---|---|
 $fuzz_rows
 

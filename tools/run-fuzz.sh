@@ -9,7 +9,8 @@
 #
 # FUZZ_RUNS caps each target's executions as well (a long run: FUZZ_RUNS=10000000 with
 # 3600 s stops each target at whichever comes first). Each target's figures (executions,
-# seconds, edges covered of those instrumented, features, corpus size) replace its line
+# seconds, edges covered of those instrumented, features, corpus size, date, commit)
+# replace its line
 # in build-fuzz/summary.tsv, which tools/robustness-report.sh puts in docs/ROBUSTNESS.md.
 #
 #   tools/run-fuzz.sh [seconds-per-target [name...]]    (default: 60 s, every target)
@@ -38,10 +39,16 @@ summarise() {
     echo "   $execs executions in $2 s, $cov of $edges edges covered, $ft features, corpus $units inputs"
     touch "$build/summary.tsv"
     grep -v "^$1	" "$build/summary.tsv" >"$build/summary.tsv.new" || true
-    printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\n' "$1" "$execs" "$2" "$cov" "$edges" "$ft" "$units" \
-        "$(date -u +%Y-%m-%d)" >>"$build/summary.tsv.new"
+    printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\n' "$1" "$execs" "$2" "$cov" "$edges" "$ft" "$units" \
+        "$(date -u +%Y-%m-%d)" "$commit" >>"$build/summary.tsv.new"
     sort "$build/summary.tsv.new" >"$build/summary.tsv" && rm -f "$build/summary.tsv.new"
 }
+
+# The code the figures belong to.
+commit=$(git -C "$root" rev-parse --short HEAD 2>/dev/null || echo unknown)
+if [ "$commit" != unknown ] && [ -n "$(git -C "$root" status --porcelain --untracked-files=no 2>/dev/null)" ]; then
+    commit="$commit+changes"
+fi
 
 scratch=$(mktemp -d "${TMPDIR:-/tmp}/kep-fuzz.XXXXXX")
 trap 'rm -rf "$scratch"' EXIT INT TERM
