@@ -56,6 +56,8 @@ run xml xml --benchmark_min_time=0.3
 # kernel: the share of the parse that is the allocator's page traffic.
 GLIBC_TUNABLES=glibc.malloc.trim_threshold=67108864:glibc.malloc.mmap_threshold=67108864 \
     run xml xml_keepheap --benchmark_min_time=0.3 --benchmark_filter='strXmlParse|mxml'
+GLIBC_TUNABLES=glibc.malloc.trim_threshold=67108864:glibc.malloc.mmap_threshold=67108864 \
+    run scale scale_keepheap --benchmark_min_time=0.3 --benchmark_filter='(store/.*_tmpfs|file_floor/tmpfs)/sections:1000'
 
 echo "== footprint"
 "$build/bench/kep_bench_heap" >"$results/heap.json"
