@@ -374,6 +374,48 @@ TEST(ImiLocal, BackgroundServerAnswersOtherProcesses) {
     qxImiUnregister("selfCb");
 }
 
+// Serving stopped while a caller keeps its connection: the caller's next call finds
+// nobody at once instead of waiting out its time-out.
+TEST(ImiLocal, StoppedServingClosesKeptConnections) {
+    std::atomic<int> calls{0};
+    ASSERT_EQ(qxImiRegister("selfCb", selfHandler, &calls), 0);
+    ASSERT_GE(qxImiListen(), 0);
+    std::atomic<bool> serving{true};
+    std::thread loop([&] {
+        while (serving) qxImiServeOnce(20);
+    });
+    const pid_t server = getpid();
+    int go[2], done[2];
+    ASSERT_EQ(pipe(go), 0);
+    ASSERT_EQ(pipe(done), 0);
+    pid_t child = fork();
+    if (child == 0) {
+        auto call = [&] {
+            kep::RpcPara set;
+            qxrpcAddInt(set.get(), "n", 1);
+            return qxImiExecute(server, "selfCb", 0, 0, set.get());
+        };
+        char c = call() == 0 ? 'y' : 'n';
+        if (write(done[1], &c, 1) != 1 || read(go[0], &c, 1) != 1) _exit(2);
+        qxImiSetTimeout(3000);
+        Clock::time_point t0 = Clock::now();
+        const int rc = call();
+        _exit(rc == QXRPC_ERR_NO_PEER && msSince(t0) < 1000 ? 0 : 1);
+    }
+    char c = 0;
+    ASSERT_EQ(read(done[0], &c, 1), 1);
+    EXPECT_EQ(c, 'y');
+    serving = false;
+    loop.join();
+    qxImiStopServer();
+    ASSERT_EQ(write(go[1], "x", 1), 1);
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    for (int fd : {go[0], go[1], done[0], done[1]}) close(fd);
+    qxImiUnregister("selfCb");
+}
+
 TEST(ImiLocal, RefusesAnOpenRuntimeFolder) {
     char dir[] = "/tmp/kep-imi-open-XXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);

@@ -340,11 +340,17 @@ pthread_mutex_t gServeLock = PTHREAD_MUTEX_INITIALIZER;
 int gConns[kMaxConns];
 int gConnCount;
 unsigned gConnTurn;  // where the next scan starts, so that no caller is starved
-int gConnsOf = -1;   // the listening socket the connections came through
+int gDropConns;      // set when serving stopped: the next step closes the connections
 
 void closeConns() {
     for (int i = 0; i < gConnCount; i++) close(gConns[i]);
     gConnCount = 0;
+}
+
+// Callers' connections outlive no stop of serving: closed, they refuse the callers'
+// next send at once instead of leaving them waiting for a time-out.
+void dropConnsIfStopped() {
+    if (__atomic_exchange_n(&gDropConns, 0, __ATOMIC_ACQ_REL)) closeConns();
 }
 
 void dropConn(int i) {
@@ -368,7 +374,7 @@ void resetInChild() {
     }
     gThreadRunning = false;
     closeConns();
-    gConnsOf = -1;
+    gDropConns = 0;
     if (gKeptKeyMade) {
         if (auto *set = static_cast<KeptSet *>(pthread_getspecific(gKeptKey))) {
             for (Kept &k : set->slot) {
@@ -454,10 +460,7 @@ int acceptConn(int listenFd) {
 // request on a kept or a new connection and answers at most one. 1 handled, 0 none,
 // 2 woken through wakeFd, <0 error.
 int serveStep(int listenFd, int wakeFd, int64_t deadline) {
-    if (gConnsOf != listenFd) {
-        closeConns();  // connections of a socket that was closed since
-        gConnsOf = listenFd;
-    }
+    dropConnsIfStopped();
     for (;;) {
         struct pollfd p[kMaxConns + 2];
         int n = 0;
@@ -611,6 +614,7 @@ PF_API int qxImiServeOnce(int timeoutMs) {
     int64_t deadline = timeoutMs < 0 ? -1 : nowMs() + timeoutMs;
     pthread_mutex_lock(&gServeLock);
     int rc = serveStep(fd, -1, deadline);
+    dropConnsIfStopped();  // a handler that stopped serving
     pthread_mutex_unlock(&gServeLock);
     return rc < 0 ? QXRPC_ERR_IO : rc;
 }
@@ -665,4 +669,11 @@ PF_API void qxImiStopServer(void) {
     }
     closeListener();
     pthread_mutex_unlock(&gServerLock);
+    // Unless a serving step is running (this may be one of its handlers), the
+    // connections go now; otherwise that step closes them when it ends.
+    __atomic_store_n(&gDropConns, 1, __ATOMIC_RELEASE);
+    if (pthread_mutex_trylock(&gServeLock) == 0) {
+        dropConnsIfStopped();
+        pthread_mutex_unlock(&gServeLock);
+    }
 }
