@@ -397,10 +397,9 @@ TEST(ImiLocal, StoppedServingClosesKeptConnections) {
         };
         char c = call() == 0 ? 'y' : 'n';
         if (write(done[1], &c, 1) != 1 || read(go[0], &c, 1) != 1) _exit(2);
+        // Waiting on a connection nobody serves would end in a time-out instead.
         qxImiSetTimeout(3000);
-        Clock::time_point t0 = Clock::now();
-        const int rc = call();
-        _exit(rc == QXRPC_ERR_NO_PEER && msSince(t0) < 1000 ? 0 : 1);
+        _exit(call() == QXRPC_ERR_NO_PEER ? 0 : 1);
     }
     char c = 0;
     ASSERT_EQ(read(done[0], &c, 1), 1);
