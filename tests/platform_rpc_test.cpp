@@ -380,10 +380,6 @@ TEST(ImiLocal, StoppedServingClosesKeptConnections) {
     std::atomic<int> calls{0};
     ASSERT_EQ(qxImiRegister("selfCb", selfHandler, &calls), 0);
     ASSERT_GE(qxImiListen(), 0);
-    std::atomic<bool> serving{true};
-    std::thread loop([&] {
-        while (serving) qxImiServeOnce(20);
-    });
     const pid_t server = getpid();
     int go[2], done[2];
     ASSERT_EQ(pipe(go), 0);
@@ -401,6 +397,11 @@ TEST(ImiLocal, StoppedServingClosesKeptConnections) {
         qxImiSetTimeout(3000);
         _exit(call() == QXRPC_ERR_NO_PEER ? 0 : 1);
     }
+    // Started after the fork, so that the child has no thread object to lose.
+    std::atomic<bool> serving{true};
+    std::thread loop([&] {
+        while (serving) qxImiServeOnce(20);
+    });
     char c = 0;
     ASSERT_EQ(read(done[0], &c, 1), 1);
     EXPECT_EQ(c, 'y');
