@@ -116,7 +116,7 @@ AddressSanitizer and UndefinedBehaviorSanitizer (\`tools/run-fuzz.sh\`); seed co
 in \`fuzz/corpus/\`, dictionaries for JSON and XML beside them. A target fails on any
 crash, sanitizer report, leak or hang (10 s per input). \`tools/dev.sh test\` runs each
 for 60 s; the figures below are of the last long run (each target until 10 million
-executions or an hour, whichever came first; two targets at a time on this machine's two
+executions or an hour, whichever came first; two or three targets at a time on this machine's two
 CPUs), all clean.
 
 | target | executions | seconds | edges covered | features | corpus | run on (commit) | input |
