@@ -43,6 +43,7 @@ struct XmlParseCtx {
 };
 
 constexpr int kXmlPoolSizes[] = {100, 250, 400, 550, 700, 850};
+constexpr int kXmlPoolAttempts = static_cast<int>(sizeof kXmlPoolSizes / sizeof kXmlPoolSizes[0]);
 constexpr int kXmlMaxNodes = 900;
 constexpr int kXmlAttrsPerNode = 3;
 

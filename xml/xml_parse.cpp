@@ -173,7 +173,7 @@ private:
     // memory (restartAt() then names the attempt to run from the start, which needs
     // no more memory than the schedule itself).
     bool nextAttempt() {
-        if (!growing_ || attempt_ + 1 >= kAttempts) return false;
+        if (!growing_ || attempt_ + 1 >= kep::kXmlPoolAttempts) return false;
         const int size = kep::kXmlPoolSizes[attempt_ + 1];
         if (!growPool(size)) {
             restartAt_ = attempt_ + 1;
@@ -417,8 +417,6 @@ private:
         }
     }
 
-    static constexpr int kAttempts = static_cast<int>(sizeof kep::kXmlPoolSizes / sizeof kep::kXmlPoolSizes[0]);
-
     XmlParseCtx &ctx_;
     const bool text_;     // reading ctx_.cursor in place
     const bool growing_;  // standing for the whole schedule
@@ -439,8 +437,7 @@ XmlNode **parseDocument(const char *text, int fd, int keepAll, bool *allFailed) 
     *allFailed = false;
     auto *ctx = static_cast<XmlParseCtx *>(kep::xmlAlloc(sizeof(XmlParseCtx)));
     if (!ctx) return nullptr;
-    constexpr int kAttempts = static_cast<int>(sizeof kep::kXmlPoolSizes / sizeof kep::kXmlPoolSizes[0]);
-    for (int i = 0; i < kAttempts; i++) {
+    for (int i = 0; i < kep::kXmlPoolAttempts; i++) {
         memset(ctx, 0, sizeof *ctx);
         if (kep::xmlMemPoolInit(&ctx->pool, kep::kXmlPoolSizes[i]) != 0) {
             free(ctx);

@@ -194,12 +194,16 @@ pthread_key_t gKeptKey;
 bool gKeptKeyMade;
 pthread_once_t gKeptOnce = PTHREAD_ONCE_INIT;
 
-void closeKept(void *p) {
-    auto *set = static_cast<KeptSet *>(p);
+void closeKeptFds(KeptSet *set) {
     for (Kept &k : set->slot) {
         if (k.fd >= 0) close(k.fd);
+        k.fd = -1;
     }
-    free(set);
+}
+
+void closeKept(void *p) {
+    closeKeptFds(static_cast<KeptSet *>(p));
+    free(p);
 }
 
 void makeKeptKey() { gKeptKeyMade = pthread_key_create(&gKeptKey, closeKept) == 0; }
@@ -353,15 +357,28 @@ void dropConnsIfStopped() {
     if (__atomic_exchange_n(&gDropConns, 0, __ATOMIC_ACQ_REL)) closeConns();
 }
 
+// Whether fd holds a byte not yet read (a request, or the start of one).
+bool hasPending(int fd) {
+    char c;
+    return recv(fd, &c, 1, MSG_PEEK | MSG_DONTWAIT) == 1;
+}
+
 void dropConn(int i) {
     close(gConns[i]);
     gConns[i] = gConns[--gConnCount];
 }
 
+// This process's pid, kept so that telling a call to ourselves apart costs no
+// system call; a forked child sets its own.
+int gSelfPid;
+
+void notePid() { __atomic_store_n(&gSelfPid, static_cast<int>(getpid()), __ATOMIC_RELAXED); }
+
 // A forked child has its own pid and no server thread: it must not answer on the
 // parent's socket or connections, nor think that a thread serves it, nor share the
 // calling thread's connections with the parent.
 void resetInChild() {
+    notePid();
     gRegLock = PTHREAD_MUTEX_INITIALIZER;
     gServerLock = PTHREAD_MUTEX_INITIALIZER;
     gServeLock = PTHREAD_MUTEX_INITIALIZER;
@@ -376,29 +393,13 @@ void resetInChild() {
     closeConns();
     gDropConns = 0;
     if (gKeptKeyMade) {
-        if (auto *set = static_cast<KeptSet *>(pthread_getspecific(gKeptKey))) {
-            for (Kept &k : set->slot) {
-                if (k.fd >= 0) close(k.fd);
-                k.fd = -1;
-            }
-        }
+        if (auto *set = static_cast<KeptSet *>(pthread_getspecific(gKeptKey))) closeKeptFds(set);
     }
-}
-
-// This process's pid, kept so that telling a call to ourselves apart costs no
-// system call; a forked child sets its own.
-int gSelfPid;
-
-void notePid() { __atomic_store_n(&gSelfPid, static_cast<int>(getpid()), __ATOMIC_RELAXED); }
-
-void resetInChildAndPid() {
-    notePid();
-    resetInChild();
 }
 
 __attribute__((constructor)) void installForkHandler() {
     notePid();
-    pthread_atfork(nullptr, nullptr, resetInChildAndPid);
+    pthread_atfork(nullptr, nullptr, resetInChild);
 }
 
 // Answers one request waiting on fd, within the time-out so that a slow or silent
@@ -448,8 +449,7 @@ int acceptConn(int listenFd) {
     int handled = 0;
     if (gConnCount == kMaxConns) {
         shutdown(gConns[0], SHUT_RD);
-        char c;
-        if (recv(gConns[0], &c, 1, MSG_PEEK | MSG_DONTWAIT) == 1 && serveRequest(gConns[0]) == 0) handled = 1;
+        if (hasPending(gConns[0]) && serveRequest(gConns[0]) == 0) handled = 1;
         dropConn(0);
     }
     gConns[gConnCount++] = fd;
@@ -487,9 +487,7 @@ int serveStep(int listenFd, int wakeFd, int64_t deadline) {
             // A caller that hung up with nothing sent is closed quietly; garbage
             // counts as handled.
             const short ev = p[first + i].revents;
-            char c;
-            const bool hungUp = !(ev & POLLIN) ||
-                                ((ev & POLLHUP) && recv(gConns[i], &c, 1, MSG_PEEK | MSG_DONTWAIT) <= 0);
+            const bool hungUp = !(ev & POLLIN) || ((ev & POLLHUP) && !hasPending(gConns[i]));
             if (!hungUp && serveRequest(gConns[i]) == 0) return 1;
             dropConn(i);
             if (!hungUp) return 1;
