@@ -143,6 +143,84 @@ BENCHMARK_CAPTURE(BM_Mxml, default, MXML_NO_CALLBACK)->Name("xml/mxmlLoadString_
 BENCHMARK_CAPTURE(BM_Mxml, opaque, MXML_OPAQUE_CALLBACK)->Name("xml/mxmlLoadString_opaque")->ArgName("elements")->Arg(850)->Arg(90);
 #endif
 
+// The parse a process makes of its description at start: the first large parse in a
+// new process, whose heap has to be faulted in as it grows. Each iteration runs this
+// program again (fresh heap), which warms its code with a small parse, then times one
+// parse and release of the description and reports the nanoseconds and page faults.
+constexpr char kFirstParseFlag[] = "--kep-first-parse=";
+
+enum class Parser { Kep, Mxml };
+
+void parseOnce(Parser parser, const char *xml) {
+    if (parser == Parser::Kep) {
+        XmlNode **doc = strXmlParse(xml, 1);
+        if (!doc) _exit(2);
+        mxmlTreeDelete(doc);
+        return;
+    }
+#ifdef KEP_HAVE_MXML
+    mxml_node_t *doc = mxmlLoadString(nullptr, xml, MXML_OPAQUE_CALLBACK);
+    if (!doc) _exit(2);
+    mxmlDelete(doc);
+#endif
+}
+
+// The child: argument "kep:850" or "mxml:850"; prints "<ns> <faults>".
+int firstParseChild(const char *arg) {
+    const Parser parser = strncmp(arg, "kep:", 4) == 0 ? Parser::Kep : Parser::Mxml;
+    const std::string &xml = text(atoi(strchr(arg, ':') + 1));
+    parseOnce(parser, "<a b=\"c\"><d>e</d></a>");
+    const long faults = minorFaults();
+    const int64_t start = kep_bench::nowNs();
+    parseOnce(parser, xml.c_str());
+    const int64_t ns = kep_bench::nowNs() - start;
+    printf("%lld %ld\n", static_cast<long long>(ns), minorFaults() - faults);
+    return 0;
+}
+
+void BM_FirstParse(benchmark::State &state, Parser parser) {
+    const std::string arg = std::string(kFirstParseFlag) + (parser == Parser::Kep ? "kep:" : "mxml:") +
+                            std::to_string(state.range(0));
+    double faults = 0;
+    for (auto _ : state) {
+        int out[2];
+        if (pipe(out) != 0) return state.SkipWithError("pipe failed");
+        const pid_t pid = fork();
+        if (pid == 0) {
+            dup2(out[1], STDOUT_FILENO);
+            execl("/proc/self/exe", "kep_bench_xml", arg.c_str(), static_cast<char *>(nullptr));
+            _exit(127);
+        }
+        close(out[1]);
+        char line[64] = {0};
+        const ssize_t got = pid > 0 ? read(out[0], line, sizeof line - 1) : -1;
+        close(out[0]);
+        int status = 0;
+        if (pid > 0) waitpid(pid, &status, 0);
+        long long ns = 0;
+        long f = 0;
+        if (got <= 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0 || sscanf(line, "%lld %ld", &ns, &f) != 2) {
+            return state.SkipWithError("the parsing process failed");
+        }
+        state.SetIterationTime(static_cast<double>(ns) / 1e9);
+        faults += static_cast<double>(f);
+    }
+    state.counters["faults_per_parse"] = benchmark::Counter(faults, benchmark::Counter::kAvgIterations);
+}
+BENCHMARK_CAPTURE(BM_FirstParse, kep, Parser::Kep)->Name("xml/first_parse/strXmlParse")->ArgName("elements")->Arg(850)->UseManualTime();
+#ifdef KEP_HAVE_MXML
+BENCHMARK_CAPTURE(BM_FirstParse, mxml, Parser::Mxml)->Name("xml/first_parse/mxmlLoadString_opaque")->ArgName("elements")->Arg(850)->UseManualTime();
+#endif
+
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char **argv) {
+    if (argc == 2 && strncmp(argv[1], kFirstParseFlag, sizeof kFirstParseFlag - 1) == 0) {
+        return firstParseChild(argv[1] + sizeof kFirstParseFlag - 1);
+    }
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

@@ -248,6 +248,34 @@ TEST(XmlPool, NodeLimitIsLogged) {
     kep::xmlDocRelease(&ctx, a);
 }
 
+// A subtree given back to the pool: its records come out again before any record the
+// pool never handed out, and cleared.
+TEST(XmlPool, RecordsGivenBackAreTakenFirst) {
+    kep::XmlParseCtx ctx;
+    memset(&ctx, 0, sizeof ctx);
+    ASSERT_EQ(kep::xmlMemPoolInit(&ctx.pool, 2), 0);
+    XmlNode *a = kep::mxmlParseStartElt(nullptr, "a", &ctx);
+    XmlNode *b = kep::mxmlParseStartElt(a, "b", &ctx);
+    ASSERT_TRUE(a && b);
+    EXPECT_EQ(b, a + 1);  // address order
+    XmlAttr *x = kep::mxmlAddAttrib(b, "x", "1", &ctx);
+    ASSERT_NE(x, nullptr);
+    EXPECT_EQ(kep::mxmlParseStartElt(a, "c", &ctx), nullptr);  // both taken
+
+    kep::xmlNodeRelease(&ctx.pool, b);
+    EXPECT_EQ(a->firstChild, nullptr);
+    EXPECT_EQ(a->lastChild, nullptr);
+    XmlNode *c = kep::mxmlParseStartElt(a, "c", &ctx);
+    EXPECT_EQ(c, b);
+    ASSERT_NE(c, nullptr);
+    EXPECT_EQ(c->attrs, nullptr);
+    EXPECT_EQ(a->firstChild, c);
+    EXPECT_EQ(kep::mxmlAddAttrib(c, "y", "2", &ctx), x);
+    EXPECT_EQ(kep::mxmlAddAttrib(c, "z", "3", &ctx), x + 1);
+    EXPECT_STREQ(c->attrs->next->name, "y");
+    kep::xmlDocRelease(&ctx, a);
+}
+
 // Fails the allocation numbered failAt (from 1) of the parser. (Every allocation of a
 // parse failing in turn, leaks included, is the allocation sweep's.)
 int gAllocs;
@@ -275,9 +303,11 @@ TEST_F(XmlAllocFault, PoolBlockFailuresAreLogged) {
     EXPECT_FALSE(log.contains("parse xml file failed."));
 }
 
-// Growing the pool during a parse of text: a block that moves keeps the tree intact
-// (every reallocation here moves), and one that cannot grow makes the parse start
-// again at that size, as the plain retries would, with the same result and log.
+// Growing the pool during a parse of text. The blocks normally have room for the
+// whole schedule from the start; when they have not, a block that moves keeps the
+// tree intact (every reallocation here moves), and one that cannot grow makes the
+// parse start again at that size, as the plain retries would, with the same result
+// and log.
 int gReallocs;
 int gFailRealloc;
 void *movingRealloc(void *block, size_t size) {
@@ -301,18 +331,29 @@ TEST(XmlPool, GrowingMovesAndFallsBack) {
         return describe(doc.root());
     }();
     kep::xmlRealloc = movingRealloc;
+    gReallocs = 0;
+    gFailRealloc = 0;
+    EXPECT_EQ(describe(XmlDoc(parse(s)).root()), expected);
+    EXPECT_EQ(gReallocs, 0);  // the blocks had room for the whole schedule from the start
+
+    // Without memory for that room, the first pool grows as the parse goes.
+    kep::xmlAlloc = failingAlloc;
     for (int failAt : {0, 1, 2, 5}) {
         SCOPED_TRACE(failAt);
+        gAllocs = 0;
+        gFailAt = 2;  // the context is the first allocation, the reserved element block the second
         gReallocs = 0;
         gFailRealloc = failAt;
         kep_test::LogCapture log;
         XmlDoc doc = parse(s);
         ASSERT_TRUE(doc);
+        EXPECT_GE(gReallocs, failAt ? failAt : 2);
         EXPECT_EQ(describe(doc.root()), expected);
         EXPECT_STREQ(doc.root()->lastChild->attrs->value, "x");
         EXPECT_EQ(doc.root()->lastChild->firstChild->parent, doc.root()->lastChild);
         EXPECT_EQ(countMessages(log, "xml node malloc failed.\r\n"), 4);
     }
+    kep::xmlAlloc = malloc;
     kep::xmlRealloc = realloc;
 }
 

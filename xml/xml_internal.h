@@ -11,13 +11,20 @@
 namespace kep {
 
 // Element and attribute records of one document. Both blocks are allocated before
-// the parse starts; records are popped from and pushed back onto the free lists and
-// never freed one by one.
+// the parse starts and records are never freed one by one. A record given back goes
+// onto its free list and is taken again first; after those, records are taken in
+// address order from the part of the block never handed out. That part is not
+// written to before it is used, so the pages of records a document does not need
+// (most of the three attributes per element) never become resident.
 struct XmlMemPool {
-    XmlNode *freeNodes;  // chained through XmlNode::next
-    XmlNode *nodeBlock;  // n records
-    XmlAttr *freeAttrs;  // chained through XmlAttr::next
-    XmlAttr *attrBlock;  // 3n records
+    XmlNode *freeNodes;  // given back, chained through XmlNode::next
+    XmlNode *nodeBlock;  // nodeCount records
+    XmlAttr *freeAttrs;  // given back, chained through XmlAttr::next
+    XmlAttr *attrBlock;  // attrCount records
+    int nodeCount;
+    int nodesFresh;  // nodeBlock[nodesFresh..] were never handed out
+    int attrCount;
+    int attrsFresh;
 };
 
 struct XmlParseCtx;

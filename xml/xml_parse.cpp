@@ -1,5 +1,6 @@
 // The pooled parser: pool, readers, the parse loop and the retrying entry points.
 #include <errno.h>
+#include <limits.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -100,17 +101,24 @@ private:
     T *now_ = nullptr;
 };
 
-// Chains records [from, to) of block in address order behind the free list head.
-// Records leave a list in address order and none comes back during a parse, so a
-// list that still holds records ends at record from - 1.
+// The next record of a pool block: the one given back last, else the first never
+// handed out; null when the block is used up. The order is that of a free list
+// chained in address order at the start with records given back pushed on its head.
 template <typename T>
-void chainFree(T *block, int from, int to, T *&head) {
-    for (int i = from; i < to; i++) block[i].next = i + 1 < to ? &block[i + 1] : nullptr;
-    if (head) {
-        block[from - 1].next = &block[from];
-    } else {
-        head = &block[from];
+T *takeRecord(T *&freeList, T *block, int &fresh, int count) {
+    if (T *record = freeList) {
+        freeList = record->next;
+        return record;
     }
+    return fresh < count ? &block[fresh++] : nullptr;
+}
+
+bool nodesLeft(const kep::XmlMemPool &pool) {
+    return pool.freeNodes || pool.nodesFresh < pool.nodeCount;
+}
+
+bool attrsLeft(const kep::XmlMemPool &pool) {
+    return pool.freeAttrs || pool.attrsFresh < pool.attrCount;
 }
 
 // One parse attempt. The document is built only from ctx's pool; the walk keeps a
@@ -124,13 +132,14 @@ void chainFree(T *block, int from, int to, T *&head) {
 // replaces; a failure for any other cause would repeat in every later attempt.
 class Parser {
 public:
-    // growing: attempt is the schedule's index of the pool ctx holds.
-    Parser(XmlParseCtx &ctx, bool growing, int attempt)
+    // growing: attempt is the schedule's index of the pool ctx holds, whose blocks have
+    // room for room elements (and three times as many attributes).
+    Parser(XmlParseCtx &ctx, bool growing, int attempt, int room)
         : ctx_(ctx),
           text_(ctx.readChar == kep::xmlStrReadChar),
           growing_(growing),
           attempt_(attempt),
-          capacity_(growing ? kep::kXmlPoolSizes[attempt] : 0) {
+          room_(room) {
         buf_.clear();
     }
 
@@ -168,8 +177,8 @@ private:
     }
 
     // The pool ran out (the handler has logged it): goes on as the attempt with the
-    // next size of the schedule would, its blocks grown in place when the allocator
-    // can. False when there is no larger size, or when growing fails for want of
+    // next size of the schedule would, in the room the blocks already have or with
+    // the blocks grown (in place when the allocator can). False when there is no larger size, or when growing fails for want of
     // memory (restartAt() then names the attempt to run from the start, which needs
     // no more memory than the schedule itself).
     bool nextAttempt() {
@@ -183,45 +192,45 @@ private:
         return true;
     }
 
-    // Grows both blocks to size records (3 size attributes), re-aims every pointer
-    // into a block that moved (links, attribute lists, free lists, the parser's own)
-    // and chains the new records behind the free lists. On failure the pool is
-    // consistent (one block may already be larger) and fail() can release it.
+    // Grows the pool to size elements (3 size attributes). Beyond the blocks' room,
+    // both are reallocated, and every pointer into a block that moved is re-aimed
+    // (links, attribute lists, free lists, the parser's own); only records handed out
+    // hold pointers. On failure the pool is consistent (one block may already be
+    // larger) and fail() can release it.
     bool growPool(int size) {
         kep::XmlMemPool &pool = ctx_.pool;
-        const int oldSize = capacity_;
-        const int used = ctx_.count;  // taken in address order, none given back
+        if (size <= room_) {
+            pool.nodeCount = size;
+            pool.attrCount = size * kep::kXmlAttrsPerNode;
+            return true;
+        }
 
         BlockMove<XmlNode> nodes;
-        if (!nodes.grow(pool.nodeBlock, oldSize, size)) return false;
+        if (!nodes.grow(pool.nodeBlock, pool.nodeCount, size)) return false;
         if (nodes.moved()) {
-            // Records before used are in the tree; the rest are free, with only their
-            // link to the next free record set.
-            for (XmlNode *r = pool.nodeBlock; r < pool.nodeBlock + used; r++) {
+            for (XmlNode *r = pool.nodeBlock; r < pool.nodeBlock + pool.nodesFresh; r++) {
                 nodes.reaim(r->next);
                 nodes.reaim(r->prev);
                 nodes.reaim(r->parent);
                 nodes.reaim(r->firstChild);
                 nodes.reaim(r->lastChild);
             }
-            for (int i = used; i < oldSize; i++) nodes.reaim(pool.nodeBlock[i].next);
             nodes.reaim(pool.freeNodes);
             nodes.reaim(current_);
             nodes.reaim(first_);
             nodes.reaim(last_);
         }
-        chainFree(pool.nodeBlock, oldSize, size, pool.freeNodes);
-        capacity_ = size;  // the node block is of the new size from here on
+        pool.nodeCount = size;
 
-        const int oldCount = oldSize * kep::kXmlAttrsPerNode;
         BlockMove<XmlAttr> attrs;
-        if (!attrs.grow(pool.attrBlock, oldCount, size * kep::kXmlAttrsPerNode)) return false;
+        if (!attrs.grow(pool.attrBlock, pool.attrCount, size * kep::kXmlAttrsPerNode)) return false;
         if (attrs.moved()) {
-            for (int i = 0; i < used; i++) attrs.reaim(pool.nodeBlock[i].attrs);
-            for (int i = 0; i < oldCount; i++) attrs.reaim(pool.attrBlock[i].next);
+            for (int i = 0; i < pool.nodesFresh; i++) attrs.reaim(pool.nodeBlock[i].attrs);
+            for (int i = 0; i < pool.attrsFresh; i++) attrs.reaim(pool.attrBlock[i].next);
             attrs.reaim(pool.freeAttrs);
         }
-        chainFree(pool.attrBlock, oldCount, size * kep::kXmlAttrsPerNode, pool.freeAttrs);
+        pool.attrCount = size * kep::kXmlAttrsPerNode;
+        room_ = size;
         return true;
     }
 
@@ -342,7 +351,7 @@ private:
         if ((!current_ && first_) || end == kEof) return false;
         if (!ctx_.keepAll && !isDeviceElement(buf_.text)) return skipElement();
         XmlNode *element = ctx_.onStartElement(current_, buf_.text, &ctx_);
-        if (!element && !ctx_.pool.freeNodes && nextAttempt()) {
+        if (!element && !nodesLeft(ctx_.pool) && nextAttempt()) {
             element = ctx_.onStartElement(current_, buf_.text, &ctx_);
         }
         if (!element) return false;
@@ -410,7 +419,7 @@ private:
                 if (isSpace(c) || c == '=') c = next();
             }
             XmlAttr *attr = ctx_.onAttribute(last_, name.str(), value.str(), &ctx_);
-            if (!attr && !ctx_.pool.freeAttrs && nextAttempt()) {
+            if (!attr && !attrsLeft(ctx_.pool) && nextAttempt()) {
                 attr = ctx_.onAttribute(last_, name.text, value.text, &ctx_);
             }
             if (!attr) return false;
@@ -421,13 +430,48 @@ private:
     const bool text_;     // reading ctx_.cursor in place
     const bool growing_;  // standing for the whole schedule
     int attempt_;         // the attempt of the schedule this parse is at
-    int capacity_;        // records in the node block
+    int room_;            // elements the blocks have room for
     int restartAt_ = -1;  // growing ran out of memory: the attempt to run afresh
     Buf buf_;
     XmlNode *current_ = nullptr;
     XmlNode *first_ = nullptr;
     XmlNode *last_ = nullptr;  // the element created or closed last
 };
+
+// The schedule's smallest pool that holds every element text can start: one per "<"
+// not followed by "/" (comments and declarations count too; closing tags do not).
+// Counting stops past the largest pool.
+int elementRoom(const char *text) {
+    constexpr int largest = kep::kXmlPoolSizes[kep::kXmlPoolAttempts - 1];
+    int starts = 0;
+    for (const char *p = strchr(text, '<'); p && starts <= largest; p = strchr(p + 1, '<')) {
+        if (p[1] != '/') starts++;
+    }
+    for (int size : kep::kXmlPoolSizes) {
+        if (starts <= size) return size;
+    }
+    return largest;
+}
+
+// Gives the pool of the first attempt (n elements) blocks with room for room elements,
+// so that growing through the schedule moves nothing; records the parse does not take
+// are never touched. False, with nothing allocated and nothing logged, when there is
+// no memory for it: the first attempt then takes its own size and grows as it goes.
+bool reservePool(kep::XmlMemPool &pool, int n, int room) {
+    auto *nodes = static_cast<XmlNode *>(kep::xmlAlloc(static_cast<size_t>(room) * sizeof(XmlNode)));
+    if (!nodes) return false;
+    const size_t attrBytes = static_cast<size_t>(room) * kep::kXmlAttrsPerNode * sizeof(XmlAttr);
+    auto *attrs = static_cast<XmlAttr *>(kep::xmlAlloc(attrBytes));
+    if (!attrs) {
+        free(nodes);
+        return false;
+    }
+    pool.nodeBlock = nodes;
+    pool.nodeCount = n;
+    pool.attrBlock = attrs;
+    pool.attrCount = n * kep::kXmlAttrsPerNode;
+    return true;
+}
 
 // Runs the attempts with growing pools; text null reads fd. *allFailed is set when
 // all six attempts ran and failed (not when memory ran out first). Text is parsed
@@ -437,11 +481,16 @@ XmlNode **parseDocument(const char *text, int fd, int keepAll, bool *allFailed) 
     *allFailed = false;
     auto *ctx = static_cast<XmlParseCtx *>(kep::xmlAlloc(sizeof(XmlParseCtx)));
     if (!ctx) return nullptr;
+    int room = text ? elementRoom(text) : 0;
     for (int i = 0; i < kep::kXmlPoolAttempts; i++) {
         memset(ctx, 0, sizeof *ctx);
-        if (kep::xmlMemPoolInit(&ctx->pool, kep::kXmlPoolSizes[i]) != 0) {
-            free(ctx);
-            return nullptr;
+        const int size = kep::kXmlPoolSizes[i];
+        if (room <= size || !reservePool(ctx->pool, size, room)) {
+            if (kep::xmlMemPoolInit(&ctx->pool, size) != 0) {
+                free(ctx);
+                return nullptr;
+            }
+            room = size;
         }
         if (text) {
             ctx->cursor = text;
@@ -460,7 +509,7 @@ XmlNode **parseDocument(const char *text, int fd, int keepAll, bool *allFailed) 
         ctx->onStartElement = kep::mxmlParseStartElt;
         ctx->onText = kep::xmlNodeAppendText;
         ctx->onAttribute = kep::mxmlAddAttrib;
-        Parser parser(*ctx, text != nullptr, i);
+        Parser parser(*ctx, text != nullptr, i, room);
         XmlNode *top = parser.run();
         if (top) {
             ctx->top = top;
@@ -490,7 +539,7 @@ int xmlMemPoolInit(XmlMemPool *pool, int n) {
     memset(pool, 0, sizeof *pool);
     if (n == 0) return 0;
     const size_t count = static_cast<size_t>(n);
-    if (count > SIZE_MAX / (sizeof(XmlAttr) * kXmlAttrsPerNode) ||
+    if (n > INT_MAX / kXmlAttrsPerNode || count > SIZE_MAX / (sizeof(XmlAttr) * kXmlAttrsPerNode) ||
         count > SIZE_MAX / sizeof(XmlNode)) {
         return -1;
     }
@@ -508,12 +557,12 @@ int xmlMemPoolInit(XmlMemPool *pool, int n) {
         free(nodes);
         return -1;
     }
-    for (size_t i = 0; i < count; i++) nodes[i].next = i + 1 < count ? &nodes[i + 1] : nullptr;
-    for (size_t i = 0; i < attrCount; i++) attrs[i].next = i + 1 < attrCount ? &attrs[i + 1] : nullptr;
-    pool->freeNodes = nodes;
+    // The records are handed out in address order as they are needed (takeRecord);
+    // none is written to before that.
     pool->nodeBlock = nodes;
-    pool->freeAttrs = attrs;
+    pool->nodeCount = n;
     pool->attrBlock = attrs;
+    pool->attrCount = static_cast<int>(attrCount);
     return 0;
 }
 
@@ -523,12 +572,12 @@ XmlNode *mxmlParseStartElt(XmlNode *parent, const char *name, XmlParseCtx *ctx) 
         KEP_LOG("Xml library support max %d nodes.\r\n", kXmlMaxNodes);
         return nullptr;
     }
-    XmlNode *node = ctx->pool.freeNodes;
+    XmlMemPool &pool = ctx->pool;
+    XmlNode *node = takeRecord(pool.freeNodes, pool.nodeBlock, pool.nodesFresh, pool.nodeCount);
     if (!node) {
         KEP_LOG("xml node malloc failed.\r\n");
         return nullptr;
     }
-    ctx->pool.freeNodes = node->next;
     ctx->count++;
     memset(node, 0, sizeof *node);
     if (parent) {
@@ -547,12 +596,12 @@ XmlNode *mxmlParseStartElt(XmlNode *parent, const char *name, XmlParseCtx *ctx) 
 
 XmlAttr *mxmlAddAttrib(XmlNode *element, const char *name, const char *value, XmlParseCtx *ctx) {
     if (!element || !name || !value || !ctx) return nullptr;
-    XmlAttr *attr = ctx->pool.freeAttrs;
+    XmlMemPool &pool = ctx->pool;
+    XmlAttr *attr = takeRecord(pool.freeAttrs, pool.attrBlock, pool.attrsFresh, pool.attrCount);
     if (!attr) {
         KEP_LOG("xml attribute node malloc failed.\r\n");
         return nullptr;
     }
-    ctx->pool.freeAttrs = attr->next;
     memset(attr, 0, sizeof *attr);
     copyText(attr->name, name, sizeof attr->name);
     copyText(attr->value, value, sizeof attr->value);
@@ -610,7 +659,7 @@ int xmlReadEntity(XmlParseCtx *ctx) {
 
 XmlNode *xmlParseLoop(XmlParseCtx *ctx) {
     if (!ctx) return nullptr;
-    Parser parser(*ctx, false, 0);
+    Parser parser(*ctx, false, 0, ctx->pool.nodeCount);
     return parser.run();
 }
 
@@ -655,7 +704,9 @@ void xmlNodeRelease(XmlMemPool *pool, XmlNode *element) {
 
 void xmlDocRelease(XmlParseCtx *ctx, XmlNode *top) {
     if (!ctx) return;
-    xmlNodeRelease(&ctx->pool, top);
+    // Every record of the tree is in the two blocks, which go as a whole: returning
+    // the records to the free lists first would only write to memory about to be freed.
+    (void)top;
     free(ctx->pool.nodeBlock);
     free(ctx->pool.attrBlock);
     memset(&ctx->pool, 0, sizeof ctx->pool);
