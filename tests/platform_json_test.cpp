@@ -1,4 +1,5 @@
 // The stand-in JSON object layer and debug log.
+#include <math.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
@@ -19,6 +20,7 @@
 #include "guard.h"
 #include "kep_pf_debug.h"
 #include "kep_pf_json.h"
+#include "platform/standin/json_match.h"
 
 using kep_test::readText;
 using kep_test::writeText;
@@ -132,6 +134,80 @@ TEST(JsonFile, StoreReplacesWholeFilesAndKeepsTheOldOneOnFailure) {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     EXPECT_EQ(readText(path), before);
     EXPECT_EQ(dir.entries(), std::vector<std::string>{"cfg.json"});
+}
+
+// Whether json-c's reader turns text into an object equal to obj: what the store's
+// check has to decide without reading the text.
+bool readsBackAs(const std::string &text, json_object *obj) {
+    kep::JsonPtr back(jsonObjectFromString(text.c_str()));
+    return back && json_object_equal(obj, back.get());
+}
+
+bool matches(const std::string &text, json_object *obj) {
+    return kep_pf::jsonTextMatches(text.c_str(), text.size(), obj);
+}
+
+// The store checks its text against the object before it replaces a file. It must
+// take every text json-c writes, and a damaged one (pieces dropped, as a failed append
+// drops them) only when the reader would still read it as an equal object.
+TEST(JsonMatch, AgreesWithReadingTheTextBack) {
+    const char *samples[] = {
+        R"({"name":"lan","hosts":[{"mac":"00:11","ip":"10.0.0.2","lease":3600},)"
+        R"({"mac":"a\/b\"c\\d\n\u0001\t","on":true,"off":false,"none":null}],"ratio":1.5,)"
+        R"("big":18446744073709551615,"top":9223372036854775807,"neg":-9223372036854775808,)"
+        R"("exp":1e-7,"whole":2.0,"inf":-Infinity,"empty":{},"none":[],"u":"\u00e9t\u00e9"})",
+        "[1,[2,[3,{}]],\"\"]", "\"x\"", "0", "-1.25", "true", "null",
+    };
+    int rejected = 0;
+    for (const char *sample : samples) {
+        kep::JsonPtr obj(jsonObjectFromString(sample));
+        ASSERT_TRUE(obj || strcmp(sample, "null") == 0) << sample;
+        for (int flags : {JSON_C_TO_STRING_PLAIN, JSON_C_TO_STRING_SPACED, JSON_C_TO_STRING_PRETTY}) {
+            const std::string text = json_object_to_json_string_ext(obj.get(), flags);
+            ASSERT_TRUE(matches(text, obj.get())) << text;
+            for (size_t at = 0; at < text.size(); at++) {
+                for (size_t n = 1; n <= 4 && at + n <= text.size(); n++) {
+                    const std::string damaged = text.substr(0, at) + text.substr(at + n);
+                    if (matches(damaged, obj.get())) {
+                        EXPECT_TRUE(readsBackAs(damaged, obj.get())) << damaged;
+                    } else {
+                        rejected++;
+                    }
+                }
+            }
+        }
+    }
+    EXPECT_GT(rejected, 1000);
+
+    kep::JsonPtr one(json_object_new_int(1));
+    EXPECT_FALSE(matches("1 x", one.get()));
+    EXPECT_FALSE(matches("1.0", one.get()));  // reads back as a double
+    EXPECT_FALSE(kep_pf::jsonTextMatches("12", 1, one.get()));  // not terminated where it ends
+    kep::JsonPtr nan(json_object_new_double(NAN));
+    EXPECT_FALSE(matches(json_object_to_json_string(nan.get()), nan.get()));  // equal to nothing
+}
+
+// The reader refuses values nested deeper than its depth; a file it cannot read back
+// must not be stored.
+TEST(JsonMatch, RefusesWhatTheReaderIsTooShallowFor) {
+    for (int levels = kep_pf::kJsonReadLevels - 1; levels <= kep_pf::kJsonReadLevels + 1; levels++) {
+        for (bool inObject : {false, true}) {
+            // levels values nested: containers around an empty array or a number.
+            kep::JsonPtr obj(inObject ? json_object_new_int(7) : json_object_new_array());
+            for (int i = 1; i < levels; i++) {
+                json_object *outer = inObject ? json_object_new_object() : json_object_new_array();
+                if (inObject) {
+                    json_object_object_add(outer, "a", obj.release());
+                } else {
+                    json_object_array_add(outer, obj.release());
+                }
+                obj.reset(outer);
+            }
+            const std::string text = json_object_to_json_string(obj.get());
+            EXPECT_EQ(matches(text, obj.get()), readsBackAs(text, obj.get())) << levels << " " << text;
+            EXPECT_EQ(matches(text, obj.get()), levels <= kep_pf::kJsonReadLevels) << levels;
+        }
+    }
 }
 
 TEST(JsonObject, CursorWalksMembersInInsertionOrder) {

@@ -41,13 +41,14 @@ step() {
 }
 
 # Owners first: each loads its module's file, writing defaults when there is none,
-# then waits for the host to register with it.
+# then waits for the host to register with it. The waits end as soon as all are up;
+# their bound (20 s) only matters on a heavily loaded machine.
 ${KEP_RUN:-} "$bin/examples/dhcpd" "$work/dhcp.xml" 2>"$work/dhcpd.log" & pids+=($!)
 dhcpd=$!
 ${KEP_RUN:-} "$bin/examples/sysd" "$work/system.xml" >"$work/sysd.out" 2>"$work/sysd.log" & pids+=($!)
-for _ in $(seq 100); do [ -f "$work/dhcp.json" ] && [ -f "$work/system.json" ] && break; sleep 0.05; done
+for _ in $(seq 400); do [ -f "$work/dhcp.json" ] && [ -f "$work/system.json" ] && break; sleep 0.05; done
 ${KEP_RUN:-} "$bin/tools/kepd" -m "$work/dhcp.xml" -m "$work/system.xml" 2>"$work/kepd.log" & pids+=($!)
-for _ in $(seq 100); do
+for _ in $(seq 400); do
     kepctl -c get dhcp host >/dev/null 2>&1 && kepctl -c get system --name ntp >/dev/null 2>&1 && break
     sleep 0.05
 done

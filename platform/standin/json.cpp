@@ -12,6 +12,7 @@
 
 #include <json-c/json.h>
 
+#include "json_match.h"
 #include "kep_pf_json.h"
 
 #define PF_API extern "C" __attribute__((visibility("default")))
@@ -111,14 +112,10 @@ void keepUnparsable(const char *path) {
 
 // The text of obj, or null. json-c 0.16 ignores a failed append while it serialises
 // and may hand out a text with pieces missing when memory runs short; such a text
-// must never replace a configuration file, so it is read back and compared first.
+// must never replace a configuration file, so it is checked against the object first.
 const char *verifiedText(json_object *obj, int flags, size_t *len) {
     const char *text = json_object_to_json_string_length(obj, flags, len);
-    if (!text) return nullptr;
-    json_object *back = parseText(text);
-    bool same = back && json_object_equal(obj, back);
-    json_object_put(back);
-    return same ? text : nullptr;
+    return text && kep_pf::jsonTextMatches(text, *len, obj) ? text : nullptr;
 }
 
 }  // namespace
