@@ -157,6 +157,8 @@ TEST(JsonMatch, AgreesWithReadingTheTextBack) {
         R"("big":18446744073709551615,"top":9223372036854775807,"neg":-9223372036854775808,)"
         R"("exp":1e-7,"whole":2.0,"inf":-Infinity,"empty":{},"none":[],"u":"\u00e9t\u00e9"})",
         "[1,[2,[3,{}]],\"\"]", "\"x\"", "0", "-1.25", "true", "null",
+        // Doubles keep the text they were read from, inside JSON's grammar or not.
+        "[-0.0,1.,01.5,1E2,-0.5e-3,Infinity]",
     };
     int rejected = 0;
     for (const char *sample : samples) {

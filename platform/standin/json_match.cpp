@@ -4,6 +4,7 @@
 #include "json_match.h"
 
 #include <inttypes.h>
+#include <limits.h>
 #include <math.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -81,18 +82,64 @@ private:
         return numberLength() == static_cast<size_t>(n) && word(want, static_cast<size_t>(n));
     }
 
+    // A number in JSON's own grammar.
+    static bool strictNumber(const char *s, size_t n) {
+        size_t i = 0;
+        auto digits = [&] {
+            const size_t from = i;
+            while (i < n && s[i] >= '0' && s[i] <= '9') i++;
+            return i > from;
+        };
+        if (i < n && s[i] == '-') i++;
+        if (i < n && s[i] == '0') {
+            i++;
+        } else if (!digits()) {
+            return false;
+        }
+        if (i < n && s[i] == '.') {
+            i++;
+            if (!digits()) return false;
+        }
+        if (i < n && (s[i] == 'e' || s[i] == 'E')) {
+            i++;
+            if (i < n && (s[i] == '+' || s[i] == '-')) i++;
+            if (!digits()) return false;
+        }
+        return i == n;
+    }
+
+    // How json-c's reader takes a value it accepts outside JSON's grammar: an infinity,
+    // or a number such as "1." that a hand-edited file held (a double keeps the text
+    // it was read from). Asks the reader itself, which allocates; rare.
+    static bool readerTakesAs(const char *token, size_t n, double d) {
+        if (n >= INT_MAX) return false;
+        char *copy = static_cast<char *>(malloc(n + 1));
+        json_tokener *tok = copy ? json_tokener_new() : nullptr;
+        bool same = false;
+        if (tok) {
+            memcpy(copy, token, n);
+            copy[n] = '\0';
+            json_object *got = json_tokener_parse_ex(tok, copy, static_cast<int>(n + 1));
+            same = json_tokener_get_error(tok) == json_tokener_success && json_tokener_get_parse_end(tok) >= n &&
+                   json_object_get_type(got) == json_type_double && json_object_get_double(got) == d;
+            json_object_put(got);
+            json_tokener_free(tok);
+        }
+        free(copy);
+        return same;
+    }
+
     // A number the reader takes as a double (it has a point or an exponent) of the same
-    // value, or an infinity. NaN equals nothing, itself included.
+    // value. NaN equals nothing, itself included.
     bool real(double d) {
-        if (word("Infinity", 8)) return d == HUGE_VAL;
-        if (word("-Infinity", 9)) return d == -HUGE_VAL;
-        const size_t n = numberLength();
-        if (n == 0 || (!memchr(p_, '.', n) && !memchr(p_, 'e', n) && !memchr(p_, 'E', n))) return false;
-        char *stop = nullptr;
-        const double got = strtod(p_, &stop);  // the text is terminated, the token ends before
-        if (stop != p_ + n) return false;
+        size_t n = 0;
+        while (p_ + n < end_ && p_[n] && !strchr(",]}: \t\r\n", p_[n])) n++;
+        if (n == 0) return false;
+        const char *token = p_;
         p_ += n;
-        return got == d;
+        if (!strictNumber(token, n)) return readerTakesAs(token, n, d);
+        if (!memchr(token, '.', n) && !memchr(token, 'e', n) && !memchr(token, 'E', n)) return false;
+        return strtod(token, nullptr) == d;  // the token ends before the text does
     }
 
     static int hexDigit(char c) {

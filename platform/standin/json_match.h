@@ -17,7 +17,9 @@ constexpr int kJsonReadLevels = 32;
 // order, numbers written as json-c writes them, strings with the escapes its writer
 // uses (\u only below 0x80). A text that is true here is read back by the reader; one
 // the writer damaged (a piece dropped when an append failed) is false. Allocates
-// nothing, so it cannot fail for want of memory itself. Internal to the stand-in.
+// nothing, except to ask the reader about a double written outside JSON's grammar (an
+// infinity, or a number such as "1." kept from a hand-edited file); that question,
+// like every other, answers false when memory runs out. Internal to the stand-in.
 __attribute__((visibility("hidden"))) bool jsonTextMatches(const char *text, size_t len, json_object *obj);
 
 }  // namespace kep_pf
