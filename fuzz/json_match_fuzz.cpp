@@ -45,7 +45,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (!obj) return 0;
     size_t len = 0;
     const char *written = json_object_to_json_string_length(obj, formats[data[2] % 4], &len);
-    if (written) {
+    // json_object_equal finds a NaN unequal to itself, where the check takes "NaN" as it.
+    if (written && !strstr(written, "NaN")) {
         const std::string text(written, len);
         // The reader's depth is the one limit a written text can exceed.
         json_object *back = read(text);

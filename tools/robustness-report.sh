@@ -51,6 +51,7 @@ fuzz_input() {
     case $1 in
     config) echo "a module's configuration file: list and named sections read and written, then the start-up load" ;;
     imi_wire) echo "RPC frames: request and reply decoding" ;;
+    json_match) echo "JSON text read, written again and damaged: the store's check against json-c's reader" ;;
     model) echo "model descriptions: parsed, merged twice, dumped" ;;
     owner) echo "requests of every method against a registered tree, the owner answering fuzzed \"errorCode\"/\"result\"" ;;
     request) echo "request text into \`standardKepReqHandle\`" ;;
@@ -102,9 +103,11 @@ does not survive every failed allocation: its parser uses a failed copy of a mem
 unchecked and drops a member whose insert fails, and its serialiser ignores failed
 appends. Allocations made inside the parser, and inside the serialiser unless a file
 store called it, are therefore never failed; the sweep fails the next allocation
-instead ("deferred", summed over all runs). The stand-in's file stores read their
-serialised text back and refuse a store whose text does not match the document, so a
-text damaged by json-c never replaces a configuration file.
+instead ("deferred", summed over all runs). The stand-in's file stores check their
+serialised text against the document (walking both; the check takes exactly the texts
+json-c's reader turns into an equal document, which the json_match fuzz target compares)
+and refuse a store whose text does not match, so a text damaged by json-c never
+replaces a configuration file.
 
 The sweep replaces the allocator, which AddressSanitizer and valgrind own themselves:
 it is left out of the sanitizer builds and of the valgrind run, and checks its own leaks.

@@ -29,7 +29,8 @@ json_object *jsonObjectFromFile(const char *path);     /* NULL for a missing or 
  */
 int jsonObjectToFile(const char *path, json_object *obj);
 int jsonObjectToFileMem(const char *path, json_object *obj);
-/* *text: malloc'd copy of the JSON text, released with free(); NULL on failure. */
+/* *text: malloc'd copy of the JSON text, released with free(); NULL on failure (also
+ * when json-c, short of memory, wrote a text that does not match the object). */
 int jsonObjectToMallocString(json_object *obj, char **text);
 
 json_object *jsonObjectObjectGet(json_object *obj, const char *key);  /* borrowed, or NULL */

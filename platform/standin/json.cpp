@@ -180,9 +180,12 @@ PF_API int jsonObjectToFileMem(const char *path, json_object *obj) {
 PF_API int jsonObjectToMallocString(json_object *obj, char **text) {
     if (!text) return -1;
     *text = nullptr;
-    const char *s = json_object_to_json_string_ext(obj, JSON_C_TO_STRING_PLAIN);
-    if (!s) return -1;
-    *text = strdup(s);
+    size_t len = 0;
+    const char *s = json_object_to_json_string_length(obj, JSON_C_TO_STRING_PLAIN, &len);
+    // Checked as a stored file is, so that a damaged text never reaches a client; the
+    // client's reader is not json-c's, so its depth does not apply.
+    if (!s || !kep_pf::jsonTextMatches(s, len, obj, INT_MAX)) return -1;
+    *text = strndup(s, len);
     return *text ? 0 : -1;
 }
 

@@ -18,7 +18,7 @@ namespace {
 
 class Matcher {
 public:
-    Matcher(const char *text, size_t len) : p_(text), end_(text + len) {}
+    Matcher(const char *text, size_t len, int levels) : p_(text), end_(text + len), levels_(levels) {}
 
     bool whole(json_object *obj) {
         if (!value(obj, 1)) return false;
@@ -45,7 +45,7 @@ private:
     }
 
     bool value(json_object *obj, int level) {
-        if (level > kJsonReadLevels) return false;
+        if (level > levels_) return false;
         blanks();
         switch (json_object_get_type(obj)) {
         case json_type_null:
@@ -121,7 +121,7 @@ private:
             copy[n] = '\0';
             json_object *got = json_tokener_parse_ex(tok, copy, static_cast<int>(n + 1));
             same = json_tokener_get_error(tok) == json_tokener_success && json_tokener_get_parse_end(tok) >= n &&
-                   json_object_get_type(got) == json_type_double && json_object_get_double(got) == d;
+                   json_object_get_type(got) == json_type_double && sameDouble(json_object_get_double(got), d);
             json_object_put(got);
             json_tokener_free(tok);
         }
@@ -129,8 +129,11 @@ private:
         return same;
     }
 
+    // Equal values; a NaN, which json-c writes and reads as "NaN", stands for itself.
+    static bool sameDouble(double a, double b) { return a == b || (isnan(a) && isnan(b)); }
+
     // A number the reader takes as a double (it has a point or an exponent) of the same
-    // value. NaN equals nothing, itself included.
+    // value.
     bool real(double d) {
         size_t n = 0;
         while (p_ + n < end_ && p_[n] && !strchr(",]}: \t\r\n", p_[n])) n++;
@@ -219,12 +222,13 @@ private:
 
     const char *p_;
     const char *const end_;
+    const int levels_;
 };
 
 }  // namespace
 
-bool jsonTextMatches(const char *text, size_t len, json_object *obj) {
-    return text && text[len] == '\0' && Matcher(text, len).whole(obj);
+bool jsonTextMatches(const char *text, size_t len, json_object *obj, int levels) {
+    return text && text[len] == '\0' && Matcher(text, len, levels).whole(obj);
 }
 
 }  // namespace kep_pf

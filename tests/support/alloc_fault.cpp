@@ -75,8 +75,8 @@ long gSpared;
 // (the text comes out with pieces missing instead of null). Failing those calls
 // tests json-c, not us, so they are spared and the next allocation fails instead:
 // every allocation inside json_tokener_parse*, and inside json_object_to_json_string*
-// unless the stand-in's file stores called it (they check what they serialise
-// before it replaces a file).
+// unless the stand-in's file stores or response texts called it (they check what they
+// serialise before it replaces a file or reaches a client).
 bool sparedJsonC() {
     void *frames[24];
     int n = backtrace(frames, 24);
@@ -97,8 +97,11 @@ bool sparedJsonC() {
     if (strncmp(outermost, "json_tokener_parse", 18) == 0) return true;
     if (strncmp(outermost, "json_object_to_json_string", 26) != 0) return false;
     for (int j = i; j < n && j < i + 3; j++) {
-        if (dladdr(frames[j], &info) && info.dli_sname && strncmp(info.dli_sname, "jsonObjectToFile", 16) == 0)
+        if (dladdr(frames[j], &info) && info.dli_sname &&
+            (strncmp(info.dli_sname, "jsonObjectToFile", 16) == 0 ||
+             strcmp(info.dli_sname, "jsonObjectToMallocString") == 0)) {
             return false;
+        }
     }
     return true;
 }
