@@ -107,7 +107,8 @@ instead ("deferred", summed over all runs). The stand-in's file stores check the
 serialised text against the document (walking both; the check takes exactly the texts
 json-c's reader turns into an equal document, which the json_match fuzz target compares)
 and refuse a store whose text does not match, so a text damaged by json-c never
-replaces a configuration file.
+replaces a configuration file; response texts are checked the same way and never reach
+a client damaged.
 
 The sweep replaces the allocator, which AddressSanitizer and valgrind own themselves:
 it is left out of the sanitizer builds and of the valgrind run, and checks its own leaks.
@@ -168,8 +169,6 @@ the other helpers' out-of-memory cases (they replace the allocator) and the syst
   copy of a member name) or drop a member silently (a request whose "method" member is
   dropped answers -7000). The library cannot guard against it; the sweep defers those
   allocations instead of failing them.
-- Response texts (\`jsonObjectToMallocString\`) are not read back like stored files: a
-  text damaged by json-c's serialiser under memory shortage would reach the client.
 - A start-up load whose read fails for want of memory treats a sound file as destroyed
   and rewrites it with defaults, as the load does by contract; the stand-in keeps the old
   file as \`.corrupt\` only when it still fails to parse when the reset checks it.
