@@ -113,6 +113,31 @@ T *takeRecord(T *&freeList, T *block, int &fresh, int count) {
     return fresh < count ? &block[fresh++] : nullptr;
 }
 
+// Allocates pool blocks with room for room elements (three attributes each) and gives
+// the pool n of them; the records are handed out in address order as they are needed
+// (takeRecord) and none is written to before that. When logFailure, a failed block is
+// logged with its byte size. Nothing stays allocated on failure.
+bool allocPool(kep::XmlMemPool &pool, int n, int room, bool logFailure) {
+    const size_t nodeBytes = static_cast<size_t>(room) * sizeof(XmlNode);
+    auto *nodes = static_cast<XmlNode *>(kep::xmlAlloc(nodeBytes));
+    if (!nodes) {
+        if (logFailure) KEP_LOG("xmlMemPoolInit malloc element mem size %d failed.\r\n", static_cast<int>(nodeBytes));
+        return false;
+    }
+    const size_t attrBytes = static_cast<size_t>(room) * kep::kXmlAttrsPerNode * sizeof(XmlAttr);
+    auto *attrs = static_cast<XmlAttr *>(kep::xmlAlloc(attrBytes));
+    if (!attrs) {
+        if (logFailure) KEP_LOG("xmlMemPoolInit malloc attribute mem size %d failed.\r\n", static_cast<int>(attrBytes));
+        free(nodes);
+        return false;
+    }
+    pool.nodeBlock = nodes;
+    pool.nodeCount = n;
+    pool.attrBlock = attrs;
+    pool.attrCount = n * kep::kXmlAttrsPerNode;
+    return true;
+}
+
 bool nodesLeft(const kep::XmlMemPool &pool) {
     return pool.freeNodes || pool.nodesFresh < pool.nodeCount;
 }
@@ -178,9 +203,10 @@ private:
 
     // The pool ran out (the handler has logged it): goes on as the attempt with the
     // next size of the schedule would, in the room the blocks already have or with
-    // the blocks grown (in place when the allocator can). False when there is no larger size, or when growing fails for want of
-    // memory (restartAt() then names the attempt to run from the start, which needs
-    // no more memory than the schedule itself).
+    // the blocks grown (in place when the allocator can). False when there is no
+    // larger size, or when growing fails for want of memory (restartAt() then names
+    // the attempt to run from the start, which needs no more memory than the schedule
+    // itself).
     bool nextAttempt() {
         if (!growing_ || attempt_ + 1 >= kep::kXmlPoolAttempts) return false;
         const int size = kep::kXmlPoolSizes[attempt_ + 1];
@@ -453,26 +479,6 @@ int elementRoom(const char *text) {
     return largest;
 }
 
-// Gives the pool of the first attempt (n elements) blocks with room for room elements,
-// so that growing through the schedule moves nothing; records the parse does not take
-// are never touched. False, with nothing allocated and nothing logged, when there is
-// no memory for it: the first attempt then takes its own size and grows as it goes.
-bool reservePool(kep::XmlMemPool &pool, int n, int room) {
-    auto *nodes = static_cast<XmlNode *>(kep::xmlAlloc(static_cast<size_t>(room) * sizeof(XmlNode)));
-    if (!nodes) return false;
-    const size_t attrBytes = static_cast<size_t>(room) * kep::kXmlAttrsPerNode * sizeof(XmlAttr);
-    auto *attrs = static_cast<XmlAttr *>(kep::xmlAlloc(attrBytes));
-    if (!attrs) {
-        free(nodes);
-        return false;
-    }
-    pool.nodeBlock = nodes;
-    pool.nodeCount = n;
-    pool.attrBlock = attrs;
-    pool.attrCount = n * kep::kXmlAttrsPerNode;
-    return true;
-}
-
 // Runs the attempts with growing pools; text null reads fd. *allFailed is set when
 // all six attempts ran and failed (not when memory ran out first). Text is parsed
 // once, the pool growing through the schedule as it runs out; a descriptor is read
@@ -484,8 +490,11 @@ XmlNode **parseDocument(const char *text, int fd, int keepAll, bool *allFailed) 
     int room = text ? elementRoom(text) : 0;
     for (int i = 0; i < kep::kXmlPoolAttempts; i++) {
         memset(ctx, 0, sizeof *ctx);
+        // The first attempt over text gets blocks with room for the schedule's pool that
+        // the text's start tags need, so growing through the sizes moves nothing. Without
+        // memory for that (nothing logged), it takes its own size and grows as it goes.
         const int size = kep::kXmlPoolSizes[i];
-        if (room <= size || !reservePool(ctx->pool, size, room)) {
+        if (room <= size || !allocPool(ctx->pool, size, room, false)) {
             if (kep::xmlMemPoolInit(&ctx->pool, size) != 0) {
                 free(ctx);
                 return nullptr;
@@ -543,27 +552,7 @@ int xmlMemPoolInit(XmlMemPool *pool, int n) {
         count > SIZE_MAX / sizeof(XmlNode)) {
         return -1;
     }
-    const size_t nodeBytes = count * sizeof(XmlNode);
-    auto *nodes = static_cast<XmlNode *>(xmlAlloc(nodeBytes));
-    if (!nodes) {
-        KEP_LOG("xmlMemPoolInit malloc element mem size %d failed.\r\n", static_cast<int>(nodeBytes));
-        return -1;
-    }
-    const size_t attrCount = count * kXmlAttrsPerNode;
-    const size_t attrBytes = attrCount * sizeof(XmlAttr);
-    auto *attrs = static_cast<XmlAttr *>(xmlAlloc(attrBytes));
-    if (!attrs) {
-        KEP_LOG("xmlMemPoolInit malloc attribute mem size %d failed.\r\n", static_cast<int>(attrBytes));
-        free(nodes);
-        return -1;
-    }
-    // The records are handed out in address order as they are needed (takeRecord);
-    // none is written to before that.
-    pool->nodeBlock = nodes;
-    pool->nodeCount = n;
-    pool->attrBlock = attrs;
-    pool->attrCount = static_cast<int>(attrCount);
-    return 0;
+    return allocPool(*pool, n, n, true) ? 0 : -1;
 }
 
 XmlNode *mxmlParseStartElt(XmlNode *parent, const char *name, XmlParseCtx *ctx) {
