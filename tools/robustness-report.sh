@@ -102,7 +102,7 @@ still succeeded (a failure the operation may tolerate, such as a log text). json
 does not survive every failed allocation: its parser uses a failed copy of a member name
 unchecked and drops a member whose insert fails, and its serialiser ignores failed
 appends. Allocations made inside the parser, and inside the serialiser unless a file
-store called it, are therefore never failed; the sweep fails the next allocation
+store or a response text called it, are therefore never failed; the sweep fails the next allocation
 instead ("deferred", summed over all runs). The stand-in's file stores check their
 serialised text against the document (walking both; the check takes exactly the texts
 json-c's reader turns into an equal document, which the json_match fuzz target compares)
@@ -119,9 +119,10 @@ Every input the library parses has a libFuzzer target, built with clang,
 AddressSanitizer and UndefinedBehaviorSanitizer (\`tools/run-fuzz.sh\`); seed corpora are
 in \`fuzz/corpus/\`, dictionaries for JSON and XML beside them. A target fails on any
 crash, sanitizer report, leak or hang (10 s per input). \`tools/dev.sh test\` runs each
-for 60 s; the figures below are of the last long run (each target until 10 million
-executions or an hour, whichever came first; two or three targets at a time on this machine's two
-CPUs), all clean.
+for 60 s; the figures below are of the last long run of each target (until 10 million
+executions or its time limit, 40 minutes to an hour, whichever came first; up to three
+targets at a time on this machine's two CPUs), all clean. The commit is the one each
+target ran on.
 
 | target | executions | seconds | edges covered | features | corpus | run on (commit) | input |
 |---|---|---|---|---|---|---|---|
