@@ -20,11 +20,10 @@ struct XmlMemPool {
     XmlNode *freeNodes;  // given back, chained through XmlNode::next
     XmlNode *nodeBlock;  // nodeCount records
     XmlAttr *freeAttrs;  // given back, chained through XmlAttr::next
-    XmlAttr *attrBlock;  // attrCount records
+    XmlAttr *attrBlock;  // 3 nodeCount records
     int nodeCount;
     int nodesFresh;  // nodeBlock[nodesFresh..] were never handed out
-    int attrCount;
-    int attrsFresh;
+    int attrsFresh;  // attrBlock[attrsFresh..] likewise
 };
 
 struct XmlParseCtx;

@@ -134,7 +134,6 @@ bool allocPool(kep::XmlMemPool &pool, int n, int room, bool logFailure) {
     pool.nodeBlock = nodes;
     pool.nodeCount = n;
     pool.attrBlock = attrs;
-    pool.attrCount = n * kep::kXmlAttrsPerNode;
     return true;
 }
 
@@ -143,7 +142,7 @@ bool nodesLeft(const kep::XmlMemPool &pool) {
 }
 
 bool attrsLeft(const kep::XmlMemPool &pool) {
-    return pool.freeAttrs || pool.attrsFresh < pool.attrCount;
+    return pool.freeAttrs || pool.attrsFresh < pool.nodeCount * kep::kXmlAttrsPerNode;
 }
 
 // One parse attempt. The document is built only from ctx's pool; the walk keeps a
@@ -221,42 +220,38 @@ private:
     // Grows the pool to size elements (3 size attributes). Beyond the blocks' room,
     // both are reallocated, and every pointer into a block that moved is re-aimed
     // (links, attribute lists, free lists, the parser's own); only records handed out
-    // hold pointers. On failure the pool is consistent (one block may already be
-    // larger) and fail() can release it.
+    // hold pointers. On failure the pool keeps its size (the element block may already
+    // be larger) and fail() can release it.
     bool growPool(int size) {
         kep::XmlMemPool &pool = ctx_.pool;
-        if (size <= room_) {
-            pool.nodeCount = size;
-            pool.attrCount = size * kep::kXmlAttrsPerNode;
-            return true;
-        }
-
-        BlockMove<XmlNode> nodes;
-        if (!nodes.grow(pool.nodeBlock, pool.nodeCount, size)) return false;
-        if (nodes.moved()) {
-            for (XmlNode *r = pool.nodeBlock; r < pool.nodeBlock + pool.nodesFresh; r++) {
-                nodes.reaim(r->next);
-                nodes.reaim(r->prev);
-                nodes.reaim(r->parent);
-                nodes.reaim(r->firstChild);
-                nodes.reaim(r->lastChild);
+        if (size > room_) {
+            BlockMove<XmlNode> nodes;
+            if (!nodes.grow(pool.nodeBlock, room_, size)) return false;
+            if (nodes.moved()) {
+                for (XmlNode *r = pool.nodeBlock; r < pool.nodeBlock + pool.nodesFresh; r++) {
+                    nodes.reaim(r->next);
+                    nodes.reaim(r->prev);
+                    nodes.reaim(r->parent);
+                    nodes.reaim(r->firstChild);
+                    nodes.reaim(r->lastChild);
+                }
+                nodes.reaim(pool.freeNodes);
+                nodes.reaim(current_);
+                nodes.reaim(first_);
+                nodes.reaim(last_);
             }
-            nodes.reaim(pool.freeNodes);
-            nodes.reaim(current_);
-            nodes.reaim(first_);
-            nodes.reaim(last_);
+            BlockMove<XmlAttr> attrs;
+            if (!attrs.grow(pool.attrBlock, room_ * kep::kXmlAttrsPerNode, size * kep::kXmlAttrsPerNode)) {
+                return false;
+            }
+            if (attrs.moved()) {
+                for (int i = 0; i < pool.nodesFresh; i++) attrs.reaim(pool.nodeBlock[i].attrs);
+                for (int i = 0; i < pool.attrsFresh; i++) attrs.reaim(pool.attrBlock[i].next);
+                attrs.reaim(pool.freeAttrs);
+            }
+            room_ = size;
         }
         pool.nodeCount = size;
-
-        BlockMove<XmlAttr> attrs;
-        if (!attrs.grow(pool.attrBlock, pool.attrCount, size * kep::kXmlAttrsPerNode)) return false;
-        if (attrs.moved()) {
-            for (int i = 0; i < pool.nodesFresh; i++) attrs.reaim(pool.nodeBlock[i].attrs);
-            for (int i = 0; i < pool.attrsFresh; i++) attrs.reaim(pool.attrBlock[i].next);
-            attrs.reaim(pool.freeAttrs);
-        }
-        pool.attrCount = size * kep::kXmlAttrsPerNode;
-        room_ = size;
         return true;
     }
 
@@ -586,7 +581,7 @@ XmlNode *mxmlParseStartElt(XmlNode *parent, const char *name, XmlParseCtx *ctx) 
 XmlAttr *mxmlAddAttrib(XmlNode *element, const char *name, const char *value, XmlParseCtx *ctx) {
     if (!element || !name || !value || !ctx) return nullptr;
     XmlMemPool &pool = ctx->pool;
-    XmlAttr *attr = takeRecord(pool.freeAttrs, pool.attrBlock, pool.attrsFresh, pool.attrCount);
+    XmlAttr *attr = takeRecord(pool.freeAttrs, pool.attrBlock, pool.attrsFresh, pool.nodeCount * kXmlAttrsPerNode);
     if (!attr) {
         KEP_LOG("xml attribute node malloc failed.\r\n");
         return nullptr;

@@ -4,7 +4,6 @@
 #include "json_match.h"
 
 #include <inttypes.h>
-#include <limits.h>
 #include <math.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -12,6 +11,8 @@
 #include <string.h>
 
 #include <json-c/json.h>
+
+#include "kep_pf_json.h"
 
 namespace kep_pf {
 namespace {
@@ -66,11 +67,13 @@ private:
         return false;
     }
 
-    // The characters json-c's reader takes as one number.
-    size_t numberLength() const {
-        const char *q = p_;
-        while (q < end_ && strchr("0123456789.+-eE", *q) && *q) q++;
-        return static_cast<size_t>(q - p_);
+    // Takes the bare value at the cursor (a number or a literal): everything up to the
+    // next separator, blank or the end. Its length.
+    size_t token() {
+        size_t n = 0;
+        while (p_ + n < end_ && p_[n] && !strchr(",]}: \t\r\n", p_[n])) n++;
+        p_ += n;
+        return n;
     }
 
     // Written as json-c writes it: the reader takes exactly that text as this integer.
@@ -79,7 +82,8 @@ private:
         const int64_t v = json_object_get_int64(obj);
         const int n = v == INT64_MAX ? snprintf(want, sizeof want, "%" PRIu64, json_object_get_uint64(obj))
                                      : snprintf(want, sizeof want, "%" PRId64, v);
-        return numberLength() == static_cast<size_t>(n) && word(want, static_cast<size_t>(n));
+        const char *at = p_;
+        return token() == static_cast<size_t>(n) && memcmp(at, want, static_cast<size_t>(n)) == 0;
     }
 
     // A number in JSON's own grammar.
@@ -110,21 +114,12 @@ private:
 
     // How json-c's reader takes a value it accepts outside JSON's grammar: an infinity,
     // or a number such as "1." that a hand-edited file held (a double keeps the text
-    // it was read from). Asks the reader itself, which allocates; rare.
+    // it was read from). Asks the stand-in's own reader, which allocates; rare.
     static bool readerTakesAs(const char *token, size_t n, double d) {
-        if (n >= INT_MAX) return false;
-        char *copy = static_cast<char *>(malloc(n + 1));
-        json_tokener *tok = copy ? json_tokener_new() : nullptr;
-        bool same = false;
-        if (tok) {
-            memcpy(copy, token, n);
-            copy[n] = '\0';
-            json_object *got = json_tokener_parse_ex(tok, copy, static_cast<int>(n + 1));
-            same = json_tokener_get_error(tok) == json_tokener_success && json_tokener_get_parse_end(tok) >= n &&
-                   json_object_get_type(got) == json_type_double && sameDouble(json_object_get_double(got), d);
-            json_object_put(got);
-            json_tokener_free(tok);
-        }
+        char *copy = strndup(token, n);
+        json_object *got = copy ? jsonObjectFromString(copy) : nullptr;
+        const bool same = json_object_get_type(got) == json_type_double && sameDouble(json_object_get_double(got), d);
+        json_object_put(got);
         free(copy);
         return same;
     }
@@ -135,14 +130,12 @@ private:
     // A number the reader takes as a double (it has a point or an exponent) of the same
     // value.
     bool real(double d) {
-        size_t n = 0;
-        while (p_ + n < end_ && p_[n] && !strchr(",]}: \t\r\n", p_[n])) n++;
+        const char *at = p_;
+        const size_t n = token();
         if (n == 0) return false;
-        const char *token = p_;
-        p_ += n;
-        if (!strictNumber(token, n)) return readerTakesAs(token, n, d);
-        if (!memchr(token, '.', n) && !memchr(token, 'e', n) && !memchr(token, 'E', n)) return false;
-        return strtod(token, nullptr) == d;  // the token ends before the text does
+        if (!strictNumber(at, n)) return readerTakesAs(at, n, d);
+        if (!memchr(at, '.', n) && !memchr(at, 'e', n) && !memchr(at, 'E', n)) return false;
+        return strtod(at, nullptr) == d;  // the token ends before the text does
     }
 
     static int hexDigit(char c) {
