@@ -5,6 +5,7 @@
 #include <malloc.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <string>
@@ -274,6 +275,86 @@ TEST(XmlPool, RecordsGivenBackAreTakenFirst) {
     EXPECT_EQ(kep::mxmlAddAttrib(c, "z", "3", &ctx), x + 1);
     EXPECT_STREQ(c->attrs->next->name, "y");
     kep::xmlDocRelease(&ctx, a);
+}
+
+// Pages [from, to) of the page-aligned range holding p .. p + bytes, resident or not.
+std::vector<bool> residency(const void *p, size_t bytes) {
+    const uintptr_t page = static_cast<uintptr_t>(getpagesize());
+    const uintptr_t start = reinterpret_cast<uintptr_t>(p) & ~(page - 1);
+    const size_t pages = (reinterpret_cast<uintptr_t>(p) + bytes - start + page - 1) / page;
+    std::vector<unsigned char> vec(pages);
+    EXPECT_EQ(mincore(reinterpret_cast<void *>(start), pages * page, vec.data()), 0);
+    std::vector<bool> out;
+    for (unsigned char v : vec) out.push_back(v & 1);
+    return out;
+}
+
+// Drops the whole pages inside p .. p + bytes (their bytes were never written).
+void dropPages(void *p, size_t bytes) {
+    const uintptr_t page = static_cast<uintptr_t>(getpagesize());
+    const uintptr_t start = (reinterpret_cast<uintptr_t>(p) + page - 1) & ~(page - 1);
+    const uintptr_t end = (reinterpret_cast<uintptr_t>(p) + bytes) & ~(page - 1);
+    if (end > start) madvise(reinterpret_cast<void *>(start), end - start, MADV_DONTNEED);
+}
+
+// Whether this kernel faults pages in on advice (not every kernel or emulator does).
+bool kernelPrefaults() {
+#ifdef MADV_POPULATE_WRITE
+    const size_t page = static_cast<size_t>(getpagesize());
+    void *p = mmap(nullptr, page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (p == MAP_FAILED) return false;
+    unsigned char v = 0;
+    const bool yes = madvise(p, page, MADV_POPULATE_WRITE) == 0 && mincore(p, page, &v) == 0 && (v & 1);
+    munmap(p, page);
+    return yes;
+#else
+    return false;
+#endif
+}
+
+TEST(XmlPool, LargeBlocksAreFaultedInAChunkAheadOfUse) {
+    constexpr int kChunkNodes = 64 * 1024 / sizeof(XmlNode);
+    constexpr int kChunkAttrs = 64 * 1024 / sizeof(XmlAttr);
+    const size_t page = static_cast<size_t>(getpagesize());
+    kep::XmlParseCtx ctx;
+    memset(&ctx, 0, sizeof ctx);
+    ASSERT_EQ(kep::xmlMemPoolInit(&ctx.pool, 850), 0);
+    XmlNode *nodes = ctx.pool.nodeBlock;
+    dropPages(nodes, 850 * sizeof(XmlNode));
+    dropPages(ctx.pool.attrBlock, 3 * 850 * sizeof(XmlAttr));
+    const bool prefaults = kernelPrefaults();
+
+    XmlNode *top = kep::mxmlParseStartElt(nullptr, "top", &ctx);
+    ASSERT_EQ(top, nodes);
+    ASSERT_NE(kep::mxmlAddAttrib(top, "a", "1", &ctx), nullptr);
+    EXPECT_EQ(ctx.pool.nodesReady, kChunkNodes);
+    EXPECT_EQ(ctx.pool.attrsReady, kChunkAttrs);
+    if (prefaults) {
+        // The chunk's pages are in; the pages wholly past it are not.
+        const std::vector<bool> in = residency(nodes, 850 * sizeof(XmlNode));
+        const size_t chunkEnd = (reinterpret_cast<uintptr_t>(nodes + kChunkNodes) -
+                                 (reinterpret_cast<uintptr_t>(nodes) & ~(page - 1))) / page;
+        for (size_t i = 0; i < in.size(); i++) {
+            if (i < chunkEnd) {
+                EXPECT_TRUE(in[i]) << "page " << i;
+            } else if (i > chunkEnd && i + 1 < in.size()) {
+                EXPECT_FALSE(in[i]) << "page " << i;
+            }
+        }
+    }
+    for (int i = 1; i <= kChunkNodes; i++) ASSERT_NE(kep::mxmlParseStartElt(top, "e", &ctx), nullptr);
+    EXPECT_EQ(ctx.pool.nodesReady, 850);  // the rest of the block, one chunk at most
+    if (prefaults) {
+        const std::vector<bool> in = residency(nodes, 850 * sizeof(XmlNode));
+        for (size_t i = 0; i < in.size(); i++) EXPECT_TRUE(in[i]) << "page " << i;
+    }
+    kep::xmlDocRelease(&ctx, top);
+
+    // A pool under a chunk is left to fault page by page: no call at all.
+    ASSERT_EQ(kep::xmlMemPoolInit(&ctx.pool, 100), 0);
+    ASSERT_NE(kep::mxmlParseStartElt(nullptr, "top", &ctx), nullptr);
+    EXPECT_EQ(ctx.pool.nodesReady, 100);
+    kep::xmlDocRelease(&ctx, nullptr);
 }
 
 // Fails the allocation numbered failAt (from 1) of the parser. (Every allocation of a

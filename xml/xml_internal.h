@@ -15,15 +15,20 @@ namespace kep {
 // onto its free list and is taken again first; after those, records are taken in
 // address order from the part of the block never handed out. That part is not
 // written to before it is used, so the pages of records a document does not need
-// (most of the three attributes per element) never become resident.
+// (most of the three attributes per element) never become resident. A large block
+// is faulted in one chunk at a time as its records come into use: one system call
+// where every fresh page would otherwise trap on its first write.
 struct XmlMemPool {
     XmlNode *freeNodes;  // given back, chained through XmlNode::next
-    XmlNode *nodeBlock;  // nodeCount records
+    XmlNode *nodeBlock;  // room records, the pool's nodeCount of them in use
     XmlAttr *freeAttrs;  // given back, chained through XmlAttr::next
-    XmlAttr *attrBlock;  // 3 nodeCount records
+    XmlAttr *attrBlock;  // 3 room records, 3 nodeCount in use
     int nodeCount;
+    int room;
     int nodesFresh;  // nodeBlock[nodesFresh..] were never handed out
     int attrsFresh;  // attrBlock[attrsFresh..] likewise
+    int nodesReady;  // nodeBlock[..nodesReady] were faulted in ahead of use
+    int attrsReady;  // attrBlock[..attrsReady] likewise
 };
 
 struct XmlParseCtx;

@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include "api.h"
@@ -101,16 +102,43 @@ private:
     T *now_ = nullptr;
 };
 
-// The next record of a pool block: the one given back last, else the first never
-// handed out; null when the block is used up. The order is that of a free list
-// chained in address order at the start with records given back pushed on its head.
+// Blocks of at least this size are faulted in this much at a time, ahead of use.
+constexpr size_t kPrefaultBytes = 64 * 1024;
+
+// Faults in the pages of block[from..] up to kPrefaultBytes (not past the block's
+// capacity records) and returns the record index they reach. A smaller block is left
+// to fault page by page; its few traps cost less than the call. The advice only makes
+// the pages present and writable, as the writes would; a kernel without it refuses it
+// and nothing changes.
 template <typename T>
-T *takeRecord(T *&freeList, T *block, int &fresh, int count) {
+int prefault(T *block, int from, int capacity) {
+    constexpr int chunk = static_cast<int>(kPrefaultBytes / sizeof(T));
+    if (static_cast<size_t>(capacity) * sizeof(T) < kPrefaultBytes) return capacity;
+    const int to = capacity - from > chunk ? from + chunk : capacity;
+#ifdef MADV_POPULATE_WRITE
+    const uintptr_t page = static_cast<uintptr_t>(getpagesize());
+    const uintptr_t start = reinterpret_cast<uintptr_t>(block + from) & ~(page - 1);
+    const uintptr_t end = reinterpret_cast<uintptr_t>(block + to);
+    madvise(reinterpret_cast<void *>(start), end - start, MADV_POPULATE_WRITE);
+#else
+    (void)block;
+#endif
+    return to;
+}
+
+// The next record of a pool block: the one given back last, else the first never
+// handed out; null when the pool's count is used up. The order is that of a free
+// list chained in address order at the start with records given back pushed on its
+// head. ready tracks how far the block (capacity records) was faulted in.
+template <typename T>
+T *takeRecord(T *&freeList, T *block, int &fresh, int count, int &ready, int capacity) {
     if (T *record = freeList) {
         freeList = record->next;
         return record;
     }
-    return fresh < count ? &block[fresh++] : nullptr;
+    if (fresh >= count) return nullptr;
+    if (fresh >= ready) ready = prefault(block, fresh, capacity);
+    return &block[fresh++];
 }
 
 // Allocates pool blocks with room for room elements (three attributes each) and gives
@@ -133,6 +161,7 @@ bool allocPool(kep::XmlMemPool &pool, int n, int room, bool logFailure) {
     }
     pool.nodeBlock = nodes;
     pool.nodeCount = n;
+    pool.room = room;
     pool.attrBlock = attrs;
     return true;
 }
@@ -156,14 +185,9 @@ bool attrsLeft(const kep::XmlMemPool &pool) {
 // replaces; a failure for any other cause would repeat in every later attempt.
 class Parser {
 public:
-    // growing: attempt is the schedule's index of the pool ctx holds, whose blocks have
-    // room for room elements (and three times as many attributes).
-    Parser(XmlParseCtx &ctx, bool growing, int attempt, int room)
-        : ctx_(ctx),
-          text_(ctx.readChar == kep::xmlStrReadChar),
-          growing_(growing),
-          attempt_(attempt),
-          room_(room) {
+    // growing: attempt is the schedule's index of the pool ctx holds.
+    Parser(XmlParseCtx &ctx, bool growing, int attempt)
+        : ctx_(ctx), text_(ctx.readChar == kep::xmlStrReadChar), growing_(growing), attempt_(attempt) {
         buf_.clear();
     }
 
@@ -224,9 +248,9 @@ private:
     // be larger) and fail() can release it.
     bool growPool(int size) {
         kep::XmlMemPool &pool = ctx_.pool;
-        if (size > room_) {
+        if (size > pool.room) {
             BlockMove<XmlNode> nodes;
-            if (!nodes.grow(pool.nodeBlock, room_, size)) return false;
+            if (!nodes.grow(pool.nodeBlock, pool.room, size)) return false;
             if (nodes.moved()) {
                 for (XmlNode *r = pool.nodeBlock; r < pool.nodeBlock + pool.nodesFresh; r++) {
                     nodes.reaim(r->next);
@@ -239,17 +263,20 @@ private:
                 nodes.reaim(current_);
                 nodes.reaim(first_);
                 nodes.reaim(last_);
+                pool.nodesReady = pool.nodesFresh;  // the new place's own pages
             }
             BlockMove<XmlAttr> attrs;
-            if (!attrs.grow(pool.attrBlock, room_ * kep::kXmlAttrsPerNode, size * kep::kXmlAttrsPerNode)) {
+            const int attrRoom = pool.room * kep::kXmlAttrsPerNode;
+            if (!attrs.grow(pool.attrBlock, attrRoom, size * kep::kXmlAttrsPerNode)) {
                 return false;
             }
             if (attrs.moved()) {
                 for (int i = 0; i < pool.nodesFresh; i++) attrs.reaim(pool.nodeBlock[i].attrs);
                 for (int i = 0; i < pool.attrsFresh; i++) attrs.reaim(pool.attrBlock[i].next);
                 attrs.reaim(pool.freeAttrs);
+                pool.attrsReady = pool.attrsFresh;
             }
-            room_ = size;
+            pool.room = size;
         }
         pool.nodeCount = size;
         return true;
@@ -451,7 +478,6 @@ private:
     const bool text_;     // reading ctx_.cursor in place
     const bool growing_;  // standing for the whole schedule
     int attempt_;         // the attempt of the schedule this parse is at
-    int room_;            // elements the blocks have room for
     int restartAt_ = -1;  // growing ran out of memory: the attempt to run afresh
     Buf buf_;
     XmlNode *current_ = nullptr;
@@ -513,7 +539,7 @@ XmlNode **parseDocument(const char *text, int fd, int keepAll, bool *allFailed) 
         ctx->onStartElement = kep::mxmlParseStartElt;
         ctx->onText = kep::xmlNodeAppendText;
         ctx->onAttribute = kep::mxmlAddAttrib;
-        Parser parser(*ctx, text != nullptr, i, room);
+        Parser parser(*ctx, text != nullptr, i);
         XmlNode *top = parser.run();
         if (top) {
             ctx->top = top;
@@ -557,7 +583,8 @@ XmlNode *mxmlParseStartElt(XmlNode *parent, const char *name, XmlParseCtx *ctx) 
         return nullptr;
     }
     XmlMemPool &pool = ctx->pool;
-    XmlNode *node = takeRecord(pool.freeNodes, pool.nodeBlock, pool.nodesFresh, pool.nodeCount);
+    XmlNode *node = takeRecord(pool.freeNodes, pool.nodeBlock, pool.nodesFresh, pool.nodeCount,
+                               pool.nodesReady, pool.room);
     if (!node) {
         KEP_LOG("xml node malloc failed.\r\n");
         return nullptr;
@@ -581,7 +608,9 @@ XmlNode *mxmlParseStartElt(XmlNode *parent, const char *name, XmlParseCtx *ctx) 
 XmlAttr *mxmlAddAttrib(XmlNode *element, const char *name, const char *value, XmlParseCtx *ctx) {
     if (!element || !name || !value || !ctx) return nullptr;
     XmlMemPool &pool = ctx->pool;
-    XmlAttr *attr = takeRecord(pool.freeAttrs, pool.attrBlock, pool.attrsFresh, pool.nodeCount * kXmlAttrsPerNode);
+    XmlAttr *attr = takeRecord(pool.freeAttrs, pool.attrBlock, pool.attrsFresh,
+                               pool.nodeCount * kXmlAttrsPerNode, pool.attrsReady,
+                               pool.room * kXmlAttrsPerNode);
     if (!attr) {
         KEP_LOG("xml attribute node malloc failed.\r\n");
         return nullptr;
@@ -643,7 +672,7 @@ int xmlReadEntity(XmlParseCtx *ctx) {
 
 XmlNode *xmlParseLoop(XmlParseCtx *ctx) {
     if (!ctx) return nullptr;
-    Parser parser(*ctx, false, 0, ctx->pool.nodeCount);
+    Parser parser(*ctx, false, 0);
     return parser.run();
 }
 
