@@ -55,7 +55,7 @@ run xml xml --benchmark_min_time=0.3
 # The same parses with glibc keeping freed memory instead of returning it to the
 # kernel: the share of the parse that is the allocator's page traffic.
 GLIBC_TUNABLES=glibc.malloc.trim_threshold=67108864:glibc.malloc.mmap_threshold=67108864 \
-    run xml xml_keepheap --benchmark_min_time=0.3 --benchmark_filter='^xml/(strXmlParse|mxml)'
+    run xml xml_keepheap --benchmark_min_time=0.3 --benchmark_filter='^xml/(strXmlParse|mxml|pool_blocks)'
 GLIBC_TUNABLES=glibc.malloc.trim_threshold=67108864:glibc.malloc.mmap_threshold=67108864 \
     run scale scale_keepheap --benchmark_min_time=0.3 --benchmark_filter='(store/.*_tmpfs|file_floor/tmpfs)/sections:1000'
 
