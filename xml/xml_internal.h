@@ -27,8 +27,6 @@ struct XmlMemPool {
     int room;
     int nodesFresh;  // nodeBlock[nodesFresh..] were never handed out
     int attrsFresh;  // attrBlock[attrsFresh..] likewise
-    int nodesReady;  // nodeBlock[..nodesReady] were faulted in ahead of use
-    int attrsReady;  // attrBlock[..attrsReady] likewise
 };
 
 struct XmlParseCtx;

@@ -105,39 +105,37 @@ private:
 // Blocks of at least this size are faulted in this much at a time, ahead of use.
 constexpr size_t kPrefaultBytes = 64 * 1024;
 
-// Faults in the pages of block[from..] up to kPrefaultBytes (not past the block's
-// capacity records) and returns the record index they reach. A smaller block is left
-// to fault page by page; its few traps cost less than the call. The advice only makes
-// the pages present and writable, as the writes would; a kernel without it refuses it
-// and nothing changes.
+// At each chunk's first record, faults in the pages of that chunk (kPrefaultBytes,
+// cut at the block's capacity records). A smaller block is left to fault page by page:
+// its few traps cost less than the call. The advice only makes the pages present and
+// writable, as the writes would; a kernel without it refuses it and nothing changes.
 template <typename T>
-int prefault(T *block, int from, int capacity) {
-    constexpr int chunk = static_cast<int>(kPrefaultBytes / sizeof(T));
-    if (static_cast<size_t>(capacity) * sizeof(T) < kPrefaultBytes) return capacity;
-    const int to = capacity - from > chunk ? from + chunk : capacity;
+void prefaultChunk(T *block, int fresh, int capacity) {
 #ifdef MADV_POPULATE_WRITE
+    constexpr int chunk = static_cast<int>(kPrefaultBytes / sizeof(T));
+    if (fresh % chunk != 0 || static_cast<size_t>(capacity) * sizeof(T) < kPrefaultBytes) return;
+    const int to = capacity - fresh > chunk ? fresh + chunk : capacity;
     const uintptr_t page = static_cast<uintptr_t>(getpagesize());
-    const uintptr_t start = reinterpret_cast<uintptr_t>(block + from) & ~(page - 1);
-    const uintptr_t end = reinterpret_cast<uintptr_t>(block + to);
-    madvise(reinterpret_cast<void *>(start), end - start, MADV_POPULATE_WRITE);
+    const uintptr_t start = reinterpret_cast<uintptr_t>(block + fresh) & ~(page - 1);
+    madvise(reinterpret_cast<void *>(start), reinterpret_cast<uintptr_t>(block + to) - start,
+            MADV_POPULATE_WRITE);
 #else
-    (void)block;
+    (void)block, (void)fresh, (void)capacity;
 #endif
-    return to;
 }
 
-// The next record of a pool block: the one given back last, else the first never
-// handed out; null when the pool's count is used up. The order is that of a free
-// list chained in address order at the start with records given back pushed on its
-// head. ready tracks how far the block (capacity records) was faulted in.
+// The next record of a pool block (capacity records): the one given back last, else
+// the first never handed out; null when the pool's count is used up. The order is
+// that of a free list chained in address order at the start with records given back
+// pushed on its head.
 template <typename T>
-T *takeRecord(T *&freeList, T *block, int &fresh, int count, int &ready, int capacity) {
+T *takeRecord(T *&freeList, T *block, int &fresh, int count, int capacity) {
     if (T *record = freeList) {
         freeList = record->next;
         return record;
     }
     if (fresh >= count) return nullptr;
-    if (fresh >= ready) ready = prefault(block, fresh, capacity);
+    prefaultChunk(block, fresh, capacity);
     return &block[fresh++];
 }
 
@@ -263,7 +261,6 @@ private:
                 nodes.reaim(current_);
                 nodes.reaim(first_);
                 nodes.reaim(last_);
-                pool.nodesReady = pool.nodesFresh;  // the new place's own pages
             }
             BlockMove<XmlAttr> attrs;
             const int attrRoom = pool.room * kep::kXmlAttrsPerNode;
@@ -274,7 +271,6 @@ private:
                 for (int i = 0; i < pool.nodesFresh; i++) attrs.reaim(pool.nodeBlock[i].attrs);
                 for (int i = 0; i < pool.attrsFresh; i++) attrs.reaim(pool.attrBlock[i].next);
                 attrs.reaim(pool.freeAttrs);
-                pool.attrsReady = pool.attrsFresh;
             }
             pool.room = size;
         }
@@ -583,8 +579,7 @@ XmlNode *mxmlParseStartElt(XmlNode *parent, const char *name, XmlParseCtx *ctx) 
         return nullptr;
     }
     XmlMemPool &pool = ctx->pool;
-    XmlNode *node = takeRecord(pool.freeNodes, pool.nodeBlock, pool.nodesFresh, pool.nodeCount,
-                               pool.nodesReady, pool.room);
+    XmlNode *node = takeRecord(pool.freeNodes, pool.nodeBlock, pool.nodesFresh, pool.nodeCount, pool.room);
     if (!node) {
         KEP_LOG("xml node malloc failed.\r\n");
         return nullptr;
@@ -609,8 +604,7 @@ XmlAttr *mxmlAddAttrib(XmlNode *element, const char *name, const char *value, Xm
     if (!element || !name || !value || !ctx) return nullptr;
     XmlMemPool &pool = ctx->pool;
     XmlAttr *attr = takeRecord(pool.freeAttrs, pool.attrBlock, pool.attrsFresh,
-                               pool.nodeCount * kXmlAttrsPerNode, pool.attrsReady,
-                               pool.room * kXmlAttrsPerNode);
+                               pool.nodeCount * kXmlAttrsPerNode, pool.room * kXmlAttrsPerNode);
     if (!attr) {
         KEP_LOG("xml attribute node malloc failed.\r\n");
         return nullptr;
