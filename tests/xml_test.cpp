@@ -277,7 +277,7 @@ TEST(XmlPool, RecordsGivenBackAreTakenFirst) {
     kep::xmlDocRelease(&ctx, a);
 }
 
-// Pages [from, to) of the page-aligned range holding p .. p + bytes, resident or not.
+// Whether each page of the page-aligned range holding p .. p + bytes is resident.
 std::vector<bool> residency(const void *p, size_t bytes) {
     const uintptr_t page = static_cast<uintptr_t>(getpagesize());
     const uintptr_t start = reinterpret_cast<uintptr_t>(p) & ~(page - 1);
