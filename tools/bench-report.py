@@ -40,6 +40,7 @@ def machine():
 
 
 e2e, scale, xml, xml_keep = load("e2e"), load("scale"), load("xml"), load("xml_keepheap")
+e2e_one = load("e2e_one_cpu")
 scale_keep = load("scale_keepheap")
 m = machine()
 lines = []
@@ -101,11 +102,43 @@ if load1 > nproc:
     out()
 
 # ---------------------------------------------------------------- 1. latency
-floor = e2e.get("e2e/floor_kept_connection")
-floor_conn = e2e.get("e2e/floor_connect_per_request")
-local = e2e.get("e2e/request_local")
-host = e2e.get("e2e/request_through_host")
-rpc = e2e.get("e2e/standin_rpc_only")
+PATHS = [("(a) floor, kept connection", "e2e/floor_kept_connection"),
+         ("(a') floor, connection per request", "e2e/floor_connect_per_request"),
+         ("floor through a relay process (two hops, kept connections)", "e2e/floor_two_hops_kept"),
+         ("stand-in RPC call alone", "e2e/standin_rpc_only"),
+         ("(b) standardKepReqHandle", "e2e/request_local"),
+         ("(c) through the host daemon", "e2e/request_through_host")]
+
+
+def latency_table(runs):
+    """The paths of one run with their ratios against that run's floors."""
+    a = runs.get("e2e/floor_kept_connection")
+    ac = runs.get("e2e/floor_connect_per_request")
+    out("| path | p50 µs | p99 µs | p99 / p50 | mean µs | p50 / (a) | p50 / (a) per connection |")
+    out("|---|---|---|---|---|---|---|")
+    for label, name in PATHS:
+        run = runs.get(name)
+        if not run:
+            out(f"| {label} | n/a | | | | | |")
+            continue
+        out(f"| {label} | {fmt(run['p50_us'])} | {fmt(run['p99_us'])} | "
+            f"{fmt(ratio(run['p99_us'], run['p50_us']), 1)} | {fmt(us(run))} | "
+            f"{fmt(ratio(run['p50_us'], a['p50_us']) if a else None, 2)} | "
+            f"{fmt(ratio(run['p50_us'], ac['p50_us']) if ac else None, 2)} |")
+    out()
+
+
+def p50_ratio(runs, name):
+    run, a = runs.get(name), runs.get("e2e/floor_kept_connection")
+    return ratio(run["p50_us"], a["p50_us"]) if run and a else None
+
+
+lat = e2e_one or e2e
+floor = lat.get("e2e/floor_kept_connection")
+floor_conn = lat.get("e2e/floor_connect_per_request")
+local = lat.get("e2e/request_local")
+host = lat.get("e2e/request_through_host")
+two = lat.get("e2e/floor_two_hops_kept")
 
 out("## 1. End-to-end request latency")
 out()
@@ -119,33 +152,32 @@ out("A forked owner serves a get of a table of 3 sections x 5 string options (30
     "cannot avoid). Latencies are per "
     "request, measured one by one (p50, p99); mean is the benchmark's time per iteration.")
 out()
-out("| path | p50 µs | p99 µs | p99 / p50 | mean µs | p50 / (a) | p50 / (a) per connection |")
-out("|---|---|---|---|---|---|---|")
+if e2e_one:
+    out("The targets are taken with the client and every process it talks to on one CPU (`taskset -c 0`). "
+        "A wake-up on the other CPU costs an inter-processor interrupt, which on this virtual machine "
+        "swings from run to run with where the scheduler puts the processes; on one CPU every hop is a "
+        "context switch, as on a single-core device. The same paths on every CPU follow, in the run "
+        "that also measures throughput.")
+    out()
+latency_table(lat)
+if e2e_one and e2e:
+    out("On every CPU (not pinned):")
+    out()
+    latency_table(e2e)
 a50 = floor["p50_us"] if floor else None
 ac50 = floor_conn["p50_us"] if floor_conn else None
-two = e2e.get("e2e/floor_two_hops_kept")
-for label, run in [("(a) floor, kept connection", floor), ("(a') floor, connection per request", floor_conn),
-                   ("floor through a relay process (two hops, kept connections)", two),
-                   ("stand-in RPC call alone", rpc), ("(b) standardKepReqHandle", local),
-                   ("(c) through the host daemon", host)]:
-    if not run:
-        out(f"| {label} | n/a | | | | | |")
-        continue
-    out(f"| {label} | {fmt(run['p50_us'])} | {fmt(run['p99_us'])} | {fmt(ratio(run['p99_us'], run['p50_us']), 1)} | "
-        f"{fmt(us(run))} | "
-        f"{fmt(ratio(run['p50_us'], a50), 2)} | {fmt(ratio(run['p50_us'], ac50), 2)} |")
-out()
+spread = (lambda name: f"; on every CPU: {fmt(p50_ratio(e2e, name), 2)}") if e2e_one and e2e else (lambda name: "")
 if local and floor:
     r = ratio(local["p50_us"], a50)
     target("1(b) standardKepReqHandle / floor (a), p50", f"{r:.2f}", "≤ 1.3", r <= 1.3,
            f"{local['p50_us']:.1f} / {a50:.1f} µs; against a connection per request: "
-           f"{ratio(local['p50_us'], ac50):.2f}")
+           f"{ratio(local['p50_us'], ac50):.2f}" + spread("e2e/request_local"))
 if host and floor:
     r = ratio(host["p50_us"], a50)
     target("1(c) through the host / floor (a), p50", f"{r:.2f}", "≤ 2.2", r <= 2.2,
            f"{host['p50_us']:.1f} / {a50:.1f} µs; against a connection per request: "
            f"{ratio(host['p50_us'], ac50):.2f}; the two-hop floor itself: "
-           f"{fmt(ratio(two['p50_us'], a50) if two else None, 2)} × (a)")
+           f"{fmt(ratio(two['p50_us'], a50) if two else None, 2)} × (a)" + spread("e2e/request_through_host"))
 if local:
     r = local["p99_us"] / local["p50_us"]
     fl = ", ".join(f"{name} {run['p99_us'] / run['p50_us']:.1f}" for name, run in

@@ -41,14 +41,26 @@ mkdir -p "$results"
     echo "reps=$reps"
 } >"$results/machine.txt"
 
-# run BENCH OUTPUT ARGS...: the figures go to $results/OUTPUT.json.
+# run BENCH OUTPUT ARGS...: the figures go to $results/OUTPUT.json. $pin, when set,
+# is a command the benchmark runs under.
+pin=
 run() {
     bench=$1 name=$2
     shift 2
     echo "== $name ($(date -u +%H:%M:%S))"
-    "$build/bench/kep_bench_$bench" --benchmark_repetitions="$reps" --benchmark_report_aggregates_only=true \
+    $pin "$build/bench/kep_bench_$bench" --benchmark_repetitions="$reps" --benchmark_report_aggregates_only=true \
         --benchmark_out="$results/$name.json" --benchmark_out_format=json "$@" >/dev/null 2>"$results/$name.log"
 }
+# Latency with the client and its servers on one CPU (children inherit the affinity):
+# a wake-up across CPUs costs an inter-processor interrupt, which on a virtual machine
+# swings from run to run with where the scheduler puts the processes; on one CPU each
+# hop is a context switch, as on a single-core device. The run on every CPU follows,
+# for throughput and for comparison.
+if command -v taskset >/dev/null && taskset -c 0 true 2>/dev/null; then
+    pin="taskset -c 0"
+    run e2e e2e_one_cpu --benchmark_min_time=0.5 --benchmark_filter='^e2e/'
+    pin=
+fi
 run e2e e2e --benchmark_min_time=0.5
 run scale scale --benchmark_min_time=0.3
 run xml xml --benchmark_min_time=0.3
