@@ -101,7 +101,8 @@ int countAttributes(XmlNode *n) {
     return c;
 }
 
-// Writes bytes of a fresh block as the parser does: faulted in by one call, then written.
+// Writes the first bytes of a fresh block as the parser does: faulted in ahead by
+// madvise (here in one call, where the parser makes one per 64 KiB), then written.
 void writeLikeThePool(void *block, size_t bytes) {
 #ifdef MADV_POPULATE_WRITE
     const uintptr_t page = static_cast<uintptr_t>(getpagesize());
@@ -123,13 +124,18 @@ void BM_PoolBlocksAlone(benchmark::State &state) {
     const size_t nodesUsed = static_cast<size_t>(countElements(*check)) * sizeof(XmlNode);
     const size_t attrsUsed = static_cast<size_t>(countAttributes(*check)) * sizeof(XmlAttr);
     mxmlTreeDelete(check);
-    const int room = n <= 100 ? 100 : 850;
+    constexpr size_t kRoom = 850;  // the blocks' room for a text of more than 700 start tags
     const long faults = minorFaults();
     for (auto _ : state) {
         void *ctx = malloc(256);
-        void *nodes = malloc(static_cast<size_t>(room) * sizeof(XmlNode));
-        void *attrs = malloc(static_cast<size_t>(room) * 3 * sizeof(XmlAttr));
-        if (!ctx || !nodes || !attrs) return state.SkipWithError("out of memory");
+        void *nodes = malloc(kRoom * sizeof(XmlNode));
+        void *attrs = malloc(kRoom * 3 * sizeof(XmlAttr));
+        if (!ctx || !nodes || !attrs) {
+            free(ctx);
+            free(nodes);
+            free(attrs);
+            return state.SkipWithError("out of memory");
+        }
         writeLikeThePool(nodes, nodesUsed);
         writeLikeThePool(attrs, attrsUsed);
         benchmark::DoNotOptimize(nodes);

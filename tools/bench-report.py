@@ -166,7 +166,13 @@ if e2e_one and e2e:
     latency_table(e2e)
 a50 = floor["p50_us"] if floor else None
 ac50 = floor_conn["p50_us"] if floor_conn else None
-spread = (lambda name: f"; on every CPU: {fmt(p50_ratio(e2e, name), 2)}") if e2e_one and e2e else (lambda name: "")
+
+
+def spread(name):
+    """The path's ratio on every CPU, when the targets come from the pinned run."""
+    return f"; on every CPU: {fmt(p50_ratio(e2e, name), 2)}" if e2e_one and e2e else ""
+
+
 if local and floor:
     r = ratio(local["p50_us"], a50)
     target("1(b) standardKepReqHandle / floor (a), p50", f"{r:.2f}", "≤ 1.3", r <= 1.3,
