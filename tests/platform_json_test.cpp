@@ -69,6 +69,16 @@ TEST(JsonText, ParsesWholeTextsOnly) {
     }
     EXPECT_EQ(jsonObjectFromString(nullptr), nullptr);
 
+    // A container cut short inside a trailing comment is refused, not read as the
+    // value it was in the middle of.
+    for (const char *cut : {"{\"a\":1 //x", "[1,2 //x", "{\"a\":{\"b\":5}//x", "/*c*/{\"a\":1 /* x"}) {
+        EXPECT_EQ(jsonObjectFromString(cut), nullptr) << cut;
+    }
+    EXPECT_EQ(parsed("/* c */ {\"a\":1}"), "{\"a\":1}");
+    EXPECT_EQ(parsed("5 // five"), "5");
+    EXPECT_EQ(parsed("5 // {"), "5");
+    EXPECT_EQ(parsed("{\"a\":1} // end"), "{\"a\":1}");
+
     // Nesting is bounded rather than recursing without limit.
     EXPECT_EQ(jsonObjectFromString((std::string(200000, '[') + std::string(200000, ']')).c_str()), nullptr);
     EXPECT_NE(parsed((std::string(20, '[') + std::string(20, ']')).c_str()), "NULL");
@@ -78,12 +88,14 @@ TEST(JsonFile, FromFileRejectsMissingAndBrokenFiles) {
     TempDir dir;
     writeText(dir / "good.json", "{\"k\":\"v\"}\n");
     for (const auto &f : {std::pair<const char *, std::string>{"broken.json", "{\"k\":"}, {"trailing.json", "{\"k\":1} {"},
-                          {"nul.json", std::string("{\"k\":1}\0{", 9)}, {"empty.json", ""}})
+                          {"nul.json", std::string("{\"k\":1}\0{", 9)}, {"empty.json", ""},
+                          {"cut.json", "{\"k\":{\"v\":5}//"}})
         writeText(dir / f.first, f.second);
     ASSERT_EQ(mkfifo((dir / "fifo.json").c_str(), 0600), 0);
     kep::JsonPtr good(jsonObjectFromFile((dir / "good.json").c_str()));
     EXPECT_EQ(text(good.get()), "{\"k\":\"v\"}");
-    for (const char *name : {"missing.json", "broken.json", "trailing.json", "nul.json", "empty.json", "fifo.json"}) {
+    for (const char *name :
+         {"missing.json", "broken.json", "trailing.json", "nul.json", "empty.json", "cut.json", "fifo.json"}) {
         EXPECT_EQ(jsonObjectFromFile((dir / name).c_str()), nullptr) << name;
     }
     EXPECT_EQ(jsonObjectFromFile(nullptr), nullptr);

@@ -77,10 +77,17 @@ json_object *parseText(const char *text) {
     if (len >= INT_MAX) return nullptr;
     json_tokener *tok = json_tokener_new();
     if (!tok) return nullptr;
-    // The terminating NUL is passed too: it is what ends a bare top-level number or
-    // literal, which would otherwise wait for more input.
-    json_object *obj = json_tokener_parse_ex(tok, text, static_cast<int>(len + 1));
+    json_object *obj = json_tokener_parse_ex(tok, text, static_cast<int>(len));
     size_t end = json_tokener_get_parse_end(tok);
+    // A bare top-level number or literal waits for a character that ends it; a line end
+    // gives it one and ends a trailing line comment, while a container cut short stays
+    // unfinished. The terminating NUL would not do: json-c 0.16 takes a NUL inside a
+    // comment after an open container as the end of the text and hands out the
+    // innermost value it was reading ("{\"a\":1 //" reads as 1).
+    if (!obj && json_tokener_get_error(tok) == json_tokener_continue) {
+        obj = json_tokener_parse_ex(tok, "\n", 1);
+        end = len;
+    }
     // Anything but blanks after the value makes the text invalid as a whole.
     if (json_tokener_get_error(tok) != json_tokener_success ||
         (end < len && text[end + strspn(text + end, " \t\r\n")] != '\0')) {
