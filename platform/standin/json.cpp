@@ -80,13 +80,18 @@ json_object *parseText(const char *text) {
     json_object *obj = json_tokener_parse_ex(tok, text, static_cast<int>(len));
     size_t end = json_tokener_get_parse_end(tok);
     // A bare top-level number or literal waits for a character that ends it; a line end
-    // gives it one and ends a trailing line comment, while a container cut short stays
-    // unfinished. The terminating NUL would not do: json-c 0.16 takes a NUL inside a
-    // comment after an open container as the end of the text and hands out the
-    // innermost value it was reading ("{\"a\":1 //" reads as 1).
+    // gives it one and ends a trailing line comment. The terminating NUL would not do:
+    // json-c 0.16 takes a NUL inside a comment after an open container as the end of
+    // the text and hands out the innermost value it was reading ("{\"a\":1 //" reads
+    // as 1). A container ends at its bracket, never at a line end, so one that needed
+    // it was followed by an unended comment: refused, as json-c's file reader does.
     if (!obj && json_tokener_get_error(tok) == json_tokener_continue) {
         obj = json_tokener_parse_ex(tok, "\n", 1);
         end = len;
+        if (isType(obj, json_type_object) || isType(obj, json_type_array)) {
+            json_object_put(obj);
+            obj = nullptr;
+        }
     }
     // Anything but blanks after the value makes the text invalid as a whole.
     if (json_tokener_get_error(tok) != json_tokener_success ||
