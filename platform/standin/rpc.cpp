@@ -272,10 +272,15 @@ int callRemote(int pid, const char *cb, QxRpcPara *set) {
         if (fd < 0 && (rc = connectTo(pid, deadline, &fd)) != 0) break;
         rc = sendAll(fd, frame, len, deadline);
         // A send refused outright means the callee shut the connection before it
-        // read anything of this request: nothing ran, so a new one may carry it.
-        if (rc != QXRPC_ERR_IO || attempt == 1) break;
+        // read anything of this request: nothing ran, so a new one may carry it. A
+        // callee with more callers than it keeps connections for may drop a new one
+        // too before the request reaches it; like a full backlog, that is tried
+        // again after a pause until the deadline.
+        if (rc != QXRPC_ERR_IO) break;
         close(fd);
         fd = -1;
+        if (nowMs() >= deadline) break;
+        if (attempt > 0) poll(nullptr, 0, 5);
     }
     free(frame);
     // The callee needs a while to answer: wait before reading rather than after a
