@@ -1,8 +1,10 @@
 // The stand-in JSON object layer and debug log.
+#include <fcntl.h>
 #include <math.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -12,8 +14,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "config_fixture.h"
@@ -152,6 +157,81 @@ TEST(JsonFile, StoreReplacesWholeFilesAndKeepsTheOldOneOnFailure) {
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     EXPECT_EQ(readText(path), before);
+    EXPECT_EQ(dir.entries(), std::vector<std::string>{"cfg.json"});
+}
+
+// Stores cut short (a killed writer, a power cut) leave their temporary files; the
+// next store of the same path removes them, and nothing else.
+TEST(JsonFile, StoreRemovesTheTemporaryFilesOfStoresCutShort) {
+    TempDir dir;
+    const std::string path = dir / "cfg.json";
+    kep::JsonPtr obj(jsonObjectFromString("{\"a\":1}"));
+    writeText(dir / "cfg.json.tmpAb12Cd", "{\"cut");
+    writeText(dir / "cfg.json.tmpZZZZZZ", "");
+    std::vector<std::string> kept = {"cfg.json.tmp",        "cfg.json.tmpAb12C", "cfg.json.tmpAb12Cde",
+                                     "cfg.json.tmp-b12Cd",  "cfg.jso.tmpAb12Cd", "other.json.tmpAb12Cd",
+                                     "cfg.json.corrupt",    "target.json"};
+    for (const std::string &name : kept) writeText(dir / name, "x");
+    ASSERT_EQ(mkdir((dir / "cfg.json.tmpFolder").c_str(), 0700), 0);
+    ASSERT_EQ(symlink((dir / "target.json").c_str(), (dir / "cfg.json.tmpLinked").c_str()), 0);
+    kept.insert(kept.end(), {"cfg.json.tmpFolder", "cfg.json.tmpLinked", "cfg.json.tmpLive01", "cfg.json"});
+    // One that a store in progress holds.
+    writeText(dir / "cfg.json.tmpLive01", "{");
+    int live = open((dir / "cfg.json.tmpLive01").c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(live, 0);
+    ASSERT_EQ(flock(live, LOCK_EX), 0);
+
+    auto sorted = [](std::vector<std::string> v) {
+        std::sort(v.begin(), v.end());
+        return v;
+    };
+    ASSERT_EQ(jsonObjectToFile(path.c_str(), obj.get()), 0);
+    EXPECT_EQ(readText(path), "{\"a\":1}");
+    EXPECT_EQ(sorted(dir.entries()), sorted(kept));
+    EXPECT_EQ(readText(dir / "target.json"), "x");
+
+    close(live);
+    ASSERT_EQ(jsonObjectToFileMem(path.c_str(), obj.get()), 0);
+    kept.erase(std::find(kept.begin(), kept.end(), "cfg.json.tmpLive01"));
+    EXPECT_EQ(sorted(dir.entries()), sorted(kept));
+}
+
+// Two processes with several threads each store one file at once, so that every
+// store sweeps the folder while the others' temporary files are in it: each lands
+// whole, and none is taken for a leftover.
+TEST(JsonFile, ConcurrentStoresOfOneFileAllLand) {
+    TempDir dir;
+    const std::string path = dir / "cfg.json";
+    constexpr int kThreads = 4, kStores = 40;
+    auto storeMany = [&path](int process) {
+        std::atomic<int> failed{0};
+        std::vector<std::thread> threads;
+        for (int t = 0; t < kThreads; ++t) {
+            threads.emplace_back([&, t] {
+                for (int i = 0; i < kStores; ++i) {
+                    kep::JsonPtr doc(jsonObjectNewObject());
+                    jsonObjectAddInt(doc.get(), "writer", process * kThreads + t);
+                    jsonObjectAddInt(doc.get(), "store", i);
+                    const int rc = i % 2 ? jsonObjectToFile(path.c_str(), doc.get())
+                                         : jsonObjectToFileMem(path.c_str(), doc.get());
+                    if (rc != 0) failed++;
+                }
+            });
+        }
+        for (std::thread &th : threads) th.join();
+        return failed.load();
+    };
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) _exit(storeMany(1) == 0 ? 0 : 1);
+    EXPECT_EQ(storeMany(0), 0);
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    kep::JsonPtr last(jsonObjectFromFile(path.c_str()));
+    int store = -1;
+    EXPECT_EQ(jsonObjectGetInt(last.get(), "store", &store), 0);
+    EXPECT_EQ(store, kStores - 1);
     EXPECT_EQ(dir.entries(), std::vector<std::string>{"cfg.json"});
 }
 

@@ -12,62 +12,13 @@
 
 #include <json-c/json.h>
 
+#include "file_store.h"
 #include "json_match.h"
 #include "kep_pf_json.h"
 
 #define PF_API extern "C" __attribute__((visibility("default")))
 
 namespace {
-
-bool writeAll(int fd, const char *data, size_t len) {
-    while (len > 0) {
-        ssize_t n = write(fd, data, len);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        data += n;
-        len -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
-// Writes text to a temporary file beside path, flushes it, renames it over path and
-// flushes the folder, so that a power cut leaves either the old or the new file.
-int storeAtomically(const char *path, const char *text) {
-    if (!path || !*path || !text) return -1;
-    size_t plen = strlen(path);
-    if (plen + 16 > PATH_MAX) return -1;
-    char tmp[PATH_MAX];
-    snprintf(tmp, sizeof tmp, "%s.tmpXXXXXX", path);
-    // A replaced file keeps its permissions.
-    struct stat old;
-    mode_t mode = stat(path, &old) == 0 && S_ISREG(old.st_mode) ? (old.st_mode & 07777) : 0644;
-    int fd = mkostemp(tmp, O_CLOEXEC);
-    if (fd < 0) return -1;
-    bool ok = writeAll(fd, text, strlen(text)) && fchmod(fd, mode) == 0 && fsync(fd) == 0;
-    if (close(fd) != 0) ok = false;
-    if (!ok || rename(tmp, path) != 0) {
-        unlink(tmp);
-        return -1;
-    }
-    char dir[PATH_MAX];
-    memcpy(dir, path, plen + 1);
-    char *slash = strrchr(dir, '/');
-    if (slash == dir) {
-        dir[1] = '\0';
-    } else if (slash) {
-        *slash = '\0';
-    } else {
-        strcpy(dir, ".");
-    }
-    int dfd = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dfd >= 0) {
-        fsync(dfd);
-        close(dfd);
-    }
-    return 0;
-}
 
 bool isType(json_object *v, json_type t) { return v && json_object_get_type(v) == t; }
 
@@ -173,7 +124,7 @@ PF_API int jsonObjectToFile(const char *path, json_object *obj) {
     if (!obj) return -1;
     size_t len = 0;
     const char *text = verifiedText(obj, JSON_C_TO_STRING_PLAIN, &len);
-    return text ? storeAtomically(path, text) : -1;
+    return text ? kep_pf::storeAtomically(path, text, len) : -1;
 }
 
 PF_API int jsonObjectToFileMem(const char *path, json_object *obj) {
@@ -184,7 +135,7 @@ PF_API int jsonObjectToFileMem(const char *path, json_object *obj) {
     if (!text) return -1;
     char *copy = strndup(text, len);
     if (!copy) return -1;
-    int rc = storeAtomically(path, copy);
+    int rc = kep_pf::storeAtomically(path, copy, len);
     free(copy);
     return rc;
 }
