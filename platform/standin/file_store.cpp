@@ -20,6 +20,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "../guard.h"
+
 namespace kep_pf {
 namespace {
 
@@ -52,26 +54,29 @@ bool isTempOf(const char *name, const char *base, size_t baseLen) {
     return unique[kTempUnique] == '\0';
 }
 
-// Removes base's temporary files in dir that no store holds. A file is removed only
-// while this store holds its lock and it is still the file under that name. Best
-// effort: a folder that cannot be read, or no memory to read it, leaves them.
-void removeLeftovers(const char *dir, const char *base) {
-    DIR *d = opendir(dir);
-    if (!d) return;
-    const int dfd = dirfd(d);
+// Removes base's temporary files in folder dfd that no store holds. A file is removed
+// only while this store holds its lock and it is still the file under that name.
+// The folder is read straight into a small buffer on the stack: no allocation, so the
+// sweep works when memory is short too, and two system calls for a small folder.
+void removeLeftovers(int dfd, const char *base) {
     const size_t baseLen = strlen(base);
-    while (const struct dirent *e = readdir(d)) {
-        if (!isTempOf(e->d_name, base, baseLen)) continue;
-        int fd = openat(dfd, e->d_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-        if (fd < 0) continue;
-        struct stat held, named;
-        if (fstat(fd, &held) == 0 && S_ISREG(held.st_mode) && flock(fd, LOCK_EX | LOCK_NB) == 0 &&
-            fstatat(dfd, e->d_name, &named, AT_SYMLINK_NOFOLLOW) == 0 && sameFile(held, named)) {
-            unlinkat(dfd, e->d_name, 0);
+    alignas(struct dirent64) char buf[2048];
+    ssize_t n;
+    while ((n = getdents64(dfd, buf, sizeof buf)) > 0) {
+        for (ssize_t at = 0; at < n;) {
+            const auto *e = reinterpret_cast<const struct dirent64 *>(buf + at);
+            at += e->d_reclen;
+            if (!isTempOf(e->d_name, base, baseLen)) continue;
+            int fd = openat(dfd, e->d_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+            if (fd < 0) continue;
+            struct stat held, named;
+            if (fstat(fd, &held) == 0 && S_ISREG(held.st_mode) && flock(fd, LOCK_EX | LOCK_NB) == 0 &&
+                fstatat(dfd, e->d_name, &named, AT_SYMLINK_NOFOLLOW) == 0 && sameFile(held, named)) {
+                unlinkat(dfd, e->d_name, 0);
+            }
+            close(fd);
         }
-        close(fd);
     }
-    closedir(d);
 }
 
 // Creates path's temporary file in tmp, locked: its descriptor, or -1.
@@ -111,7 +116,10 @@ int storeAtomically(const char *path, const char *text, size_t len) {
     }
     if (!*base) return -1;  // a folder's path
 
-    removeLeftovers(dir, base);
+    // The folder is read for leftovers now and flushed once the file is in place; a
+    // folder that cannot be opened is neither.
+    const kep::Fd folder(open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (folder.valid()) removeLeftovers(folder.get(), base);
     struct stat old;
     const mode_t mode = stat(path, &old) == 0 && S_ISREG(old.st_mode) ? (old.st_mode & 07777) : 0644;
     char tmp[PATH_MAX];
@@ -123,12 +131,7 @@ int storeAtomically(const char *path, const char *text, size_t len) {
     if (!ok) unlink(tmp);
     close(fd);
     if (!ok) return -1;
-
-    int dfd = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dfd >= 0) {
-        fsync(dfd);
-        close(dfd);
-    }
+    if (folder.valid()) fsync(folder.get());
     return 0;
 }
 
