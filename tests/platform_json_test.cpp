@@ -166,33 +166,54 @@ TEST(JsonFile, StoreRemovesTheTemporaryFilesOfStoresCutShort) {
     TempDir dir;
     const std::string path = dir / "cfg.json";
     kep::JsonPtr obj(jsonObjectFromString("{\"a\":1}"));
-    writeText(dir / "cfg.json.tmpAb12Cd", "{\"cut");
-    writeText(dir / "cfg.json.tmpZZZZZZ", "");
-    std::vector<std::string> kept = {"cfg.json.tmp",        "cfg.json.tmpAb12C", "cfg.json.tmpAb12Cde",
-                                     "cfg.json.tmp-b12Cd",  "cfg.jso.tmpAb12Cd", "other.json.tmpAb12Cd",
-                                     "cfg.json.corrupt",    "target.json"};
-    for (const std::string &name : kept) writeText(dir / name, "x");
-    ASSERT_EQ(mkdir((dir / "cfg.json.tmpFolder").c_str(), 0700), 0);
-    ASSERT_EQ(symlink((dir / "target.json").c_str(), (dir / "cfg.json.tmpLinked").c_str()), 0);
-    kept.insert(kept.end(), {"cfg.json.tmpFolder", "cfg.json.tmpLinked", "cfg.json.tmpLive01", "cfg.json"});
-    // One that a store in progress holds.
-    writeText(dir / "cfg.json.tmpLive01", "{");
-    int live = open((dir / "cfg.json.tmpLive01").c_str(), O_RDONLY | O_CLOEXEC);
-    ASSERT_GE(live, 0);
-    ASSERT_EQ(flock(live, LOCK_EX), 0);
-
     auto sorted = [](std::vector<std::string> v) {
         std::sort(v.begin(), v.end());
         return v;
     };
+    auto lock = [](const std::string &file) {
+        int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+        EXPECT_EQ(flock(fd, LOCK_EX), 0) << file;
+        return fd;
+    };
+
+    // The temporary file of the path and ones named for a second store at the same
+    // time, all cut short; files that only look alike.
+    for (const char *left : {"cfg.json.tmp", "cfg.json.tmpAb12Cd", "cfg.json.tmpZZZZZZ"}) writeText(dir / left, "{\"cut");
+    std::vector<std::string> kept = {"cfg.json.tmpAb12C", "cfg.json.tmpAb12Cde", "cfg.json.tmp-b12Cd", "cfg.jso.tmp",
+                                     "cfg.jso.tmpAb12Cd", "other.json.tmp",      "cfg.json.corrupt",   "target.json"};
+    for (const std::string &name : kept) writeText(dir / name, "x");
+    ASSERT_EQ(mkdir((dir / "cfg.json.tmpFolder").c_str(), 0700), 0);
+    ASSERT_EQ(symlink((dir / "target.json").c_str(), (dir / "cfg.json.tmpLinked").c_str()), 0);
+    // One that a store in progress holds.
+    writeText(dir / "cfg.json.tmpLive01", "{");
+    int live = lock(dir / "cfg.json.tmpLive01");
+    kept.insert(kept.end(), {"cfg.json.tmpFolder", "cfg.json.tmpLinked", "cfg.json.tmpLive01", "cfg.json"});
+
     ASSERT_EQ(jsonObjectToFile(path.c_str(), obj.get()), 0);
     EXPECT_EQ(readText(path), "{\"a\":1}");
     EXPECT_EQ(sorted(dir.entries()), sorted(kept));
     EXPECT_EQ(readText(dir / "target.json"), "x");
 
+    // While a store holds the path's temporary file, another writes one of its own
+    // and sweeps: the one given up since goes.
     close(live);
-    ASSERT_EQ(jsonObjectToFileMem(path.c_str(), obj.get()), 0);
     kept.erase(std::find(kept.begin(), kept.end(), "cfg.json.tmpLive01"));
+    writeText(dir / "cfg.json.tmp", "{");
+    live = lock(dir / "cfg.json.tmp");
+    kept.push_back("cfg.json.tmp");
+    kep::JsonPtr next(jsonObjectFromString("{\"a\":2}"));
+    ASSERT_EQ(jsonObjectToFileMem(path.c_str(), next.get()), 0);
+    kep::JsonPtr back(jsonObjectFromFile(path.c_str()));
+    EXPECT_EQ(text(back.get()), "{\"a\":2}");
+    EXPECT_EQ(sorted(dir.entries()), sorted(kept));
+    close(live);
+
+    // A temporary file of the path that no store could remove (a folder) leaves the
+    // stores to names of their own.
+    ASSERT_EQ(unlink((dir / "cfg.json.tmp").c_str()), 0);
+    ASSERT_EQ(mkdir((dir / "cfg.json.tmp").c_str(), 0700), 0);
+    ASSERT_EQ(jsonObjectToFile(path.c_str(), obj.get()), 0);
+    EXPECT_EQ(readText(path), "{\"a\":1}");
     EXPECT_EQ(sorted(dir.entries()), sorted(kept));
 }
 

@@ -1,11 +1,17 @@
 // Atomic replacement of a file, and the removal of what cut-short stores left behind.
 //
-// A store holds an exclusive flock on its temporary file from the moment it has
-// created it until the file has been renamed into place or removed. The lock goes
-// with the open file, so a writer that is killed, or stopped by a power cut, gives it
-// up with its life: a temporary file that nobody holds locked belongs to a store that
-// will never finish, and the next store of the same path removes it. Without that, a
-// device that loses power during stores would fill its flash with them over the years.
+// A store writes "<path>.tmp" and renames it over path. It holds an exclusive flock on
+// that temporary file from the moment it has created it until the file has been
+// renamed into place or removed. The lock goes with the open file, so a writer that is
+// killed, or stopped by a power cut, gives it up with its life: a temporary file that
+// nobody holds locked belongs to a store that will never finish, and the next store
+// of the same path removes it. Without that, a device that loses power during stores
+// would fill its flash with them over the years.
+//
+// One name per path keeps the common case cheap: a store finds a leftover by trying to
+// create it. Only while another store of the same path holds that name does a store
+// use a name of its own ("<path>.tmp" and six characters); when a store meets a
+// leftover or such a store, it also sweeps the folder for leftovers of those names.
 #include "file_store.h"
 
 #include <ctype.h>
@@ -44,20 +50,31 @@ bool writeAll(int fd, const char *data, size_t len) {
 
 bool sameFile(const struct stat &a, const struct stat &b) { return a.st_dev == b.st_dev && a.st_ino == b.st_ino; }
 
-// Whether name is base followed by ".tmp" and six letters or digits.
+// Whether name is base followed by ".tmp", alone or with six letters or digits.
 bool isTempOf(const char *name, const char *base, size_t baseLen) {
     if (strncmp(name, base, baseLen) != 0 || memcmp(name + baseLen, kTempMark, kTempMarkLen) != 0) return false;
     const char *unique = name + baseLen + kTempMarkLen;
+    if (*unique == '\0') return true;
     for (size_t i = 0; i < kTempUnique; ++i) {
         if (!isalnum(static_cast<unsigned char>(unique[i]))) return false;
     }
     return unique[kTempUnique] == '\0';
 }
 
-// Removes base's temporary files in folder dfd that no store holds. A file is removed
-// only while this store holds its lock and it is still the file under that name.
-// The folder is read straight into a small buffer on the stack: no allocation, so the
-// sweep works when memory is short too, and two system calls for a small folder.
+// Removes the regular file name (relative to folder dfd, or AT_FDCWD) when no store
+// holds it: only while this store holds its lock, and only if it is still the file
+// under that name (a store that held it may have renamed it into place meanwhile).
+bool removeIfLeftover(int dfd, const char *name) {
+    const kep::Fd fd(openat(dfd, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat held, named;
+    return fd.valid() && fstat(fd.get(), &held) == 0 && S_ISREG(held.st_mode) &&
+           flock(fd.get(), LOCK_EX | LOCK_NB) == 0 && fstatat(dfd, name, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+           sameFile(held, named) && unlinkat(dfd, name, 0) == 0;
+}
+
+// Removes base's temporary files in folder dfd that no store holds. The folder is
+// read straight into a small buffer on the stack: no allocation, so the sweep works
+// when memory is short too.
 void removeLeftovers(int dfd, const char *base) {
     const size_t baseLen = strlen(base);
     alignas(struct dirent64) char buf[2048];
@@ -66,35 +83,44 @@ void removeLeftovers(int dfd, const char *base) {
         for (ssize_t at = 0; at < n;) {
             const auto *e = reinterpret_cast<const struct dirent64 *>(buf + at);
             at += e->d_reclen;
-            if (!isTempOf(e->d_name, base, baseLen)) continue;
-            int fd = openat(dfd, e->d_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-            if (fd < 0) continue;
-            struct stat held, named;
-            if (fstat(fd, &held) == 0 && S_ISREG(held.st_mode) && flock(fd, LOCK_EX | LOCK_NB) == 0 &&
-                fstatat(dfd, e->d_name, &named, AT_SYMLINK_NOFOLLOW) == 0 && sameFile(held, named)) {
-                unlinkat(dfd, e->d_name, 0);
-            }
-            close(fd);
+            if (isTempOf(e->d_name, base, baseLen)) removeIfLeftover(dfd, e->d_name);
         }
     }
 }
 
-// Creates path's temporary file in tmp, locked: its descriptor, or -1.
-int createTemp(char *tmp, size_t size, const char *path) {
+// Locks a temporary file this store has just created. Before the lock, another store
+// can take the file for a leftover: it then holds the lock, or has removed the file
+// already, and false is returned with fd closed. A file system without flock takes
+// nothing for a leftover, so the file is safe there unlocked.
+bool lockCreated(int fd) {
+    struct stat st;
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK) return true;
+    } else if (fstat(fd, &st) == 0 && st.st_nlink > 0) {
+        return true;
+    }
+    close(fd);
+    return false;
+}
+
+// Creates path's temporary file in tmp, locked: its descriptor, or -1. *sweep is set
+// when the folder may hold leftovers under names of their own.
+int createTemp(char *tmp, size_t size, const char *path, bool *sweep) {
     for (int attempt = 0; attempt < 8; ++attempt) {
-        snprintf(tmp, size, "%s%sXXXXXX", path, kTempMark);
-        int fd = mkostemp(tmp, O_CLOEXEC);
-        if (fd < 0) return -1;
-        // Between its creation and the lock, another store's sweep can take the file
-        // for a leftover: it then holds the lock, or has removed the file already.
-        // A file system without flock sweeps nothing, so the file is safe there.
-        struct stat st;
-        if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
-            if (errno != EWOULDBLOCK) return fd;
-        } else if (fstat(fd, &st) == 0 && st.st_nlink > 0) {
-            return fd;
+        snprintf(tmp, size, "%s%s", path, kTempMark);
+        int fd = open(tmp, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        if (fd >= 0) {
+            if (lockCreated(fd)) return fd;
+            continue;
         }
-        close(fd);
+        if (errno != EEXIST) return -1;
+        // A store cut short left it, or another store is writing it.
+        *sweep = true;
+        if (removeIfLeftover(AT_FDCWD, tmp)) continue;
+        snprintf(tmp, size, "%s%sXXXXXX", path, kTempMark);
+        fd = mkostemp(tmp, O_CLOEXEC);
+        if (fd < 0) return -1;
+        if (lockCreated(fd)) return fd;
     }
     return -1;
 }
@@ -116,15 +142,17 @@ int storeAtomically(const char *path, const char *text, size_t len) {
     }
     if (!*base) return -1;  // a folder's path
 
-    // The folder is read for leftovers now and flushed once the file is in place; a
-    // folder that cannot be opened is neither.
+    // Opened first, so that the folder is flushed once the file is in place and can
+    // be swept; a folder that cannot be opened is neither.
     const kep::Fd folder(open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (folder.valid()) removeLeftovers(folder.get(), base);
     struct stat old;
     const mode_t mode = stat(path, &old) == 0 && S_ISREG(old.st_mode) ? (old.st_mode & 07777) : 0644;
     char tmp[PATH_MAX];
-    int fd = createTemp(tmp, sizeof tmp, path);
+    bool sweep = false;
+    int fd = createTemp(tmp, sizeof tmp, path, &sweep);
     if (fd < 0) return -1;
+    // This store's own file is locked by now, so the sweep leaves it alone.
+    if (sweep && folder.valid()) removeLeftovers(folder.get(), base);
     // Renamed or removed before the lock goes with the descriptor, so that no sweep
     // can take the file while it is still to be put in place.
     const bool ok = writeAll(fd, text, len) && fchmod(fd, mode) == 0 && fsync(fd) == 0 && rename(tmp, path) == 0;
