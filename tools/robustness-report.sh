@@ -147,7 +147,9 @@ the part its input feeds.
   (one generation); a factory reset of a sound file keeps nothing.
 - Model description replaced, broken or removed while running: no effect on the tree
   until it is read again; a broken re-read changes nothing.
-- Host killed during configuration writes: \`tests/config_crash_test.cpp\`.
+- Host killed during configuration writes (\`tests/config_crash_test.cpp\`): the file holds
+  the document before or after the cut write, and the next store removes the temporary
+  file the cut one left.
 
 ## Access control (\`tests/access_test.cpp\`)
 

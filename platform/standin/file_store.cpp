@@ -52,7 +52,7 @@ bool sameFile(const struct stat &a, const struct stat &b) { return a.st_dev == b
 
 // Whether name is base followed by ".tmp", alone or with six letters or digits.
 bool isTempOf(const char *name, const char *base, size_t baseLen) {
-    if (strncmp(name, base, baseLen) != 0 || memcmp(name + baseLen, kTempMark, kTempMarkLen) != 0) return false;
+    if (strncmp(name, base, baseLen) != 0 || strncmp(name + baseLen, kTempMark, kTempMarkLen) != 0) return false;
     const char *unique = name + baseLen + kTempMarkLen;
     if (*unique == '\0') return true;
     for (size_t i = 0; i < kTempUnique; ++i) {
