@@ -132,12 +132,7 @@ PF_API int jsonObjectToFileMem(const char *path, json_object *obj) {
     keepUnparsable(path);
     size_t len = 0;
     const char *text = verifiedText(obj, JSON_C_TO_STRING_PRETTY, &len);
-    if (!text) return -1;
-    char *copy = strndup(text, len);
-    if (!copy) return -1;
-    int rc = kep_pf::storeAtomically(path, copy, len);
-    free(copy);
-    return rc;
+    return text ? kep_pf::storeAtomically(path, text, len) : -1;
 }
 
 PF_API int jsonObjectToMallocString(json_object *obj, char **text) {
