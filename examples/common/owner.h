@@ -47,6 +47,11 @@ json_object *ownerJsonMember(QxRpcPara *set, const char *name);
 int ownerAnswer(QxRpcPara *set, int code, const char *result);
 int ownerAnswerJson(QxRpcPara *set, int code, json_object *result);  /* releases result */
 
+/* How long an owner waits for the host at start. The host starts after the owners
+ * have written their files, and under an emulator on a loaded machine it can take
+ * seconds to come up. */
+#define OWNER_HOST_WAIT_MS 20000
+
 /* Waits for the host, then sends the registrations; 0 or the first failure. */
 typedef struct OwnerRegistration { const char *op; const char *path; int index; const char *cb; } OwnerRegistration;
 int ownerRegisterAll(const OwnerRegistration *regs, int n, int waitMs);

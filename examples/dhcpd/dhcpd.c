@@ -360,6 +360,6 @@ int main(int argc, char **argv) {
         {"method", "/dhcp/client", KEP_METHOD_GET, "dhcp.clients"},
         {"action", "/dhcp/restart", 0, "dhcp.restart"},
     };
-    if (ownerRegisterAll(regs, COUNT(regs), 5000) != 0) return 1;
+    if (ownerRegisterAll(regs, COUNT(regs), OWNER_HOST_WAIT_MS) != 0) return 1;
     return ownerServe("dhcpd");
 }

@@ -160,6 +160,6 @@ int main(int argc, char **argv) {
         {"action", "/system/sync", 0, "sys.sync"},
         {"notify", "/dhcp/pool/lan", 0, "sys.dhcpChanged"},
     };
-    if (ownerRegisterAll(regs, COUNT(regs), 5000) != 0) return 1;
+    if (ownerRegisterAll(regs, COUNT(regs), OWNER_HOST_WAIT_MS) != 0) return 1;
     return ownerServe("sysd");
 }
