@@ -59,7 +59,7 @@ uint32_t get32(const char *p) {
 
 std::string frame(const std::string &body) {
     std::string out;
-    put32(out, 0x4b494d31);
+    put32(out, 0x4b494d32);
     put32(out, static_cast<uint32_t>(body.size()));
     return out + body;
 }
@@ -74,6 +74,8 @@ void putString(std::string &body, const char *name, const char *text) {
 
 std::string requestFrame(const char *table) {
     std::string body = "\1";
+    put32(body, 0);  // no deadline
+    put32(body, 0);
     body += static_cast<char>(strlen(kCallback));
     body += kCallback;
     body += '\1';

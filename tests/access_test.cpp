@@ -41,10 +41,11 @@ int asNobody(Fn fn) {
 std::string requestFrame(const std::string &cb) {
     std::string body;
     body += '\x01';
+    body.append(8, '\0');  // no deadline
     body += static_cast<char>(cb.size());
     body += cb;
     body += '\x00';
-    uint32_t header[2] = {htonl(0x4b494d31u), htonl(static_cast<uint32_t>(body.size()))};
+    uint32_t header[2] = {htonl(0x4b494d32u), htonl(static_cast<uint32_t>(body.size()))};
     return std::string(reinterpret_cast<const char *>(header), sizeof header) + body;
 }
 
@@ -114,6 +115,29 @@ TEST_F(Access, AnotherUserIsRefusedWhileTheOwnersUserIsServed) {
     result.clear();
     EXPECT_EQ(callOwner(owner.pid(), &result), 0);
     EXPECT_EQ(result, "\"served\"");
+}
+
+// A peer check lets the owner admit another user: the socket becomes connectable, and
+// the check, not the file's mode, decides.
+TEST_F(Access, APeerCheckAdmitsTheUsersItNames) {
+    kep_test::OwnerOptions options;
+    options.setup = [] {
+        qxImiSetPeerCheck([](const QxImiCaller *peer, void *) -> int { return peer->uid == 0 || peer->uid == 65534; },
+                          nullptr);
+    };
+    kep_test::OwnerProcess owner({{"whoCb", kep_test::answer(0, "\"served\"")}}, options);
+    ASSERT_TRUE(owner.ready());
+    const std::string socket = kep_test::imiSocketPath(owner.pid());
+    struct stat st;
+    ASSERT_EQ(stat(socket.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0666u);
+    const std::string dir = std::filesystem::path(socket).parent_path();
+    ASSERT_EQ(stat(dir.c_str(), &st), 0);
+    ASSERT_EQ(chmod(dir.c_str(), 0711), 0);
+    int admitted = asNobody([&] { return callOwner(owner.pid()) == 0 ? 0 : 1; });
+    chmod(dir.c_str(), st.st_mode & 07777);
+    EXPECT_EQ(admitted, 0);
+    EXPECT_EQ(owner.calls().size(), 1u);
 }
 
 }  // namespace

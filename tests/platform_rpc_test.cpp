@@ -9,10 +9,13 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <poll.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <filesystem>
@@ -150,7 +153,7 @@ TEST(ImiRemote, DeadCalleeFailsAtOnce) {
     EXPECT_EQ(qxImiExecute(999999999, "cb", 0, 0, set.get()), QXRPC_ERR_NO_PEER);
     EXPECT_EQ(qxImiExecute(0, "cb", 0, 0, set.get()), QXRPC_ERR_NO_PEER);
     EXPECT_LT(msSince(start), 200);
-    unlink(kep_test::imiSocketPath(pid).c_str());
+    EXPECT_NE(stat(kep_test::imiSocketPath(pid).c_str(), &st), 0) << "the caller removes a dead process's socket";
 
     // A clean stop takes the file away.
     OwnerProcess stopped({{"cb", kep_test::answer(0)}});
@@ -166,7 +169,7 @@ TEST(ImiRemote, BadArgumentsAndLimits) {
                              qxrpcGetStringPtr(set, "text", &text);
                              return qxrpcAddInt(set, "length", text ? static_cast<int>(strlen(text)) : -1);
                          }},
-                        {"big", kep_test::answer(0, std::string(1u << 20, 'y').c_str())}});
+                        {"big", kep_test::answer(0, std::string(16u << 20, 'y').c_str())}});
     ASSERT_TRUE(owner.ready());
     kep::RpcPara set;
     EXPECT_EQ(qxImiExecute(owner.pid(), nullptr, 0, 0, set.get()), QXRPC_ERR_ARG);
@@ -175,20 +178,25 @@ TEST(ImiRemote, BadArgumentsAndLimits) {
     EXPECT_EQ(qxImiExecute(owner.pid(), "len", 0, 0, nullptr), QXRPC_ERR_ARG);
     EXPECT_EQ(qxImiExecute(owner.pid(), std::string(128, 'c').c_str(), 0, 0, set.get()), QXRPC_ERR_ARG);
 
-    std::string big(1u << 20, 'x');
+    // One member may hold 16 MiB, the members of a call 32 MiB together.
+    std::string big(16u << 20, 'x');
     ASSERT_EQ(qxrpcAddStringPtr(set.get(), "text", big.c_str()), 0);
     ASSERT_EQ(qxImiExecute(owner.pid(), "len", 0, 0, set.get()), 0);
-    EXPECT_EQ(getInt(set.get(), "length"), 1 << 20);
+    EXPECT_EQ(getInt(set.get(), "length"), 16 << 20);
 
     kep::RpcPara tooBig;
     big += 'x';
     ASSERT_EQ(qxrpcAddStringPtr(tooBig.get(), "text", big.c_str()), 0);
     EXPECT_EQ(qxImiExecute(owner.pid(), "len", 0, 0, tooBig.get()), QXRPC_ERR_ARG);
+    kep::RpcPara tooMuch;
+    big.resize(12u << 20);
+    for (const char *name : {"text", "b", "c"}) ASSERT_EQ(qxrpcAddStringPtr(tooMuch.get(), name, big.c_str()), 0);
+    EXPECT_EQ(qxImiExecute(owner.pid(), "len", 0, 0, tooMuch.get()), QXRPC_ERR_ARG);
     EXPECT_EQ(owner.calls().size(), 1u);
 
     kep::RpcPara answer;
     ASSERT_EQ(qxImiExecute(owner.pid(), "big", 0, 0, answer.get()), 0);
-    EXPECT_EQ(getText(answer.get(), "result").size(), 1u << 20);
+    EXPECT_EQ(getText(answer.get(), "result").size(), 16u << 20);
 }
 
 TEST(ImiRemote, GarbageAndSilentClientsDoNotStopTheServer) {
@@ -197,15 +205,20 @@ TEST(ImiRemote, GarbageAndSilentClientsDoNotStopTheServer) {
     OwnerProcess owner({{"echoCb", kep_test::echoMembers()}}, options);
     ASSERT_TRUE(owner.ready());
 
+    // Headers that claim too much or too little, and bodies that do not add up.
+    const std::string none(8, '\0');  // a request's deadline: none
     const std::vector<std::string> garbage = {
         "GET / HTTP/1.0\r\n\r\n",
-        std::string("KIM1\xff\xff\xff\xff", 8),                             // absurd length
-        std::string("KIM1\0\0\0\x05\x01\x00", 10),                          // truncated body
-        std::string("KIM1\0\0\0\x04\x01\x02" "cb", 10) ,                    // no member count
-        std::string("KIM1\0\0\0\x0a\x01\x02" "cb\x10\x01\x01" "a\0\0", 18),  // count beyond the members
-        std::string("KIM1\0\0\0\x08\x01\x06" "echoCb", 12) + std::string("\x11", 1),
-        std::string("KIM1\0\0\0\x0c\x01\x06" "echoCb\x01\x01\x00", 15) + std::string(1, '\xff'),
-        std::string("KIM1\0\0\0\x12\x01\x06" "echoCb\x01\x01\x01" "a\x7f\xff\xff\xff", 20),
+        std::string("KIM1\0\0\0\x04\x01\x02" "cb", 10),                   // an older peer's frame
+        std::string("KIM2\xff\xff\xff\xff", 8),                             // absurd length
+        std::string("KIM2\0\0\0\x0d\x01", 9) + none,                        // truncated body
+        std::string("KIM2\0\0\0\x0c\x01", 9) + none + "\x02" "cb",          // no member count
+        std::string("KIM2\0\0\0\x12\x01", 9) + none + "\x02" "cb\x10\x01\x01" "a\0\0",  // count beyond the members
+        std::string("KIM2\0\0\0\x10\x01", 9) + none + "\x06" "echoCb" + std::string("\x11", 1),
+        std::string("KIM2\0\0\0\x14\x01", 9) + none + std::string("\x06" "echoCb\x01\x01\x00", 10) +
+            std::string(1, '\xff'),
+        std::string("KIM2\0\0\0\x18\x01", 9) + none + "\x06" "echoCb\x01\x01\x01" "a\x7f\xff\xff\xff",
+        std::string("KIM2\0\0\0\x11\x01\x7f\xff\xff\xff\xff\xff\xff\xff\x06" "echoCb\x00", 25),  // deadline past any clock
     };
     for (const std::string &g : garbage) {
         int fd = rawConnect(owner.pid());
@@ -233,7 +246,8 @@ TEST(ImiRemote, RequestArrivingInPiecesIsAnswered) {
     OwnerProcess owner({{"echoCb", kep_test::echoMembers()}});
     ASSERT_TRUE(owner.ready());
     // Member "a" = "x"; the header is split, the body follows a byte at a time.
-    const std::string frame = std::string("KIM1\0\0\0\x11\x01\x06" "echoCb\x01\x01\x01" "a\0\0\0\x01" "x", 25);
+    const std::string frame = std::string("KIM2\0\0\0\x19\x01", 9) + std::string(8, '\0') +
+                              std::string("\x06" "echoCb\x01\x01\x01" "a\0\0\0\x01" "x", 16);
     int fd = rawConnect(owner.pid());
     ASSERT_GE(fd, 0);
     std::vector<std::pair<size_t, size_t>> pieces = {{0, 5}, {5, 3}};
@@ -420,21 +434,239 @@ TEST(ImiLocal, StoppedServingClosesKeptConnections) {
     qxImiUnregister("selfCb");
 }
 
-TEST(ImiLocal, RefusesAnOpenRuntimeFolder) {
-    char dir[] = "/tmp/kep-imi-open-XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    ASSERT_EQ(chmod(dir, 0777), 0);
+// The runtime folder is refused, never followed or repaired, when it is a link, when
+// another user made it first, or when others may write to it.
+TEST(ImiLocal, RefusesAnUnsafeRuntimeFolder) {
+    char base[] = "/tmp/kep-rt-XXXXXX";
+    ASSERT_NE(mkdtemp(base), nullptr);
+    const std::string target = std::string(base) + "/target", link = std::string(base) + "/link";
+    const std::string open = std::string(base) + "/open", foreign = std::string(base) + "/foreign";
+    ASSERT_EQ(mkdir(target.c_str(), 0700), 0);
+    ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
+    ASSERT_EQ(mkdir(open.c_str(), 0700), 0);
+    ASSERT_EQ(chmod(open.c_str(), 0777), 0);
+    ASSERT_EQ(mkdir(foreign.c_str(), 0700), 0);
+    const bool root = geteuid() == 0;
+    if (root) {
+        ASSERT_EQ(chown(foreign.c_str(), 65534, 65534), 0);
+    }
     pid_t child = fork();
     if (child == 0) {
-        setenv("KEP_IMI_DIR", dir, 1);
-        int refused = qxImiListen() < 0;
-        chmod(dir, 0700);
+        char named[256];
+        int bad = 0;
+        for (const std::string &dir : {link, open, foreign}) {
+            if (dir == foreign && !root) continue;
+            setenv("KEP_RUNTIME_DIR", dir.c_str(), 1);
+            if (qxImiRuntimeDir(named, sizeof named) != QXRPC_ERR_DIR || dir != named || qxImiListen() >= 0) bad++;
+        }
+        chmod(open.c_str(), 0700);
+        setenv("KEP_RUNTIME_DIR", open.c_str(), 1);
         int accepted = qxImiListen() >= 0;
         qxImiStopServer();
-        _exit(refused && accepted ? 0 : 1);
+        _exit(bad == 0 && accepted ? 0 : 1);
     }
     int status = -1;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    rmdir(dir);
+    EXPECT_TRUE(std::filesystem::is_empty(target)) << "nothing is made through the link";
+    std::filesystem::remove_all(base);
+}
+
+// ---- no caller waits on another ----
+
+namespace {
+
+// A raw connection that sends the start of a request and then stalls.
+int stalledClient(pid_t pid, size_t bytes) {
+    int fd = rawConnect(pid);
+    const std::string start = std::string("KIM2\0\0\0\x64\x01", 9) + std::string(8, '\0') + "\x06" "echoCb";
+    if (fd >= 0) send(fd, start.data(), bytes < start.size() ? bytes : start.size(), MSG_NOSIGNAL);
+    return fd;
+}
+
+bool closedByPeer(int fd, int waitMs) {
+    pollfd p = {fd, POLLIN, 0};
+    char c;
+    return poll(&p, 1, waitMs) == 1 && recv(fd, &c, 1, MSG_DONTWAIT) == 0;
+}
+
+int64_t monotonicMs() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+}  // namespace
+
+// Callers that stop half-way through a request, or after one byte, hold no serving
+// thread: others are answered meanwhile, and the stalled ones are dropped once the
+// callee's time-out has passed.
+TEST(ImiServe, StalledCallersCostOnlyTheirOwnConnection) {
+    kep_test::OwnerOptions options;
+    options.setup = [] { qxImiSetTimeout(400); };
+    OwnerProcess owner({{"echoCb", kep_test::echoMembers()}}, options);
+    ASSERT_TRUE(owner.ready());
+    std::vector<int> stalled;
+    for (size_t bytes : {1, 5, 12, 20}) stalled.push_back(stalledClient(owner.pid(), bytes));
+    auto start = Clock::now();
+    long slowest = 0;
+    for (int i = 0; i < 20; i++) {
+        auto t = Clock::now();
+        kep::RpcPara set;
+        qxrpcAddInt(set.get(), "n", i);
+        ASSERT_EQ(qxImiExecute(owner.pid(), "echoCb", 0, 0, set.get()), 0);
+        EXPECT_EQ(getText(set.get(), "result"), "{\"n\":" + std::to_string(i) + "}");
+        slowest = std::max(slowest, msSince(t));
+    }
+    EXPECT_LT(slowest, 300) << "a call waited for a stalled caller";
+    for (int fd : stalled) {
+        EXPECT_TRUE(closedByPeer(fd, 3000)) << "a stalled caller is dropped after the time-out";
+        close(fd);
+    }
+    EXPECT_GE(msSince(start), 300);
+    EXPECT_EQ(owner.calls().size(), 20u);
+}
+
+// With several serving threads, a handler that takes long holds up nobody else.
+TEST(ImiServe, SlowHandlersDoNotHoldUpOthers) {
+    kep_test::OwnerOptions options;
+    options.threads = 4;
+    OwnerProcess owner({{"slow",
+                         [](QxRpcPara *set) {
+                             std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+                             return qxrpcAddInt(set, "errorCode", 0);
+                         }},
+                        {"echoCb", kep_test::echoMembers()}},
+                       options);
+    ASSERT_TRUE(owner.ready());
+    std::atomic<int> slowDone{0};
+    std::vector<std::thread> slow;
+    for (int i = 0; i < 3; i++) {
+        slow.emplace_back([&] {
+            kep::RpcPara set;
+            if (qxImiExecute(owner.pid(), "slow", 0, 0, set.get()) == 0) slowDone++;
+        });
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    long slowest = 0;
+    for (int i = 0; i < 10; i++) {
+        auto t = Clock::now();
+        kep::RpcPara set;
+        qxrpcAddInt(set.get(), "n", i);
+        ASSERT_EQ(qxImiExecute(owner.pid(), "echoCb", 0, 0, set.get()), 0);
+        slowest = std::max(slowest, msSince(t));
+    }
+    EXPECT_EQ(slowDone, 0) << "the slow calls were still running";
+    EXPECT_LT(slowest, 500);
+    for (std::thread &t : slow) t.join();
+    EXPECT_EQ(slowDone, 3);
+}
+
+// A handler learns its caller from the kernel, whatever the request's members say.
+TEST(ImiServe, HandlersSeeTheCallersCredentials) {
+    auto who = [](QxRpcPara *set) {
+        QxImiCaller c;
+        if (qxImiCaller(&c) != 0) return qxrpcAddInt(set, "errorCode", -1);
+        const std::string text = std::to_string(c.pid) + "/" + std::to_string(c.uid);
+        qxrpcAddInt(set, "errorCode", 0);
+        return qxrpcAddStringPtr(set, "result", text.c_str());
+    };
+    OwnerProcess owner({{"who", who}});
+    ASSERT_TRUE(owner.ready());
+    const std::string me = std::to_string(getpid()) + "/" + std::to_string(geteuid());
+    kep::RpcPara set;
+    qxrpcAddInt(set.get(), "pid", 1);
+    ASSERT_EQ(qxImiExecute(owner.pid(), "who", 0, 0, set.get()), 0);
+    EXPECT_EQ(getText(set.get(), "result"), me);
+
+    QxImiCaller outside;
+    EXPECT_EQ(qxImiCaller(&outside), -1);
+    static auto selfWho = who;
+    ASSERT_EQ(qxImiRegister("selfWho", [](QxRpcPara *s, void *) { return selfWho(s); }, nullptr), 0);
+    kep::RpcPara self;
+    ASSERT_EQ(qxImiExecute(getpid(), "selfWho", 0, 0, self.get()), 0);
+    EXPECT_EQ(getText(self.get(), "result"), me);
+    qxImiUnregister("selfWho");
+}
+
+// A caller that gave up was told the call failed: the callee must not run it later,
+// whether the caller hung up or its deadline passed with the connection still open.
+TEST(ImiServe, RequestsOfCallersThatGaveUpAreNotRun) {
+    OwnerProcess owner({{"echoCb", kep_test::echoMembers()}});
+    ASSERT_TRUE(owner.ready());
+    {
+        TimeoutGuard impatient(200);
+        ASSERT_EQ(kill(owner.pid(), SIGSTOP), 0);
+        for (int i = 0; i < 3; i++) {
+            kep::RpcPara set;
+            qxrpcAddInt(set.get(), "n", i);
+            EXPECT_EQ(qxImiExecute(owner.pid(), "echoCb", 0, 0, set.get()), QXRPC_ERR_TIMEOUT);
+        }
+        ASSERT_EQ(kill(owner.pid(), SIGCONT), 0);
+    }
+    // The deadline in the request: already passed, with the caller still connected.
+    int fd = rawConnect(owner.pid());
+    ASSERT_GE(fd, 0);
+    const uint64_t past = static_cast<uint64_t>(monotonicMs() - 1);
+    std::string body = "\x01";
+    for (int shift = 56; shift >= 0; shift -= 8) body += static_cast<char>(past >> shift);
+    body += std::string("\x06" "echoCb\x00", 8);
+    const std::string frame = std::string("KIM2\0\0\0", 7) + static_cast<char>(body.size()) + body;
+    ASSERT_EQ(send(fd, frame.data(), frame.size(), MSG_NOSIGNAL), static_cast<ssize_t>(frame.size()));
+    EXPECT_TRUE(closedByPeer(fd, 3000));
+    close(fd);
+
+    kep::RpcPara set;
+    qxrpcAddInt(set.get(), "n", 9);
+    ASSERT_EQ(qxImiExecute(owner.pid(), "echoCb", 0, 0, set.get()), 0);
+    const auto calls = owner.calls();
+    ASSERT_EQ(calls.size(), 1u) << "a request its caller had given up on was run";
+    EXPECT_EQ(calls[0].find("n")->value, 9);
+}
+
+// A handler's own calls end before its caller's deadline, so that it can still
+// answer: here with the code its hung callee gave.
+TEST(ImiServe, NestedCallsEndBeforeTheCallersDeadline) {
+    OwnerProcess hung({{"cb", kep_test::hang()}});
+    ASSERT_TRUE(hung.ready());
+    const int hungPid = hung.pid();
+    OwnerProcess relay({{"relay", [hungPid](QxRpcPara *set) {
+                             kep::RpcPara inner;
+                             const int rc = qxImiExecute(hungPid, "cb", 0, 0, inner.get());
+                             qxrpcAddInt(set, "errorCode", 0);
+                             return qxrpcAddStringPtr(set, "result", std::to_string(rc).c_str());
+                         }}});
+    ASSERT_TRUE(relay.ready());
+    TimeoutGuard timeout(800);  // the relay's own time-out stays the default 5 s
+    kep::RpcPara set;
+    auto start = Clock::now();
+    ASSERT_EQ(qxImiExecute(relay.pid(), "relay", 0, 0, set.get()), 0);
+    EXPECT_EQ(getText(set.get(), "result"), std::to_string(QXRPC_ERR_TIMEOUT));
+    EXPECT_LT(msSince(start), 800);
+}
+
+// Only the process a socket is named after is talked to: a socket planted under a
+// live process's name by another is never sent a request.
+TEST(ImiServe, ASocketUnderAnotherProcesssNameIsNotUsed) {
+    kep_test::OwnerOptions silent;
+    silent.serve = false;
+    OwnerProcess victim({{"cb", kep_test::answer(0)}}, silent);
+    ASSERT_TRUE(victim.ready());
+    const std::string path = kep_test::imiSocketPath(victim.pid());
+    ASSERT_EQ(unlink(path.c_str()), 0);
+    int squatter = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+    ASSERT_EQ(bind(squatter, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+    ASSERT_EQ(listen(squatter, 4), 0);
+    kep::RpcPara set;
+    qxrpcAddStringPtr(set.get(), "secret", "s3cret");
+    EXPECT_EQ(qxImiExecute(victim.pid(), "cb", 0, 0, set.get()), QXRPC_ERR_NO_PEER);
+    int conn = accept4(squatter, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    char c;
+    EXPECT_TRUE(conn < 0 || recv(conn, &c, 1, 0) <= 0) << "the request reached the squatter";
+    if (conn >= 0) close(conn);
+    close(squatter);
+    unlink(path.c_str());
 }

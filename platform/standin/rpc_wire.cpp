@@ -11,8 +11,8 @@
 namespace kep_pf {
 namespace {
 
-constexpr uint32_t kMagic = 0x4b494d31;  // "KIM1"
-constexpr size_t kHeader = 8;
+constexpr uint32_t kMagic = 0x4b494d32;  // "KIM2": requests carry their deadline
+constexpr size_t kHeader = kFrameHeader;
 constexpr uint8_t kKindRequest = 1, kKindReply = 2;
 
 void put32(char *p, uint32_t v) {
@@ -144,24 +144,36 @@ int64_t nowMs() {
 
 int checkMembers(const QxRpcPara *set, int from) {
     if (set->count < 0 || set->count > QXRPC_MAX_MEMBERS || from < 0 || from > set->count) return QXRPC_ERR_ARG;
+    size_t total = 0;
     for (int i = from; i < set->count; i++) {
         const QxRpcMember &m = set->member[i];
         size_t nameLen = strnlen(m.name, QXRPC_NAME_MAX);
         if (nameLen == 0 || nameLen >= QXRPC_NAME_MAX) return QXRPC_ERR_ARG;
-        if (m.isString && (!m.text || strnlen(m.text, kMaxText + 1) > kMaxText)) return QXRPC_ERR_ARG;
+        size_t textLen = m.isString && m.text ? strnlen(m.text, kMaxText + 1) : 0;
+        if (m.isString && (!m.text || textLen > kMaxText)) return QXRPC_ERR_ARG;
+        total += 2 + nameLen + 4 + textLen;
     }
-    return 0;
+    // Room for the kind, status or deadline and callback name of the frame around them.
+    return total + 256 <= kMaxBody ? 0 : QXRPC_ERR_ARG;
 }
 
-int encodeRequest(const char *cb, const QxRpcPara *set, char **frame, size_t *len) {
+uint32_t frameBodyLength(const char *header) {
+    uint32_t size = get32(header + 4);
+    return get32(header) == kMagic && size > 0 && size <= kMaxBody ? size : 0;
+}
+
+int encodeRequest(const char *cb, int64_t deadline, const QxRpcPara *set, char **frame, size_t *len) {
     size_t cbLen = strlen(cb);
     int rc = checkMembers(set, 0);
     if (rc) return rc;
     if (cbLen == 0 || cbLen > kMaxCbName) return QXRPC_ERR_ARG;
-    char *f = newFrame(2 + cbLen + membersSize(set, 0), len);
+    char *f = newFrame(2 + 8 + cbLen + membersSize(set, 0), len);
     if (!f) return QXRPC_ERR_NOMEM;
     Writer w{f + kHeader};
     w.u8(kKindRequest);
+    const uint64_t d = deadline > 0 ? static_cast<uint64_t>(deadline) : 0;
+    w.u32(static_cast<uint32_t>(d >> 32));
+    w.u32(static_cast<uint32_t>(d));
     w.u8(static_cast<uint8_t>(cbLen));
     w.bytes(cb, cbLen);
     putMembers(w, set, 0);
@@ -186,9 +198,14 @@ int encodeReply(int status, const QxRpcPara *set, int from, char **frame, size_t
     return 0;
 }
 
-int decodeRequest(const char *body, size_t len, char *cb, size_t cbSize, QxRpcPara *out) {
+int decodeRequest(const char *body, size_t len, char *cb, size_t cbSize, int64_t *deadline, QxRpcPara *out) {
     Reader r{body, len};
     if (r.u8() != kKindRequest) return QXRPC_ERR_IO;
+    const uint64_t high = r.u32();
+    const uint64_t d = high << 32 | r.u32();
+    // Beyond any clock reading this side will see: garbage, not a deadline.
+    if (d > (uint64_t{1} << 62)) return QXRPC_ERR_IO;
+    *deadline = static_cast<int64_t>(d);
     uint8_t cbLen = r.u8();
     const char *name = r.bytes(cbLen);
     if (!r.ok || cbLen == 0 || cbLen >= cbSize || memchr(name, 0, cbLen)) return QXRPC_ERR_IO;
@@ -278,8 +295,8 @@ int readFrame(int fd, int64_t deadline, char **body, size_t *len) {
     size_t got = 0;
     int rc = recvAtLeast(fd, first, sizeof first, kHeader, deadline, &got);
     if (rc) return rc;
-    uint32_t size = get32(first + 4);
-    if (get32(first) != kMagic || size == 0 || size > kMaxBody) return QXRPC_ERR_IO;
+    const uint32_t size = frameBodyLength(first);
+    if (size == 0) return QXRPC_ERR_IO;
     char *buf = static_cast<char *>(malloc(size));
     if (!buf) return QXRPC_ERR_NOMEM;
     size_t early = got - kHeader < size ? got - kHeader : size;  // bytes past the frame are dropped

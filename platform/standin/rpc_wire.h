@@ -2,7 +2,7 @@
 // the serving side.
 //
 // A frame is an 8-byte header (magic, body length; big-endian) and a body:
-//   request: u8 1, u8 cbLen, cb, u8 count, members
+//   request: u8 1, i64 deadline (monotonic ms; 0: none), u8 cbLen, cb, u8 count, members
 //   reply:   u8 2, i32 status, u8 count, members (only when status is 0)
 //   member:  u8 type (0 int, 1 string), u8 nameLen, name,
 //            then i32 value or u32 textLen and the text (no NUL inside)
@@ -19,25 +19,32 @@
 namespace kep_pf {
 
 enum : uint32_t {
-    kMaxText = 1u << 20,   // one string member
+    kMaxText = 16u << 20,  // one string member
     kMaxCbName = 127,      // callback names, here and in the registry
-    kMaxBody = QXRPC_MAX_MEMBERS * (kMaxText + 64) + 256,
+    kMaxBody = 32u << 20,  // a frame's body: the members of one call together
 };
+constexpr size_t kFrameHeader = 8;
 
 // Milliseconds of the monotonic clock.
 PF_HIDDEN int64_t nowMs();
 
-// 0, or QXRPC_ERR_ARG when a member cannot travel (oversized text, bad name, count).
+// 0, or QXRPC_ERR_ARG when a member cannot travel (oversized text, bad name, count,
+// more than a frame holds).
 PF_HIDDEN int checkMembers(const QxRpcPara *set, int from);
+
+// The body length of a frame whose 8 header bytes are given; 0 for a header no peer
+// of ours sends (wrong magic, empty or oversized body).
+PF_HIDDEN uint32_t frameBodyLength(const char *header);
 
 // Encoders: *frame is malloc'd (caller frees), *len its size. Members from index
 // `from` on are sent. 0 or a QXRPC_ERR_* code.
-PF_HIDDEN int encodeRequest(const char *cb, const QxRpcPara *set, char **frame, size_t *len);
+PF_HIDDEN int encodeRequest(const char *cb, int64_t deadline, const QxRpcPara *set, char **frame, size_t *len);
 PF_HIDDEN int encodeReply(int status, const QxRpcPara *set, int from, char **frame, size_t *len);
 
 // Decoders over a received body. Members are appended to out, which the caller owns
 // and frees on every path; 0 or QXRPC_ERR_IO for a malformed body.
-PF_HIDDEN int decodeRequest(const char *body, size_t len, char *cb, size_t cbSize, QxRpcPara *out);
+PF_HIDDEN int decodeRequest(const char *body, size_t len, char *cb, size_t cbSize, int64_t *deadline,
+                            QxRpcPara *out);
 PF_HIDDEN int decodeReply(const char *body, size_t len, int *status, QxRpcPara *out);
 
 // Socket I/O on a non-blocking descriptor until the absolute deadline (nowMs()

@@ -114,9 +114,9 @@ std::string RecordedCall::text(const std::string &name) const {
 }
 
 std::string imiSocketPath(pid_t pid) {
-    const char *env = getenv("KEP_IMI_DIR");
-    std::string dir = env && *env ? env : "/tmp/kep-imi-" + std::to_string(geteuid());
-    return dir + "/imi-" + std::to_string(pid) + ".sock";
+    char dir[256];
+    qxImiRuntimeDir(dir, sizeof dir);
+    return std::string(dir) + "/imi-" + std::to_string(pid) + ".sock";
 }
 
 OwnerProcess::OwnerProcess(OwnerHandlers handlers, OwnerOptions options) : handlers_(std::move(handlers)) {
@@ -158,11 +158,12 @@ void OwnerProcess::runChild(int readyFd, const OwnerOptions &options) {
     bool ok = true;
     for (ChildHandler &h : *table) ok = ok && qxImiRegister(h.name.c_str(), trampoline, &h) == 0;
     ok = ok && qxImiListen() >= 0;
+    if (options.serve && options.threads > 0) ok = ok && qxImiStartServerThreads(options.threads) == 0;
     char state = ok ? 'R' : 'F';
     if (write(readyFd, &state, 1) != 1 || !ok) _exit(2);
     close(readyFd);
     for (;;) {
-        if (!options.serve) {
+        if (!options.serve || options.threads > 0) {
             pause();
         } else if (qxImiServeOnce(-1) < 0) {
             usleep(10000);

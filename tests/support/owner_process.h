@@ -62,6 +62,8 @@ struct RecordedCall {
 struct OwnerOptions {
     // false: the child listens (the kernel accepts connections) but never answers.
     bool serve = true;
+    // > 0: served by up to that many background threads instead of one loop.
+    int threads = 0;
     // Runs in the child before it listens.
     std::function<void()> setup;
 };
@@ -95,7 +97,7 @@ private:
     int recordFd_ = -1;  // unlinked file shared with the child, one JSON line per call
 };
 
-// The socket path of pid under the current KEP_IMI_DIR (or the default folder).
+// The socket path of pid in the runtime folder (KEP_RUNTIME_DIR, KEP_IMI_DIR or the default).
 std::string imiSocketPath(pid_t pid);
 
 }  // namespace kep_test
