@@ -418,8 +418,7 @@ int main(int argc, char **argv) {
     signal(SIGPIPE, SIG_IGN);
     gDir = kep_bench::makeTempDir("/tmp");
     if (gDir.empty()) return 1;
-    setenv("KEP_IMI_DIR", (gDir + "/imi").c_str(), 1);
-    setenv("KEPD_PIDFILE", (gDir + "/kepd.pid").c_str(), 1);
+    setenv("KEP_RUNTIME_DIR", (gDir + "/run").c_str(), 1);
     int rc = 1;
     const char *failed = !startFloor() ? "floor server" : !startHost() ? "host daemon" : !startOwner() ? "owner" : !wireLocalTree() ? "local tree" : nullptr;
     if (failed) {

@@ -11,7 +11,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 bin=$(cd "${1:-$root/build}" && pwd)
 # Configuration file paths live in the model description and hold at most 31 characters.
 work=$(mktemp -d /tmp/kepXXXXXX)
-export KEP_IMI_DIR=$work/imi KEPD_PIDFILE=$work/kepd.pid KEP_IMI_TIMEOUT_MS=2000
+export KEP_RUNTIME_DIR=$work/run KEP_IMI_TIMEOUT_MS=2000
 pids=()
 failures=0
 

@@ -16,7 +16,7 @@ if [ ! -x "$build/tests/alloc_sweep_test" ] || [ ! -x "$build/tests/faults_test"
     cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
     cmake --build "$build" -j"${JOBS:-2}" --target alloc_sweep_test faults_test access_test
 fi
-export KEP_IMI_DIR="$build/tests/imi-run"
+export KEP_RUNTIME_DIR="$build/tests/imi-run"
 
 sweep=$("$build/tests/alloc_sweep_test" --gtest_brief=1)
 faults=$("$build/tests/faults_test" --gtest_brief=1)

@@ -17,7 +17,7 @@ tests="$build/tests"
 supp="$root/tools/valgrind.supp"
 log_dir=$(mktemp -d)
 trap 'rm -rf "$log_dir"' EXIT
-export KEP_IMI_DIR="$tests/imi-run"
+export KEP_RUNTIME_DIR="$tests/imi-run"
 export KEP_KILL_ITERATIONS=5  # faults_test: each forked owner starts slowly under valgrind
 jobs=${JOBS:-2}
 

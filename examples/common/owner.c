@@ -127,6 +127,22 @@ int ownerAnswerJson(QxRpcPara *set, int code, json_object *result) {
     return 0;
 }
 
+/* What this owner registered, so that it can register again with a new host. */
+static const OwnerRegistration *gRegs;
+static int gRegCount;
+static int gHostRegistered;  /* the host's pid the registrations went to */
+
+static int sendRegistrations(void) {
+    for (int i = 0; i < gRegCount; i++) {
+        int rc = kepHostRegister(gRegs[i].op, gRegs[i].path, gRegs[i].index, gRegs[i].cb);
+        if (rc != 0) {
+            fprintf(stderr, "registering %s %s failed: %d\n", gRegs[i].op, gRegs[i].path ? gRegs[i].path : "-", rc);
+            return rc;
+        }
+    }
+    return 0;
+}
+
 int ownerRegisterAll(const OwnerRegistration *regs, int n, int waitMs) {
     /* Listen first: the host may call back as soon as a registration lands. */
     if (qxImiListen() < 0) {
@@ -137,14 +153,19 @@ int ownerRegisterAll(const OwnerRegistration *regs, int n, int waitMs) {
         fprintf(stderr, "the host (kepd) does not answer\n");
         return -1;
     }
-    for (int i = 0; i < n; i++) {
-        int rc = kepHostRegister(regs[i].op, regs[i].path, regs[i].index, regs[i].cb);
-        if (rc != 0) {
-            fprintf(stderr, "registering %s %s failed: %d\n", regs[i].op, regs[i].path, rc);
-            return rc;
-        }
-    }
-    return 0;
+    gRegs = regs;
+    gRegCount = n;
+    gHostRegistered = kepHostPid();
+    return sendRegistrations();
+}
+
+/* A host that started since (a new pid in its pid file) knows nothing of this owner:
+ * it is told again. */
+static void registerWithNewHost(void) {
+    int host = kepHostPid();
+    if (host <= 0 || host == gHostRegistered || !gRegs) return;
+    fprintf(stderr, "the host restarted (pid %d): registering again\n", host);
+    if (sendRegistrations() == 0) gHostRegistered = host;
 }
 
 int ownerResetHandler(QxRpcPara *set, void *user) {
@@ -200,8 +221,9 @@ int ownerServe(const char *name) {
     signal(SIGPIPE, SIG_IGN);
     fprintf(stderr, "%s: serving as pid %d\n", name, (int)getpid());
     while (!gStop) {
-        qxImiServeOnce(500);
+        qxImiServeOnce(250);
         flushNotifications();
+        registerWithNewHost();
     }
     kepHostRegister("unregister", NULL, 0, NULL);
     fprintf(stderr, "%s: stopped\n", name);

@@ -11,6 +11,7 @@
  * knows which callback of which process serves what.
  */
 #define _POSIX_C_SOURCE 200809L
+#include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -137,7 +138,15 @@ static int conflicts(const DhcpHost *h, const char *self) {
     return 0;
 }
 
-enum { ERR_INVALID = 1001, ERR_CONFLICT = 1002, ERR_NOT_FOUND = 1003, ERR_STORE = 1004 };
+enum { ERR_INVALID = 1001, ERR_CONFLICT = 1002, ERR_NOT_FOUND = 1003, ERR_STORE = 1004, ERR_FULL = 1005 };
+
+/* The number of a section named host_<n>, or 0 for any other name. */
+static long hostNumber(const char *name) {
+    char *end = NULL;
+    if (strncmp(name, "host_", 5) != 0 || name[5] < '1' || name[5] > '9') return 0;
+    long n = strtol(name + 5, &end, 10);
+    return *end == '\0' && n > 0 && n <= INT_MAX ? n : 0;
+}
 
 /* ---- callbacks of the RPC contract ---- */
 
@@ -259,14 +268,16 @@ static int onAdd(QxRpcPara *set, void *user) {
         if (strncmp(name, "host_", 5) != 0 || strlen(name) >= sizeof section || isHostSection(name)) code = ERR_INVALID;
         else snprintf(section, sizeof section, "%s", name);
     } else {
-        /* The next free number after the highest in use. */
-        int next = 1;
+        /* The next number after the highest in use; none is left after the largest
+         * int, and then the add is refused rather than wrapping around. */
+        long next = 1;
         DataTable *t = hostTable();
         for (LstNode *n = t ? lstFirst(&t->sections) : NULL; n; n = lstNext(n)) {
-            int k = atoi(((DataSection *)n)->name + 5);
+            long k = hostNumber(((DataSection *)n)->name);
             if (k >= next) next = k + 1;
         }
-        snprintf(section, sizeof section, "host_%d", next);
+        if (next > INT_MAX) code = ERR_FULL;
+        else snprintf(section, sizeof section, "host_%ld", next);
     }
     if (code == 0 && writeHost(section, &h) != 0) code = ERR_STORE;
     json_object_put(para);

@@ -112,9 +112,8 @@ void qxImiSetPeerCheck(QxImiPeerCheck check, void *user);
 
 /*
  * The runtime folder that holds the sockets (and the host's pid file): the
- * environment variable KEP_RUNTIME_DIR (KEP_IMI_DIR is read too, for older setups);
- * else /run/kep for root, $XDG_RUNTIME_DIR/kep for other users, and /tmp/kep-<uid>
- * only when neither exists. A missing folder is created (0700; 0755 for /run/kep, so
+ * environment variable KEP_RUNTIME_DIR; else /run/kep for root, $XDG_RUNTIME_DIR/kep
+ * for other users, and /tmp/kep-<uid> only when neither exists. A missing folder is created (0700; 0755 for /run/kep, so
  * that users the host admits can reach its socket). The folder must be a real
  * folder (not a link), owned by this user or root, and not writable by others unless
  * it is root's and sticky; anything else is refused, never followed or repaired.

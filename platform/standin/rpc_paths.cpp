@@ -23,7 +23,6 @@ namespace {
 // parents made).
 int chooseDir(char *dir, size_t size, bool *explicitPath) {
     const char *env = getenv("KEP_RUNTIME_DIR");
-    if (!env || !*env) env = getenv("KEP_IMI_DIR");
     int n;
     *explicitPath = env && *env;
     if (*explicitPath) {

@@ -97,7 +97,7 @@ private:
     int recordFd_ = -1;  // unlinked file shared with the child, one JSON line per call
 };
 
-// The socket path of pid in the runtime folder (KEP_RUNTIME_DIR, KEP_IMI_DIR or the default).
+// The socket path of pid in the runtime folder (KEP_RUNTIME_DIR or the default).
 std::string imiSocketPath(pid_t pid);
 
 }  // namespace kep_test

@@ -15,21 +15,34 @@
 #include "kep_xml.h"
 
 const char *kepHostPidFile(void) {
-    static char path[256];
+    static char path[512];
+    char dir[256];
     const char *env = getenv("KEPD_PIDFILE");
     if (env && *env) return env;
-    snprintf(path, sizeof path, "/tmp/kepd-%u.pid", (unsigned)getuid());
+    qxImiRuntimeDir(dir, sizeof dir);
+    snprintf(path, sizeof path, "%s/kepd.pid", dir);
     return path;
 }
 
 int kepHostPid(void) {
-    FILE *f = fopen(kepHostPidFile(), "r");
+    int fd = open(kepHostPidFile(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    struct flock lk;
+    char text[32] = "";
     int pid = -1;
-    if (!f) return -1;
-    if (fscanf(f, "%d", &pid) != 1) pid = -1;
-    fclose(f);
-    if (pid <= 0 || (kill(pid, 0) != 0 && errno == ESRCH)) return -1;
-    return pid;
+    if (fd < 0) return -1;
+    /* The host holds a write lock on the file while it runs; testing it takes none, so
+     * a client never stands in a starting host's way, and a file left by a host that
+     * died names nobody. */
+    memset(&lk, 0, sizeof lk);
+    lk.l_type = F_RDLCK;
+    lk.l_whence = SEEK_SET;
+    if (fcntl(fd, F_GETLK, &lk) == 0 && lk.l_type != F_UNLCK) {
+        pid = (int)lk.l_pid;
+        /* In another pid namespace the lock names no pid: the file's text does. */
+        if (pid <= 0 && pread(fd, text, sizeof text - 1, 0) > 0) pid = atoi(text);
+    }
+    close(fd);
+    return pid > 0 ? pid : -1;
 }
 
 /* The host's pid as last read, so that a request costs no file read; 0: not read. */
@@ -83,7 +96,6 @@ int kepHostRegister(const char *op, const char *path, int index, const char *cb)
     if (rc == 0 && path) rc = qxrpcAddStringPtr(&set, "path", path);
     if (rc == 0 && cb) rc = qxrpcAddStringPtr(&set, "cb", cb);
     if (rc == 0) rc = qxrpcAddInt(&set, "index", index);
-    if (rc == 0) rc = qxrpcAddInt(&set, "pid", (int)getpid());
     if (rc == 0) rc = call("kepd.register", &set);
     qxrpcParaFree(&set);
     return rc;

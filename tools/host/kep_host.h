@@ -4,15 +4,18 @@
  *
  * kepd serves these RPC handlers (platform IMI, see kep_pf_rpc.h):
  *   "kepd.request"   in "para": request text     out "errorCode", "result": response text
- *   "kepd.register"  in "op", "path", "cb", "index" (int), "pid" (int)    out "errorCode"
+ *   "kepd.register"  in "op", "path", "cb", "index" (int)                 out "errorCode"
  *                    op: "method" (index 0..4), "verify", "notify", "action" (path "/module/action"),
  *                        "opr" (the table or section interface's owner), "reset" (cb resets
- *                        the owner's modules on a factory reset), "unregister" (all of pid)
+ *                        the owner's modules on a factory reset), "unregister" (all of the caller's)
+ *                    The registering process is the caller, as the kernel reports it.
  *   "kepd.notify"    in "para": "/module/table/section"                    out "errorCode"
  *   "kepd.dump"      out "errorCode", "result": the tree dump, one line per entry
+ *   "kepd.tree"      out "errorCode", "result": the tree with every registration (JSON)
  *   "kepd.reset"     out "errorCode": first failure of the owners' reset callbacks
  *   "kepd.ping"      out "errorCode" 0: the host is up
- * Its process id is kept in the pid file (KEPD_PIDFILE, default /tmp/kepd-<uid>.pid).
+ * Its process id is in the pid file (KEPD_PIDFILE, default kepd.pid in the runtime
+ * folder), which the host keeps locked while it runs.
  */
 #ifndef KEP_HOST_H
 #define KEP_HOST_H
@@ -21,13 +24,31 @@
 extern "C" {
 #endif
 
-/* Path of the pid file, from KEPD_PIDFILE or the default. The text is static. */
+/* "errorCode" of a registration, notification or request the host refused. */
+enum {
+    KEP_HOST_ERR_DENIED = -30001, /* no access rule lets the caller do it */
+    KEP_HOST_ERR_TAKEN = -30002,  /* another running process serves that slot or action */
+    KEP_HOST_ERR_LIMIT = -30003   /* the caller holds as many registrations as it may */
+};
+
+/* The state file, "kepd.state" beside the pid file: written by the host only, read by
+ * clients (mapped) to see, without asking, which host runs and whether any
+ * registration changed since they last looked. */
+#define KEP_HOST_STATE_FILE "kepd.state"
+#define KEP_HOST_STATE_MAGIC "KEPSTAT1"
+typedef struct KepHostState {
+    char magic[8];
+    unsigned int pid;        /* the running host; 0 when none */
+    unsigned int generation; /* changes with every registration and every host start */
+} KepHostState;
+
+/* Path of the pid file, from KEPD_PIDFILE or the runtime folder. The text is static. */
 const char *kepHostPidFile(void);
-/* The running host's pid, or -1 when there is no pid file or its process is gone. */
+/* The running host's pid, or -1 when no host holds the pid file. */
 int kepHostPid(void);
 /* Hands a request to the host; *response: malloc'd response text. 0 or the RPC's code. */
 int kepHostRequest(const char *request, char **response);
-/* One registration for this process (getpid()); 0 or the host's/RPC's nonzero code. */
+/* One registration for this process; 0 or the host's/RPC's nonzero code. */
 int kepHostRegister(const char *op, const char *path, int index, const char *cb);
 /* Asks the host to tell the section's notify callbacks that its data changed. */
 int kepHostNotify(const char *path);

@@ -12,7 +12,7 @@
 #include "kep_host.h"
 #include "kep_pf_rpc.h"
 
-enum { EXIT_CODE = 1, EXIT_USAGE = 2, EXIT_HOST = 3 };
+enum { EXIT_CODE = 1, EXIT_USAGE = 2, EXIT_HOST = 3, EXIT_UNKNOWN = 4 };
 
 static int gCompact;
 static int gVerbose;
@@ -23,7 +23,7 @@ static const char *const kHelp[][2] = {
             "  --filter JSON, --para JSON          passed with a table read\n"},
     {"set", "kepctl set MODULE SECTION JSON [SECTION JSON]...   change sections\n"
             "kepctl set MODULE --table TABLE --filter JSON JSON  change the rows a filter selects\n"},
-    {"add", "kepctl add MODULE TABLE JSON [--name NAME]   add a section to a list table\n"},
+    {"add", "kepctl add MODULE TABLE JSON [--name NAME]   add a section to a list table (named NAME)\n"},
     {"delete", "kepctl delete MODULE SECTION...                 delete sections\n"
                "kepctl delete MODULE --table TABLE [--filter JSON]  delete the rows a filter selects\n"},
     {"do", "kepctl do MODULE ACTION [JSON]   run an action with its parameters (default {})\n"},
@@ -33,12 +33,15 @@ static const char *const kHelp[][2] = {
 };
 
 static void usage(FILE *out) {
-    fprintf(out, "usage: kepctl [-c] [-v] COMMAND ARGS...\n"
+    fprintf(out, "usage: kepctl [-c] [-v] [-w SECONDS] COMMAND ARGS...\n"
                  "  -c  compact JSON output      -v  print the request too\n"
+                 "  -w  how long to wait for the host's answer (default: twice the RPC time-out\n"
+                 "      KEP_IMI_TIMEOUT_MS, 5 s, plus one second, so that the host answers first)\n"
                  "  COMMAND --help  for one command\n\n");
     for (size_t i = 0; i < sizeof kHelp / sizeof kHelp[0]; i++) fputs(kHelp[i][1], out);
     fputs("\nExit status: 0 when \"error_code\" is 0, 1 when it is not (its meaning on standard error),\n"
-          "2 for a usage error, 3 when the host (kepd) cannot be reached.\n",
+          "2 for a usage error, 3 when the host (kepd) cannot be reached or refuses this user (nothing\n"
+          "was done), 4 when the host did not answer in time: whether a change was made is unknown.\n",
           out);
 }
 
@@ -68,9 +71,12 @@ static const char *meaning(int code) {
         case -51204: return "no memory for the response";
         case -51207: return "null method";
         case QXRPC_ERR_NO_PEER: return "the owner process is not running";
-        case QXRPC_ERR_TIMEOUT: return "the owner process did not answer in time";
-        case QXRPC_ERR_IO: return "the connection to the owner broke";
+        case QXRPC_ERR_TIMEOUT: return "the owner process did not answer in time: a change may or may not have been made";
+        case QXRPC_ERR_IO: return "the connection to the owner broke: a change may or may not have been made";
         case QXRPC_ERR_NO_HANDLER: return "the owner has no such callback";
+        case KEP_HOST_ERR_DENIED: return "no access rule of the host lets this user do it";
+        case KEP_HOST_ERR_TAKEN: return "another running process serves it";
+        case KEP_HOST_ERR_LIMIT: return "the host's limit was reached";
         default: return "code passed on from the owner's callback";
     }
 }
@@ -89,16 +95,18 @@ typedef struct Args {
     int count;
 } Args;
 
-static int parseArgs(int argc, char **argv, Args *a) {
+/* "--name" takes the new section's name after add; elsewhere it says that the words
+ * are section names. */
+static int parseArgs(const char *cmd, int argc, char **argv, Args *a) {
     memset(a, 0, sizeof *a);
     for (int i = 0; i < argc; i++) {
         const char **slot = NULL;
         if (strcmp(argv[i], "--filter") == 0) slot = &a->filter;
         else if (strcmp(argv[i], "--para") == 0) slot = &a->para;
         else if (strcmp(argv[i], "--table") == 0) slot = &a->table;
+        else if (strcmp(argv[i], "--name") == 0 && strcmp(cmd, "add") == 0) slot = &a->name;
         else if (strcmp(argv[i], "--name") == 0) {
             a->names = 1;
-            if (i + 1 < argc && argv[i + 1][0] != '-') a->name = argv[i + 1];
             continue;
         }
         if (slot) {
@@ -125,7 +133,7 @@ static json_object *buildRequest(const char *cmd, int argc, char **argv) {
     Args a;
     json_object *req, *mod;
     if (strcmp(cmd, "call") == 0) return argc == 1 ? parseArg(argv[0]) : NULL;
-    if (parseArgs(argc, argv, &a) != 0 || a.count < 1) return NULL;
+    if (parseArgs(cmd, argc, argv, &a) != 0 || a.count < 1) return NULL;
     req = json_object_new_object();
     mod = json_object_new_object();
     json_object_object_add(req, "method", json_object_new_string(strcmp(cmd, "delete") == 0 ? "delete" : cmd));
@@ -206,7 +214,20 @@ static int printResponse(const char *text) {
     return c == 0 ? 0 : EXIT_CODE;
 }
 
+static int gWaitMs;
+
 static int hostFailed(int rc) {
+    if (rc == QXRPC_ERR_TIMEOUT || rc == QXRPC_ERR_IO) {
+        fprintf(stderr,
+                "kepctl: no answer from the host within %d ms (%d: %s): whether the request was applied is "
+                "unknown\n",
+                gWaitMs, rc, qxImiStrError(rc));
+        return EXIT_UNKNOWN;
+    }
+    if (rc == KEP_HOST_ERR_DENIED) {
+        fprintf(stderr, "kepctl: the host refused: %s\n", meaning(rc));
+        return EXIT_HOST;
+    }
     fprintf(stderr, "kepctl: the host cannot be reached (%d: %s); is kepd running? (pid file %s)\n", rc,
             meaning(rc), kepHostPidFile());
     return EXIT_HOST;
@@ -214,9 +235,12 @@ static int hostFailed(int rc) {
 
 int main(int argc, char **argv) {
     int i = 1;
+    gWaitMs = 2 * qxImiGetTimeout() + 1000;
     for (; i < argc && argv[i][0] == '-'; i++) {
         if (strcmp(argv[i], "-c") == 0) gCompact = 1;
         else if (strcmp(argv[i], "-v") == 0) gVerbose = 1;
+        else if (strcmp(argv[i], "-w") == 0 && i + 1 < argc && atof(argv[i + 1]) > 0 && atof(argv[i + 1]) <= 3600)
+            gWaitMs = (int)(atof(argv[++i]) * 1000);
         else if (strcmp(argv[i], "-h") == 0 || strcmp(argv[i], "--help") == 0) {
             usage(stdout);
             return 0;
@@ -230,12 +254,15 @@ int main(int argc, char **argv) {
         return EXIT_USAGE;
     }
     const char *cmd = argv[i++];
+    qxImiSetTimeout(gWaitMs);
     if (i < argc && (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0)) return commandHelp(cmd, stdout);
 
     if (strcmp(cmd, "dump") == 0 || strcmp(cmd, "reset") == 0) {
         char *text = NULL;
         int rc = kepHostFetch(strcmp(cmd, "dump") == 0 ? "kepd.dump" : "kepd.reset", &text);
-        if (rc == QXRPC_ERR_NO_PEER || rc == QXRPC_ERR_TIMEOUT || rc == QXRPC_ERR_IO) return hostFailed(rc);
+        if (rc == QXRPC_ERR_NO_PEER || rc == QXRPC_ERR_NO_HANDLER || rc == QXRPC_ERR_TIMEOUT || rc == QXRPC_ERR_IO ||
+            rc == KEP_HOST_ERR_DENIED)
+            return hostFailed(rc);
         if (text && *text) fputs(text, stdout);
         if (rc == 0 && strcmp(cmd, "reset") == 0) puts("factory reset done");
         free(text);

@@ -1,0 +1,231 @@
+/* The host's RPC handlers: requests, registrations, notifications, dump, reset. */
+#define _GNU_SOURCE
+#include "handlers.h"
+
+#include <pthread.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "access.h"
+#include "kepHandle.h"
+#include "kep_host.h"
+#include "kep_platform.h"
+#include "kepd.h"
+#include "registry.h"
+#include "runtime.h"
+#include "tree.h"
+
+static const char *member(QxRpcPara *set, const char *name) {
+    char *text = NULL;
+    return qxrpcGetStringPtr(set, name, &text) == 0 ? text : NULL;
+}
+
+static int answer(QxRpcPara *set, int code, const char *result) {
+    qxrpcAddInt(set, "errorCode", code);
+    if (result) qxrpcAddStringPtr(set, "result", result);
+    return 0;
+}
+
+/* The caller of the running handler; kepd only runs handlers for callers. */
+static QxImiCaller caller(void) {
+    QxImiCaller c = {0, -1, -1};
+    qxImiCaller(&c);
+    return c;
+}
+
+static int denied(QxRpcPara *set, const QxImiCaller *c, const char *what) {
+    kepdLog("refused %s from pid %d (uid %d): no access rule lets it", what, c->pid, c->uid);
+    return answer(set, KEP_HOST_ERR_DENIED, NULL);
+}
+
+static int onRequest(QxRpcPara *set, void *user) {
+    QxImiCaller c = caller();
+    const char *request = member(set, "para");
+    char *response = NULL;
+    (void)user;
+    if (!accessMaySend(&c)) return denied(set, &c, "a request");
+    int rc = treeRequest(request, &response);
+    if (rc != 0 && !response) makeErrorRspObj(rc, &response);
+    answer(set, 0, response ? response : "{\"error_code\":-1}");
+    free(response);
+    return 0;
+}
+
+static int onRegister(QxRpcPara *set, void *user) {
+    QxImiCaller c = caller();
+    const char *op = member(set, "op"), *path = member(set, "path"), *cb = member(set, "cb");
+    int index = 0;
+    (void)user;
+    qxrpcGetInt(set, "index", &index);
+    int rc = registryApply(&c, op, path, index, cb);
+    if (rc >= -1)
+        kepdLog("register %s %s index %d cb %s pid %d: %d", op ? op : "?", path ? path : "-", index, cb ? cb : "-",
+                c.pid, rc);
+    return answer(set, rc, NULL);
+}
+
+/* ---- notifications: run after the call that asked for them has been answered,
+ * since the owner that asks waits for this answer and may itself be a listener ---- */
+
+static pthread_mutex_t gNotifyLock = PTHREAD_MUTEX_INITIALIZER;
+static pthread_cond_t gNotifyCond = PTHREAD_COND_INITIALIZER;
+static char gPending[KEPD_MAX_NOTIFICATIONS][128];
+static int gPendingCount;
+static int gNotifierStop;
+static pthread_t gNotifier;
+
+static int onNotify(QxRpcPara *set, void *user) {
+    QxImiCaller c = caller();
+    const char *path = member(set, "para");
+    DataTable *t;
+    DataSection *s;
+    int rc = 0;
+    (void)user;
+    int mi = path && strlen(path) < sizeof gPending[0] ? treeFind(path, &t, &s) : -1;
+    if (mi < 0) return answer(set, -1, NULL);
+    if (!accessMayOwn(&c, treeModule(mi)->name)) return denied(set, &c, "a notification");
+    pthread_mutex_lock(&gNotifyLock);
+    if (gPendingCount < KEPD_MAX_NOTIFICATIONS) {
+        strcpy(gPending[gPendingCount++], path);
+        pthread_cond_signal(&gNotifyCond);
+    } else {
+        rc = KEP_HOST_ERR_LIMIT;
+    }
+    pthread_mutex_unlock(&gNotifyLock);
+    return answer(set, rc, NULL);
+}
+
+static void *notifierMain(void *arg) {
+    (void)arg;
+    pthread_mutex_lock(&gNotifyLock);
+    while (!gNotifierStop) {
+        if (gPendingCount == 0) {
+            pthread_cond_wait(&gNotifyCond, &gNotifyLock);
+            continue;
+        }
+        char path[128];
+        memcpy(path, gPending[0], sizeof path);
+        memmove(gPending, gPending + 1, (size_t)(--gPendingCount) * sizeof gPending[0]);
+        pthread_mutex_unlock(&gNotifyLock);
+        DataTable *t;
+        DataSection *s;
+        int mi = treeFind(path, &t, &s);
+        if (mi >= 0) {
+            treeReadLock(mi);
+            notifySecdataChanged(path);
+            treeUnlock(mi);
+        }
+        pthread_mutex_lock(&gNotifyLock);
+    }
+    pthread_mutex_unlock(&gNotifyLock);
+    return NULL;
+}
+
+int notifierStart(void) { return pthread_create(&gNotifier, NULL, notifierMain, NULL) == 0 ? 0 : -1; }
+
+void notifierStop(void) {
+    pthread_mutex_lock(&gNotifyLock);
+    gNotifierStop = 1;
+    pthread_cond_signal(&gNotifyCond);
+    pthread_mutex_unlock(&gNotifyLock);
+    pthread_join(gNotifier, NULL);
+}
+
+/* ---- the tree dump ---- */
+
+typedef struct Text { char *data; size_t len, cap; } Text;
+
+static void collectLine(int mid, const char *line, void *user) {
+    Text *t = (Text *)user;
+    const char *msg = strstr(line, "] ");
+    size_t n;
+    (void)mid;
+    msg = msg ? msg + 2 : line;
+    n = strcspn(msg, "\r\n");
+    if (t->len + n + 2 > t->cap) {
+        size_t cap = (t->cap + n + 2) * 2;
+        char *grown = (char *)realloc(t->data, cap);
+        if (!grown) return;
+        t->data = grown;
+        t->cap = cap;
+    }
+    memcpy(t->data + t->len, msg, n);
+    t->len += n;
+    t->data[t->len++] = '\n';
+    t->data[t->len] = '\0';
+}
+
+static pthread_mutex_t gDumpLock = PTHREAD_MUTEX_INITIALIZER;
+
+static int onDump(QxRpcPara *set, void *user) {
+    QxImiCaller c = caller();
+    Text text = {NULL, 0, 0};
+    (void)user;
+    if (!accessMaySend(&c)) return denied(set, &c, "a dump");
+    /* The dump goes to the debug log, whose sink is one for the process. */
+    pthread_mutex_lock(&gDumpLock);
+    int wasOn = debugFlagGet(111);
+    treeReadLockAll();
+    debugSetSink(collectLine, &text);
+    debugFlagSet(111, 1);
+    printDataModuleTree();
+    debugFlagSet(111, wasOn);
+    debugSetSink(NULL, NULL);
+    treeUnlockAll();
+    pthread_mutex_unlock(&gDumpLock);
+    answer(set, text.data ? 0 : -1, text.data ? text.data : "");
+    free(text.data);
+    return 0;
+}
+
+static int onTree(QxRpcPara *set, void *user) {
+    QxImiCaller c = caller();
+    (void)user;
+    if (!accessMaySend(&c)) return denied(set, &c, "the tree");
+    char *text = treeSnapshot(runtimeGeneration);
+    answer(set, text ? 0 : -1, text);
+    free(text);
+    return 0;
+}
+
+/* The defaults come from the owners' reset functions, which live in the owners'
+ * processes: a factory reset asks every owner that registered a reset callback to
+ * reset its own modules (systemResetConfigFile in its process). */
+static int onReset(QxRpcPara *set, void *user) {
+    QxImiCaller c = caller();
+    int pids[KEPD_MAX_OWNERS], first = 0;
+    static char cbs[KEPD_MAX_OWNERS][68];
+    static pthread_mutex_t resetLock = PTHREAD_MUTEX_INITIALIZER;
+    (void)user;
+    if (!accessMayReset(&c)) return denied(set, &c, "a factory reset");
+    pthread_mutex_lock(&resetLock);
+    int n = registryResetters(pids, cbs, KEPD_MAX_OWNERS);
+    for (int i = 0; i < n; i++) {
+        QxRpcPara call;
+        int code = 0;
+        qxrpcParaInit(&call);
+        int rc = qxImiExecute(pids[i], cbs[i], 0, 0, &call);
+        if (rc == 0 && qxrpcGetInt(&call, "errorCode", &code) != 0) rc = -1500;
+        if (rc == 0) rc = code;
+        qxrpcParaFree(&call);
+        kepdLog("factory reset of owner %d: %d", pids[i], rc);
+        if (rc != 0 && first == 0) first = rc;
+    }
+    pthread_mutex_unlock(&resetLock);
+    return answer(set, first, NULL);
+}
+
+static int onPing(QxRpcPara *set, void *user) {
+    (void)user;
+    return answer(set, 0, NULL);
+}
+
+int handlersRegister(void) {
+    return qxImiRegister("kepd.request", onRequest, NULL) || qxImiRegister("kepd.register", onRegister, NULL) ||
+                   qxImiRegister("kepd.notify", onNotify, NULL) || qxImiRegister("kepd.dump", onDump, NULL) ||
+                   qxImiRegister("kepd.tree", onTree, NULL) || qxImiRegister("kepd.reset", onReset, NULL) ||
+                   qxImiRegister("kepd.ping", onPing, NULL)
+               ? -1
+               : 0;
+}
