@@ -1,9 +1,12 @@
-#define _POSIX_C_SOURCE 200809L
+#define _GNU_SOURCE
 #include "owner.h"
 
 #include <arpa/inet.h>
 #include <ctype.h>
 #include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -144,8 +147,9 @@ static int sendRegistrations(void) {
 }
 
 int ownerRegisterAll(const OwnerRegistration *regs, int n, int waitMs) {
-    /* Listen first: the host may call back as soon as a registration lands. */
-    if (qxImiListen() < 0) {
+    /* Serving first, on a thread of its own: the host may call as soon as the first
+     * registration lands, while the others are still being sent. */
+    if (qxImiStartServer() != 0) {
         fprintf(stderr, "cannot serve the RPC\n");
         return -1;
     }
@@ -185,46 +189,74 @@ int ownerResetHandler(QxRpcPara *set, void *user) {
     return ownerAnswer(set, rc, NULL);
 }
 
+/* The main thread waits on this pipe: a signal or a notification to send wakes it. */
+static int gWake[2] = {-1, -1};
 static volatile sig_atomic_t gStop;
 
+static void wake(void) {
+    if (gWake[1] >= 0 && write(gWake[1], "x", 1) < 0) {
+        /* Full: the main thread has a wake-up waiting already. */
+    }
+}
+
 static void onSignal(int sig) {
+    int saved = errno;
     (void)sig;
     gStop = 1;
+    wake();
+    errno = saved;
 }
 
 /* Notifications wait until the current call has been answered: the host is still
- * inside the request that reached us, and asking it now would deadlock both. */
+ * inside the request that reached us. Handlers queue them; the main thread sends. */
+static pthread_mutex_t gPendingLock = PTHREAD_MUTEX_INITIALIZER;
 static char gPending[8][80];
 static int gPendingCount;
 
 void ownerNotifyLater(const char *path) {
-    for (int i = 0; i < gPendingCount; i++) {
-        if (strcmp(gPending[i], path) == 0) return;
-    }
-    if (gPendingCount < 8) snprintf(gPending[gPendingCount++], sizeof gPending[0], "%s", path);
+    pthread_mutex_lock(&gPendingLock);
+    int queued = 0;
+    for (int i = 0; i < gPendingCount; i++) queued |= strcmp(gPending[i], path) == 0;
+    if (!queued && gPendingCount < 8) snprintf(gPending[gPendingCount++], sizeof gPending[0], "%s", path);
+    pthread_mutex_unlock(&gPendingLock);
+    wake();
 }
 
 static void flushNotifications(void) {
-    for (int i = 0; i < gPendingCount; i++) {
-        int rc = kepHostNotify(gPending[i]);
-        if (rc != 0) fprintf(stderr, "notifying %s failed: %d\n", gPending[i], rc);
-    }
+    char paths[8][80];
+    pthread_mutex_lock(&gPendingLock);
+    int n = gPendingCount;
+    memcpy(paths, gPending, sizeof paths);
     gPendingCount = 0;
+    pthread_mutex_unlock(&gPendingLock);
+    for (int i = 0; i < n; i++) {
+        int rc = kepHostNotify(paths[i]);
+        if (rc != 0) fprintf(stderr, "notifying %s failed: %d\n", paths[i], rc);
+    }
 }
 
 int ownerServe(const char *name) {
     struct sigaction sa;
+    char drain[64];
+    if (gWake[0] < 0 && pipe2(gWake, O_CLOEXEC | O_NONBLOCK) != 0) return -1;
     memset(&sa, 0, sizeof sa);
     sa.sa_handler = onSignal;
     sigaction(SIGTERM, &sa, NULL);
     sigaction(SIGINT, &sa, NULL);
     signal(SIGPIPE, SIG_IGN);
     fprintf(stderr, "%s: serving as pid %d\n", name, (int)getpid());
+    /* Requests are served on the RPC's thread; this one sends what handlers asked
+     * for and watches for a new host. */
     while (!gStop) {
-        qxImiServeOnce(250);
+        struct pollfd p = {gWake[0], POLLIN, 0};
+        if (poll(&p, 1, 250) > 0) {
+            while (read(gWake[0], drain, sizeof drain) > 0) {
+            }
+        }
         flushNotifications();
         registerWithNewHost();
     }
+    qxImiStopServer();
     kepHostRegister("unregister", NULL, 0, NULL);
     fprintf(stderr, "%s: stopped\n", name);
     return 0;

@@ -52,7 +52,8 @@ int ownerAnswerJson(QxRpcPara *set, int code, json_object *result);  /* releases
  * seconds to come up. */
 #define OWNER_HOST_WAIT_MS 20000
 
-/* Waits for the host, then sends the registrations; 0 or the first failure. */
+/* Starts serving this process's handlers on a thread of the RPC, waits for the host,
+ * then sends the registrations; 0 or the first failure. Handlers run one at a time. */
 typedef struct OwnerRegistration { const char *op; const char *path; int index; const char *cb; } OwnerRegistration;
 int ownerRegisterAll(const OwnerRegistration *regs, int n, int waitMs);
 /* The factory-reset callback: resets this process's modules to their defaults and
@@ -60,7 +61,8 @@ int ownerRegisterAll(const OwnerRegistration *regs, int n, int waitMs);
 int ownerResetHandler(QxRpcPara *set, void *user);
 /* Asks the host to notify the section's listeners once the current call is answered. */
 void ownerNotifyLater(const char *path);
-/* Serves this process's handlers until SIGTERM/SIGINT; unregisters at the end. */
+/* Until SIGTERM/SIGINT: sends the notifications handlers asked for and registers
+ * again with a host that restarted. Unregisters at the end. */
 int ownerServe(const char *name);
 
 #endif

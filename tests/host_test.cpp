@@ -1,0 +1,420 @@
+// The host daemon across real processes: kepd with the example owners dhcpd and
+// sysd, driven by kepctl and by this process, which also plays the hostile local
+// process of the same user.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kep_host.h"
+#include "kep_pf_rpc.h"
+#include "kep_tree.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+long msSince(Clock::time_point t) {
+    return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count());
+}
+
+std::string readText(const std::string &path) {
+    std::ifstream in(path);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+void writeText(const std::string &path, const std::string &text) { std::ofstream(path) << text; }
+
+// Starts argv with its output in log; the child dies with this process.
+pid_t spawn(const std::vector<std::string> &argv, const std::string &log) {
+    pid_t parent = getpid();
+    pid_t pid = fork();
+    if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != parent) _exit(127);
+        int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+        if (fd >= 0) {
+            dup2(fd, 1);
+            dup2(fd, 2);
+        }
+        std::vector<char *> args;
+        for (const std::string &a : argv) args.push_back(const_cast<char *>(a.c_str()));
+        args.push_back(nullptr);
+        execv(args[0], args.data());
+        _exit(127);
+    }
+    return pid;
+}
+
+// Waits for pid to end; its exit status, or -1 when it did not end in time (then
+// it is killed).
+int reap(pid_t pid, int timeoutMs = 10000) {
+    auto until = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    int status = 0;
+    for (;;) {
+        pid_t r = waitpid(pid, &status, WNOHANG);
+        if (r == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        if (r < 0 || Clock::now() >= until) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    kill(pid, SIGKILL);
+    waitpid(pid, &status, 0);
+    return -1;
+}
+
+// Stops pid and waits until every thread of it has stopped: a signal only asks.
+bool stopProcess(pid_t pid) {
+    if (kill(pid, SIGSTOP) != 0) return false;
+    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+    for (int i = 0; i < 2000; i++) {
+        bool all = true;
+        for (const auto &t : std::filesystem::directory_iterator(tasks)) {
+            const std::string stat = readText(t.path().string() + "/stat");
+            const size_t paren = stat.rfind(')');
+            all = all && paren != std::string::npos && stat.size() > paren + 2 && stat[paren + 2] == 'T';
+        }
+        if (all) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return false;
+}
+
+struct Ran {
+    int status;
+    std::string output;  // standard output and error together
+};
+
+class Host : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char tmpl[] = "/tmp/kh.XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+        // This process is a client too: it uses the same runtime folder.
+        setenv("KEP_RUNTIME_DIR", (dir_ + "/run").c_str(), 1);
+        setenv("KEP_IMI_TIMEOUT_MS", "1000", 1);  // for the processes started below
+        qxImiSetTimeout(3000);
+        for (const char *m : {"dhcpd/dhcp", "sysd/system"}) {
+            std::string text = readText(std::string(KEP_SOURCE_DIR) + "/examples/" + m + ".xml.in");
+            for (size_t at; (at = text.find("@CONFDIR@")) != std::string::npos;) text.replace(at, 9, dir_);
+            writeText(dir_ + "/" + std::filesystem::path(m).filename().string() + ".xml", text);
+        }
+        startOwners();
+        startHost();
+        ASSERT_TRUE(waitServed());
+    }
+
+    void TearDown() override {
+        for (pid_t *p : {&kepd_, &dhcpd_, &sysd_}) {
+            if (*p > 0) {
+                kill(*p, SIGCONT);
+                kill(*p, SIGTERM);
+                reap(*p, 3000);
+            }
+            *p = -1;
+        }
+        qxImiSetTimeout(0);
+        if (HasFailure()) {
+            for (const char *log : {"kepd.log", "dhcpd.log", "sysd.log"})
+                printf("---- %s\n%s", log, readText(dir_ + "/" + log).c_str());
+        }
+        std::filesystem::remove_all(dir_);
+    }
+
+    void startOwners() {
+        dhcpd_ = spawn({DHCPD_PATH, dir_ + "/dhcp.xml"}, dir_ + "/dhcpd.log");
+        sysd_ = spawn({SYSD_PATH, dir_ + "/system.xml"}, dir_ + "/sysd.log");
+    }
+
+    void startHost(std::vector<std::string> extra = {}) {
+        std::vector<std::string> argv = {KEPD_PATH, "-m", dir_ + "/dhcp.xml", "-m", dir_ + "/system.xml"};
+        argv.insert(argv.end(), extra.begin(), extra.end());
+        kepd_ = spawn(argv, dir_ + "/kepd.log");
+    }
+
+    // Both owners have registered everything (their last registrations are in the
+    // tree) and answer through the host.
+    bool waitServed(int ms = 10000) {
+        auto until = Clock::now() + std::chrono::milliseconds(ms);
+        while (Clock::now() < until) {
+            char *dump = nullptr;
+            const bool registered = kepHostFetch("kepd.dump", &dump) == 0 && strstr(dump, "dhcp.restart") &&
+                                    strstr(dump, "sys.dhcpChanged");
+            free(dump);
+            if (registered && request(R"({"method":"get","dhcp":{"table":"host"},"system":{"name":"ntp"}})").find(
+                                  "\"error_code\":0") != std::string::npos)
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return false;
+    }
+
+    // The response text, or "rpc <code>" when the host could not be asked.
+    std::string request(const std::string &text) {
+        char *out = nullptr;
+        int rc = kepHostRequest(text.c_str(), &out);
+        std::string s = rc == 0 && out ? out : "rpc " + std::to_string(rc);
+        free(out);
+        return s;
+    }
+
+    Ran kepctl(const std::vector<std::string> &args) {
+        std::vector<std::string> argv = {KEPCTL_PATH, "-c"};
+        argv.insert(argv.end(), args.begin(), args.end());
+        const std::string log = dir_ + "/kepctl." + std::to_string(counter_++);
+        int status = reap(spawn(argv, log), 20000);
+        return {status, readText(log)};
+    }
+
+    std::string socketOf(pid_t pid) const { return dir_ + "/run/imi-" + std::to_string(pid) + ".sock"; }
+
+    std::string dir_;
+    pid_t kepd_ = -1, dhcpd_ = -1, sysd_ = -1;
+    std::atomic<int> counter_{0};
+};
+
+int rawConnect(const std::string &path) {
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+    if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// A stopped owner and clients that stall half-way cost only their own callers: the
+// healthy owner's reads are answered at once meanwhile.
+TEST_F(Host, AStoppedOwnerOrAStalledClientDelaysNobodyElse) {
+    ASSERT_TRUE(stopProcess(dhcpd_));
+    std::vector<std::thread> waiting;
+    std::atomic<int> timedOut{0};
+    for (int i = 0; i < 4; i++) {
+        waiting.emplace_back([&] {
+            if (request(R"({"method":"get","dhcp":{"table":"host"}})").find("\"error_code\":0") == std::string::npos) timedOut++;
+        });
+    }
+    std::vector<int> stalled;
+    for (int i = 0; i < 4; i++) {
+        int fd = rawConnect(socketOf(kepd_));
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(send(fd, "K", 1, MSG_NOSIGNAL), 1);
+        stalled.push_back(fd);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    long slowest = 0;
+    for (int i = 0; i < 20; i++) {
+        auto t = Clock::now();
+        EXPECT_NE(request(R"({"method":"get","system":{"name":"ntp"}})").find("\"error_code\":0"), std::string::npos);
+        slowest = std::max(slowest, msSince(t));
+    }
+    EXPECT_LT(slowest, 300) << "a read of the healthy owner waited";
+    for (std::thread &t : waiting) t.join();
+    EXPECT_EQ(timedOut, 4);
+    for (int fd : stalled) close(fd);
+    kill(dhcpd_, SIGCONT);
+}
+
+// A process of the same user can neither take a live owner's slot nor make the host
+// drop another's registrations; it registers only as itself, within its bound.
+TEST_F(Host, NoProcessTakesOverAnotherOwnersRegistrations) {
+    EXPECT_EQ(kepHostRegister("unregister", nullptr, 0, nullptr), 0);  // drops only this process's own
+    EXPECT_EQ(kepHostRegister("method", "/dhcp/host", KEP_METHOD_GET, "evil"), KEP_HOST_ERR_TAKEN);
+    EXPECT_EQ(kepHostRegister("action", "/dhcp/restart", 0, "evil"), KEP_HOST_ERR_TAKEN);
+    EXPECT_EQ(kepHostRegister("method", "/dhcp/pool/lan", KEP_METHOD_SET, "evil"), KEP_HOST_ERR_TAKEN);
+    // A "pid" member claiming to be the owner changes nothing.
+    QxRpcPara set;
+    qxrpcParaInit(&set);
+    qxrpcAddStringPtr(&set, "op", "unregister");
+    qxrpcAddInt(&set, "pid", static_cast<int>(dhcpd_));
+    ASSERT_EQ(qxImiExecute(static_cast<int>(kepd_), "kepd.register", 0, 0, &set), 0);
+    qxrpcParaFree(&set);
+    const std::string rows = request(R"({"method":"get","dhcp":{"table":"host"}})");
+    EXPECT_NE(rows.find("\"hostname\":\"nas\""), std::string::npos) << rows;
+    const std::string log = readText(dir_ + "/kepd.log");
+    EXPECT_NE(log.find("refused register method /dhcp/host from pid " + std::to_string(getpid())), std::string::npos)
+        << log;
+
+    // Free slots are there for the taking, up to the bound of one owner.
+    int registered = 0, rc = 0;
+    while ((rc = kepHostRegister("notify", "/system/time/ntp", 0, "listener")) == 0 && registered < 1000) registered++;
+    EXPECT_EQ(rc, KEP_HOST_ERR_LIMIT);
+    EXPECT_EQ(registered, 256);
+    EXPECT_EQ(kepHostRegister("unregister", nullptr, 0, nullptr), 0);
+    EXPECT_EQ(kepHostRegister("notify", "/system/time/ntp", 0, "listener"), 0);
+
+    // Once the owner is gone its slots are free.
+    kill(dhcpd_, SIGKILL);
+    reap(dhcpd_);
+    dhcpd_ = -1;
+    auto until = Clock::now() + std::chrono::seconds(5);
+    while ((rc = kepHostRegister("method", "/dhcp/host", KEP_METHOD_GET, "mine")) == KEP_HOST_ERR_TAKEN &&
+           Clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(rc, 0);
+}
+
+// One host per runtime folder; its runtime files are never reached through a link.
+TEST_F(Host, RuntimeFilesCannotBeTurnedAgainstTheHost) {
+    const std::string log = dir_ + "/kepd2.log";
+    EXPECT_EQ(reap(spawn({KEPD_PATH, "-m", dir_ + "/dhcp.xml"}, log)), 1);
+    EXPECT_NE(readText(log).find("another kepd (pid " + std::to_string(kepd_) + ") holds"), std::string::npos)
+        << readText(log);
+    EXPECT_EQ(kepHostPid(), kepd_);
+
+    // A link planted where a pid file is to be written: refused, its target untouched.
+    const std::string target = dir_ + "/precious", planted = dir_ + "/planted.pid";
+    writeText(target, "keep me");
+    ASSERT_EQ(symlink(target.c_str(), planted.c_str()), 0);
+    EXPECT_EQ(reap(spawn({KEPD_PATH, "-r", dir_ + "/other", "-p", planted}, log)), 1);
+    EXPECT_EQ(readText(target), "keep me");
+    EXPECT_NE(readText(log).find("symbolic link"), std::string::npos);
+
+    // A runtime folder that is a link, or open to others, is refused and named.
+    ASSERT_EQ(symlink((dir_ + "/run").c_str(), (dir_ + "/linked").c_str()), 0);
+    ASSERT_EQ(mkdir((dir_ + "/open").c_str(), 0777), 0);
+    ASSERT_EQ(chmod((dir_ + "/open").c_str(), 0777), 0);
+    for (const char *name : {"/linked", "/open"}) {
+        writeText(log, "");
+        EXPECT_EQ(reap(spawn({KEPD_PATH, "-r", dir_ + name}, log)), 1) << name;
+        EXPECT_NE(readText(log).find("runtime folder " + dir_ + name), std::string::npos) << readText(log);
+        EXPECT_NE(readText(log).find("KEP_RUNTIME_DIR"), std::string::npos);
+    }
+}
+
+// The owners notice a new host by themselves and register with it.
+TEST_F(Host, OwnersComeBackAfterTheHostRestarts) {
+    const pid_t old = kepd_;
+    kill(kepd_, SIGKILL);
+    reap(kepd_);
+    auto restarted = Clock::now();
+    startHost();
+    ASSERT_TRUE(waitServed(5000));
+    EXPECT_LT(msSince(restarted), 1500);
+    // The dead host's socket file was removed by whoever met it.
+    EXPECT_FALSE(std::filesystem::exists(socketOf(old)));
+    int sockets = 0;
+    for (const auto &e : std::filesystem::directory_iterator(dir_ + "/run"))
+        sockets += e.path().extension() == ".sock";
+    EXPECT_EQ(sockets, 3) << "kepd, dhcpd and sysd";
+}
+
+// Clients that gave up on a stopped owner were told their write failed or that its
+// outcome is unknown; none of those writes may land once the owner resumes.
+TEST_F(Host, WritesWhoseClientsGaveUpAreNeverApplied) {
+    ASSERT_TRUE(stopProcess(dhcpd_));
+    std::vector<pid_t> clients;
+    for (int i = 0; i < 100; i++) {
+        const std::string para = "{\"hostname\":\"late" + std::to_string(i) + "\"}";
+        clients.push_back(spawn({KEPCTL_PATH, "-w", "0.4", "set", "dhcp", "host_1", para}, dir_ + "/late.log"));
+    }
+    int unknown = 0, failed = 0;
+    std::string others;
+    for (pid_t p : clients) {
+        int status = reap(p, 20000);
+        unknown += status == 4;
+        failed += status == 1;
+        if (status != 1 && status != 4) others += " " + std::to_string(status);
+    }
+    EXPECT_EQ(unknown + failed, 100) << "other exit statuses:" << others << "\n" << readText(dir_ + "/late.log");
+    ASSERT_EQ(kill(dhcpd_, SIGCONT), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    const std::string rows = request(R"({"method":"get","dhcp":{"table":"host"}})");
+    EXPECT_EQ(rows.find("late"), std::string::npos) << rows;
+    EXPECT_EQ(readText(dir_ + "/dhcp.json").find("late"), std::string::npos);
+}
+
+// Twenty writers at once on one module: every add that was answered 0 is in the file.
+TEST_F(Host, ParallelWritersOnOneModuleAllLand) {
+    std::vector<std::thread> writers;
+    std::vector<int> ok(20);
+    for (int i = 0; i < 20; i++) {
+        writers.emplace_back([&, i] {
+            char req[256];
+            snprintf(req, sizeof req,
+                     R"({"method":"add","dhcp":{"table":"host","para":{"mac":"02:00:00:00:10:%02x","ip":"10.0.0.%d","hostname":"w%d"}}})",
+                     i, i + 10, i);
+            ok[i] = request(req).find("\"error_code\":0") != std::string::npos;
+        });
+    }
+    for (std::thread &t : writers) t.join();
+    const std::string file = readText(dir_ + "/dhcp.json");
+    for (int i = 0; i < 20; i++) {
+        EXPECT_TRUE(ok[i]) << "writer " << i;
+        char mac[32];
+        snprintf(mac, sizeof mac, "02:00:00:00:10:%02x", i);
+        if (ok[i]) {
+            EXPECT_NE(file.find(mac), std::string::npos) << "writer " << i;
+        }
+    }
+}
+
+// Requests keep flowing while registrations come and go: an owner restarts twice,
+// and this process registers and unregisters listeners all along.
+TEST_F(Host, RegistrationsAndRestartsWhileRequestsRun) {
+    std::atomic<bool> done{false};
+    std::atomic<int> answered{0}, malformed{0};
+    std::vector<std::thread> clients;
+    for (int i = 0; i < 4; i++) {
+        clients.emplace_back([&] {
+            while (!done) {
+                const std::string rsp =
+                    request(R"({"method":"get","system":{"name":["ntp","zone"]},"dhcp":{"table":"host"}})");
+                answered++;
+                if (rsp.find("\"error_code\"") == std::string::npos) malformed++;
+            }
+        });
+    }
+    std::thread churn([&] {
+        while (!done) {
+            kepHostRegister("notify", "/dhcp/pool/lan", 0, "listener");
+            kepHostRegister("verify", "/system/time/zone", 0, "checker");
+            kepHostRegister("unregister", nullptr, 0, nullptr);
+        }
+    });
+    for (int restart = 0; restart < 2; restart++) {
+        kill(sysd_, SIGKILL);
+        reap(sysd_);
+        sysd_ = spawn({SYSD_PATH, dir_ + "/system.xml"}, dir_ + "/sysd.log");
+        EXPECT_TRUE(waitServed(5000)) << "restart " << restart;
+    }
+    done = true;
+    for (std::thread &t : clients) t.join();
+    churn.join();
+    EXPECT_GT(answered, 0);
+    EXPECT_EQ(malformed, 0);
+    EXPECT_TRUE(waitServed(2000));
+    EXPECT_EQ(kill(kepd_, 0), 0) << "the host survived";
+}
+
+TEST_F(Host, KepctlAddNamesTheSection) {
+    Ran add = kepctl({"add", "dhcp", "host", R"({"mac":"02:00:00:00:00:77","ip":"192.168.1.77"})", "--name", "host_77"});
+    EXPECT_EQ(add.status, 0) << add.output;
+    EXPECT_NE(add.output.find("host_77"), std::string::npos) << add.output;
+    Ran get = kepctl({"get", "dhcp", "--name", "host_77"});
+    EXPECT_EQ(get.status, 0) << get.output;
+    EXPECT_NE(get.output.find("192.168.1.77"), std::string::npos);
+}
+
+}  // namespace
