@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "kep_direct.h"
 #include "kep_host.h"
 #include "kep_pf_rpc.h"
 #include "kep_tree.h"
@@ -370,19 +371,23 @@ TEST_F(Host, ParallelWritersOnOneModuleAllLand) {
     }
 }
 
-// Requests keep flowing while registrations come and go: an owner restarts twice,
-// and this process registers and unregisters listeners all along.
+// Requests keep flowing, through the host and the direct route, while registrations
+// come and go: an owner restarts twice, and this process registers and unregisters
+// listeners all along (so the direct route keeps taking new copies).
 TEST_F(Host, RegistrationsAndRestartsWhileRequestsRun) {
+    ASSERT_EQ(kepDirectOpen(), 0);
     std::atomic<bool> done{false};
     std::atomic<int> answered{0}, malformed{0};
     std::vector<std::thread> clients;
     for (int i = 0; i < 4; i++) {
-        clients.emplace_back([&] {
+        clients.emplace_back([&, i] {
+            const char *req = R"({"method":"get","system":{"name":["ntp","zone"]},"dhcp":{"table":"host"}})";
             while (!done) {
-                const std::string rsp =
-                    request(R"({"method":"get","system":{"name":["ntp","zone"]},"dhcp":{"table":"host"}})");
+                char *out = nullptr;
+                int rc = i % 2 ? kepDirectRequest(req, &out) : kepHostRequest(req, &out);
                 answered++;
-                if (rsp.find("\"error_code\"") == std::string::npos) malformed++;
+                if (rc != 0 || !out || !strstr(out, "\"error_code\"")) malformed++;
+                free(out);
             }
         });
     }
@@ -406,6 +411,81 @@ TEST_F(Host, RegistrationsAndRestartsWhileRequestsRun) {
     EXPECT_EQ(malformed, 0);
     EXPECT_TRUE(waitServed(2000));
     EXPECT_EQ(kill(kepd_, 0), 0) << "the host survived";
+    EXPECT_GT(kepDirectRefreshes(), 2u);
+    kepDirectClose();
+}
+
+// ---- the direct route ----
+
+// The direct route answers every request as the host does, errors included, and
+// calls the same callbacks (sysd hears of the pool's change either way).
+TEST_F(Host, TheDirectRouteAnswersAsTheHostDoes) {
+    ASSERT_EQ(kepDirectOpen(), 0);
+    auto direct = [](const std::string &text) {
+        char *out = nullptr;
+        int rc = kepDirectRequest(text.c_str(), &out);
+        std::string s = rc == 0 && out ? out : "rpc " + std::to_string(rc);
+        free(out);
+        return s;
+    };
+    const std::vector<std::string> requests = {
+        R"({"method":"get","dhcp":{"table":"host"}})",
+        R"({"method":"get","dhcp":{"name":"lan"},"system":{"name":["ntp","zone"]}})",
+        R"({"method":"get","dhcp":{"name":"host_1"}})",
+        R"({"method":"get","dhcp":{"table":"nosuch"}})",
+        R"({"method":"get","nosuch":{"table":"host"}})",
+        R"({"dhcp":{"table":"host"}})",
+        R"({"method":"teleport","dhcp":{}})",
+        R"(not json)",
+        R"({"method":"set","dhcp":{"lan":{"leaseMinutes":720}}})",
+        R"({"method":"set","dhcp":{"lan":{"leaseMinutes":"many"}}})",
+        R"({"method":"set","system":{"zone":{"name":"Europe/Berlin","dst":true}}})",
+        R"({"method":"do","dhcp":{"restart":{"delay":0}}})",
+        R"({"method":"do","dhcp":{"reboot":{}}})",
+        R"({"method":"delete","dhcp":{"name":"host_99"}})",
+        R"({"method":"add","dhcp":{"table":"client","para":{}}})",
+    };
+    for (const std::string &r : requests) EXPECT_EQ(direct(r), request(r)) << r;
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    const std::string sysdOut = readText(dir_ + "/sysd.log");
+    size_t notified = 0;
+    for (size_t at = 0; (at = sysdOut.find("notified", at)) != std::string::npos; at++) notified++;
+    EXPECT_EQ(notified, 2u) << "one notification per route:\n" << sysdOut;
+    const unsigned refreshes = kepDirectRefreshes();
+    EXPECT_EQ(refreshes, 1u) << "nothing changed: the first copy served all";
+
+    // A new registration reaches the copy before the next request.
+    ASSERT_EQ(kepHostRegister("notify", "/dhcp/pool/lan", 0, "listener"), 0);
+    EXPECT_EQ(direct(requests[0]), request(requests[0]));
+    EXPECT_EQ(kepDirectRefreshes(), refreshes + 1);
+    EXPECT_EQ(kepHostRegister("unregister", nullptr, 0, nullptr), 0);
+
+    // An owner that restarts under a new pid: the copy follows it.
+    kill(dhcpd_, SIGKILL);
+    reap(dhcpd_);
+    dhcpd_ = spawn({DHCPD_PATH, dir_ + "/dhcp.xml"}, dir_ + "/dhcpd.log");
+    ASSERT_TRUE(waitServed());
+    for (const std::string &r : {requests[0], requests[1], requests[11]}) {
+        const std::string d = direct(r);
+        EXPECT_EQ(d, request(r)) << r;
+        EXPECT_NE(d.find("\"error_code\":0"), std::string::npos) << d;
+    }
+
+    // An owner that dies: both routes answer alike, before and after the host drops it.
+    kill(dhcpd_, SIGKILL);
+    reap(dhcpd_);
+    dhcpd_ = -1;
+    EXPECT_EQ(direct(requests[0]), request(requests[0]));
+    auto until = Clock::now() + std::chrono::seconds(5);
+    for (;;) {
+        char *dump = nullptr;
+        bool dropped = kepHostFetch("kepd.dump", &dump) == 0 && !strstr(dump, "dhcp.get");
+        free(dump);
+        if (dropped || Clock::now() > until) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    for (const std::string &r : {requests[0], requests[8], requests[11]}) EXPECT_EQ(direct(r), request(r)) << r;
+    kepDirectClose();
 }
 
 TEST_F(Host, KepctlAddNamesTheSection) {

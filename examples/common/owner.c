@@ -146,7 +146,11 @@ static int sendRegistrations(void) {
     return 0;
 }
 
+static int gWake[2] = {-1, -1};
+
 int ownerRegisterAll(const OwnerRegistration *regs, int n, int waitMs) {
+    /* The main thread's wake-up exists before any handler can ask for it. */
+    if (gWake[0] < 0 && pipe2(gWake, O_CLOEXEC | O_NONBLOCK) != 0) return -1;
     /* Serving first, on a thread of its own: the host may call as soon as the first
      * registration lands, while the others are still being sent. */
     if (qxImiStartServer() != 0) {
@@ -189,8 +193,7 @@ int ownerResetHandler(QxRpcPara *set, void *user) {
     return ownerAnswer(set, rc, NULL);
 }
 
-/* The main thread waits on this pipe: a signal or a notification to send wakes it. */
-static int gWake[2] = {-1, -1};
+/* The main thread waits on gWake: a signal or a notification to send wakes it. */
 static volatile sig_atomic_t gStop;
 
 static void wake(void) {
@@ -238,7 +241,7 @@ static void flushNotifications(void) {
 int ownerServe(const char *name) {
     struct sigaction sa;
     char drain[64];
-    if (gWake[0] < 0 && pipe2(gWake, O_CLOEXEC | O_NONBLOCK) != 0) return -1;
+    if (gWake[0] < 0) return -1;  /* ownerRegisterAll first */
     memset(&sa, 0, sizeof sa);
     sa.sa_handler = onSignal;
     sigaction(SIGTERM, &sa, NULL);
