@@ -43,7 +43,9 @@ std::string readText(const std::string &path) {
     return ss.str();
 }
 
-void writeText(const std::string &path, const std::string &text) { std::ofstream(path) << text; }
+void writeText(const std::string &path, const std::string &text) {
+    std::ofstream(path) << text;
+}
 
 // Starts argv with its output in log; the child dies with this process.
 pid_t spawn(const std::vector<std::string> &argv, const std::string &log) {
@@ -161,8 +163,8 @@ protected:
             const bool registered = kepHostFetch("kepd.dump", &dump) == 0 && strstr(dump, "dhcp.restart") &&
                                     strstr(dump, "sys.dhcpChanged");
             free(dump);
-            if (registered && request(R"({"method":"get","dhcp":{"table":"host"},"system":{"name":"ntp"}})").find(
-                                  "\"error_code\":0") != std::string::npos)
+            if (registered && request(R"({"method":"get","dhcp":{"table":"host"},"system":{"name":"ntp"}})")
+                                      .find("\"error_code\":0") != std::string::npos)
                 return true;
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
@@ -213,7 +215,9 @@ TEST_F(Host, AStoppedOwnerOrAStalledClientDelaysNobodyElse) {
     std::atomic<int> timedOut{0};
     for (int i = 0; i < 4; i++) {
         waiting.emplace_back([&] {
-            if (request(R"({"method":"get","dhcp":{"table":"host"}})").find("\"error_code\":0") == std::string::npos) timedOut++;
+            if (request(R"({"method":"get","dhcp":{"table":"host"}})").find("\"error_code\":0") ==
+                std::string::npos)
+                timedOut++;
         });
     }
     std::vector<int> stalled;
@@ -227,7 +231,8 @@ TEST_F(Host, AStoppedOwnerOrAStalledClientDelaysNobodyElse) {
     long slowest = 0;
     for (int i = 0; i < 20; i++) {
         auto t = Clock::now();
-        EXPECT_NE(request(R"({"method":"get","system":{"name":"ntp"}})").find("\"error_code\":0"), std::string::npos);
+        EXPECT_NE(request(R"({"method":"get","system":{"name":"ntp"}})").find("\"error_code\":0"),
+                  std::string::npos);
         slowest = std::max(slowest, msSince(t));
     }
     EXPECT_LT(slowest, 300) << "a read of the healthy owner waited";
@@ -254,12 +259,14 @@ TEST_F(Host, NoProcessTakesOverAnotherOwnersRegistrations) {
     const std::string rows = request(R"({"method":"get","dhcp":{"table":"host"}})");
     EXPECT_NE(rows.find("\"hostname\":\"nas\""), std::string::npos) << rows;
     const std::string log = readText(dir_ + "/kepd.log");
-    EXPECT_NE(log.find("refused register method /dhcp/host from pid " + std::to_string(getpid())), std::string::npos)
+    EXPECT_NE(log.find("refused register method /dhcp/host from pid " + std::to_string(getpid())),
+              std::string::npos)
         << log;
 
     // Free slots are there for the taking, up to the bound of one owner.
     int registered = 0, rc = 0;
-    while ((rc = kepHostRegister("notify", "/system/time/ntp", 0, "listener")) == 0 && registered < 1000) registered++;
+    while ((rc = kepHostRegister("notify", "/system/time/ntp", 0, "listener")) == 0 && registered < 1000)
+        registered++;
     EXPECT_EQ(rc, KEP_HOST_ERR_LIMIT);
     EXPECT_EQ(registered, 256);
     EXPECT_EQ(kepHostRegister("unregister", nullptr, 0, nullptr), 0);
@@ -328,7 +335,8 @@ TEST_F(Host, WritesWhoseClientsGaveUpAreNeverApplied) {
     std::vector<pid_t> clients;
     for (int i = 0; i < 100; i++) {
         const std::string para = "{\"hostname\":\"late" + std::to_string(i) + "\"}";
-        clients.push_back(spawn({KEPCTL_PATH, "-w", "0.4", "set", "dhcp", "host_1", para}, dir_ + "/late.log"));
+        clients.push_back(
+            spawn({KEPCTL_PATH, "-w", "0.4", "set", "dhcp", "host_1", para}, dir_ + "/late.log"));
     }
     int unknown = 0, failed = 0;
     std::string others;
@@ -338,7 +346,8 @@ TEST_F(Host, WritesWhoseClientsGaveUpAreNeverApplied) {
         failed += status == 1;
         if (status != 1 && status != 4) others += " " + std::to_string(status);
     }
-    EXPECT_EQ(unknown + failed, 100) << "other exit statuses:" << others << "\n" << readText(dir_ + "/late.log");
+    EXPECT_EQ(unknown + failed, 100) << "other exit statuses:" << others << "\n"
+                                     << readText(dir_ + "/late.log");
     ASSERT_EQ(kill(dhcpd_, SIGCONT), 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     const std::string rows = request(R"({"method":"get","dhcp":{"table":"host"}})");
@@ -353,9 +362,10 @@ TEST_F(Host, ParallelWritersOnOneModuleAllLand) {
     for (int i = 0; i < 20; i++) {
         writers.emplace_back([&, i] {
             char req[256];
-            snprintf(req, sizeof req,
-                     R"({"method":"add","dhcp":{"table":"host","para":{"mac":"02:00:00:00:10:%02x","ip":"10.0.0.%d","hostname":"w%d"}}})",
-                     i, i + 10, i);
+            snprintf(
+                req, sizeof req,
+                R"({"method":"add","dhcp":{"table":"host","para":{"mac":"02:00:00:00:10:%02x","ip":"10.0.0.%d","hostname":"w%d"}}})",
+                i, i + 10, i);
             ok[i] = request(req).find("\"error_code\":0") != std::string::npos;
         });
     }
@@ -484,12 +494,14 @@ TEST_F(Host, TheDirectRouteAnswersAsTheHostDoes) {
         if (dropped || Clock::now() > until) break;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    for (const std::string &r : {requests[0], requests[8], requests[11]}) EXPECT_EQ(direct(r), request(r)) << r;
+    for (const std::string &r : {requests[0], requests[8], requests[11]})
+        EXPECT_EQ(direct(r), request(r)) << r;
     kepDirectClose();
 }
 
 TEST_F(Host, KepctlAddNamesTheSection) {
-    Ran add = kepctl({"add", "dhcp", "host", R"({"mac":"02:00:00:00:00:77","ip":"192.168.1.77"})", "--name", "host_77"});
+    Ran add = kepctl(
+        {"add", "dhcp", "host", R"({"mac":"02:00:00:00:00:77","ip":"192.168.1.77"})", "--name", "host_77"});
     EXPECT_EQ(add.status, 0) << add.output;
     EXPECT_NE(add.output.find("host_77"), std::string::npos) << add.output;
     Ran get = kepctl({"get", "dhcp", "--name", "host_77"});

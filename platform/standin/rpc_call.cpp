@@ -51,7 +51,9 @@ int64_t callDeadline(int64_t now) {
     return deadline > now ? deadline : 0;
 }
 
-void freeSet(QxRpcPara *set) { qxrpcParaFree(set); }
+void freeSet(QxRpcPara *set) {
+    qxrpcParaFree(set);
+}
 
 // Runs a handler of this process on a copy of the inputs; the caller's set receives
 // the outputs only on success. The caller is this process itself.
@@ -71,7 +73,8 @@ int callInProcess(const char *cb, QxRpcPara *set) {
     int inputs = work.count;
     const ServingContext *outer = currentServing();
     ServingContext ctx = {{selfPid(), static_cast<int>(geteuid()), static_cast<int>(getegid())},
-                          outer ? outer->deadline : 0, outer ? outer->received : nowMs()};
+                          outer ? outer->deadline : 0,
+                          outer ? outer->received : nowMs()};
     int rc = runHandler(h, &work, ctx);
     if (rc == 0) {
         freeSet(set);
@@ -105,7 +108,8 @@ int connectTo(int pid, int64_t deadline, int *out) {
     QxImiCaller peer{};
     if (!peerCredentials(fd, &peer) || peer.pid != pid) {
         if (debugFlagGet(kImiLogMid))
-            debugPrintf(kImiLogMid, "the socket of process %d is held by process %d: not used\n", pid, peer.pid);
+            debugPrintf(kImiLogMid, "the socket of process %d is held by process %d: not used\n", pid,
+                        peer.pid);
         close(fd);
         return QXRPC_ERR_NO_PEER;
     }
@@ -144,7 +148,9 @@ void closeKept(void *p) {
     free(p);
 }
 
-void makeKeptKey() { gKeptKeyMade = pthread_key_create(&gKeptKey, closeKept) == 0; }
+void makeKeptKey() {
+    gKeptKeyMade = pthread_key_create(&gKeptKey, closeKept) == 0;
+}
 
 // The calling thread's connections; null when they cannot be kept (no memory), and
 // then every call connects afresh.
@@ -266,7 +272,9 @@ void resetCallsInChild() {
 
 using namespace kep_pf;
 
-PF_API void qxImiSetTimeout(int ms) { __atomic_store_n(&gTimeoutMs, ms > 0 ? ms : 0, __ATOMIC_RELAXED); }
+PF_API void qxImiSetTimeout(int ms) {
+    __atomic_store_n(&gTimeoutMs, ms > 0 ? ms : 0, __ATOMIC_RELAXED);
+}
 
 PF_API int qxImiGetTimeout(void) {
     int ms = __atomic_load_n(&gTimeoutMs, __ATOMIC_RELAXED);
@@ -280,9 +288,12 @@ PF_API int qxImiExecute(int pid, const char *cb, int, int, QxRpcPara *set) {
     if (pid == selfPid()) return callInProcess(cb, set);
     int rc = callRemote(pid, cb, set);
     // A callee that is gone or silent is a field problem worth a trace of its own.
-    if ((rc == QXRPC_ERR_TIMEOUT || rc == QXRPC_ERR_NO_PEER || rc == QXRPC_ERR_IO) && debugFlagGet(kImiLogMid))
+    if ((rc == QXRPC_ERR_TIMEOUT || rc == QXRPC_ERR_NO_PEER || rc == QXRPC_ERR_IO) &&
+        debugFlagGet(kImiLogMid))
         debugPrintf(kImiLogMid, "qxImiExecute: pid %d callback %s: %s (%d)\n", pid, cb,
-                    rc == QXRPC_ERR_TIMEOUT ? "time-out" : rc == QXRPC_ERR_NO_PEER ? "no peer" : "connection broken",
+                    rc == QXRPC_ERR_TIMEOUT   ? "time-out"
+                    : rc == QXRPC_ERR_NO_PEER ? "no peer"
+                                              : "connection broken",
                     rc);
     return rc;
 }

@@ -91,14 +91,16 @@ int runtimeDir(char *dir, size_t size, bool create) {
         // socket; the sockets themselves say who may connect.
         const bool shared = !explicitPath && geteuid() == 0;
         if (mkdir(dir, shared ? 0755 : 0700) != 0 && errno != EEXIST) {
-            if (debugFlagGet(kImiLogMid)) debugPrintf(kImiLogMid, "runtime folder %s cannot be made: %s\n", dir, strerror(errno));
+            if (debugFlagGet(kImiLogMid))
+                debugPrintf(kImiLogMid, "runtime folder %s cannot be made: %s\n", dir, strerror(errno));
             return QXRPC_ERR_DIR;
         }
     }
     const char *why = nullptr;
     if (!safeDir(dir, &why)) {
         // A folder that is missing while nobody creates it just means nobody serves.
-        if (create && debugFlagGet(kImiLogMid)) debugPrintf(kImiLogMid, "runtime folder %s refused: %s\n", dir, why);
+        if (create && debugFlagGet(kImiLogMid))
+            debugPrintf(kImiLogMid, "runtime folder %s refused: %s\n", dir, why);
         return QXRPC_ERR_DIR;
     }
     return 0;

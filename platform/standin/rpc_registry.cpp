@@ -15,7 +15,9 @@ Handler gHandlers[kMaxHandlers];
 
 }  // namespace
 
-bool validCb(const char *cb) { return cb && *cb && strnlen(cb, kMaxCbName + 1) <= kMaxCbName; }
+bool validCb(const char *cb) {
+    return cb && *cb && strnlen(cb, kMaxCbName + 1) <= kMaxCbName;
+}
 
 bool findHandler(const char *cb, Handler *out) {
     bool found = false;
@@ -32,7 +34,9 @@ bool findHandler(const char *cb, Handler *out) {
 }
 
 // A forked child's copy of the lock may be held by a thread the child does not have.
-void resetRegistryInChild() { gRegLock = PTHREAD_MUTEX_INITIALIZER; }
+void resetRegistryInChild() {
+    gRegLock = PTHREAD_MUTEX_INITIALIZER;
+}
 
 }  // namespace kep_pf
 
@@ -76,16 +80,27 @@ PF_API int qxImiUnregister(const char *cb) {
 
 PF_API const char *qxImiStrError(int code) {
     switch (code) {
-        case QXRPC_ERR_ARG: return "bad argument";
-        case QXRPC_ERR_NOMEM: return "out of memory";
-        case QXRPC_ERR_FULL: return "too many members";
-        case QXRPC_ERR_ABSENT: return "no such member";
-        case QXRPC_ERR_NO_PEER: return "the process is not running";
-        case QXRPC_ERR_TIMEOUT: return "no answer in time";
-        case QXRPC_ERR_IO: return "the connection broke";
-        case QXRPC_ERR_NO_HANDLER: return "no such callback";
-        case QXRPC_ERR_DIR: return "the runtime folder cannot be made or is not safe to use";
-        case QXRPC_ERR_DENIED: return "refused by the callee";
-        default: return nullptr;
+        case QXRPC_ERR_ARG:
+            return "bad argument";
+        case QXRPC_ERR_NOMEM:
+            return "out of memory";
+        case QXRPC_ERR_FULL:
+            return "too many members";
+        case QXRPC_ERR_ABSENT:
+            return "no such member";
+        case QXRPC_ERR_NO_PEER:
+            return "the process is not running";
+        case QXRPC_ERR_TIMEOUT:
+            return "no answer in time";
+        case QXRPC_ERR_IO:
+            return "the connection broke";
+        case QXRPC_ERR_NO_HANDLER:
+            return "no such callback";
+        case QXRPC_ERR_DIR:
+            return "the runtime folder cannot be made or is not safe to use";
+        case QXRPC_ERR_DENIED:
+            return "refused by the callee";
+        default:
+            return nullptr;
     }
 }

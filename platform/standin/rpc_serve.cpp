@@ -40,12 +40,12 @@
 namespace kep_pf {
 namespace {
 
-constexpr int kMaxConns = 256;                // callers' open connections
-constexpr size_t kMaxBuffered = 64u << 20;    // requests being received, all connections together
-constexpr size_t kKeepBuffer = 64 * 1024;     // an idle connection keeps a buffer up to this size
-constexpr int kSweepMs = 100;                 // how often half-received requests are checked
-constexpr int kRetireMs = 5000;               // an extra serving thread idle this long ends
-constexpr size_t kThreadStack = 512 * 1024;   // handlers run the library: no deep recursion
+constexpr int kMaxConns = 256;               // callers' open connections
+constexpr size_t kMaxBuffered = 64u << 20;   // requests being received, all connections together
+constexpr size_t kKeepBuffer = 64 * 1024;    // an idle connection keeps a buffer up to this size
+constexpr int kSweepMs = 100;                // how often half-received requests are checked
+constexpr int kRetireMs = 5000;              // an extra serving thread idle this long ends
+constexpr size_t kThreadStack = 512 * 1024;  // handlers run the library: no deep recursion
 constexpr uint64_t kTagListen = ~uint64_t{0};
 constexpr uint64_t kTagWake = ~uint64_t{0} - 1;
 
@@ -53,9 +53,15 @@ constexpr uint64_t kTagWake = ~uint64_t{0} - 1;
 // place is given up, so an event that arrives for an earlier connection is ignored.
 enum : uint32_t { kFree = 0, kIdle = 1, kBusy = 2, kBusyAgain = 3 };
 
-uint64_t word(uint32_t gen, uint32_t state) { return uint64_t{gen} << 32 | state; }
-uint32_t genOf(uint64_t w) { return static_cast<uint32_t>(w >> 32); }
-uint32_t stateOf(uint64_t w) { return static_cast<uint32_t>(w); }
+uint64_t word(uint32_t gen, uint32_t state) {
+    return uint64_t{gen} << 32 | state;
+}
+uint32_t genOf(uint64_t w) {
+    return static_cast<uint32_t>(w >> 32);
+}
+uint32_t stateOf(uint64_t w) {
+    return static_cast<uint32_t>(w);
+}
 
 struct Conn {
     std::atomic<uint64_t> word{0};
@@ -97,7 +103,9 @@ __thread bool tServes;  // this thread is inside a serving loop
 
 int gSelfPid;
 
-void notePid() { __atomic_store_n(&gSelfPid, static_cast<int>(getpid()), __ATOMIC_RELAXED); }
+void notePid() {
+    __atomic_store_n(&gSelfPid, static_cast<int>(getpid()), __ATOMIC_RELAXED);
+}
 
 // ---- connections ----
 
@@ -199,7 +207,8 @@ int readIn(Conn &c, bool *eof) {
             c.inCap = cap;
         }
         const size_t room = c.inCap - c.inLen;
-        ssize_t n = recv(c.fd, c.in + c.inLen, need ? (need - c.inLen < room ? need - c.inLen : room) : room, 0);
+        ssize_t n =
+            recv(c.fd, c.in + c.inLen, need ? (need - c.inLen < room ? need - c.inLen : room) : room, 0);
         if (n > 0) {
             c.inLen += static_cast<size_t>(n);
         } else if (n == 0) {
@@ -402,8 +411,8 @@ bool acceptAll() {
         QxImiCaller peer{};
         if (!peerCredentials(fd, &peer) || !admitted(peer)) {
             if (debugFlagGet(kImiLogMid))
-                debugPrintf(kImiLogMid, "refused a connection of process %d (uid %d, gid %d)\n", peer.pid, peer.uid,
-                            peer.gid);
+                debugPrintf(kImiLogMid, "refused a connection of process %d (uid %d, gid %d)\n", peer.pid,
+                            peer.uid, peer.gid);
             close(fd);
             handled = true;
             continue;
@@ -444,7 +453,8 @@ enum { kServed = 1, kNothing = 0, kStop = 2, kIdleOut = 3, kFailed = -1 };
 // Waits up to timeoutMs (-1: no limit) for one readiness and handles it. A
 // background thread counts as waiting for work only until it has one.
 int serveWait(int timeoutMs, bool background) {
-    if (gTimed.load(std::memory_order_relaxed) && (timeoutMs < 0 || timeoutMs > kSweepMs)) timeoutMs = kSweepMs;
+    if (gTimed.load(std::memory_order_relaxed) && (timeoutMs < 0 || timeoutMs > kSweepMs))
+        timeoutMs = kSweepMs;
     epoll_event ev{};
     if (background) gIdle.fetch_add(1, std::memory_order_relaxed);
     int n = epoll_wait(gEpfd, &ev, 1, timeoutMs);
@@ -465,7 +475,8 @@ int serveWait(int timeoutMs, bool background) {
             if (c.word.compare_exchange_weak(w, word(gen, kBusy), std::memory_order_acquire)) break;
         } else if (stateOf(w) == kBusy) {
             // Its holder is arming it: tell it to look again.
-            if (c.word.compare_exchange_weak(w, word(gen, kBusyAgain), std::memory_order_relaxed)) return kNothing;
+            if (c.word.compare_exchange_weak(w, word(gen, kBusyAgain), std::memory_order_relaxed))
+                return kNothing;
         } else {
             return kNothing;
         }
@@ -647,7 +658,9 @@ __attribute__((constructor)) void installForkHandler() {
 
 }  // namespace
 
-const ServingContext *currentServing() { return tServing; }
+const ServingContext *currentServing() {
+    return tServing;
+}
 
 int runHandler(const Handler &h, QxRpcPara *set, const ServingContext &ctx) {
     const ServingContext *outer = tServing;
@@ -657,7 +670,9 @@ int runHandler(const Handler &h, QxRpcPara *set, const ServingContext &ctx) {
     return rc;
 }
 
-int selfPid() { return __atomic_load_n(&gSelfPid, __ATOMIC_RELAXED); }
+int selfPid() {
+    return __atomic_load_n(&gSelfPid, __ATOMIC_RELAXED);
+}
 
 }  // namespace kep_pf
 
@@ -726,7 +741,9 @@ PF_API int qxImiStartServerThreads(int maxThreads) {
     return rc;
 }
 
-PF_API int qxImiStartServer(void) { return qxImiStartServerThreads(1); }
+PF_API int qxImiStartServer(void) {
+    return qxImiStartServerThreads(1);
+}
 
 PF_API void qxImiStopServer(void) {
     pthread_mutex_lock(&gLock);

@@ -19,14 +19,14 @@
 #include "kep_host.h"
 #include "kep_pf_rpc.h"
 
-static pthread_rwlock_t gTreeLock;        /* requests read the copy, a refresh rewrites it */
+static pthread_rwlock_t gTreeLock; /* requests read the copy, a refresh rewrites it */
 static pthread_once_t gLockOnce = PTHREAD_ONCE_INIT;
 static pthread_mutex_t gRefreshLock = PTHREAD_MUTEX_INITIALIZER;
 static pthread_mutex_t gOpenLock = PTHREAD_MUTEX_INITIALIZER;
-static const KepHostState *gState;        /* the host's state file, mapped read-only */
+static const KepHostState *gState; /* the host's state file, mapped read-only */
 static int gOpen;
-static int gUsable;                       /* the copy mirrors the host's tree */
-static unsigned gGeneration, gHost;       /* what the copy was taken from */
+static int gUsable;                 /* the copy mirrors the host's tree */
+static unsigned gGeneration, gHost; /* what the copy was taken from */
 static unsigned gRefreshes;
 
 /* ---- the state file ---- */
@@ -40,7 +40,8 @@ static const KepHostState *mapState(void) {
     char copy[PATH_MAX], path[PATH_MAX];
     struct stat st;
     snprintf(copy, sizeof copy, "%s", kepHostPidFile());
-    if (snprintf(path, sizeof path, "%s/%s", dirname(copy), KEP_HOST_STATE_FILE) >= (int)sizeof path) return NULL;
+    if (snprintf(path, sizeof path, "%s/%s", dirname(copy), KEP_HOST_STATE_FILE) >= (int)sizeof path)
+        return NULL;
     int fd = open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) return NULL;
     if (gState && fstat(fd, &st) == 0 && st.st_dev == gStateDev && st.st_ino == gStateIno) {
@@ -63,8 +64,12 @@ static const KepHostState *mapState(void) {
     return map;
 }
 
-static unsigned stateGeneration(void) { return __atomic_load_n(&gState->generation, __ATOMIC_ACQUIRE); }
-static unsigned stateHost(void) { return __atomic_load_n(&gState->pid, __ATOMIC_ACQUIRE); }
+static unsigned stateGeneration(void) {
+    return __atomic_load_n(&gState->generation, __ATOMIC_ACQUIRE);
+}
+static unsigned stateHost(void) {
+    return __atomic_load_n(&gState->pid, __ATOMIC_ACQUIRE);
+}
 
 /* ---- rebuilding the copy ---- */
 
@@ -78,7 +83,9 @@ static const char *text(json_object *obj, const char *key) {
     return json_object_is_type(v, json_type_string) ? json_object_get_string(v) : NULL;
 }
 
-static int number(json_object *obj, const char *key) { return json_object_get_int(member(obj, key)); }
+static int number(json_object *obj, const char *key) {
+    return json_object_get_int(member(obj, key));
+}
 
 /* json-c asserts on the length of anything but an array: absent lists are empty. */
 static size_t lengthOf(json_object *array) {
@@ -89,7 +96,11 @@ static size_t lengthOf(json_object *array) {
 static void putEscaped(char *buf, size_t size, const char *s) {
     size_t n = strlen(buf);
     for (; *s && n + 7 < size; s++) {
-        const char *e = *s == '&' ? "&amp;" : *s == '<' ? "&lt;" : *s == '>' ? "&gt;" : *s == '"' ? "&quot;" : NULL;
+        const char *e = *s == '&'   ? "&amp;"
+                        : *s == '<' ? "&lt;"
+                        : *s == '>' ? "&gt;"
+                        : *s == '"' ? "&quot;"
+                                    : NULL;
         if (e) {
             memcpy(buf + n, e, strlen(e));
             n += strlen(e);
@@ -187,7 +198,8 @@ static int rebuildTable(DataModule *m, DataTable *t, json_object *st) {
     setOpr(&t->opr, member(st, "opr"));
     int rc = registerAll(path, st);
     size_t i = 0;
-    for (DataSection *s = (DataSection *)lstFirst(&t->sections); s; s = (DataSection *)lstNext(&s->link), i++) {
+    for (DataSection *s = (DataSection *)lstFirst(&t->sections); s;
+         s = (DataSection *)lstNext(&s->link), i++) {
         json_object *ss = json_object_array_get_idx(sections, i);
         char spath[200];
         setOpr(&s->opr, member(ss, "opr"));
@@ -286,11 +298,13 @@ static int repeatable(const char *request) {
     } else if (method && modules == 1 && json_object_is_type(target, json_type_object)) {
         json_object *name = member(target, "name");
         int keys = json_object_object_length(target);
-        if (strcmp(method, "add") == 0 || member(target, "table")) ok = 1;
+        if (strcmp(method, "add") == 0 || member(target, "table"))
+            ok = 1;
         else if (strcmp(method, "delete") == 0)
             ok = json_object_is_type(name, json_type_string) ||
                  (json_object_is_type(name, json_type_array) && lengthOf(name) == 1);
-        else ok = keys == 1;
+        else
+            ok = keys == 1;
     }
     json_object_put(req);
     return ok;

@@ -19,16 +19,16 @@
 #include "kepd.h"
 
 enum {
-    MAX_RULES = 256,          /* all files together */
-    MAX_FILE_BYTES = 65536,   /* one file */
+    MAX_RULES = 256,        /* all files together */
+    MAX_FILE_BYTES = 65536, /* one file */
     MAX_FILES = 128,
-    MAX_OWN = 64,             /* modules one rule may name */
-    NAME_MAX_LEN = 31         /* a module name, as the tree holds it */
+    MAX_OWN = 64,     /* modules one rule may name */
+    NAME_MAX_LEN = 31 /* a module name, as the tree holds it */
 };
 
 typedef struct Rule {
     int isGroup;
-    unsigned id;  /* uid or gid */
+    unsigned id; /* uid or gid */
     int send, reset, ownAll;
     int ownCount;
     char own[MAX_OWN][NAME_MAX_LEN + 1];
@@ -66,8 +66,10 @@ static size_t ruleOffset(const char *t, int k, int inArray) {
     for (size_t i = 0; t[i]; i++) {
         char c = t[i];
         if (inString) {
-            if (c == '\\' && t[i + 1]) i++;
-            else if (c == '"') inString = 0;
+            if (c == '\\' && t[i + 1])
+                i++;
+            else if (c == '"')
+                inString = 0;
             continue;
         }
         if (c == '"') {
@@ -127,11 +129,13 @@ static int idOf(const Source *src, json_object *v, int isGroup, unsigned *id) {
     char buf[4096];
     if (isGroup) {
         struct group g, *found = NULL;
-        if (getgrnam_r(name, &g, buf, sizeof buf, &found) != 0 || !found) return refuse(src, member, "no such group");
+        if (getgrnam_r(name, &g, buf, sizeof buf, &found) != 0 || !found)
+            return refuse(src, member, "no such group");
         *id = (unsigned)found->gr_gid;
     } else {
         struct passwd p, *found = NULL;
-        if (getpwnam_r(name, &p, buf, sizeof buf, &found) != 0 || !found) return refuse(src, member, "no such user");
+        if (getpwnam_r(name, &p, buf, sizeof buf, &found) != 0 || !found)
+            return refuse(src, member, "no such user");
         *id = (unsigned)found->pw_uid;
     }
     return 0;
@@ -151,15 +155,18 @@ static int readRule(const Source *src, json_object *obj, Rule *r) {
             *(key[0] == 's' ? &r->send : &r->reset) = json_object_get_boolean(v);
         } else if (strcmp(key, "own") == 0) {
             size_t n = json_object_is_type(v, json_type_array) ? json_object_array_length(v) : 0;
-            if (!json_object_is_type(v, json_type_array)) return refuse(src, key, "must be an array of module names");
+            if (!json_object_is_type(v, json_type_array))
+                return refuse(src, key, "must be an array of module names");
             if (n > MAX_OWN) return refuse(src, key, "names too many modules");
             for (size_t i = 0; i < n; i++) {
                 json_object *m = json_object_array_get_idx(v, i);
                 const char *name = json_object_get_string(m);
                 if (!json_object_is_type(m, json_type_string) || !*name || strlen(name) > NAME_MAX_LEN)
                     return refuse(src, key, "a module name is a text of 1 to 31 characters");
-                if (strcmp(name, "*") == 0) r->ownAll = 1;
-                else snprintf(r->own[r->ownCount++], sizeof r->own[0], "%s", name);
+                if (strcmp(name, "*") == 0)
+                    r->ownAll = 1;
+                else
+                    snprintf(r->own[r->ownCount++], sizeof r->own[0], "%s", name);
             }
         } else {
             char why[96];
@@ -203,7 +210,8 @@ static int readFile(const char *path) {
         json_tokener_set_flags(tok, JSON_TOKENER_STRICT);
         doc = json_tokener_parse_ex(tok, text, (int)got);
         size_t end = json_tokener_get_parse_end(tok);
-        if (!doc || json_tokener_get_error(tok) != json_tokener_success || text[end + strspn(text + end, " \t\r\n")]) {
+        if (!doc || json_tokener_get_error(tok) != json_tokener_success ||
+            text[end + strspn(text + end, " \t\r\n")]) {
             kepdLog("access rules: %s:%d: not valid JSON (%s)", path, lineAt(text, end),
                     doc ? "text after the value" : json_tokener_error_desc(json_tokener_get_error(tok)));
         } else {
@@ -216,7 +224,8 @@ static int readFile(const char *path) {
                     kepdLog("access rules: more than %d rules", MAX_RULES);
                     rc = -1;
                 } else {
-                    rc = readRule(&src, src.inArray ? json_object_array_get_idx(doc, i) : doc, &gRules[gRuleCount]);
+                    rc = readRule(&src, src.inArray ? json_object_array_get_idx(doc, i) : doc,
+                                  &gRules[gRuleCount]);
                     if (rc == 0) gRuleCount++;
                 }
             }
@@ -228,7 +237,9 @@ static int readFile(const char *path) {
     return rc;
 }
 
-static int byName(const void *a, const void *b) { return strcmp(*(char *const *)a, *(char *const *)b); }
+static int byName(const void *a, const void *b) {
+    return strcmp(*(char *const *)a, *(char *const *)b);
+}
 
 int accessLoad(const char *dir, int required) {
     struct stat st;
@@ -253,8 +264,10 @@ int accessLoad(const char *dir, int required) {
             rc = -1;
             break;
         }
-        if (!(names[count] = strdup(e->d_name))) rc = -1;
-        else count++;
+        if (!(names[count] = strdup(e->d_name)))
+            rc = -1;
+        else
+            count++;
     }
     closedir(d);
     qsort(names, (size_t)count, sizeof names[0], byName);
@@ -270,11 +283,15 @@ int accessLoad(const char *dir, int required) {
     return rc;
 }
 
-int accessActive(void) { return gRules != NULL; }
+int accessActive(void) {
+    return gRules != NULL;
+}
 
 /* ---- looking up ---- */
 
-static int isFull(const QxImiCaller *peer) { return peer->uid == 0 || (unsigned)peer->uid == geteuid(); }
+static int isFull(const QxImiCaller *peer) {
+    return peer->uid == 0 || (unsigned)peer->uid == geteuid();
+}
 
 /* Whether the process is in group gid: its own group, or one of its supplementary
  * groups as the kernel lists them now. */
@@ -307,7 +324,8 @@ int accessAdmits(const QxImiCaller *peer, void *user) {
     for (int i = 0; i < gRuleCount; i++) {
         if (matches(&gRules[i], peer)) return 1;
     }
-    kepdLog("refused a connection of pid %d (uid %d, gid %d): no access rule names it", peer->pid, peer->uid, peer->gid);
+    kepdLog("refused a connection of pid %d (uid %d, gid %d): no access rule names it", peer->pid, peer->uid,
+            peer->gid);
     return 0;
 }
 

@@ -60,8 +60,8 @@ static int onRegister(QxRpcPara *set, void *user) {
     qxrpcGetInt(set, "index", &index);
     int rc = registryApply(&c, op, path, index, cb);
     if (rc >= -1)
-        kepdLog("register %s %s index %d cb %s pid %d: %d", op ? op : "?", path ? path : "-", index, cb ? cb : "-",
-                c.pid, rc);
+        kepdLog("register %s %s index %d cb %s pid %d: %d", op ? op : "?", path ? path : "-", index,
+                cb ? cb : "-", c.pid, rc);
     return answer(set, rc, NULL);
 }
 
@@ -122,7 +122,9 @@ static void *notifierMain(void *arg) {
     return NULL;
 }
 
-int notifierStart(void) { return pthread_create(&gNotifier, NULL, notifierMain, NULL) == 0 ? 0 : -1; }
+int notifierStart(void) {
+    return pthread_create(&gNotifier, NULL, notifierMain, NULL) == 0 ? 0 : -1;
+}
 
 void notifierStop(void) {
     pthread_mutex_lock(&gNotifyLock);
@@ -134,7 +136,10 @@ void notifierStop(void) {
 
 /* ---- the tree dump ---- */
 
-typedef struct Text { char *data; size_t len, cap; } Text;
+typedef struct Text {
+    char *data;
+    size_t len, cap;
+} Text;
 
 static void collectLine(int mid, const char *line, void *user) {
     Text *t = (Text *)user;
@@ -222,7 +227,8 @@ static int onPing(QxRpcPara *set, void *user) {
 }
 
 int handlersRegister(void) {
-    return qxImiRegister("kepd.request", onRequest, NULL) || qxImiRegister("kepd.register", onRegister, NULL) ||
+    return qxImiRegister("kepd.request", onRequest, NULL) ||
+                   qxImiRegister("kepd.register", onRegister, NULL) ||
                    qxImiRegister("kepd.notify", onNotify, NULL) || qxImiRegister("kepd.dump", onDump, NULL) ||
                    qxImiRegister("kepd.tree", onTree, NULL) || qxImiRegister("kepd.reset", onReset, NULL) ||
                    qxImiRegister("kepd.ping", onPing, NULL)

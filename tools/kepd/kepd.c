@@ -103,10 +103,17 @@ int main(int argc, char **argv) {
 
     while ((opt = getopt(argc, argv, "m:p:r:a:t:n:h")) != -1) {
         switch (opt) {
-            case 'm': break;
-            case 'p': pidFile = optarg; break;
-            case 'r': setenv("KEP_RUNTIME_DIR", optarg, 1); break;
-            case 'a': accessDir = optarg; break;
+            case 'm':
+                break;
+            case 'p':
+                pidFile = optarg;
+                break;
+            case 'r':
+                setenv("KEP_RUNTIME_DIR", optarg, 1);
+                break;
+            case 'a':
+                accessDir = optarg;
+                break;
             case 't':
                 if (positive(optarg, &threads) != 0) {
                     usage(stderr);
@@ -119,8 +126,12 @@ int main(int argc, char **argv) {
                     return 2;
                 }
                 break;
-            case 'h': usage(stdout); return 0;
-            default: usage(stderr); return 2;
+            case 'h':
+                usage(stdout);
+                return 0;
+            default:
+                usage(stderr);
+                return 2;
         }
     }
     if (optind < argc) {
@@ -128,9 +139,10 @@ int main(int argc, char **argv) {
         return 2;
     }
     if (qxImiRuntimeDir(runDir, sizeof runDir) != 0) {
-        kepdLog("runtime folder %s cannot be made, or is a link, another user's or open to others: "
-                "refused; choose another with -r DIR or KEP_RUNTIME_DIR",
-                runDir);
+        kepdLog(
+            "runtime folder %s cannot be made, or is a link, another user's or open to others: "
+            "refused; choose another with -r DIR or KEP_RUNTIME_DIR",
+            runDir);
         return 1;
     }
     if (!pidFile) pidFile = kepHostPidFile();

@@ -19,8 +19,8 @@
 typedef struct Owner {
     int pid;
     int uid;
-    int pidfd;  /* readable once the process has exited; -1 where not offered */
-    int count;  /* registrations held */
+    int pidfd; /* readable once the process has exited; -1 where not offered */
+    int count; /* registrations held */
     char resetCb[68];
 } Owner;
 
@@ -33,9 +33,13 @@ static int gRetired[KEPD_MAX_OWNERS];
 static int gRetiredCount;
 static int gLimit = KEPD_DEFAULT_REGISTRATIONS;
 
-void registrySetLimit(int perOwner) { gLimit = perOwner; }
+void registrySetLimit(int perOwner) {
+    gLimit = perOwner;
+}
 
-static int alive(int pid) { return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM); }
+static int alive(int pid) {
+    return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM);
+}
 
 static int openPidfd(int pid) {
 #ifdef SYS_pidfd_open
@@ -73,25 +77,32 @@ static void forgetOwner(int pid) {
 
 static const char *describe(int code) {
     switch (code) {
-        case KEP_HOST_ERR_DENIED: return "no access rule lets it";
-        case KEP_HOST_ERR_TAKEN: return "another running process serves it";
-        case KEP_HOST_ERR_LIMIT: return "it holds as many registrations as it may";
-        default: return "refused by the tree";
+        case KEP_HOST_ERR_DENIED:
+            return "no access rule lets it";
+        case KEP_HOST_ERR_TAKEN:
+            return "another running process serves it";
+        case KEP_HOST_ERR_LIMIT:
+            return "it holds as many registrations as it may";
+        default:
+            return "refused by the tree";
     }
 }
 
 static int refused(const QxImiCaller *c, const char *op, const char *path, int code) {
-    kepdLog("refused register %s %s from pid %d (uid %d): %s", op, path ? path : "-", c->pid, c->uid, describe(code));
+    kepdLog("refused register %s %s from pid %d (uid %d): %s", op, path ? path : "-", c->pid, c->uid,
+            describe(code));
     return code;
 }
 
 /* The process that holds what the registration would set, or 0 for none. */
-static int holderOf(const char *op, int index, const char *path, DataModule *m, DataTable *t, DataSection *s) {
+static int holderOf(const char *op, int index, const char *path, DataModule *m, DataTable *t,
+                    DataSection *s) {
     if (strcmp(op, "opr") == 0) return s ? s->opr.pid : t ? t->opr.pid : 0;
     if (strcmp(op, "action") == 0 || (strcmp(op, "method") == 0 && index == KEP_METHOD_ACTION)) {
         const char *name = strchr(path + 1, '/') + 1;
         for (ActionNode *a = (ActionNode *)lstFirst(&m->actions); a; a = (ActionNode *)lstNext(&a->link)) {
-            if (strncmp(a->name, name, strcspn(name, "/")) == 0 && a->name[strcspn(name, "/")] == '\0') return a->pid;
+            if (strncmp(a->name, name, strcspn(name, "/")) == 0 && a->name[strcspn(name, "/")] == '\0')
+                return a->pid;
         }
         return 0;
     }
@@ -132,8 +143,10 @@ static int addResetter(const QxImiCaller *c, const char *cb) {
     if (!cb || strlen(cb) >= sizeof gOwners[0].resetCb) return -1;
     pthread_mutex_lock(&gLock);
     Owner *o = ownerOf(c, 1);
-    if (!o) rc = KEP_HOST_ERR_LIMIT;
-    else snprintf(o->resetCb, sizeof o->resetCb, "%s", cb);
+    if (!o)
+        rc = KEP_HOST_ERR_LIMIT;
+    else
+        snprintf(o->resetCb, sizeof o->resetCb, "%s", cb);
     pthread_mutex_unlock(&gLock);
     return rc ? refused(c, "reset", NULL, rc) : 0;
 }
@@ -158,7 +171,7 @@ int registryApply(const QxImiCaller *c, const char *op, const char *path, int in
 
     int rc = 0;
     treeWriteLock(mi);
-    treeFind(path, &t, &s);  /* again, under the lock */
+    treeFind(path, &t, &s); /* again, under the lock */
     const int holder = list ? 0 : holderOf(op, index, path, m, t, s);
     if (holder > 0 && holder != c->pid && alive(holder)) rc = KEP_HOST_ERR_TAKEN;
     const int adds = list || holder != c->pid;
@@ -199,7 +212,8 @@ static int holds(MethodCbNode **slots, LstList *ver, LstList *not_, OprInterface
 static int moduleHolds(DataModule *m, int pid) {
     for (DataTable *t = (DataTable *)lstFirst(&m->tables); t; t = (DataTable *)lstNext(&t->link)) {
         if (holds(t->methodCb, &t->verList, &t->notList, &t->opr, pid)) return 1;
-        for (DataSection *s = (DataSection *)lstFirst(&t->sections); s; s = (DataSection *)lstNext(&s->link)) {
+        for (DataSection *s = (DataSection *)lstFirst(&t->sections); s;
+             s = (DataSection *)lstNext(&s->link)) {
             if (holds(s->methodCb, &s->verList, &s->notList, &s->opr, pid)) return 1;
         }
     }
@@ -223,7 +237,8 @@ static void dropFromList(const char *path, LstList *list, int selector, int pid)
     }
 }
 
-static void dropAt(const char *path, MethodCbNode **slots, LstList *ver, LstList *not_, OprInterface *opr, int pid) {
+static void dropAt(const char *path, MethodCbNode **slots, LstList *ver, LstList *not_, OprInterface *opr,
+                   int pid) {
     for (int i = 0; i < 4; i++) {
         if (slots[i] && slots[i]->pid == pid) unRegisterMethodCb(path, i, "", pid);
     }
@@ -239,7 +254,8 @@ static void dropInModule(DataModule *m, int pid) {
     for (DataTable *t = (DataTable *)lstFirst(&m->tables); t; t = (DataTable *)lstNext(&t->link)) {
         snprintf(path, sizeof path, "/%s/%s", m->name, t->name);
         dropAt(path, t->methodCb, &t->verList, &t->notList, &t->opr, pid);
-        for (DataSection *s = (DataSection *)lstFirst(&t->sections); s; s = (DataSection *)lstNext(&s->link)) {
+        for (DataSection *s = (DataSection *)lstFirst(&t->sections); s;
+             s = (DataSection *)lstNext(&s->link)) {
             snprintf(path, sizeof path, "/%s/%s/%s", m->name, t->name, s->name);
             dropAt(path, s->methodCb, &s->verList, &s->notList, &s->opr, pid);
         }

@@ -75,7 +75,8 @@ int runtimeStateOpen(const char *pidFile) {
     struct stat st;
     unsigned last = 0;
     snprintf(copy, sizeof copy, "%s", pidFile);
-    if (snprintf(path, sizeof path, "%s/%s", dirname(copy), KEP_HOST_STATE_FILE) >= (int)sizeof path) return -1;
+    if (snprintf(path, sizeof path, "%s/%s", dirname(copy), KEP_HOST_STATE_FILE) >= (int)sizeof path)
+        return -1;
     fd = openOwnFile(path, O_RDWR);
     if (fd < 0) return -1;
     /* Written in place, never replaced: clients keep it mapped across host restarts. */
@@ -102,7 +103,9 @@ void runtimeBump(void) {
     if (gState) __atomic_add_fetch(&gState->generation, 1, __ATOMIC_ACQ_REL);
 }
 
-unsigned runtimeGeneration(void) { return gState ? __atomic_load_n(&gState->generation, __ATOMIC_ACQUIRE) : 0; }
+unsigned runtimeGeneration(void) {
+    return gState ? __atomic_load_n(&gState->generation, __ATOMIC_ACQUIRE) : 0;
+}
 
 void runtimeClose(void) {
     if (gState) {

@@ -33,7 +33,9 @@ int treeInit(void) {
     return 0;
 }
 
-int treeModuleCount(void) { return gCount; }
+int treeModuleCount(void) {
+    return gCount;
+}
 
 int treeModuleIndex(const char *name) {
     for (int i = 0; name && i < gCount; i++) {
@@ -43,11 +45,19 @@ int treeModuleIndex(const char *name) {
     return -1;
 }
 
-DataModule *treeModule(int index) { return index >= 0 && index < gCount ? gModules[index] : NULL; }
+DataModule *treeModule(int index) {
+    return index >= 0 && index < gCount ? gModules[index] : NULL;
+}
 
-void treeReadLock(int index) { pthread_rwlock_rdlock(&gLocks[index]); }
-void treeWriteLock(int index) { pthread_rwlock_wrlock(&gLocks[index]); }
-void treeUnlock(int index) { pthread_rwlock_unlock(&gLocks[index]); }
+void treeReadLock(int index) {
+    pthread_rwlock_rdlock(&gLocks[index]);
+}
+void treeWriteLock(int index) {
+    pthread_rwlock_wrlock(&gLocks[index]);
+}
+void treeUnlock(int index) {
+    pthread_rwlock_unlock(&gLocks[index]);
+}
 
 void treeReadLockAll(void) {
     for (int i = 0; i < gCount; i++) pthread_rwlock_rdlock(&gLocks[i]);
@@ -121,8 +131,8 @@ static json_object *callee(json_object *first, int pid, const char *cb) {
 }
 
 /* The registrations of a table or section, added to obj; only what is set. */
-static void addRegistrations(json_object *obj, const OprInterface *opr, MethodCbNode *const *slots, LstList *ver,
-                             LstList *not_) {
+static void addRegistrations(json_object *obj, const OprInterface *opr, MethodCbNode *const *slots,
+                             LstList *ver, LstList *not_) {
     json_object *methods = NULL;
     if (opr->pid || opr->cb[0]) json_object_object_add(obj, "opr", callee(NULL, opr->pid, opr->cb));
     for (int i = 0; i < 4; i++) {
@@ -158,7 +168,8 @@ char *treeSnapshot(unsigned generationNow(void)) {
             json_object_object_add(tab, "dynamic", json_object_new_int(t->isDynamic));
             json_object_object_add(tab, "list", json_object_new_int(t->optionPublic));
             addRegistrations(tab, &t->opr, t->methodCb, &t->verList, &t->notList);
-            for (DataSection *s = (DataSection *)lstFirst(&t->sections); s; s = (DataSection *)lstNext(&s->link)) {
+            for (DataSection *s = (DataSection *)lstFirst(&t->sections); s;
+                 s = (DataSection *)lstNext(&s->link)) {
                 json_object *sec = json_object_new_object();
                 json_object_object_add(sec, "name", json_object_new_string(s->name));
                 addRegistrations(sec, &s->opr, s->methodCb, &s->verList, &s->notList);
