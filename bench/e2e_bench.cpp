@@ -8,7 +8,11 @@
 //   standin_rpc    the stand-in RPC alone: one call to the owner's get callback
 //   request_local  standardKepReqHandle in this process, the owner in another
 //   request_host   the same request through the host daemon (kepd) from this client
-//   concurrent     1..8 threads of this process issuing gets to the one owner
+//   request_direct the same request on the direct route (a copy of the host's tree here)
+//   host_beside_stuck  through the host while 4 clients wait on a stopped owner and 4
+//                  connections hold half-sent requests
+//   concurrent     1..8 threads of this process issuing gets to the one owner; 1 and 4
+//                  threads through the host, spread over two owners
 //
 // The owner answers every get of table t of module m with the same 3 sections of 5
 // string options (about 300 bytes of JSON), so that only the path differs.
@@ -19,10 +23,12 @@
 #include <sys/un.h>
 
 #include <atomic>
+#include <vector>
 #include <thread>
 
 #include "bench_support.h"
 #include "kepHandle.h"
+#include "kep_direct.h"
 #include "kep_host.h"
 #include "kep_platform.h"
 
@@ -36,11 +42,16 @@ const char kResult[] =
     R"({"t_1":{"name":"printer","ip":"192.168.1.20","mac":"02:00:00:00:00:14","note":"floor 2","mode":"static"},)"
     R"("t_2":{"name":"camera","ip":"192.168.1.21","mac":"02:00:00:00:00:15","note":"door","mode":"static"},)"
     R"("t_3":{"name":"nas","ip":"192.168.1.22","mac":"02:00:00:00:00:16","note":"rack","mode":"reserved"}})";
-const char kModel[] = R"(<model><module name="m"><table name="t"/></module></model>)";
+// m is served by the owner of the latency paths, m3 by a second owner, m2 by one that
+// is stopped while the head-of-line benchmark runs.
+const char kModel[] = R"(<model><module name="m"><table name="t"/></module><module name="m2"><table name="t"/></module>)"
+                      R"(<module name="m3"><table name="t"/></module></model>)";
+const char kRequestOther[] = R"({"method":"get","m3":{"table":"t"}})";
+const char kRequestStuck[] = R"({"method":"get","m2":{"table":"t"}})";
 const char kCallback[] = "tGet";
 
 std::string gDir;
-kep_bench::Child gOwner, gFloor, gHost;
+kep_bench::Child gOwner, gOwner2, gStuck, gFloor, gHost;
 std::string gFloorPath, gRelayPath;
 kep_bench::Child gRelay;
 
@@ -297,6 +308,88 @@ void BM_RequestThroughHost(benchmark::State &state) {
     lat.report(state);
 }
 
+void BM_RequestDirect(benchmark::State &state) {
+    Latencies lat;
+    for (auto _ : state) {
+        int64_t t0 = nowNs();
+        char *out = nullptr;
+        int rc = kepDirectRequest(kRequest, &out);
+        bool ok = rc == 0 && out && strstr(out, "\"error_code\":0");
+        free(out);
+        if (!ok) {
+            state.SkipWithError("request on the direct route failed");
+            break;
+        }
+        lat.add(nowNs() - t0);
+    }
+    lat.report(state);
+}
+
+// ---- the host beside a stopped owner and stalled clients ----
+
+// A connection to the host that sent the start of a request and then nothing; made
+// again whenever the host drops it.
+int stalledConnection() {
+    char dir[256];
+    qxImiRuntimeDir(dir, sizeof dir);
+    int fd = connectTo(std::string(dir) + "/imi-" + std::to_string(gHost.pid()) + ".sock");
+    if (fd >= 0 && send(fd, "KIM2", 4, MSG_NOSIGNAL) != 4) {
+        close(fd);
+        fd = -1;
+    }
+    return fd;
+}
+
+void BM_HostBesideStuck(benchmark::State &state) {
+    if (kill(gStuck.pid(), SIGSTOP) != 0) return state.SkipWithError("cannot stop the third owner");
+    std::atomic<bool> done{false};
+    std::vector<std::thread> load;
+    for (int i = 0; i < 4; i++) {
+        load.emplace_back([&] {
+            while (!done) {
+                char *out = nullptr;
+                kepHostRequest(kRequestStuck, &out);
+                free(out);
+            }
+        });
+    }
+    load.emplace_back([&] {
+        int fds[4] = {-1, -1, -1, -1};
+        while (!done) {
+            for (int &fd : fds) {
+                char c;
+                if (fd >= 0 && recv(fd, &c, 1, MSG_DONTWAIT) == 0) {
+                    close(fd);
+                    fd = -1;
+                }
+                if (fd < 0) fd = stalledConnection();
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        for (int fd : fds) {
+            if (fd >= 0) close(fd);
+        }
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    Latencies lat;
+    for (auto _ : state) {
+        int64_t t0 = nowNs();
+        char *out = nullptr;
+        int rc = kepHostRequest(kRequest, &out);
+        bool ok = rc == 0 && out && strstr(out, "\"error_code\":0");
+        free(out);
+        if (!ok) {
+            state.SkipWithError("request through the host failed");
+            break;
+        }
+        lat.add(nowNs() - t0);
+    }
+    done = true;
+    kill(gStuck.pid(), SIGCONT);
+    for (std::thread &t : load) t.join();
+    lat.report(state);
+}
+
 // ---- throughput: threads of one client process, one owner ----
 
 std::mutex gMergeLock;
@@ -338,13 +431,54 @@ void BM_ConcurrentGets(benchmark::State &state) {
     gMerged.report(state);
 }
 
+// Threads of this process through the host, every thread alternating between the two
+// healthy owners.
+void BM_ConcurrentHost(benchmark::State &state) {
+    if (state.thread_index() == 0) {
+        std::lock_guard<std::mutex> hold(gMergeLock);
+        gMerged = Latencies();
+        gMergedThreads = 0;
+    }
+    Latencies lat;
+    bool failed = false, other = state.thread_index() % 2;
+    for (auto _ : state) {
+        int64_t t0 = nowNs();
+        char *out = nullptr;
+        int rc = kepHostRequest(other ? kRequestOther : kRequest, &out);
+        if ((rc != 0 || !out || !strstr(out, "\"error_code\":0")) && !failed) failed = true;
+        free(out);
+        other = !other;
+        lat.add(nowNs() - t0);
+    }
+    {
+        std::lock_guard<std::mutex> hold(gMergeLock);
+        gMerged.merge(lat);
+        gMergedThreads++;
+    }
+    if (failed) state.SkipWithError("a request failed");
+    state.SetItemsProcessed(state.iterations());
+    if (state.thread_index() != 0) return;
+    for (;;) {
+        {
+            std::lock_guard<std::mutex> hold(gMergeLock);
+            if (gMergedThreads == state.threads()) break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    std::lock_guard<std::mutex> hold(gMergeLock);
+    gMerged.report(state);
+}
+
 BENCHMARK(BM_FloorKeptConnection)->Name("e2e/floor_kept_connection");
 BENCHMARK(BM_FloorConnectPerRequest)->Name("e2e/floor_connect_per_request");
 BENCHMARK(BM_FloorTwoHops)->Name("e2e/floor_two_hops_kept");
 BENCHMARK(BM_StandinRpcOnly)->Name("e2e/standin_rpc_only");
 BENCHMARK(BM_RequestLocal)->Name("e2e/request_local");
 BENCHMARK(BM_RequestThroughHost)->Name("e2e/request_through_host");
+BENCHMARK(BM_RequestDirect)->Name("e2e/request_direct");
+BENCHMARK(BM_HostBesideStuck)->Name("e2e/host_beside_stuck");
 BENCHMARK(BM_ConcurrentGets)->Name("concurrent/get")->ThreadRange(1, 8)->UseRealTime();
+BENCHMARK(BM_ConcurrentHost)->Name("concurrent/host")->Threads(1)->Threads(4)->UseRealTime();
 
 // ---- processes ----
 
@@ -391,17 +525,23 @@ bool startHost() {
         }) && kepHostWait(5000) == 0;
 }
 
-bool startOwner() {
-    return gOwner.start(
-        [] {
+// An owner process serving the get of path's table with the fixed result.
+bool startOwner(kep_bench::Child &child, const char *path) {
+    return child.start(
+        [path] {
             return qxImiRegister(kCallback, serveOwner, nullptr) == 0 && qxImiListen() >= 0 &&
-                   kepHostRegister("method", "/m/t", KEP_METHOD_GET, kCallback) == 0;
+                   kepHostRegister("method", path, KEP_METHOD_GET, kCallback) == 0;
         },
         [] {
             for (;;) {
                 if (qxImiServeOnce(-1) < 0) usleep(1000);
             }
         });
+}
+
+bool startOwners() {
+    return startOwner(gOwner, "/m/t") && startOwner(gOwner2, "/m3/t") && startOwner(gStuck, "/m2/t") &&
+           kepDirectOpen() == 0;
 }
 
 bool wireLocalTree() {
@@ -419,8 +559,10 @@ int main(int argc, char **argv) {
     gDir = kep_bench::makeTempDir("/tmp");
     if (gDir.empty()) return 1;
     setenv("KEP_RUNTIME_DIR", (gDir + "/run").c_str(), 1);
+    // The host gives up on the stopped owner after a second.
+    setenv("KEP_IMI_TIMEOUT_MS", "1000", 1);
     int rc = 1;
-    const char *failed = !startFloor() ? "floor server" : !startHost() ? "host daemon" : !startOwner() ? "owner" : !wireLocalTree() ? "local tree" : nullptr;
+    const char *failed = !startFloor() ? "floor server" : !startHost() ? "host daemon" : !startOwners() ? "owners" : !wireLocalTree() ? "local tree" : nullptr;
     if (failed) {
         fprintf(stderr, "e2e bench: setting up the %s failed\n", failed);
     } else {
@@ -429,7 +571,10 @@ int main(int argc, char **argv) {
         rc = 0;
     }
     benchmark::Shutdown();
+    kepDirectClose();
     gOwner.stop();
+    gOwner2.stop();
+    gStuck.stop();
     gHost.stop();
     gRelay.stop();
     gFloor.stop();

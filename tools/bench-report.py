@@ -382,6 +382,84 @@ for key, what in (("kept (no trim)", "parse loop, heap kept (the parsers' own wo
         target(f"4 strXmlParse speed-up over Mini-XML, 850 elements: {what}", f"{speeds[(850, key)]:.2f}", "≥ 2",
                speeds[(850, key)] >= 2, detail)
 
+# ---------------------------------------------------------------- the host
+out("## 6. The host: no head-of-line blocking, throughput, the direct route")
+out()
+out("Three owner processes serve one table each through the host (kepd): the owner of the latency "
+    "paths, a second healthy one, and a third that is stopped (`SIGSTOP`) while the host is measured "
+    "beside it: four threads of the client keep asking the stopped owner (the host gives up on each "
+    "call after its one-second time-out) and four connections to the host hold the first bytes of a "
+    "request and nothing more (made again whenever the host drops them). The direct route serves the "
+    "request in the client's own process on a copy of the host's tree and calls the owner in one hop. "
+    "Throughput: threads of one client through the host, each alternating between the two healthy "
+    "owners.")
+out()
+
+
+def host_rows(runs, label):
+    alone = runs.get("e2e/request_through_host")
+    beside = runs.get("e2e/host_beside_stuck")
+    direct = runs.get("e2e/request_direct")
+    a = runs.get("e2e/floor_kept_connection")
+    two = runs.get("e2e/floor_two_hops_kept")
+    out(f"{label}:")
+    out()
+    out("| path | p50 µs | p99 µs | reference | ratio |")
+    out("|---|---|---|---|---|")
+    if alone and beside:
+        out(f"| through the host beside a stopped owner and stalled clients | {fmt(beside['p50_us'])} | "
+            f"{fmt(beside['p99_us'])} | p99 alone {fmt(alone['p99_us'])} | "
+            f"{fmt(ratio(beside['p99_us'], alone['p99_us']), 2)} |")
+    if alone and two:
+        out(f"| through the host | {fmt(alone['p50_us'])} | {fmt(alone['p99_us'])} | two-hop floor p50 "
+            f"{fmt(two['p50_us'])} | {fmt(ratio(alone['p50_us'], two['p50_us']), 2)} |")
+    if direct and a:
+        out(f"| direct route | {fmt(direct['p50_us'])} | {fmt(direct['p99_us'])} | floor (a) p50 "
+            f"{fmt(a['p50_us'])} | {fmt(ratio(direct['p50_us'], a['p50_us']), 2)} |")
+    out()
+    return alone, beside, direct, a, two
+
+
+placements = [("on one CPU", e2e_one), ("on every CPU", e2e)] if e2e_one else [("on every CPU", e2e)]
+for where, runs in placements:
+    alone, beside, direct, a, two = host_rows(runs, "Every process " + where)
+    if alone and beside:
+        r = ratio(beside["p99_us"], alone["p99_us"])
+        target(f"host: p99 beside a stopped owner and 4 stalled clients / p99 alone, {where}", f"{r:.2f}",
+               "≤ 1.5", r <= 1.5, f"{beside['p99_us']:.1f} / {alone['p99_us']:.1f} µs")
+    if alone and two:
+        r = ratio(alone["p50_us"], two["p50_us"])
+        target(f"host: through the host / two-hop floor, p50, {where}", f"{r:.2f}", "≤ 1.2", r <= 1.2,
+               f"{alone['p50_us']:.1f} / {two['p50_us']:.1f} µs")
+    if direct and a:
+        r = ratio(direct["p50_us"], a["p50_us"])
+        target(f"host: direct route / one-hop floor (a), p50, {where}", f"{r:.2f}", "≤ 1.2", r <= 1.2,
+               f"{direct['p50_us']:.1f} / {a['p50_us']:.1f} µs")
+out("| threads through the host | requests/s (every CPU) | p50 µs | p99 µs | vs 1 thread | requests/s (one CPU) |")
+out("|---|---|---|---|---|---|")
+one_free = one_pinned = None
+for n in (1, 4):
+    run = e2e.get(f"concurrent/host/real_time/threads:{n}")
+    pinned = e2e_one.get(f"concurrent/host/real_time/threads:{n}")
+    if not run:
+        continue
+    rps = run.get("items_per_second", 0)
+    one_free = one_free or rps
+    prps = pinned.get("items_per_second") if pinned else None
+    one_pinned = one_pinned or prps
+    out(f"| {n} | {fmt(rps, 0)} | {fmt(run['p50_us'])} | {fmt(run['p99_us'])} | {fmt(ratio(rps, one_free), 2)} | "
+        f"{fmt(prps, 0) if prps else 'n/a'} |")
+out()
+four = e2e.get("concurrent/host/real_time/threads:4")
+if four and one_free:
+    r = ratio(four["items_per_second"], one_free)
+    pinned4 = e2e_one.get("concurrent/host/real_time/threads:4")
+    detail = f"{four['items_per_second']:,.0f} / {one_free:,.0f} requests/s"
+    if pinned4 and one_pinned:
+        detail += (f"; on one CPU {ratio(pinned4['items_per_second'], one_pinned):.2f} (one CPU has no "
+                   "second core to add)")
+    target("host: throughput, 4 clients over 2 owners / 1 client, every CPU", f"{r:.2f}", "≥ 1.8", r >= 1.8, detail)
+
 # ---------------------------------------------------------------- 5. footprint
 out("## 5. Footprint")
 out()

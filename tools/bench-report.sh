@@ -58,7 +58,7 @@ run() {
 # for throughput and for comparison.
 if command -v taskset >/dev/null && taskset -c 0 true 2>/dev/null; then
     pin="taskset -c 0"
-    run e2e e2e_one_cpu --benchmark_min_time=0.5 --benchmark_filter='^e2e/'
+    run e2e e2e_one_cpu --benchmark_min_time=0.5 --benchmark_filter='^(e2e/|concurrent/host)'
     pin=
 fi
 run e2e e2e --benchmark_min_time=0.5

@@ -1,0 +1,225 @@
+// The whole system at scale: the host daemon (kepd) and the example owner of the dhcp
+// module (dhcpd), as shipped, with a list table of n static leases in its file.
+//
+//   host/get_table/sections:N   a get of the whole list table through the host
+//   host/add/sections:N         one add through the host (the owner checks the new
+//                               entry against every other and rewrites its file);
+//                               the entry is deleted again outside the timing
+//   host/memory/sections:N      no timing: the owner's and the host's resident memory
+//                               after a get of the whole table, against the file's size
+//
+// The files live on disk (/tmp here), where the store's flush is real, as on a device.
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "bench_support.h"
+#include "kep_host.h"
+#include "kep_pf_rpc.h"
+
+namespace {
+
+std::string readText(const std::string &path) {
+    std::ifstream in(path);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+// One owner and one host serving a dhcp file of n leases, for as long as it lives.
+class System {
+public:
+    explicit System(int n) {
+        dir_ = kep_bench::makeTempDir("/tmp");
+        if (dir_.empty()) return;
+        setenv("KEP_RUNTIME_DIR", (dir_ + "/run").c_str(), 1);
+        std::string model = readText(std::string(KEP_SOURCE_DIR) + "/examples/dhcpd/dhcp.xml.in");
+        for (size_t at; (at = model.find("@CONFDIR@")) != std::string::npos;) model.replace(at, 9, dir_);
+        if (!kep_bench::writeFile(dir_ + "/dhcp.xml", model) ||
+            !kep_bench::writeFile(dir_ + "/dhcp.json", file(n)))
+            return;
+        const std::string xml = dir_ + "/dhcp.xml", log = dir_ + "/log";
+        ok_ = owner_.start([] { return true; },
+                           [xml, log] {
+                               redirect(log);
+                               execl(DHCPD_PATH, "dhcpd", xml.c_str(), static_cast<char *>(nullptr));
+                               _exit(127);
+                           }) &&
+              host_.start([] { return true; },
+                          [xml, log] {
+                              redirect(log);
+                              execl(KEPD_PATH, "kepd", "-m", xml.c_str(), static_cast<char *>(nullptr));
+                              _exit(127);
+                          }) &&
+              waitServed();
+    }
+    ~System() {
+        host_.stop();
+        owner_.stop();
+        kep_bench::removeTree(dir_);
+    }
+    bool ok() const { return ok_; }
+    pid_t owner() const { return owner_.pid(); }
+    pid_t host() const { return host_.pid(); }
+    long fileBytes() const {
+        struct stat st;
+        return stat((dir_ + "/dhcp.json").c_str(), &st) == 0 ? static_cast<long>(st.st_size) : 0;
+    }
+
+    // The response text, or an empty one when the request failed.
+    static std::string request(const char *text) {
+        char *out = nullptr;
+        std::string s = kepHostRequest(text, &out) == 0 && out ? out : "";
+        free(out);
+        return s;
+    }
+
+private:
+    static void redirect(const std::string &log) {
+        int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+        if (fd >= 0) dup2(fd, 2);
+    }
+
+    // The file dhcpd keeps: n leases, each with an address and a MAC of its own.
+    static std::string file(int n) {
+        std::string text = R"({"host":[)";
+        char entry[160];
+        for (int i = 1; i <= n; i++) {
+            snprintf(
+                entry, sizeof entry,
+                R"(%s{"host_%d":{"mac":"02:00:%02x:%02x:%02x:%02x","ip":"10.%d.%d.%d","hostname":"host-%d"}})",
+                i > 1 ? "," : "", i, (i >> 24) & 255, (i >> 16) & 255, (i >> 8) & 255, i & 255,
+                (i >> 16) & 255, (i >> 8) & 255, i & 255, i);
+            text += entry;
+        }
+        return text +
+               R"(],"pool":{"lan":{"start":"192.168.1.100","end":"192.168.1.199","leaseMinutes":1440,"enabled":true}}})";
+    }
+
+    bool waitServed() {
+        for (int i = 0; i < 3000; i++) {
+            char *dump = nullptr;
+            bool registered = kepHostFetch("kepd.dump", &dump) == 0 && strstr(dump, "dhcp.restart");
+            free(dump);
+            if (registered) return true;
+            usleep(10000);
+        }
+        return false;
+    }
+
+    std::string dir_;
+    kep_bench::Child owner_, host_;
+    bool ok_ = false;
+};
+
+const char kGet[] = R"({"method":"get","dhcp":{"table":"host"}})";
+
+void BM_GetTable(benchmark::State &state) {
+    System sys(static_cast<int>(state.range(0)));
+    if (!sys.ok()) return state.SkipWithError("the system did not start");
+    for (auto _ : state) {
+        if (System::request(kGet).find("\"error_code\":0") == std::string::npos) {
+            state.SkipWithError("the get failed");
+            break;
+        }
+    }
+    state.counters["file_bytes"] = static_cast<double>(sys.fileBytes());
+}
+
+void BM_Add(benchmark::State &state) {
+    System sys(static_cast<int>(state.range(0)));
+    if (!sys.ok()) return state.SkipWithError("the system did not start");
+    const char add[] =
+        R"({"method":"add","dhcp":{"table":"host","name":"host_999999","para":{"mac":"02:ff:00:00:00:01","ip":"172.16.0.1","hostname":"new"}}})";
+    const char del[] = R"({"method":"delete","dhcp":{"name":"host_999999"}})";
+    for (auto _ : state) {
+        int64_t t0 = kep_bench::nowNs();
+        const bool added = System::request(add).find("\"error_code\":0") != std::string::npos;
+        state.SetIterationTime(static_cast<double>(kep_bench::nowNs() - t0) / 1e9);
+        if (!added || System::request(del).find("\"error_code\":0") == std::string::npos) {
+            state.SkipWithError("the add or the delete failed");
+            break;
+        }
+    }
+    state.counters["file_bytes"] = static_cast<double>(sys.fileBytes());
+}
+
+// VmRSS and VmHWM of a process, in bytes.
+void memoryOf(pid_t pid, double *rss, double *hwm) {
+    std::istringstream status(readText("/proc/" + std::to_string(pid) + "/status"));
+    std::string line;
+    *rss = *hwm = 0;
+    while (std::getline(status, line)) {
+        if (line.rfind("VmRSS:", 0) == 0) *rss = std::stod(line.substr(6)) * 1024;
+        if (line.rfind("VmHWM:", 0) == 0) *hwm = std::stod(line.substr(6)) * 1024;
+    }
+}
+
+void BM_Memory(benchmark::State &state) {
+    const int n = static_cast<int>(state.range(0));
+    double baseOwner = 0, baseHost = 0, hwm = 0;
+    {
+        // The same processes with no lease at all: what they take without the file.
+        System empty(0);
+        if (!empty.ok() || System::request(kGet).empty())
+            return state.SkipWithError("the system did not start");
+        memoryOf(empty.owner(), &baseOwner, &hwm);
+        memoryOf(empty.host(), &baseHost, &hwm);
+    }
+    System sys(n);
+    if (!sys.ok()) return state.SkipWithError("the system did not start");
+    for (auto _ : state) {
+        if (System::request(kGet).find("\"error_code\":0") == std::string::npos) {
+            state.SkipWithError("the get failed");
+            break;
+        }
+    }
+    double ownerRss, ownerHwm, hostRss, hostHwm;
+    memoryOf(sys.owner(), &ownerRss, &ownerHwm);
+    memoryOf(sys.host(), &hostRss, &hostHwm);
+    const double bytes = static_cast<double>(sys.fileBytes());
+    state.counters["file_bytes"] = bytes;
+    state.counters["owner_rss_over_file"] = (ownerRss - baseOwner) / bytes;
+    state.counters["owner_peak_over_file"] = (ownerHwm - baseOwner) / bytes;
+    state.counters["host_rss_over_file"] = (hostRss - baseHost) / bytes;
+    state.counters["host_peak_over_file"] = (hostHwm - baseHost) / bytes;
+}
+
+BENCHMARK(BM_GetTable)
+    ->Name("host/get_table")
+    ->ArgName("sections")
+    ->Arg(100)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Add)
+    ->Name("host/add")
+    ->ArgName("sections")
+    ->Arg(100)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Memory)
+    ->Name("host/memory")
+    ->ArgName("sections")
+    ->Arg(50000)
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    benchmark::Initialize(&argc, argv);
+    signal(SIGPIPE, SIG_IGN);
+    // A get of 10,000 sections takes the owner longer than the default's margin on a
+    // loaded machine; the benchmark measures, it does not test time-outs.
+    setenv("KEP_IMI_TIMEOUT_MS", "30000", 1);
+    qxImiSetTimeout(60000);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
