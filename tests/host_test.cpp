@@ -2,6 +2,7 @@
 // sysd, driven by kepctl and by this process, which also plays the hostile local
 // process of the same user.
 #include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -425,6 +426,105 @@ TEST_F(Host, RegistrationsAndRestartsWhileRequestsRun) {
     kepDirectClose();
 }
 
+// ---- access rules ----
+
+// Runs fn in a child with the given user and group; its exit status, or -1.
+template <typename Fn>
+int asUser(uid_t uid, gid_t gid, Fn fn) {
+    pid_t pid = fork();
+    if (pid == 0) {
+        if (setgroups(0, nullptr) != 0 || setgid(gid) != 0 || setuid(uid) != 0) _exit(100);
+        _exit(fn());
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// A malformed rule stops the host at start, naming the file, the line and why.
+TEST_F(Host, AccessRulesAreCheckedAtStart) {
+    const std::string rules = dir_ + "/access", log = dir_ + "/rules.log";
+    const struct {
+        const char *text, *expect;
+    } cases[] = {
+        {"[\n  {\"user\": \"root\",\n   \"send\": tru}\n]", "bad.json:3: not valid JSON"},
+        {"[{\"user\": \"root\"},\n {\"group\": \"root\",\n  \"sned\": true}]",
+         "bad.json:3: unknown member \"sned\""},
+        {"{\"user\": \"root\", \"group\": \"root\"}", "bad.json:1: a rule names exactly one"},
+        {"[{\"user\": \"no-such-user-here\"}]", "bad.json:1: no such user"},
+        {"{\"user\": 0,\n \"own\": [\"dhcp\", \"a-name-much-longer-than-a-module-may-be\"]}",
+         "bad.json:2: a module name"},
+    };
+    for (const auto &c : cases) {
+        std::filesystem::remove_all(rules);
+        ASSERT_TRUE(std::filesystem::create_directory(rules));
+        writeText(rules + "/bad.json", c.text);
+        writeText(log, "");
+        EXPECT_EQ(reap(spawn({KEPD_PATH, "-r", dir_ + "/run2", "-a", rules}, log)), 1) << c.text;
+        EXPECT_NE(readText(log).find(c.expect), std::string::npos) << readText(log);
+    }
+    // Rules anyone could have written are no rules.
+    writeText(rules + "/bad.json", "{\"user\": \"root\"}");
+    ASSERT_EQ(chmod((rules + "/bad.json").c_str(), 0666), 0);
+    EXPECT_EQ(reap(spawn({KEPD_PATH, "-r", dir_ + "/run2", "-a", rules}, log)), 1);
+    EXPECT_NE(readText(log).find("writable by other users"), std::string::npos) << readText(log);
+    EXPECT_EQ(reap(spawn({KEPD_PATH, "-r", dir_ + "/run2", "-a", dir_ + "/missing"}, log)), 1);
+}
+
+// Other users get what the rules name and nothing more; whom no rule names is refused
+// at once. A refused registration is logged with the caller.
+TEST_F(Host, AccessRulesLetOtherUsersDoWhatTheyName) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to run clients as other users";
+    const std::string rules = dir_ + "/access", run = dir_ + "/run2", log = dir_ + "/kepd2.log";
+    ASSERT_TRUE(std::filesystem::create_directory(rules));
+    writeText(rules + "/web.json", "{\"group\": 4242, \"send\": true}");
+    writeText(rules + "/dhcp.json", "[{\"user\": 4343, \"own\": [\"dhcp\"]}]");
+    ASSERT_EQ(mkdir(run.c_str(), 0755), 0);
+    ASSERT_EQ(chmod(dir_.c_str(), 0711), 0);
+    pid_t host =
+        spawn({KEPD_PATH, "-r", run, "-a", rules, "-m", dir_ + "/dhcp.xml", "-m", dir_ + "/system.xml"}, log);
+    setenv("KEP_RUNTIME_DIR", run.c_str(), 1);
+    for (int i = 0; i < 500 && readText(log).find("serving as pid") == std::string::npos; i++)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    auto requestOk = [] {
+        char *out = nullptr;
+        int rc = kepHostRequest(R"({"method":"get","dhcp":{"table":"host"}})", &out);
+        free(out);
+        return rc;
+    };
+    // The web group may send requests, and nothing else.
+    EXPECT_EQ(asUser(5001, 4242, [&] { return requestOk() == 0 ? 0 : 1; }), 0);
+    EXPECT_EQ(asUser(5001, 4242,
+                     [&] {
+                         return kepHostRegister("method", "/dhcp/host", KEP_METHOD_GET, "web") ==
+                                        KEP_HOST_ERR_DENIED
+                                    ? 0
+                                    : 1;
+                     }),
+              0);
+    // The dhcp user may own dhcp, not system, and may not send requests.
+    EXPECT_EQ(asUser(4343, 4343,
+                     [&] {
+                         return kepHostRegister("method", "/dhcp/host", KEP_METHOD_GET, "mine") == 0 &&
+                                        kepHostRegister("method", "/system/time/ntp", KEP_METHOD_GET,
+                                                        "mine") == KEP_HOST_ERR_DENIED &&
+                                        requestOk() == KEP_HOST_ERR_DENIED
+                                    ? 0
+                                    : 1;
+                     }),
+              0);
+    // Nobody else gets in, and is told so at once.
+    auto start = Clock::now();
+    EXPECT_EQ(asUser(6001, 6001, [&] { return requestOk() == QXRPC_ERR_DENIED ? 0 : 1; }), 0);
+    EXPECT_LT(msSince(start), 1000);
+    setenv("KEP_RUNTIME_DIR", (dir_ + "/run").c_str(), 1);
+    kill(host, SIGTERM);
+    reap(host);
+    const std::string text = readText(log);
+    EXPECT_NE(text.find("refused register method /dhcp/host from pid"), std::string::npos) << text;
+    EXPECT_NE(text.find("refused a connection of pid"), std::string::npos) << text;
+}
+
 // ---- the direct route ----
 
 // The direct route answers every request as the host does, errors included, and
@@ -507,6 +607,17 @@ TEST_F(Host, KepctlAddNamesTheSection) {
     Ran get = kepctl({"get", "dhcp", "--name", "host_77"});
     EXPECT_EQ(get.status, 0) << get.output;
     EXPECT_NE(get.output.find("192.168.1.77"), std::string::npos);
+}
+
+// Section numbers end at the largest int: past it an add is refused, never wrapped.
+TEST_F(Host, SectionNumbersDoNotWrapAround) {
+    const std::string last =
+        R"({"method":"add","dhcp":{"table":"host","name":"host_2147483647","para":{"mac":"02:00:00:00:00:aa","ip":"192.168.1.170"}}})";
+    const std::string next =
+        R"({"method":"add","dhcp":{"table":"host","para":{"mac":"02:00:00:00:00:ab","ip":"192.168.1.171"}}})";
+    EXPECT_NE(request(last).find("\"error_code\":0"), std::string::npos);
+    EXPECT_EQ(request(next), R"({"error_code":1005})");
+    EXPECT_EQ(readText(dir_ + "/dhcp.json").find("192.168.1.171"), std::string::npos);
 }
 
 }  // namespace

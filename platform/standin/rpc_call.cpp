@@ -204,6 +204,22 @@ void keep(KeptSet *set, int pid, int fd) {
     slot->fd = fd;
 }
 
+// Whether the callee answered fd's connection with a refusal, already waiting in it.
+bool refusedBy(int fd) {
+    char c;
+    if (recv(fd, &c, 1, MSG_PEEK | MSG_DONTWAIT) != 1) return false;
+    char *body = nullptr;
+    size_t len = 0;
+    QxRpcPara none;
+    qxrpcParaInit(&none);
+    int status = 0;
+    const bool refused = readFrame(fd, nowMs() + 100, &body, &len) == 0 &&
+                         decodeReply(body, len, &status, &none) == 0 && status == QXRPC_ERR_DENIED;
+    free(body);
+    qxrpcParaFree(&none);
+    return refused;
+}
+
 int callRemote(int pid, const char *cb, QxRpcPara *set) {
     const int64_t deadline = callDeadline(nowMs());
     if (deadline == 0) return QXRPC_ERR_TIMEOUT;
@@ -222,6 +238,11 @@ int callRemote(int pid, const char *cb, QxRpcPara *set) {
         // too before the request reaches it; like a full backlog, that is tried
         // again after a pause until the deadline.
         if (rc != QXRPC_ERR_IO) break;
+        // A callee that refuses this caller says so before it hangs up.
+        if (refusedBy(fd)) {
+            rc = QXRPC_ERR_DENIED;
+            break;
+        }
         close(fd);
         fd = -1;
         if (nowMs() >= deadline) break;

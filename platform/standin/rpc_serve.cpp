@@ -367,6 +367,20 @@ bool admitted(const QxImiCaller &peer) {
     return check(&peer, user) != 0;
 }
 
+// Tells a caller it is refused, so that it need not wait for its time-out, and hangs up.
+void refuse(int fd) {
+    QxRpcPara none;
+    qxrpcParaInit(&none);
+    char *frame = nullptr;
+    size_t len = 0;
+    if (encodeReply(QXRPC_ERR_DENIED, &none, 0, &frame, &len) == 0) {
+        ssize_t sent = send(fd, frame, len, MSG_NOSIGNAL | MSG_DONTWAIT);
+        (void)sent;  // a caller that is gone already needs no answer
+        free(frame);
+    }
+    close(fd);
+}
+
 // A place for a new connection: a free one, else the idle connection used least
 // recently, which is shut for reading first: a request already in it is still
 // answered, and one sent later is refused at once, so that its caller sends it again
@@ -413,7 +427,7 @@ bool acceptAll() {
             if (debugFlagGet(kImiLogMid))
                 debugPrintf(kImiLogMid, "refused a connection of process %d (uid %d, gid %d)\n", peer.pid,
                             peer.uid, peer.gid);
-            close(fd);
+            refuse(fd);
             handled = true;
             continue;
         }
