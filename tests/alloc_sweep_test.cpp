@@ -5,6 +5,9 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,6 +20,7 @@
 #include <vector>
 
 #include "alloc_fault.h"
+#include "config/config_internal.h"
 #include "config_fixture.h"
 #include "kep_config.h"
 #include "kep_json.h"
@@ -515,6 +519,31 @@ TEST_F(AllocSweep, RequestsEndToEndWithAnOwnerAnswering) {
     }
 }
 
+// What reads of every section give, one line each, through the module's kept document
+// and then from the file alone: the two must agree.
+std::string readsThroughTheStore() {
+    std::string out;
+    for (int fresh = 0; fresh < 2; fresh++) {
+        if (fresh) kep::dropModuleDocuments();
+        for (const char *path : {"/dhcp/host/host_1", "/dhcp/host/host_2", "/dhcp/host/host_3", "/dhcp/pool/lan"}) {
+            Rec r{};
+            const int rc = modelRead(path, &r, sizeof r);
+            out += std::string(path) + " " + std::to_string(rc) + (rc > 0 ? std::string(" ") + r.text : "") + "\n";
+        }
+        out += "--\n";
+    }
+    return out;
+}
+
+// Sets the file's times well into the past: a document read from it is kept.
+void age(const std::string &path) {
+    struct timespec past[2];
+    clock_gettime(CLOCK_REALTIME, &past[0]);
+    past[0].tv_sec -= 60;
+    past[1] = past[0];
+    utimensat(AT_FDCWD, path.c_str(), past, 0);
+}
+
 TEST_F(AllocSweep, ListSectionWritesThroughTheStore) {
     const Rec added = makeRec("new", 3), changed = makeRec("changed", 4);
     const struct {
@@ -529,46 +558,59 @@ TEST_F(AllocSweep, ListSectionWritesThroughTheStore) {
     const std::string stored =
         R"({"host":[{"host_1":{"text":"one","value":1}},{"host_2":{"text":"two","value":2}}],)"
         R"("pool":{"lan":{"text":"lan","value":2}}})";
-    for (const auto &w : writes) {
-        auto before = std::make_shared<std::string>();
-        auto reference = std::make_shared<std::string>();
-        const std::string name = w.name, path = w.path;
-        const Rec *record = w.record;
-        sweep({name,
-               [=] {
-                   wire();
-                   writeText(file_, stored);
-                   ASSERT_EQ(systemLoadConfigFile(), 0);
-                   *before = fields({joined(treeLines()), readText(file_)});
-               },
-               [=] { return modelWrite(path.c_str(), record, record ? sizeof(Rec) : 0); },
-               [=] {
-                   std::string listing;
-                   for (const std::string &f : files()) listing += f + " ";
-                   return fields({joined(treeLines()), readText(file_), listing});
-               },
-               [=](int rc, const std::string &out, bool injected, long k) {
-                   const std::vector<std::string> got = split(out);
-                   // No temporary file is ever left behind.
-                   EXPECT_EQ(got[2], "dhcp.json ") << name << " k=" << k;
-                   const std::string state = fields({got[0], got[1]});
-                   if (!injected) {
-                       ASSERT_EQ(rc, 0) << name;
-                       if (k == 0) *reference = state;
-                       EXPECT_EQ(state, *reference) << name;
-                       return;
-                   }
-                   if (rc == 0) {
-                       EXPECT_EQ(state, *reference) << name << " k=" << k;
-                       return;
-                   }
-                   EXPECT_EQ(rc, -1) << name << " k=" << k;
-                   // The file is untouched; the section node may already mirror the
-                   // change (it is made before the store).
-                   const std::vector<std::string> was = split(*before), ref = split(*reference);
-                   EXPECT_EQ(got[1], was[1]) << name << " k=" << k;
-                   EXPECT_TRUE(got[0] == was[0] || got[0] == ref[0]) << name << " k=" << k << "\n" << got[0];
-               }});
+    // A write on a document read just before (the file is read again) and on one the
+    // process keeps from an earlier read, which a failure must not leave changed.
+    for (const bool kept : {false, true}) {
+        for (const auto &w : writes) {
+            auto before = std::make_shared<std::string>();
+            auto reference = std::make_shared<std::string>();
+            const std::string name = std::string(w.name) + (kept ? ", document kept" : ""), path = w.path;
+            const Rec *record = w.record;
+            sweep({name,
+                   [=] {
+                       wire();
+                       writeText(file_, stored);
+                       ASSERT_EQ(systemLoadConfigFile(), 0);
+                       if (kept) {
+                           age(file_);
+                           Rec r;
+                           ASSERT_EQ(modelRead("/dhcp/host/host_1", &r, sizeof r), static_cast<int>(sizeof r));
+                       }
+                       *before = fields({joined(treeLines()), readText(file_)});
+                   },
+                   [=] { return modelWrite(path.c_str(), record, record ? sizeof(Rec) : 0); },
+                   [=] {
+                       std::string listing;
+                       for (const std::string &f : files()) listing += f + " ";
+                       return fields({joined(treeLines()), readText(file_), listing, readsThroughTheStore()});
+                   },
+                   [=](int rc, const std::string &out, bool injected, long k) {
+                       const std::vector<std::string> got = split(out);
+                       // No temporary file is ever left behind.
+                       EXPECT_EQ(got[2], "dhcp.json ") << name << " k=" << k;
+                       // What a read returns is what the file holds.
+                       const std::string &reads = got[3];
+                       const size_t half = reads.find("--\n") + 3;
+                       EXPECT_EQ(reads.substr(0, half), reads.substr(half)) << name << " k=" << k;
+                       const std::string state = fields({got[0], got[1]});
+                       if (!injected) {
+                           ASSERT_EQ(rc, 0) << name;
+                           if (k == 0) *reference = state;
+                           EXPECT_EQ(state, *reference) << name;
+                           return;
+                       }
+                       if (rc == 0) {
+                           EXPECT_EQ(state, *reference) << name << " k=" << k;
+                           return;
+                       }
+                       EXPECT_EQ(rc, -1) << name << " k=" << k;
+                       // The file is untouched; the section node may already mirror the
+                       // change (it is made before the store).
+                       const std::vector<std::string> was = split(*before), ref = split(*reference);
+                       EXPECT_EQ(got[1], was[1]) << name << " k=" << k;
+                       EXPECT_TRUE(got[0] == was[0] || got[0] == ref[0]) << name << " k=" << k << "\n" << got[0];
+                   }});
+        }
     }
 }
 
