@@ -57,6 +57,9 @@ public:
     // The first element of array (a list table's member of this document) whose first
     // member is keyed name, or null: the element a walk of the array in order finds.
     json_object *findListElement(json_object *array, const char *name);
+    // The table's first section node of that name, or null, as findSectionInTable;
+    // through an index kept with the module's document while no list changes.
+    DataSection *findSection(DataTable &table, const char *name);
 
 private:
     void release();

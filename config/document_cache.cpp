@@ -146,6 +146,53 @@ ListIndex *buildIndex(json_object *array) {
     return index;
 }
 
+// ---- section indexes: name -> the first section node of a table with that name ----
+
+struct NodeSlot {
+    uint32_t hash;
+    DataSection *node;  // null: empty
+};
+
+// An open-addressing table over one table's section nodes as the lists were at
+// generation, in one block.
+struct NodeIndex {
+    NodeIndex *next;
+    const DataTable *table;
+    unsigned long generation;
+    uint32_t mask;
+    NodeSlot *slots() { return reinterpret_cast<NodeSlot *>(this + 1); }
+};
+static_assert(sizeof(NodeIndex) % alignof(NodeSlot) == 0, "slots follow the header");
+
+NodeSlot *probeNode(NodeIndex &index, const char *name, uint32_t hash) {
+    NodeSlot *slots = index.slots();
+    for (uint32_t i = hash & index.mask;; i = (i + 1) & index.mask) {
+        NodeSlot &slot = slots[i];
+        if (!slot.node || (slot.hash == hash && strcmp(slot.node->name, name) == 0)) return &slot;
+    }
+}
+
+// An index of the table's sections, at most half full; null when memory is short.
+NodeIndex *buildNodeIndex(DataTable &table) {
+    uint32_t count = 0;
+    for (DataSection *s = firstOf<DataSection>(table.sections); s; s = nextOf(s))
+        if (++count > (UINT32_MAX >> 3)) return nullptr;
+    uint32_t capacity = 8;
+    while (capacity < 2u * count + 2u) capacity <<= 1;
+    if (capacity > (SIZE_MAX - sizeof(NodeIndex)) / sizeof(NodeSlot)) return nullptr;
+    auto *index = static_cast<NodeIndex *>(malloc(sizeof(NodeIndex) + capacity * sizeof(NodeSlot)));
+    if (!index) return nullptr;
+    *index = {nullptr, &table, listGeneration(), capacity - 1};
+    NodeSlot *slots = index->slots();
+    for (uint32_t i = 0; i < capacity; i++) slots[i] = {0, nullptr};
+    for (DataSection *s = firstOf<DataSection>(table.sections); s; s = nextOf(s)) {
+        const uint32_t hash = hashName(s->name);
+        NodeSlot *slot = probeNode(*index, s->name, hash);
+        if (!slot->node) *slot = {hash, s};  // an earlier node of that name stays
+    }
+    return index;
+}
+
 }  // namespace
 
 // One module file's kept document. path and next never change once the slot is on
@@ -162,6 +209,7 @@ struct DocumentSlot {
     json_object *doc;
     FileId id;
     ListIndex *indexes;
+    NodeIndex *nodes;  // of the module's list tables, whatever the document
 };
 
 namespace {
@@ -349,6 +397,26 @@ json_object *ModuleDocument::findListElement(json_object *array, const char *nam
     return slot->pos < 0 ? nullptr : jsonObjectArrayGetIdx(array, static_cast<unsigned>(slot->pos));
 }
 
+DataSection *ModuleDocument::findSection(DataTable &table, const char *name) {
+    if (!slot_ || !name) return findSectionInTable(&table, name);
+    const unsigned long generation = listGeneration();
+    NodeIndex **at = &slot_->nodes;
+    while (*at && (*at)->table != &table) at = &(*at)->next;
+    if (*at && (*at)->generation != generation) {
+        NodeIndex *stale = *at;
+        *at = stale->next;
+        free(stale);
+    }
+    if (!*at) {
+        NodeIndex *index = buildNodeIndex(table);
+        if (!index) return findSectionInTable(&table, name);
+        index->next = slot_->nodes;
+        slot_->nodes = index;
+        at = &slot_->nodes;
+    }
+    return probeNode(**at, name, hashName(name))->node;
+}
+
 int storeModuleDocument(const char *path, json_object *doc, StoreKind kind) {
     if (!path || path[0] == '\0' || !doc) return -1;
     foreignStore(path, 1);
@@ -377,6 +445,10 @@ void dropModuleDocuments() {
     while (slot) {
         DocumentSlot *next = slot->next;
         dropDocument(*slot);
+        while (NodeIndex *index = slot->nodes) {
+            slot->nodes = index->next;
+            free(index);
+        }
         free(slot);
         slot = next;
     }

@@ -69,9 +69,7 @@ int readStored(DataModule &module, DataTable &table, const char *name, void *buf
     json_object *stored = jsonObjectObjectGet(doc.get(), table.name);
     if (!stored) return -1;
     const bool list = cfg::isListTable(table);
-    // A list table is read one section at a time.
-    if (name[0] == '\0' && list) return -1;
-    return readSections(table, name, buf, size, [&](DataSection &section, void *at, int room) {
+    auto read = [&](DataSection &section, void *at, int room) {
         json_object *container = list ? doc.findListElement(stored, section.name) : stored;
         if (!container) return -1;
         // Each stored value is handed out once per read, lent from the document, which
@@ -82,7 +80,14 @@ int readStored(DataModule &module, DataTable &table, const char *name, void *buf
         JsonToBinFn toBin = section.opr.jsonToBin.config;
         if (!value || !toBin) return -1;
         return toBin(section.name, value, at, room);
-    });
+    };
+    if (list) {
+        // A list table is read one section at a time, its node found without a walk.
+        DataSection *section = name[0] != '\0' ? doc.findSection(table, name) : nullptr;
+        const int got = section ? read(*section, buf, size) : -1;
+        return got < 1 ? -1 : got;
+    }
+    return readSections(table, name, buf, size, read);
 }
 
 int writeDynamic(DataTable &table, const char *name, const void *record, int size) {

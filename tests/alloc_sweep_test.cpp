@@ -623,6 +623,49 @@ TEST_F(AllocSweep, ListSectionWritesThroughTheStore) {
     }
 }
 
+// Reads: the record of the reference run, or -1 (a read failed); never a document
+// left changed or half kept.
+TEST_F(AllocSweep, SectionReadsThroughTheStore) {
+    const std::string stored =
+        R"({"host":[{"host_1":{"text":"one","value":1}},{"host_2":{"text":"two","value":2}}],)"
+        R"("pool":{"lan":{"text":"lan","value":2}}})";
+    for (const bool kept : {false, true}) {
+        for (const char *path : {"/dhcp/host/host_2", "/dhcp/pool/lan"}) {
+            const std::string name = std::string("read ") + path + (kept ? ", document kept" : "");
+            auto got = std::make_shared<Rec>();
+            auto before = std::make_shared<std::string>();
+            sweep({name,
+                   [=] {
+                       wire();
+                       writeText(file_, stored);
+                       ASSERT_EQ(systemLoadConfigFile(), 0);
+                       if (kept) {
+                           age(file_);
+                           Rec r;
+                           ASSERT_EQ(modelRead("/dhcp/host/host_1", &r, sizeof r), static_cast<int>(sizeof r));
+                       }
+                       *before = readText(file_);
+                   },
+                   [=] {
+                       *got = Rec{};
+                       return modelRead(path, got.get(), sizeof(Rec)) == static_cast<int>(sizeof(Rec)) ? 0 : -1;
+                   },
+                   [=] { return fields({readText(file_), readsThroughTheStore()}); },
+                   [=](int rc, const std::string &out, bool injected, long k) {
+                       const std::vector<std::string> state = split(out);
+                       EXPECT_EQ(state[0], *before) << name << " k=" << k;
+                       const size_t half = state[1].find("--\n") + 3;
+                       EXPECT_EQ(state[1].substr(0, half), state[1].substr(half)) << name << " k=" << k;
+                       if (rc == 0) {
+                           EXPECT_STREQ(got->text, strstr(path, "lan") ? "lan" : "two") << name << " k=" << k;
+                       } else {
+                           EXPECT_TRUE(injected) << name << " k=" << k;
+                       }
+                   }});
+        }
+    }
+}
+
 TEST_F(AllocSweep, StartUpLoadRepairsADestroyedFile) {
     const std::string garbage = "{\"host\":[{\"host_1\":";
     auto before = std::make_shared<std::vector<std::string>>();

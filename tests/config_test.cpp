@@ -696,8 +696,16 @@ TEST_F(KeptDocument, IndexFindsTheFirstOfDuplicateNames) {
             EXPECT_EQ(doc.findListElement(array, name), kep::findListElement(array, name)) << when << " " << name;
     };
     sameAsWalk("read");
-    for (const char *name : {"host_1", "host_1", "host_5", "x"}) tree.section(list, name, recOpr());
-    EXPECT_EQ(read("/m/host/host_1").value, 1);
+    // Of two nodes of one name the first is read, with its own converter.
+    OprInterface marked = recOpr();
+    marked.jsonToBin.config = [](const char *name, json_object *value, void *buf, int size) {
+        const int got = kep_test::jsonToRec(name, value, buf, size);
+        static_cast<Rec *>(buf)->value += 100;
+        return got;
+    };
+    tree.section(list, "host_1", marked);
+    for (const char *name : {"host_1", "host_5", "x"}) tree.section(list, name, recOpr());
+    EXPECT_EQ(read("/m/host/host_1").value, 101);
     EXPECT_EQ(read("/m/host/x").value, 7);
     Rec r = makeRec("u", 8);
     // Replacing host_5's member moves it behind "x": that element now answers "x".
@@ -710,6 +718,13 @@ TEST_F(KeptDocument, IndexFindsTheFirstOfDuplicateNames) {
     ASSERT_EQ(modelWrite("/m/host/host_1", nullptr, 0), 0);  // the first node and element
     sameAsWalk("delete");
     EXPECT_EQ(read("/m/host/host_1").value, 3);
+    // Nodes taken out of the list by other means are not found either.
+    DataSection *gone = kep::findSectionInTable(list, "host_1");
+    lstDelete(&list->sections, &gone->link);
+    kep::freeDataSection(gone);
+    Rec none;
+    EXPECT_EQ(modelRead("/m/host/host_1", &none, kRec), -1);
+    EXPECT_EQ(read("/m/host/x").value, 6);
 }
 
 // Threads reading and writing one module at once: a read never fails or sees a value
