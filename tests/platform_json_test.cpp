@@ -1,4 +1,5 @@
 // The stand-in JSON object layer and debug log.
+#include <errno.h>
 #include <fcntl.h>
 #include <grp.h>
 #include <math.h>
@@ -273,8 +274,10 @@ TEST(JsonFile, SettingsFromTheEnvironment) {
         setenv("KEP_TEST_SETTINGS_GID", std::to_string(group).c_str(), 1);
         setenv("KEP_CONFIG_GROUP", name.c_str(), 1);
         setenv("KEP_JSON_FILE_LIMIT", "100", 1);
-        execl("/proc/self/exe", "platform_json_test", "--gtest_filter=JsonFile.SettingsFromTheEnvironment",
-              "--gtest_brief=1", static_cast<char *>(nullptr));
+        // This program by the name it was started with: under valgrind, /proc/self/exe
+        // is valgrind's.
+        execlp(program_invocation_name, program_invocation_name,
+               "--gtest_filter=JsonFile.SettingsFromTheEnvironment", "--gtest_brief=1", static_cast<char *>(nullptr));
         _exit(127);
     }
     int status = -1;
