@@ -89,9 +89,9 @@ platform stand-in's and json-c's are all counted. At every k the run must: not c
 give success or the documented error of that operation; leak no block allocated during
 the run; leave the tree unchanged (or as the documented failure leaves it) and every
 configuration file either as it was or as the successful run writes it, with no
-temporary file left behind. The list-section writes run twice: on a document read for
-the write, and on one the process kept from an earlier read ("document kept"), where
-every run must also leave reads returning what the file holds.
+temporary file left behind. The list-section writes and the section reads run twice:
+on a document read for the operation, and on one the process kept from an earlier read
+("document kept"); every run must also leave reads returning what the file holds.
 
 Total: **$total**.
 
