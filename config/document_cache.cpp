@@ -40,8 +40,8 @@ namespace {
 // Margin beyond which a modification time is clearly older than a reading: two ticks
 // of the coarsest kernel clock (HZ 100). A time of whole seconds (nanoseconds 0) comes
 // from a file system that keeps seconds only, and needs two seconds.
-constexpr long kRacyNs = 20 * 1000 * 1000;
-constexpr long kRacyWholeSecondsNs = 2 * 1000 * 1000 * 1000L;
+constexpr long long kRacyNs = 20 * 1000 * 1000;
+constexpr long long kRacyWholeSecondsNs = 2 * 1000 * 1000 * 1000LL;
 
 struct FileId {
     dev_t dev;
@@ -65,7 +65,7 @@ bool sameId(const FileId &a, const FileId &b) {
 }
 
 bool clearlyOlder(const struct timespec &mtime, const struct timespec &now) {
-    const long margin = mtime.tv_nsec == 0 ? kRacyWholeSecondsNs : kRacyNs;
+    const long long margin = mtime.tv_nsec == 0 ? kRacyWholeSecondsNs : kRacyNs;
     const long long age =
         (static_cast<long long>(now.tv_sec) - mtime.tv_sec) * 1000000000LL + (now.tv_nsec - mtime.tv_nsec);
     return age > margin;
