@@ -133,7 +133,7 @@ ListIndex *buildIndex(json_object *array) {
     if (length > (INT32_MAX >> 2)) return nullptr;
     uint32_t capacity = 8;
     while (capacity < 2u * static_cast<uint32_t>(length) + 2u) capacity <<= 1;
-    if (capacity > (SIZE_MAX - sizeof(ListIndex)) / sizeof(IndexSlot)) return nullptr;
+    if (static_cast<size_t>(capacity) > (SIZE_MAX - sizeof(ListIndex)) / sizeof(IndexSlot)) return nullptr;
     auto *index = static_cast<ListIndex *>(malloc(sizeof(ListIndex) + capacity * sizeof(IndexSlot)));
     if (!index) return nullptr;
     *index = {nullptr, array, capacity - 1, 0};
@@ -179,7 +179,7 @@ NodeIndex *buildNodeIndex(DataTable &table) {
         if (++count > (UINT32_MAX >> 3)) return nullptr;
     uint32_t capacity = 8;
     while (capacity < 2u * count + 2u) capacity <<= 1;
-    if (capacity > (SIZE_MAX - sizeof(NodeIndex)) / sizeof(NodeSlot)) return nullptr;
+    if (static_cast<size_t>(capacity) > (SIZE_MAX - sizeof(NodeIndex)) / sizeof(NodeSlot)) return nullptr;
     auto *index = static_cast<NodeIndex *>(malloc(sizeof(NodeIndex) + capacity * sizeof(NodeSlot)));
     if (!index) return nullptr;
     *index = {nullptr, &table, listGeneration(), capacity - 1};
