@@ -8,12 +8,22 @@
 //   scale/doc_floor   json-c alone parsing and serialising a module document of that
 //                     many sections in memory: the size-bound reference.
 //   scale/store/*     modelWrite updating or adding a list section in a module file of
-//                     10/100/1000 sections (whole-file rewrite, atomic store), on disk
+//                     10/100/1000 sections (whole-file rewrite, atomic store; the document
+//                     kept from the first write, before the timing), on disk
 //                     (with the flush) and on tmpfs (where the flush costs nothing),
 //                     against json-c reading and writing that file with and without
 //                     fsync.
+//   scale/kept/*      the owner's process keeping the module's parsed file: every
+//                     section of a list table read one by one with modelRead, and one
+//                     list section added with modelWrite, at 100/1000/10000 sections on
+//                     disk; scale/doc_floor at the same sizes is their reference.
+//   scale/kept_memory resident memory of a process holding a file of 50,000 sections
+//                     (a fresh process each, started from this program), against the
+//                     file's size, beside json-c alone holding the same file.
 #include <json-c/json.h>
+#include <malloc.h>
 #include <sys/stat.h>
+#include <time.h>
 
 #include "bench_support.h"
 #include "kepHandle.h"
@@ -166,7 +176,15 @@ void BM_DocFloor(benchmark::State &state) {
     }
     state.counters["doc_bytes"] = static_cast<double>(text.size());
 }
-BENCHMARK(BM_DocFloor)->Name("scale/doc_floor")->ArgName("sections")->Arg(10)->Arg(100)->Arg(1000);
+BENCHMARK(BM_DocFloor)->Name("scale/doc_floor")->ArgName("sections")->Arg(10)->Arg(100)->Arg(1000)->Arg(10000);
+
+// json-c alone serialising it: the part of a store that grows with the document.
+void BM_SerialiseFloor(benchmark::State &state) {
+    json_object *doc = moduleDocument(static_cast<int>(state.range(0)));
+    for (auto _ : state) benchmark::DoNotOptimize(json_object_to_json_string_ext(doc, JSON_C_TO_STRING_PLAIN));
+    json_object_put(doc);
+}
+BENCHMARK(BM_SerialiseFloor)->Name("scale/doc_floor_serialise")->ArgName("sections")->Arg(100)->Arg(1000)->Arg(10000);
 
 // ---- stores ----
 
@@ -187,6 +205,22 @@ int recToJson(const char *, json_object **value, const void *record, int size) {
     return 0;
 }
 
+int recFromJson(const char *, json_object *value, void *buf, int size) {
+    if (size < static_cast<int>(sizeof(Rec))) return -1;
+    Rec r{};
+    auto copy = [value](const char *key, char *field, size_t room) {
+        json_object *v = nullptr;
+        if (!json_object_object_get_ex(value, key, &v)) return false;
+        snprintf(field, room, "%s", json_object_get_string(v));
+        return true;
+    };
+    if (!copy("name", r.name, sizeof r.name) || !copy("ip", r.ip, sizeof r.ip) || !copy("mac", r.mac, sizeof r.mac) ||
+        !copy("note", r.note, sizeof r.note) || !copy("mode", r.mode, sizeof r.mode))
+        return -1;
+    memcpy(buf, &r, sizeof r);
+    return sizeof r;
+}
+
 const Rec kRec = {"host-new", "10.9.9.9", "02:00:00:00:09:09", "added by the benchmark", "static"};
 
 enum Where { kDisk, kTmpfs };
@@ -199,6 +233,7 @@ bool buildStoreTree(const std::string &dir, int sections) {
               mergeModules(0, 1, dir);
     OprInterface opr{};
     opr.binToJson.config = recToJson;
+    opr.jsonToBin.config = recFromJson;
     ok = ok && regOprInterface("/m0/t", &opr) == 0 &&
          loadTableListConfig(getTableByFullName("/m0/t"), json_object_object_get(doc, "t")) == 0;
     json_object_put(doc);
@@ -212,6 +247,12 @@ void BM_Store(benchmark::State &state, Where where, bool add) {
     std::string dir = kep_bench::makeTempDir(base(where));
     if (dir.empty() || !buildStoreTree(dir, sections)) return state.SkipWithError("store setup failed");
     const std::string updated = "/m0/t/t_" + std::to_string(sections / 2);
+    // The owner's process keeps the document: the first write, before the timing,
+    // reads the file just written, later ones only the file's identity.
+    const bool warm = add ? modelWrite("/m0/t/t_new", &kRec, sizeof kRec) == 0 &&
+                                modelWrite("/m0/t/t_new", nullptr, 0) == 0
+                          : modelWrite(updated.c_str(), &kRec, sizeof kRec) == 0;
+    if (!warm) return state.SkipWithError("first write failed");
     for (auto _ : state) {
         if (add) {
             if (modelWrite("/m0/t/t_new", &kRec, sizeof kRec) != 0) {
@@ -295,6 +336,134 @@ BENCHMARK_CAPTURE(BM_FileFloor, disk_fsync, kDisk, true)->Name("scale/file_floor
 BENCHMARK_CAPTURE(BM_FileFloor, disk_nofsync, kDisk, false)->Name("scale/file_floor/disk_nofsync")->Apply(diskArgs);
 BENCHMARK_CAPTURE(BM_FileFloor, tmpfs, kTmpfs, false)->Name("scale/file_floor/tmpfs")->Apply(storeArgs);
 
+// ---- the kept document ----
+
+// Sets the file's times a minute back: a file written long before, as an owner's file
+// is when it reads it. One written just now is read again by every operation until
+// it is older than a clock tick or two (the store cannot tell it from a file changed
+// again within the same tick).
+void age(const std::string &path) {
+    struct timespec past[2];
+    clock_gettime(CLOCK_REALTIME, &past[0]);
+    past[0].tv_sec -= 60;
+    past[1] = past[0];
+    utimensat(AT_FDCWD, path.c_str(), past, 0);
+}
+
+// Every section t_1 .. t_n read one by one, as an owner answering a get of the table
+// does, from the kept document: the first read, before the timing, parses the file
+// (what scale/doc_floor's parse costs) and builds the indexes.
+void BM_ReadAll(benchmark::State &state) {
+    const int sections = static_cast<int>(state.range(0));
+    std::string dir = kep_bench::makeTempDir(base(kDisk));
+    if (dir.empty() || !buildStoreTree(dir, sections)) return state.SkipWithError("setup failed");
+    age(dir + "/m0.json");
+    std::vector<std::string> paths;
+    for (int i = 1; i <= sections; i++) paths.push_back("/m0/t/t_" + std::to_string(i));
+    Rec r;
+    if (modelRead(paths.back().c_str(), &r, sizeof r) != static_cast<int>(sizeof r))
+        return state.SkipWithError("first read failed");
+    for (auto _ : state) {
+        for (const std::string &path : paths) {
+            if (modelRead(path.c_str(), &r, sizeof r) != static_cast<int>(sizeof r)) {
+                state.SkipWithError("read failed");
+                break;
+            }
+        }
+    }
+    state.SetItemsProcessed(state.iterations() * sections);
+    kep::resetTreeForTest();
+    kep_bench::removeTree(dir);
+}
+BENCHMARK(BM_ReadAll)->Name("scale/kept/read_all_disk")->ArgName("sections")->Arg(100)->Arg(1000)->Arg(10000)
+    ->MinTime(0.2)->Repetitions(3);
+
+// One list section added (and removed again outside the timing) on disk: the document
+// stays kept across the stores.
+BENCHMARK_CAPTURE(BM_Store, kept_add, kDisk, true)
+    ->Name("scale/kept/add_disk")->ArgName("sections")->Arg(100)->Arg(1000)->Arg(10000)->MinTime(0.1)->Repetitions(3);
+
+// Resident memory, in a process of its own started from this program with
+// "--resident HOW DIR SECTIONS": "kept" holds the module's document in the store (its
+// last section read through modelRead, which also builds the table's index), "jsonc"
+// the same file parsed by json-c alone. Prints the growth of the resident set.
+long residentBytes() {
+    long pages = 0, resident = 0;
+    FILE *f = fopen("/proc/self/statm", "r");
+    if (!f) return -1;
+    const bool ok = fscanf(f, "%ld %ld", &pages, &resident) == 2;
+    fclose(f);
+    return ok ? resident * sysconf(_SC_PAGESIZE) : -1;
+}
+
+int measureResident(const std::string &how, const std::string &dir, int sections) {
+    const std::string last = "t_" + std::to_string(sections);
+    OprInterface opr{};
+    opr.jsonToBin.config = recFromJson;
+    // The tree with its section nodes comes before: its size is not the store's.
+    const bool kept = how == "kept";
+    if (kept) {
+        json_object *doc = json_object_from_file((dir + "/m0.json").c_str());
+        const bool ok = doc && mergeModules(0, 1, dir) && regOprInterface("/m0/t", &opr) == 0 &&
+                        loadTableListConfig(getTableByFullName("/m0/t"), json_object_object_get(doc, "t")) == 0;
+        json_object_put(doc);
+        if (!ok) return 1;
+    }
+    malloc_trim(0);
+    const long before = residentBytes();
+    json_object *held = nullptr;
+    Rec r;
+    if (kept && modelRead(("/m0/t/" + last).c_str(), &r, sizeof r) != static_cast<int>(sizeof r)) return 1;
+    if (!kept && !(held = json_object_from_file((dir + "/m0.json").c_str()))) return 1;
+    printf("%ld\n", residentBytes() - before);
+    json_object_put(held);
+    return 0;
+}
+
+// Runs measureResident in a fresh process; the bytes it printed, or -1.
+double residentOf(const char *how, const std::string &dir, int sections) {
+    const std::string cmd = "/proc/" + std::to_string(getpid()) + "/exe --resident " + how + " '" + dir + "' " +
+                            std::to_string(sections);
+    FILE *p = popen(cmd.c_str(), "r");
+    long bytes = -1;
+    if (!p) return -1;
+    if (fscanf(p, "%ld", &bytes) != 1) bytes = -1;
+    return pclose(p) == 0 ? static_cast<double>(bytes) : -1;
+}
+
+void BM_KeptMemory(benchmark::State &state) {
+    const int sections = static_cast<int>(state.range(0));
+    std::string dir = kep_bench::makeTempDir(base(kDisk));
+    const std::string file = dir + "/m0.json";
+    json_object *doc = moduleDocument(sections);
+    const bool ok = !dir.empty() && json_object_to_file_ext(file.c_str(), doc, JSON_C_TO_STRING_PLAIN) == 0;
+    json_object_put(doc);
+    if (!ok) return state.SkipWithError("setup failed");
+    age(file);
+    double kept = -1, jsonc = -1;
+    for (auto _ : state) {
+        kept = residentOf("kept", dir, sections);
+        jsonc = residentOf("jsonc", dir, sections);
+    }
+    struct stat st;
+    const double bytes = stat(file.c_str(), &st) == 0 ? static_cast<double>(st.st_size) : 0;
+    if (kept < 0 || jsonc < 0 || bytes <= 0) state.SkipWithError("measuring failed");
+    state.counters["file_bytes"] = bytes;
+    state.counters["kept_rss_bytes"] = kept;
+    state.counters["jsonc_rss_bytes"] = jsonc;
+    state.counters["kept_per_file_byte"] = bytes > 0 ? kept / bytes : 0;
+    state.counters["jsonc_per_file_byte"] = bytes > 0 ? jsonc / bytes : 0;
+    kep_bench::removeTree(dir);
+}
+BENCHMARK(BM_KeptMemory)->Name("scale/kept_memory")->ArgName("sections")->Arg(50000)->Iterations(1);
+
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char **argv) {
+    if (argc == 5 && strcmp(argv[1], "--resident") == 0) return measureResident(argv[2], argv[3], atoi(argv[4]));
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

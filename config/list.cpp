@@ -33,30 +33,33 @@ bool verifyListSection(DataTable &table, const char *name, json_object *value, i
     return true;
 }
 
-int deleteListSection(json_object *doc, DataModule &module, DataTable &table, DataSection *section) {
-    json_object *stored = jsonObjectObjectGet(doc, table.name);
+int deleteListSection(ModuleDocument &doc, DataModule &module, DataTable &table, DataSection *section) {
+    json_object *stored = jsonObjectObjectGet(doc.get(), table.name);
     if (!stored) {
         KEP_LOG("get table %s from module %s failed.\r\n", table.name, module.name);
         return -1;
     }
-    // A node without an element is still removed: the file already lacks it.
+    // A node without an element is still removed: the file already lacks it. A walk,
+    // as the removal moves every later element anyway and drops the index.
     json_object *element = findListElement(stored, section->name);
+    doc.changing(ModuleDocument::Change::Moves);
     if (element) jsonObjectArrayDel(stored, element);
-    if (jsonObjectIsArray(stored) && jsonObjectArrayLength(stored) == 0) jsonObjectObjectDel(doc, table.name);
-    const int result = storeModuleDocument(module.configFile, doc, StoreKind::Write);
+    if (jsonObjectIsArray(stored) && jsonObjectArrayLength(stored) == 0)
+        jsonObjectObjectDel(doc.get(), table.name);
+    const int result = doc.store();
     lstDelete(&table.sections, &section->link);
     freeDataSection(section);
     return result;
 }
 
-int updateListSection(json_object *doc, DataModule &module, DataTable &table, const char *name,
+int updateListSection(ModuleDocument &doc, DataModule &module, DataTable &table, const char *name,
                       const void *record, int size) {
-    json_object *stored = jsonObjectObjectGet(doc, table.name);
+    json_object *stored = jsonObjectObjectGet(doc.get(), table.name);
     if (!stored) {
         KEP_LOG("get table %s from module %s failed.\r\n", table.name, module.name);
         return -1;
     }
-    json_object *element = findListElement(stored, name);
+    json_object *element = doc.findListElement(stored, name);
     if (!element) {
         KEP_LOG("find section %s from table %s failed.\r\n", name, table.name);
         return -1;
@@ -73,21 +76,24 @@ int updateListSection(json_object *doc, DataModule &module, DataTable &table, co
         return -1;
     }
     // The element keeps its place in the array; only its one member is replaced.
+    doc.changing(ModuleDocument::Change::InPlace);
     jsonObjectObjectDel(element, name);
     if (jsonObjectObjectAdd(element, name, value.release()) != 0) return -1;
-    return storeModuleDocument(module.configFile, doc, StoreKind::Write);
+    doc.replacedMember(element, name);
+    return doc.store();
 }
 
-int addListSection(json_object *doc, DataModule &module, DataTable &table, const char *name,
-                   const void *record, int size) {
+int addListSection(ModuleDocument &doc, DataTable &table, const char *name, const void *record, int size) {
     if (!record || size < 0) {
         KEP_LOG("bufBin can't be null.\r\n");
         return -1;
     }
-    json_object *stored = jsonObjectObjectGet(doc, table.name);
+    // Elements are only appended: the ones before keep their places.
+    doc.changing(ModuleDocument::Change::InPlace);
+    json_object *stored = jsonObjectObjectGet(doc.get(), table.name);
     if (!stored) {
         stored = jsonObjectNewArray();
-        if (!stored || jsonObjectObjectAdd(doc, table.name, stored) != 0) {
+        if (!stored || jsonObjectObjectAdd(doc.get(), table.name, stored) != 0) {
             KEP_LOG("make new array failed.\r\n");
             return -1;
         }
@@ -108,12 +114,13 @@ int addListSection(json_object *doc, DataModule &module, DataTable &table, const
         return -1;
     }
     if (jsonObjectObjectAdd(element, name, value.release()) != 0) return -1;
+    doc.appended(stored, name);
     if (!appendListSection(table, name)) {
         KEP_LOG("make section in the module tree failed.\r\n");
         return -1;
     }
     // The node mirrors the entry from now on, even if the store below fails.
-    return storeModuleDocument(module.configFile, doc, StoreKind::Write);
+    return doc.store();
 }
 
 }  // namespace
@@ -121,13 +128,13 @@ int addListSection(json_object *doc, DataModule &module, DataTable &table, const
 int modelConfListSecWrite(const char *name, DataModule *module, DataTable *table, const void *record,
                           int size) {
     if (!name || name[0] == '\0' || !module || !table) return -1;
-    // Every change is made on this in-memory copy and stored once, or dropped.
-    JsonPtr doc(loadModuleDocument(*module));
+    // Every change is made on the module's document and stored once, or dropped.
+    ModuleDocument doc(*module);
     if (!doc) return -1;
     DataSection *section = findSectionInTable(table, name);
-    if (section && !record) return deleteListSection(doc.get(), *module, *table, section);
-    if (section) return updateListSection(doc.get(), *module, *table, name, record, size);
-    return addListSection(doc.get(), *module, *table, name, record, size);
+    if (section && !record) return deleteListSection(doc, *module, *table, section);
+    if (section) return updateListSection(doc, *module, *table, name, record, size);
+    return addListSection(doc, *table, name, record, size);
 }
 
 }  // namespace kep

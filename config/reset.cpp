@@ -39,6 +39,18 @@ int resetNamedSections(DataTable &table, json_object **value) {
     return 0;
 }
 
+// Creates the list section nodes of every list table the module's file holds; false
+// when the file cannot be read. A host loads every module: it keeps none of them.
+bool loadListSections(DataModule &module) {
+    ModuleDocument doc(module, ModuleDocument::Use::IfKept);
+    if (!doc) return false;
+    for (DataTable *table = firstOf<DataTable>(module.tables); table; table = nextOf(table)) {
+        json_object *stored = jsonObjectObjectGet(doc.get(), table->name);
+        if (stored && cfg::isListTable(*table)) loadTableListConfig(table, stored);
+    }
+    return true;
+}
+
 }  // namespace
 }  // namespace kep
 
@@ -90,19 +102,12 @@ KEP_API int systemLoadConfigFile(void) {
     if (!getModulerRoot()) return -1;
     for (DataModule *module = getModulerRoot(); module; module = nextOf(module)) {
         if (module->configFile[0] == '\0') continue;
-        JsonPtr doc(loadModuleDocument(*module));
-        if (!doc) {
-            KEP_LOG("module %s config data has been destroyed.\r\n", module->name);
-            modelResetConfigFile(module);
-            doc.reset(loadModuleDocument(*module));
-            if (!doc) {
-                KEP_LOG("module %s config data reset error.\r\n", module->name);
-                return -1;
-            }
-        }
-        for (DataTable *table = firstOf<DataTable>(module->tables); table; table = nextOf(table)) {
-            json_object *stored = jsonObjectObjectGet(doc.get(), table->name);
-            if (stored && cfg::isListTable(*table)) loadTableListConfig(table, stored);
+        if (loadListSections(*module)) continue;
+        KEP_LOG("module %s config data has been destroyed.\r\n", module->name);
+        modelResetConfigFile(module);
+        if (!loadListSections(*module)) {
+            KEP_LOG("module %s config data reset error.\r\n", module->name);
+            return -1;
         }
     }
     return 0;

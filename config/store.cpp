@@ -56,22 +56,38 @@ int readDynamic(DataTable &table, const char *name, void *buf, int size) {
     });
 }
 
+// Earlier in the table's list than section, a section node of the same name.
+bool readBefore(DataTable &table, const DataSection &section) {
+    for (DataSection *s = firstOf<DataSection>(table.sections); s && s != &section; s = nextOf(s))
+        if (strcmp(s->name, section.name) == 0) return true;
+    return false;
+}
+
 int readStored(DataModule &module, DataTable &table, const char *name, void *buf, int size) {
-    JsonPtr doc(loadModuleDocument(module));
+    ModuleDocument doc(module);
     if (!doc) return -1;
     json_object *stored = jsonObjectObjectGet(doc.get(), table.name);
     if (!stored) return -1;
     const bool list = cfg::isListTable(table);
-    // A list table is read one section at a time.
-    if (name[0] == '\0' && list) return -1;
-    return readSections(table, name, buf, size, [&](DataSection &section, void *at, int room) {
-        json_object *container = list ? findListElement(stored, section.name) : stored;
+    auto read = [&](DataSection &section, void *at, int room) {
+        json_object *container = list ? doc.findListElement(stored, section.name) : stored;
         if (!container) return -1;
-        JsonPtr value(jsonGetObjFromObj(container, section.name));
+        // Each stored value is handed out once per read, lent from the document, which
+        // the conversion does not change: a second node of the same name in a table
+        // read whole finds its value taken and fails the read.
+        if (name[0] == '\0' && readBefore(table, section)) return -1;
+        json_object *value = jsonObjectObjectGet(container, section.name);
         JsonToBinFn toBin = section.opr.jsonToBin.config;
         if (!value || !toBin) return -1;
-        return toBin(section.name, value.get(), at, room);
-    });
+        return toBin(section.name, value, at, room);
+    };
+    if (list) {
+        // A list table is read one section at a time, its node found without a walk.
+        DataSection *section = name[0] != '\0' ? doc.findSection(table, name) : nullptr;
+        const int got = section ? read(*section, buf, size) : -1;
+        return got < 1 ? -1 : got;
+    }
+    return readSections(table, name, buf, size, read);
 }
 
 int writeDynamic(DataTable &table, const char *name, const void *record, int size) {
@@ -92,19 +108,21 @@ int writeDynamic(DataTable &table, const char *name, const void *record, int siz
 
 int writeStored(DataModule &module, DataTable &table, const char *name, const void *record, int size) {
     if (!record || size < 1 || name[0] == '\0') return -1;
-    JsonPtr doc(loadModuleDocument(module));
+    ModuleDocument doc(module);
     if (!doc) return -1;
     json_object *stored = jsonObjectObjectGet(doc.get(), table.name);
     if (!stored) return -1;
     DataSection *section = findSectionInTable(&table, name);
     // A section without a node changes nothing: the document goes back as it was read.
-    if (!section) return storeModuleDocument(module.configFile, doc.get(), StoreKind::Write);
+    if (!section) return doc.store();
     BinToJsonFn toJson = section->opr.binToJson.config;
     JsonPtr value;
     if (!toJson || toJson(section->name, value.out(), record, size) != 0) return -1;
+    // Only a member of a table of named sections changes; no list element moves.
+    doc.changing(ModuleDocument::Change::InPlace);
     jsonObjectObjectDel(stored, section->name);
     if (jsonObjectObjectAdd(stored, section->name, value.release()) != 0) return -1;
-    return storeModuleDocument(module.configFile, doc.get(), StoreKind::Write);
+    return doc.store();
 }
 
 // The table a path addresses, with its module; null for a malformed path or an

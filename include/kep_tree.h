@@ -25,7 +25,9 @@ enum { KEP_METHOD_ADD = 0, KEP_METHOD_SET = 1, KEP_METHOD_DELETE = 2, KEP_METHOD
 /* Verify/notify selector: 1 verify, anything else notify. */
 enum { KEP_SELECT_NOTIFY = 0, KEP_SELECT_VERIFY = 1 };
 
-/* Slot conventions of an operation interface: the table's kind (isDynamic) selects the member. */
+/* Slot conventions of an operation interface: the table's kind (isDynamic) selects the member.
+ * A JsonToBinFn only reads the value it is lent: the value belongs to the module's document,
+ * which the library keeps between calls, so it must neither be changed nor kept. */
 typedef int (*ResetConfigFn)(const char *name, json_object **value);                 /* configuration kind */
 typedef int (*ResetDynamicFn)(const char *name);                                     /* dynamic kind; result ignored */
 typedef int (*BinToJsonFn)(const char *name, json_object **value, const void *record, int size); /* record -> JSON */

@@ -78,7 +78,7 @@ KEP_API int modelReadFromReqObj(const char *path, json_object *request, void *bu
     json_object *wanted = requestSection(request, split.module, split.section);
     if (!wanted) return -1;
 
-    JsonPtr config(kep::loadModuleDocument(*module));
+    kep::ModuleDocument config(*module);
     json_object *stored = jsonObjectObjectGet(jsonObjectObjectGet(config.get(), table->name), split.section);
     if (!stored) return -1;
     JsonPtr merged(jsonObjectNewObject());

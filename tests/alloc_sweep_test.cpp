@@ -5,6 +5,9 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,6 +20,7 @@
 #include <vector>
 
 #include "alloc_fault.h"
+#include "config/config_internal.h"
 #include "config_fixture.h"
 #include "kep_config.h"
 #include "kep_json.h"
@@ -331,6 +335,15 @@ protected:
                  registerAction("dhcp", "restart", "restartCb", self());
         ASSERT_EQ(rc, 0);
     }
+    // What the repairs kept of the file, each text followed by a line end.
+    std::string keptTexts() const {
+        std::string texts;
+        for (const std::string &kept : kep_test::keptUnreadable(file_)) texts += readText(kept) + "\n";
+        return texts;
+    }
+    void removeKept() const {
+        for (const std::string &kept : kep_test::keptUnreadable(file_)) unlink(kept.c_str());
+    }
     std::vector<std::string> files() const {
         std::vector<std::string> names;
         for (const auto &e : std::filesystem::directory_iterator(dir_)) names.push_back(e.path().filename());
@@ -515,6 +528,31 @@ TEST_F(AllocSweep, RequestsEndToEndWithAnOwnerAnswering) {
     }
 }
 
+// What reads of every section give, one line each, through the module's kept document
+// and then from the file alone: the two must agree.
+std::string readsThroughTheStore() {
+    std::string out;
+    for (int fresh = 0; fresh < 2; fresh++) {
+        if (fresh) kep::dropModuleDocuments();
+        for (const char *path : {"/dhcp/host/host_1", "/dhcp/host/host_2", "/dhcp/host/host_3", "/dhcp/pool/lan"}) {
+            Rec r{};
+            const int rc = modelRead(path, &r, sizeof r);
+            out += std::string(path) + " " + std::to_string(rc) + (rc > 0 ? std::string(" ") + r.text : "") + "\n";
+        }
+        out += "--\n";
+    }
+    return out;
+}
+
+// Sets the file's times well into the past: a document read from it is kept.
+void age(const std::string &path) {
+    struct timespec past[2];
+    clock_gettime(CLOCK_REALTIME, &past[0]);
+    past[0].tv_sec -= 60;
+    past[1] = past[0];
+    utimensat(AT_FDCWD, path.c_str(), past, 0);
+}
+
 TEST_F(AllocSweep, ListSectionWritesThroughTheStore) {
     const Rec added = makeRec("new", 3), changed = makeRec("changed", 4);
     const struct {
@@ -529,46 +567,102 @@ TEST_F(AllocSweep, ListSectionWritesThroughTheStore) {
     const std::string stored =
         R"({"host":[{"host_1":{"text":"one","value":1}},{"host_2":{"text":"two","value":2}}],)"
         R"("pool":{"lan":{"text":"lan","value":2}}})";
-    for (const auto &w : writes) {
-        auto before = std::make_shared<std::string>();
-        auto reference = std::make_shared<std::string>();
-        const std::string name = w.name, path = w.path;
-        const Rec *record = w.record;
-        sweep({name,
-               [=] {
-                   wire();
-                   writeText(file_, stored);
-                   ASSERT_EQ(systemLoadConfigFile(), 0);
-                   *before = fields({joined(treeLines()), readText(file_)});
-               },
-               [=] { return modelWrite(path.c_str(), record, record ? sizeof(Rec) : 0); },
-               [=] {
-                   std::string listing;
-                   for (const std::string &f : files()) listing += f + " ";
-                   return fields({joined(treeLines()), readText(file_), listing});
-               },
-               [=](int rc, const std::string &out, bool injected, long k) {
-                   const std::vector<std::string> got = split(out);
-                   // No temporary file is ever left behind.
-                   EXPECT_EQ(got[2], "dhcp.json ") << name << " k=" << k;
-                   const std::string state = fields({got[0], got[1]});
-                   if (!injected) {
-                       ASSERT_EQ(rc, 0) << name;
-                       if (k == 0) *reference = state;
-                       EXPECT_EQ(state, *reference) << name;
-                       return;
-                   }
-                   if (rc == 0) {
-                       EXPECT_EQ(state, *reference) << name << " k=" << k;
-                       return;
-                   }
-                   EXPECT_EQ(rc, -1) << name << " k=" << k;
-                   // The file is untouched; the section node may already mirror the
-                   // change (it is made before the store).
-                   const std::vector<std::string> was = split(*before), ref = split(*reference);
-                   EXPECT_EQ(got[1], was[1]) << name << " k=" << k;
-                   EXPECT_TRUE(got[0] == was[0] || got[0] == ref[0]) << name << " k=" << k << "\n" << got[0];
-               }});
+    // A write on a document read just before (the file is read again) and on one the
+    // process keeps from an earlier read, which a failure must not leave changed.
+    for (const bool kept : {false, true}) {
+        for (const auto &w : writes) {
+            auto before = std::make_shared<std::string>();
+            auto reference = std::make_shared<std::string>();
+            const std::string name = std::string(w.name) + (kept ? ", document kept" : ""), path = w.path;
+            const Rec *record = w.record;
+            sweep({name,
+                   [=] {
+                       wire();
+                       writeText(file_, stored);
+                       ASSERT_EQ(systemLoadConfigFile(), 0);
+                       if (kept) {
+                           age(file_);
+                           Rec r;
+                           ASSERT_EQ(modelRead("/dhcp/host/host_1", &r, sizeof r), static_cast<int>(sizeof r));
+                       }
+                       *before = fields({joined(treeLines()), readText(file_)});
+                   },
+                   [=] { return modelWrite(path.c_str(), record, record ? sizeof(Rec) : 0); },
+                   [=] {
+                       std::string listing;
+                       for (const std::string &f : files()) listing += f + " ";
+                       return fields({joined(treeLines()), readText(file_), listing, readsThroughTheStore()});
+                   },
+                   [=](int rc, const std::string &out, bool injected, long k) {
+                       const std::vector<std::string> got = split(out);
+                       // No temporary file is ever left behind.
+                       EXPECT_EQ(got[2], "dhcp.json ") << name << " k=" << k;
+                       // What a read returns is what the file holds.
+                       const std::string &reads = got[3];
+                       const size_t half = reads.find("--\n") + 3;
+                       EXPECT_EQ(reads.substr(0, half), reads.substr(half)) << name << " k=" << k;
+                       const std::string state = fields({got[0], got[1]});
+                       if (!injected) {
+                           ASSERT_EQ(rc, 0) << name;
+                           if (k == 0) *reference = state;
+                           EXPECT_EQ(state, *reference) << name;
+                           return;
+                       }
+                       if (rc == 0) {
+                           EXPECT_EQ(state, *reference) << name << " k=" << k;
+                           return;
+                       }
+                       EXPECT_EQ(rc, -1) << name << " k=" << k;
+                       // The file is untouched; the section node may already mirror the
+                       // change (it is made before the store).
+                       const std::vector<std::string> was = split(*before), ref = split(*reference);
+                       EXPECT_EQ(got[1], was[1]) << name << " k=" << k;
+                       EXPECT_TRUE(got[0] == was[0] || got[0] == ref[0]) << name << " k=" << k << "\n" << got[0];
+                   }});
+        }
+    }
+}
+
+// Reads: the record of the reference run, or -1 (a read failed); never a document
+// left changed or half kept.
+TEST_F(AllocSweep, SectionReadsThroughTheStore) {
+    const std::string stored =
+        R"({"host":[{"host_1":{"text":"one","value":1}},{"host_2":{"text":"two","value":2}}],)"
+        R"("pool":{"lan":{"text":"lan","value":2}}})";
+    for (const bool kept : {false, true}) {
+        for (const char *path : {"/dhcp/host/host_2", "/dhcp/pool/lan"}) {
+            const std::string name = std::string("read ") + path + (kept ? ", document kept" : "");
+            auto got = std::make_shared<Rec>();
+            auto before = std::make_shared<std::string>();
+            sweep({name,
+                   [=] {
+                       wire();
+                       writeText(file_, stored);
+                       ASSERT_EQ(systemLoadConfigFile(), 0);
+                       if (kept) {
+                           age(file_);
+                           Rec r;
+                           ASSERT_EQ(modelRead("/dhcp/host/host_1", &r, sizeof r), static_cast<int>(sizeof r));
+                       }
+                       *before = readText(file_);
+                   },
+                   [=] {
+                       *got = Rec{};
+                       return modelRead(path, got.get(), sizeof(Rec)) == static_cast<int>(sizeof(Rec)) ? 0 : -1;
+                   },
+                   [=] { return fields({readText(file_), readsThroughTheStore()}); },
+                   [=](int rc, const std::string &out, bool injected, long k) {
+                       const std::vector<std::string> state = split(out);
+                       EXPECT_EQ(state[0], *before) << name << " k=" << k;
+                       const size_t half = state[1].find("--\n") + 3;
+                       EXPECT_EQ(state[1].substr(0, half), state[1].substr(half)) << name << " k=" << k;
+                       if (rc == 0) {
+                           EXPECT_STREQ(got->text, strstr(path, "lan") ? "lan" : "two") << name << " k=" << k;
+                       } else {
+                           EXPECT_TRUE(injected) << name << " k=" << k;
+                       }
+                   }});
+        }
     }
 }
 
@@ -580,18 +674,17 @@ TEST_F(AllocSweep, StartUpLoadRepairsADestroyedFile) {
            [=] {
                wire();
                writeText(file_, garbage);
-               std::error_code ec;
-               std::filesystem::remove(file_ + ".corrupt", ec);
+               removeKept();
                *before = treeLines();
            },
            [] { return systemLoadConfigFile(); },
-           [=] { return fields({readText(file_), joined(treeLines()), readText(file_ + ".corrupt")}); },
+           [=] { return fields({readText(file_), joined(treeLines()), keptTexts()}); },
            [=](int rc, const std::string &out, bool injected, long k) {
                // A reset stores its text pretty-printed; only the content counts.
                const std::string raw = split(out)[0];
-               // The repaired file is kept for analysis.
+               // The repaired file is kept for analysis, once.
                if (raw != garbage) {
-                   EXPECT_EQ(split(out)[2], garbage) << "k=" << k;
+                   EXPECT_EQ(split(out)[2], garbage + "\n") << "k=" << k;
                }
                const std::string file = raw == garbage ? raw : kep_test::canonical(raw);
                std::vector<std::string> lines;
@@ -631,27 +724,26 @@ TEST_F(AllocSweep, FactoryResetKeepsEachFileWholeOrReset) {
            [=] {
                wire();
                writeText(file_, stored);
-               std::error_code ec;
-               std::filesystem::remove(file_ + ".corrupt", ec);
+               removeKept();
                ASSERT_EQ(systemLoadConfigFile(), 0);
                *before = joined(treeLines());
            },
            [] { return systemResetConfigFile(); },
            [=] {
                std::string listing;
-               for (const std::string &f : files()) listing += f + " ";
-               return fields({readText(file_), listing, joined(treeLines()), readText(file_ + ".corrupt")});
+               for (const std::string &f : files())
+                   if (f.rfind("dhcp.json.unreadable-", 0) != 0) listing += f + " ";
+               return fields({readText(file_), listing, joined(treeLines()), keptTexts()});
            },
            [=](int rc, const std::string &out, bool injected, long k) {
                EXPECT_EQ(rc, 0) << "k=" << k;
                const std::vector<std::string> got = split(out);
                const std::string file = kep_test::canonical(got[0]);
-               // A sound file is kept as .corrupt only when memory ran out while it was
+               EXPECT_EQ(got[1], "dhcp.json ") << "k=" << k;
+               // A sound file is kept aside only when memory ran out while it was
                // checked; the copy then holds the old file whole.
-               if (injected && got[1] == "dhcp.json dhcp.json.corrupt ") {
-                   EXPECT_EQ(got[3], stored) << "k=" << k;
-               } else {
-                   EXPECT_EQ(got[1], "dhcp.json ") << "k=" << k;
+               if (!injected || !got[3].empty()) {
+                   EXPECT_EQ(got[3], injected ? stored + "\n" : "") << "k=" << k;
                }
                // The tree keeps its list sections: a reset changes only the file.
                EXPECT_EQ(got[2], *before) << "k=" << k;

@@ -1,15 +1,26 @@
 // Configuration store: reads and writes through module files and dynamic owners,
 // list sections kept in step with the tree, start-up load and factory reset.
+#include <dlfcn.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <json-c/json.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "config/config_internal.h"
 #include "config_fixture.h"
 #include "kep_config.h"
+#include "kep_pf_json.h"
 #include "log_capture.h"
 
 using kep_test::canonical;
@@ -495,6 +506,307 @@ TEST_F(ConfigStore, FactoryResetKeepsTheCloudBinding) {
         EXPECT_EQ(canonical(readText(file)),
                   R"({"time":{"settings":{"text":"settings","value":0}},"host":[{"host_9":{"text":"d","value":9}}]})");
     }
+}
+
+// ---- the documents a process keeps ----
+
+// Run once right after the next plain store has put its file in place.
+std::function<void()> gAfterStore;
+
+}  // namespace
+
+// The platform's plain store with that hook: the library's objects are linked into
+// this executable, so they call this definition, which calls the platform's.
+extern "C" int jsonObjectToFile(const char *path, json_object *obj) {
+    using Store = int (*)(const char *, json_object *);
+    static const Store platform = reinterpret_cast<Store>(dlsym(RTLD_NEXT, "jsonObjectToFile"));
+    const int result = platform(path, obj);
+    if (gAfterStore) {
+        std::function<void()> hook = std::move(gAfterStore);
+        gAfterStore = nullptr;
+        hook();
+    }
+    return result;
+}
+
+namespace {
+
+// Sets the file's times well into the past, as a file written long before is: a
+// document read from it is kept.
+void age(const std::string &path) {
+    struct timespec past[2];
+    clock_gettime(CLOCK_REALTIME, &past[0]);
+    past[0].tv_sec -= 60;
+    past[1] = past[0];
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), past, 0), 0) << path;
+}
+
+// Runs fn in another process, as another writer of the file.
+template <typename Fn>
+void inOtherProcess(Fn fn) {
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) _exit(fn() ? 0 : 1);
+    int status = -1;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+class KeptDocument : public ConfigStore {
+protected:
+    // The file's reads since the last call.
+    unsigned long reads() {
+        const unsigned long now = kep::moduleFileReads(), n = now - last_;
+        last_ = now;
+        return n;
+    }
+    unsigned long last_ = kep::moduleFileReads();
+};
+
+TEST_F(KeptDocument, ReadingEverySectionParsesTheFileOnce) {
+    std::string doc = R"({"time":{"settings":{"text":"s","value":1},"zone":{"text":"z","value":2}},"host":[)";
+    constexpr int kHosts = 200;
+    for (int i = 1; i <= kHosts; i++) {
+        doc += (i > 1 ? "," : "") + std::string(R"({"host_)") + std::to_string(i) + R"(":{"text":"h","value":)" +
+               std::to_string(i) + "}}";
+        tree.section(list, ("host_" + std::to_string(i)).c_str(), recOpr());
+    }
+    store(doc + "]}");
+    age(file);
+    reads();
+    for (int round = 0; round < 2; round++) {
+        for (int i = kHosts; i >= 1; i--) EXPECT_EQ(read("/m/host/host_" + std::to_string(i)).value, i);
+        Rec two[2];
+        EXPECT_EQ(modelRead("/m/time", two, sizeof two), 2 * kRec);
+    }
+    EXPECT_EQ(reads(), 1u);
+
+    // What this process stores it keeps: reads after a write parse nothing.
+    Rec r = makeRec("w", 7);
+    ASSERT_EQ(modelWrite("/m/host/host_100", &r, kRec), 0);
+    ASSERT_EQ(modelWrite("/m/time/zone", &r, kRec), 0);
+    Rec added = makeRec("n", 201);
+    ASSERT_EQ(modelWrite("/m/host/host_201", &added, kRec), 0);
+    EXPECT_EQ(read("/m/host/host_100").value, 7);
+    EXPECT_EQ(read("/m/host/host_201").value, 201);
+    EXPECT_EQ(read("/m/time/zone").value, 7);
+    ASSERT_EQ(modelWrite("/m/host/host_1", nullptr, 0), 0);
+    EXPECT_EQ(read("/m/host/host_2").value, 2);
+    EXPECT_EQ(reads(), 0u);
+
+    // A file written just now may yet change within the same clock tick without a
+    // new time: it is read again by every operation until it is old enough.
+    store(kStored);
+    EXPECT_EQ(read("/m/host/host_2").value, 20);
+    EXPECT_EQ(read("/m/host/host_2").value, 20);
+    EXPECT_EQ(reads(), 2u);
+}
+
+TEST_F(KeptDocument, FileChangedByAnotherWriterIsReadAgain) {
+    tree.section(list, "host_1", recOpr());
+    tree.section(list, "host_2", recOpr());
+    store(kStored);
+    age(file);
+    EXPECT_EQ(read("/m/host/host_1").value, 10);
+
+    // Replaced whole by another process, as a store of its own does.
+    const std::string replaced = std::string(kStored).replace(std::string(kStored).find("10"), 2, "11");
+    inOtherProcess([&] {
+        writeText(file + ".new", replaced);
+        return rename((file + ".new").c_str(), file.c_str()) == 0;
+    });
+    EXPECT_EQ(read("/m/host/host_1").value, 11);
+    age(file);
+    EXPECT_EQ(read("/m/host/host_1").value, 11);
+
+    // Changed in place, same size, by a writer that only rewrites bytes.
+    inOtherProcess([&] {
+        const size_t at = replaced.find("11");
+        int fd = open(file.c_str(), O_WRONLY);
+        const bool ok = fd >= 0 && pwrite(fd, "12", 2, static_cast<off_t>(at)) == 2;
+        if (fd >= 0) close(fd);
+        return ok;
+    });
+    EXPECT_EQ(read("/m/host/host_1").value, 12);
+
+    // Removed, then broken: nothing kept is handed out.
+    age(file);
+    EXPECT_EQ(read("/m/host/host_2").value, 20);
+    unlink(file.c_str());
+    Rec r;
+    EXPECT_EQ(modelRead("/m/host/host_2", &r, kRec), -1);
+    store("{\"host\":[");
+    age(file);
+    EXPECT_EQ(modelRead("/m/host/host_2", &r, kRec), -1);
+}
+
+// A write refused after it has begun to change the document, or whose store fails,
+// leaves the file and what later reads and writes see as they were.
+TEST_F(KeptDocument, RefusedWriteLeavesFileAndReadsUnchanged) {
+    tree.section(list, "host_1", recOpr());
+    tree.section(list, "host_2", recOpr());
+    const std::string before = store(kStored);
+    age(file);
+    EXPECT_EQ(read("/m/host/host_1").value, 10);
+    reads();
+    tree.verify(list, verifyRecord);
+    gCalls.verifyResult = 1;
+    Rec r = makeRec("refused", 5);
+    // The add appends an element before it asks the verify function.
+    EXPECT_EQ(modelWrite("/m/host/host_3", &r, kRec), -1);
+    EXPECT_EQ(modelWrite("/m/host/host_1", &r, kRec), -1);
+    EXPECT_EQ(readText(file), before);
+    EXPECT_EQ(read("/m/host/host_1").value, 10);
+    EXPECT_EQ(reads(), 1u);  // the changed document was not kept
+
+    // A store that fails (a full disk: a file size limit) keeps nothing either.
+    gCalls.verifyResult = 0;
+    inOtherProcess([&] {
+        signal(SIGXFSZ, SIG_IGN);
+        struct rlimit limit = {16, 16};
+        Rec got{};
+        const unsigned long readsBefore = kep::moduleFileReads();
+        return setrlimit(RLIMIT_FSIZE, &limit) == 0 && modelWrite("/m/host/host_1", &r, kRec) != 0 &&
+               modelRead("/m/host/host_1", &got, kRec) == kRec && got.value == 10 &&
+               kep::moduleFileReads() == readsBefore + 1;
+    });
+    EXPECT_EQ(readText(file), before);
+
+    // The next successful write stores what was read, plus its own change only.
+    Rec ok = makeRec("ok", 6);
+    ASSERT_EQ(modelWrite("/m/host/host_2", &ok, kRec), 0);
+    EXPECT_EQ(canonical(readText(file)), canonical(std::string(kStored).replace(
+                                             std::string(kStored).find(R"({"text":"b","value":20})"),
+                                             23, R"({"text":"ok","value":6})")));
+}
+
+// The index of a kept document finds what a walk of the array in order finds: the
+// first element keyed by the name, also after elements are added, updated, removed.
+TEST_F(KeptDocument, IndexFindsTheFirstOfDuplicateNames) {
+    store(R"({"host":[{"host_1":{"text":"a","value":1}},5,{},{"host_2":{"text":"b","value":2}},)"
+          R"({"host_1":{"text":"c","value":3}},{"y":{},"host_5":{"text":"d","value":4}},)"
+          R"({"host_5":{"text":"e","value":5},"x":{"text":"f","value":6}},{"x":{"text":"g","value":7}}]})");
+    age(file);
+    const char *names[] = {"host_1", "host_2", "host_5", "x", "y", "host_9", ""};
+    auto sameAsWalk = [&](const char *when) {
+        kep::ModuleDocument doc(*m);
+        ASSERT_TRUE(doc);
+        json_object *array = jsonObjectObjectGet(doc.get(), "host");
+        for (const char *name : names)
+            EXPECT_EQ(doc.findListElement(array, name), kep::findListElement(array, name)) << when << " " << name;
+    };
+    sameAsWalk("read");
+    // Of two nodes of one name the first is read, with its own converter.
+    OprInterface marked = recOpr();
+    marked.jsonToBin.config = [](const char *name, json_object *value, void *buf, int size) {
+        const int got = kep_test::jsonToRec(name, value, buf, size);
+        static_cast<Rec *>(buf)->value += 100;
+        return got;
+    };
+    tree.section(list, "host_1", marked);
+    for (const char *name : {"host_1", "host_5", "x"}) tree.section(list, name, recOpr());
+    EXPECT_EQ(read("/m/host/host_1").value, 101);
+    EXPECT_EQ(read("/m/host/x").value, 7);
+    Rec r = makeRec("u", 8);
+    // Replacing host_5's member moves it behind "x": that element now answers "x".
+    ASSERT_EQ(modelWrite("/m/host/host_5", &r, kRec), 0);
+    sameAsWalk("update");
+    EXPECT_EQ(read("/m/host/x").value, 6);
+    ASSERT_EQ(modelWrite("/m/host/host_9", &r, kRec), 0);
+    sameAsWalk("add");
+    EXPECT_EQ(read("/m/host/host_9").value, 8);
+    ASSERT_EQ(modelWrite("/m/host/host_1", nullptr, 0), 0);  // the first node and element
+    sameAsWalk("delete");
+    EXPECT_EQ(read("/m/host/host_1").value, 3);
+    // Nodes taken out of the list by other means are not found either.
+    DataSection *gone = kep::findSectionInTable(list, "host_1");
+    lstDelete(&list->sections, &gone->link);
+    kep::freeDataSection(gone);
+    Rec none;
+    EXPECT_EQ(modelRead("/m/host/host_1", &none, kRec), -1);
+    EXPECT_EQ(read("/m/host/x").value, 6);
+}
+
+// Threads reading and writing one module at once: a read never fails or sees a value
+// nobody wrote, and afterwards what reads return is what the file holds.
+TEST_F(KeptDocument, ConcurrentReadsAndWritesOfOneModule) {
+    tree.section(list, "host_1", recOpr());
+    tree.section(list, "host_2", recOpr());
+    store(kStored);
+    age(file);
+    constexpr int kWrites = 150;
+    std::atomic<int> bad{0};
+    std::atomic<bool> writing{true};
+    std::vector<std::thread> threads;
+    for (int w = 0; w < 2; w++) {
+        threads.emplace_back([&, w] {
+            const std::string path = w == 0 ? "/m/host/host_1" : "/m/time/zone";
+            for (int i = 1; i <= kWrites; i++) {
+                Rec r = makeRec("w", 1000 * (w + 1) + i);
+                if (modelWrite(path.c_str(), &r, kRec) != 0) bad++;
+            }
+        });
+    }
+    for (int t = 0; t < 2; t++) {
+        threads.emplace_back([&] {
+            while (writing.load()) {
+                for (const char *path : {"/m/host/host_1", "/m/host/host_2", "/m/time/zone", "/m/time/settings"}) {
+                    Rec r{};
+                    if (modelRead(path, &r, kRec) != kRec) {
+                        bad++;
+                        continue;
+                    }
+                    const int v = r.value;
+                    const bool known = v == 10 || v == 20 || v == 1 || v == 2 ||
+                                       (v > 1000 && v <= 1000 + kWrites) || (v > 2000 && v <= 2000 + kWrites);
+                    if (!known) bad++;
+                }
+            }
+        });
+    }
+    threads[0].join();
+    threads[1].join();
+    writing = false;
+    for (size_t i = 2; i < threads.size(); i++) threads[i].join();
+    EXPECT_EQ(bad.load(), 0);
+    // Each store wrote the whole document: the last one wins, and reads agree with it.
+    json_object *held = json_tokener_parse(readText(file).c_str());
+    ASSERT_NE(held, nullptr);
+    auto stored = [&](const char *table, const char *section) {
+        json_object *t = json_object_object_get(held, table), *v = nullptr;
+        if (json_object_is_type(t, json_type_array)) {
+            for (size_t i = 0; i < json_object_array_length(t); i++)
+                if (json_object_object_get_ex(json_object_array_get_idx(t, i), section, &v)) break;
+        } else {
+            v = json_object_object_get(t, section);
+        }
+        return json_object_get_int(json_object_object_get(v, "value"));
+    };
+    EXPECT_EQ(read("/m/host/host_1").value, stored("host", "host_1"));
+    EXPECT_EQ(read("/m/time/zone").value, stored("time", "zone"));
+    EXPECT_EQ(read("/m/host/host_2").value, 20);
+    json_object_put(held);
+}
+
+// Another thread's store that lands after this thread's store has put its file in
+// place, before this one has looked at the file: the file is the other's, and what
+// this thread wrote is not taken for it.
+TEST_F(KeptDocument, ConcurrentStoreLandingFirstIsNotTakenForOnesOwn) {
+    tree.section(list, "host_1", recOpr());
+    store(kStored);
+    age(file);
+    EXPECT_EQ(read("/m/host/host_1").value, 10);
+    gAfterStore = [] {
+        std::thread([] {
+            Rec other = makeRec("other", 77);
+            EXPECT_EQ(modelWrite("/m/time/zone", &other, kRec), 0);
+        }).join();
+    };
+    Rec mine = makeRec("mine", 55);
+    ASSERT_EQ(modelWrite("/m/host/host_1", &mine, kRec), 0);
+    // The other store read this one's file: both changes are in it, and reads say so.
+    EXPECT_EQ(read("/m/time/zone").value, 77);
+    EXPECT_EQ(read("/m/host/host_1").value, 55);
 }
 
 TEST(ConfigEmptyTree, EveryEntryPointRefuses) {

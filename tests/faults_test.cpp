@@ -7,6 +7,7 @@
 #include <stdlib.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -215,20 +216,52 @@ TEST_F(StoreFaults, ConfigurationFolderThatDisappears) {
     EXPECT_NE(readText(file).find("back"), std::string::npos);
 }
 
-TEST_F(StoreFaults, StartUpRepairKeepsTheUnreadableFileAsCorrupt) {
+// Every repair keeps the file it replaces, under a name of its own, and says so in
+// the debug log; a file over the reader's size limit is unreadable and kept alike.
+TEST_F(StoreFaults, StartUpRepairKeepsEveryUnreadableFile) {
     const std::string file = tree_.path("m.json");
-    writeText(file, "{\"host\":[{\"host_1\":");
-    writeText(file + ".corrupt", "an older generation");
     kep::resetTreeForTest();
     DataModule *m = tree_.module("m", "m.json");
     tree_.table(m, "host", true, false, kep_test::recOpr(resetHosts));
-    ASSERT_EQ(systemLoadConfigFile(), 0);
-    EXPECT_EQ(kep_test::canonical(readText(file)), R"({"host":[{"host_1":{"text":"default","value":0}}]})");
-    EXPECT_EQ(readText(file + ".corrupt"), "{\"host\":[{\"host_1\":");  // one generation only
+    kep_test::LogCapture log;
+    const std::string broken[] = {"{\"host\":[{\"host_1\":", "not json"};
+    for (const std::string &text : broken) {
+        writeText(file, text);
+        ASSERT_EQ(systemLoadConfigFile(), 0);
+        EXPECT_EQ(kep_test::canonical(readText(file)), R"({"host":[{"host_1":{"text":"default","value":0}}]})");
+    }
+    std::vector<std::string> kept = kep_test::keptUnreadable(file);
+    ASSERT_EQ(kept.size(), 2u);
+    // Stamped with the time of the repair, in UTC.
+    bool stampedNow = false;
+    for (time_t t = time(nullptr) - 5; t <= time(nullptr); t++) {
+        struct tm utc;
+        char stamp[32];
+        strftime(stamp, sizeof stamp, "%Y%m%dT%H%M%SZ", gmtime_r(&t, &utc));
+        stampedNow = stampedNow || kept[0].find(std::string(".unreadable-") + stamp) != std::string::npos;
+    }
+    EXPECT_TRUE(stampedNow) << kept[0];
+    // The names sort in time order (a second repair within the same second adds "-2").
+    EXPECT_EQ(readText(kept[0]), broken[0]);
+    EXPECT_EQ(readText(kept[1]), broken[1]);
+    EXPECT_TRUE(log.contains(file + " cannot be read: kept as " + kept[0] + " before it is replaced\n"));
+
+    // A sound file over the size limit (which the defaults are not).
+    for (const std::string &k : kept) std::filesystem::remove(k);
+    const std::string large = R"({"host":[{"host_1":{"text":")" + std::string(600, 'x') + R"(","value":7}}]})";
+    writeText(file, large);
+    ASSERT_EQ(jsonObjectSetFileLimit(500), 0);
+    EXPECT_EQ(systemLoadConfigFile(), 0);
+    ASSERT_EQ(jsonObjectSetFileLimit(64L * 1024 * 1024), 0);
+    kept = kep_test::keptUnreadable(file);
+    ASSERT_EQ(kept.size(), 1u);
+    EXPECT_EQ(readText(kept[0]), large);
+    EXPECT_EQ(jsonObjectSetFileLimit(0), -1);
+
     // A sound file replaced by a factory reset is not kept.
-    std::filesystem::remove(file + ".corrupt");
+    std::filesystem::remove(kept[0]);
     EXPECT_EQ(systemResetConfigFile(), 0);
-    EXPECT_FALSE(std::filesystem::exists(file + ".corrupt"));
+    EXPECT_TRUE(kep_test::keptUnreadable(file).empty());
 }
 
 // ---- the model description ----

@@ -1,5 +1,7 @@
 // The stand-in JSON object layer and debug log.
+#include <errno.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <math.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -115,15 +117,11 @@ TEST(JsonFile, StoreReplacesWholeFilesAndKeepsTheOldOneOnFailure) {
     kep::JsonPtr obj(jsonObjectFromString("{\"a\":1,\"b\":\"two\"}"));
     ASSERT_EQ(jsonObjectToFile(path.c_str(), obj.get()), 0);
     EXPECT_EQ(readText(path), "{\"a\":1,\"b\":\"two\"}");
-    chmod(path.c_str(), 0640);  // not what a fresh temporary file gets
 
     kep::JsonPtr next(jsonObjectFromString("{\"a\":2}"));
     ASSERT_EQ(jsonObjectToFileMem(path.c_str(), next.get()), 0);
     kep::JsonPtr back(jsonObjectFromFile(path.c_str()));
     EXPECT_EQ(text(back.get()), "{\"a\":2}");
-    struct stat st;
-    ASSERT_EQ(stat(path.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0640u);
     EXPECT_EQ(dir.entries(), std::vector<std::string>{"cfg.json"}) << "no temporary file left";
 
     // Folders that cannot take the file (root ignores permissions, so they are
@@ -160,6 +158,133 @@ TEST(JsonFile, StoreReplacesWholeFilesAndKeepsTheOldOneOnFailure) {
     EXPECT_EQ(dir.entries(), std::vector<std::string>{"cfg.json"});
 }
 
+namespace {
+
+struct Mode {
+    unsigned mode;
+    gid_t gid;
+};
+
+// The mode and group that a store of path gives the file, after the file was given
+// mode before (or removed, with before 0).
+Mode storedMode(const std::string &path, unsigned before) {
+    if (before) {
+        EXPECT_EQ(chmod(path.c_str(), before), 0) << path;
+    } else {
+        unlink(path.c_str());
+    }
+    kep::JsonPtr obj(jsonObjectFromString("{\"a\":1}"));
+    EXPECT_EQ(jsonObjectToFile(path.c_str(), obj.get()), 0);
+    struct stat st;
+    EXPECT_EQ(stat(path.c_str(), &st), 0);
+    return {static_cast<unsigned>(st.st_mode & 07777), st.st_gid};
+}
+
+// A group this process may give its files other than its own: any as root, else a
+// supplementary one; -1 when there is none.
+int otherGroup() {
+    if (geteuid() == 0) return 65534;
+    gid_t groups[64];
+    const int n = getgroups(64, groups);
+    for (int i = 0; i < n; i++)
+        if (groups[i] != getegid()) return static_cast<int>(groups[i]);
+    return -1;
+}
+
+}  // namespace
+
+// Configuration files are the owner's alone, or also their group's when one is
+// configured; a store never copies a looser mode, but keeps a narrower one.
+TEST(JsonFile, StoredFilesAreNeverWiderThanTheOwnersOrTheGroups) {
+    TempDir dir;
+    const std::string path = dir / "cfg.json";
+    ASSERT_EQ(jsonObjectSetFileGroup(-1), 0);
+    EXPECT_EQ(storedMode(path, 0).mode, 0600u);
+    for (unsigned before : {0666u, 0644u, 0604u, 0600u, 0400u, 04755u}) {
+        EXPECT_EQ(storedMode(path, before).mode, 0600u) << std::oct << before;
+    }
+    EXPECT_EQ(jsonObjectSetFileGroup(-2), -1);
+
+    const int group = otherGroup();
+    if (group < 0) GTEST_SKIP() << "no group to give files but the process's own";
+    ASSERT_EQ(jsonObjectSetFileGroup(group), 0);
+    Mode fresh = storedMode(path, 0);
+    EXPECT_EQ(fresh.mode, 0640u);
+    EXPECT_EQ(fresh.gid, static_cast<gid_t>(group));
+    const struct {
+        unsigned before, after;
+    } cases[] = {{0666, 0640}, {0660, 0640}, {0640, 0640}, {0620, 0600}, {0600, 0600}, {0400, 0600}};
+    for (const auto &c : cases) {
+        const Mode m = storedMode(path, c.before);
+        EXPECT_EQ(m.mode, c.after) << std::oct << c.before;
+        EXPECT_EQ(m.gid, static_cast<gid_t>(group)) << std::oct << c.before;
+    }
+    // A process that may not give the group (not root, not a member) keeps its files
+    // to itself.
+    if (geteuid() == 0) {
+        ASSERT_EQ(chmod((dir / "").c_str(), 0777), 0);
+        pid_t child = fork();
+        if (child == 0) {
+            bool ok = jsonObjectSetFileGroup(0) == 0 && setgid(65534) == 0 && setuid(65534) == 0;
+            const std::string own = dir / "own.json";
+            kep::JsonPtr obj(jsonObjectFromString("{\"a\":1}"));
+            struct stat st;
+            ok = ok && jsonObjectToFile(own.c_str(), obj.get()) == 0 && stat(own.c_str(), &st) == 0 &&
+                 (st.st_mode & 0777) == 0600 && st.st_gid == 65534;
+            obj.reset();
+            _exit(ok ? 0 : 1);
+        }
+        int status = -1;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    ASSERT_EQ(jsonObjectSetFileGroup(-1), 0);
+}
+
+// KEP_CONFIG_GROUP and KEP_JSON_FILE_LIMIT, read once: checked in a fresh run of this
+// program with them set, so that no earlier store has read the environment already.
+TEST(JsonFile, SettingsFromTheEnvironment) {
+    if (const char *child = getenv("KEP_TEST_SETTINGS_DIR")) {
+        const std::string path = std::string(child) + "/cfg.json";
+        const Mode m = storedMode(path, 0);
+        EXPECT_EQ(m.mode, 0640u);
+        EXPECT_EQ(std::to_string(m.gid), getenv("KEP_TEST_SETTINGS_GID"));
+        // 100 bytes at most, read or written.
+        writeText(path, "{\"a\":\"" + std::string(92, 'x') + "\"}");
+        kep::JsonPtr at(jsonObjectFromFile(path.c_str()));
+        EXPECT_NE(at.get(), nullptr);
+        writeText(path, "{\"a\":\"" + std::string(93, 'x') + "\"}");
+        EXPECT_EQ(jsonObjectFromFile(path.c_str()), nullptr);
+        kep::JsonPtr big(jsonObjectFromString(("{\"a\":\"" + std::string(93, 'x') + "\"}").c_str()));
+        EXPECT_NE(jsonObjectToFile(path.c_str(), big.get()), 0);
+        EXPECT_NE(jsonObjectToFileMem(path.c_str(), big.get()), 0);
+        return;
+    }
+    const int group = otherGroup();
+    if (group < 0) GTEST_SKIP() << "no group to give files but the process's own";
+    // By name when the group has one, which is the harder of the two to read.
+    std::string name = std::to_string(group);
+    struct group entry, *found = nullptr;
+    char buf[4096];
+    if (getgrgid_r(static_cast<gid_t>(group), &entry, buf, sizeof buf, &found) == 0 && found) name = found->gr_name;
+    TempDir dir;
+    pid_t child = fork();
+    if (child == 0) {
+        setenv("KEP_TEST_SETTINGS_DIR", (dir / "").c_str(), 1);
+        setenv("KEP_TEST_SETTINGS_GID", std::to_string(group).c_str(), 1);
+        setenv("KEP_CONFIG_GROUP", name.c_str(), 1);
+        setenv("KEP_JSON_FILE_LIMIT", "100", 1);
+        // This program by the name it was started with: under valgrind, /proc/self/exe
+        // is valgrind's.
+        execlp(program_invocation_name, program_invocation_name,
+               "--gtest_filter=JsonFile.SettingsFromTheEnvironment", "--gtest_brief=1", static_cast<char *>(nullptr));
+        _exit(127);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the run with the settings failed (" << status << ")";
+}
+
 // Stores cut short (a killed writer, a power cut) leave their temporary files; the
 // next store of the same path removes them, and nothing else.
 TEST(JsonFile, StoreRemovesTheTemporaryFilesOfStoresCutShort) {
@@ -180,7 +305,7 @@ TEST(JsonFile, StoreRemovesTheTemporaryFilesOfStoresCutShort) {
     // time, all cut short; files that only look alike.
     for (const char *left : {"cfg.json.tmp", "cfg.json.tmpAb12Cd", "cfg.json.tmpZZZZZZ"}) writeText(dir / left, "{\"cut");
     std::vector<std::string> kept = {"cfg.json.tmpAb12C", "cfg.json.tmpAb12Cde", "cfg.json.tmp-b12Cd", "cfg.jso.tmp",
-                                     "cfg.jso.tmpAb12Cd", "other.json.tmp",      "cfg.json.corrupt",   "target.json"};
+                                     "cfg.jso.tmpAb12Cd", "other.json.tmp",      "cfg.json.unreadable-20261124T101530Z", "target.json"};
     for (const std::string &name : kept) writeText(dir / name, "x");
     ASSERT_EQ(mkdir((dir / "cfg.json.tmpFolder").c_str(), 0700), 0);
     ASSERT_EQ(symlink((dir / "target.json").c_str(), (dir / "cfg.json.tmpLinked").c_str()), 0);

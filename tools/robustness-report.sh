@@ -89,7 +89,9 @@ platform stand-in's and json-c's are all counted. At every k the run must: not c
 give success or the documented error of that operation; leak no block allocated during
 the run; leave the tree unchanged (or as the documented failure leaves it) and every
 configuration file either as it was or as the successful run writes it, with no
-temporary file left behind.
+temporary file left behind. The list-section writes and the section reads run twice:
+on a document read for the operation, and on one the process kept from an earlier read
+("document kept"); every run must also leave reads returning what the file holds.
 
 Total: **$total**.
 
@@ -143,8 +145,10 @@ the part its input feeds.
   refused, the old file stays byte for byte, no temporary file is left.
 - Configuration folder that disappears: reads and writes fail, the start-up load
   reports -1, nothing crashes; when the folder returns every stored value is there.
-- Start-up repair of a file that does not parse: the file is kept as \`<name>.corrupt\`
-  (one generation); a factory reset of a sound file keeps nothing.
+- Start-up repair of a file that cannot be read (it does not parse, or is over the
+  reader's size limit, \`jsonObjectSetFileLimit\`): every repair keeps the file it
+  replaces as \`<name>.unreadable-<UTC time>\` (\`-2\`, \`-3\`, ... within one second) and
+  logs it on debug module 113; a factory reset of a sound file keeps nothing.
 - Model description replaced, broken or removed while running: no effect on the tree
   until it is read again; a broken re-read changes nothing.
 - Host killed during configuration writes (\`tests/config_crash_test.cpp\`): the file holds
@@ -174,6 +178,7 @@ the other helpers' out-of-memory cases (they replace the allocator) and the syst
   allocations instead of failing them.
 - A start-up load whose read fails for want of memory treats a sound file as destroyed
   and rewrites it with defaults, as the load does by contract; the stand-in keeps the old
-  file as \`.corrupt\` only when it still fails to parse when the reset checks it.
+  file aside (\`.unreadable-<UTC time>\`) when it still cannot be read when the reset
+  checks it, which a shortage of memory can also cause.
 EOF
 echo "wrote $out"

@@ -2,14 +2,36 @@
 #include "kep_list.h"
 
 #include "platform/api.h"
+#include "tree/tree_internal.h"
+
+namespace kep {
+namespace {
+
+// Counts every change of any list, so that what was found by walking one (an index
+// of a table's sections) can tell whether it still holds.
+unsigned long gGeneration;
+
+void changed() {
+    __atomic_add_fetch(&gGeneration, 1, __ATOMIC_RELAXED);
+}
+
+}  // namespace
+
+unsigned long listGeneration() {
+    return __atomic_load_n(&gGeneration, __ATOMIC_RELAXED);
+}
+
+}  // namespace kep
 
 KEP_API void lstInit(LstList *list) {
+    kep::changed();
     list->head = nullptr;
     list->tail = nullptr;
     list->count = 0;
 }
 
 KEP_API void lstInsert(LstList *list, LstNode *previous, LstNode *node) {
+    kep::changed();
     LstNode *follower;
     if (previous) {
         follower = previous->next;
@@ -37,6 +59,7 @@ KEP_API int lstCount(LstList *list) {
 }
 
 KEP_API void lstDelete(LstList *list, LstNode *node) {
+    kep::changed();
     if (node->previous) {
         node->previous->next = node->next;
     } else {
@@ -57,6 +80,7 @@ KEP_API LstNode *lstFirst(LstList *list) {
 KEP_API LstNode *lstGet(LstList *list) {
     LstNode *node = list->head;
     if (!node) return nullptr;
+    kep::changed();
     list->head = node->next;
     if (list->head) {
         list->head->previous = nullptr;

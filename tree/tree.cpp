@@ -124,6 +124,7 @@ void freeDataSection(DataSection *section) {
 }
 
 void resetTreeForTest() {
+    dropModuleDocuments();
     while (LstNode *m = lstGet(&gModuleRoot)) {
         DataModule *module = nodeAs<DataModule>(m);
         while (LstNode *t = lstGet(&module->tables)) freeTable(nodeAs<DataTable>(t));
@@ -241,13 +242,15 @@ KEP_API int deletePluginTable(const char *moduleName, const char *tableName) {
     if (!module) return -1;
     DataTable *table = getDataTable(module, tableName);
     if (!table || table->isDynamic == 1) return -1;
-    JsonPtr config(kep::loadModuleDocument(*module));
-    if (!config) return -1;
-    if (jsonObjectObjectGet(config.get(), table->name)) {
-        jsonObjectObjectDel(config.get(), table->name);
-        kep::storeModuleDocument(module->configFile, config.get(), kep::StoreKind::Write);
+    {
+        kep::ModuleDocument config(*module, kep::ModuleDocument::Use::IfKept);
+        if (!config) return -1;
+        if (jsonObjectObjectGet(config.get(), table->name)) {
+            config.changing(kep::ModuleDocument::Change::Moves);
+            jsonObjectObjectDel(config.get(), table->name);
+            config.store();
+        }
     }
-    config.reset();
     if (table->optionPublic == 1) delDataTable(table);
     return 0;
 }

@@ -28,6 +28,11 @@ DataTable *findPathTable(const TreePath &path, DataModule **module);
 // The table's first section of that name, or null.
 DataSection *findSectionInTable(DataTable *table, const char *name);
 
+// A count that every change of any list made with the lst* functions advances: a
+// node found by walking a list earlier is still there, under the same name, while
+// the count stays (a node is named as it is made, never afterwards).
+unsigned long listGeneration();
+
 // Index of the last c in text; -1 when absent; 0 for a null or empty text.
 int lastIndexOfChar(const char *text, char c);
 

@@ -3,7 +3,9 @@
  *
  * The stand-in switches flags on from the environment variable KEP_DEBUG: "all", or
  * a comma-separated list of module ids (e.g. "110,111"). KEP_DEBUG_SYSLOG=1 sends
- * the lines to syslog instead of standard error.
+ * the lines to syslog instead of standard error. Module ids: 110 the library's JSON
+ * helpers, 111 the rest of the library, 112 the stand-in's RPC, 113 the stand-in's
+ * JSON files (a file that cannot be read kept aside, settings refused).
  */
 #ifndef KEP_PF_DEBUG_H
 #define KEP_PF_DEBUG_H

@@ -20,15 +20,38 @@ typedef struct lh_entry JsonObjCursor;
 json_object *jsonObjectNewObject(void);          /* NULL when memory is exhausted */
 json_object *jsonObjectNewArray(void);
 json_object *jsonObjectFromString(const char *text);   /* new value, or NULL for null/non-JSON text */
-json_object *jsonObjectFromFile(const char *path);     /* NULL for a missing or unparsable file */
+/* NULL for a missing or unparsable file, and for one larger than the file limit. */
+json_object *jsonObjectFromFile(const char *path);
+/*
+ * The file limit: the largest file, in bytes, that jsonObjectFromFile reads (a bound
+ * on what one read allocates) and that the stores write (a larger text is refused,
+ * nonzero, rather than stored as a file the next read cannot take). 64 MiB unless the
+ * environment variable KEP_JSON_FILE_LIMIT, read once, gives another byte count; this
+ * call overrides both. A larger file is unreadable like a broken one: the start-up
+ * repair keeps it aside (see jsonObjectToFileMem). 0, or -1 for bytes below 1.
+ */
+int jsonObjectSetFileLimit(long bytes);
 /*
  * Replace the file atomically: a temporary file in the same folder is written,
  * flushed to disk and renamed over the old one. Nonzero on any failure, with the
  * old file left intact. ToFileMem serialises into memory first, then stores it the
- * same way.
+ * same way; it is the store of resets, and keeps a file it replaces that cannot be
+ * read as "<path>.unreadable-<UTC time, e.g. 20261124T101530Z>[-N]" (a hard link),
+ * one for every such store, logged on debug module 113.
+ *
+ * File modes: a stored file is 0600, or 0640 and of the configured group when there
+ * is one (below). A store never widens what the replaced file allowed: its mode is
+ * narrowed to that file's, owner read and write always kept, and never copied wider.
  */
 int jsonObjectToFile(const char *path, json_object *obj);
 int jsonObjectToFileMem(const char *path, json_object *obj);
+/*
+ * The group that may read the configuration files: gid, or -1 for none. Without this
+ * call, the environment variable KEP_CONFIG_GROUP (a group name or number, read once)
+ * gives it. A store that cannot give its file the group (the process is neither root
+ * nor a member) writes it 0600. 0, or -1 for gid below -1.
+ */
+int jsonObjectSetFileGroup(int gid);
 /* *text: malloc'd copy of the JSON text, released with free(); NULL on failure (also
  * when json-c, short of memory, wrote a text that does not match the object). */
 int jsonObjectToMallocString(json_object *obj, char **text);

@@ -107,6 +107,7 @@ PF_API const char *midNameGet(int mid) {
         case 110: return "kepJson";
         case 111: return "kepHandle";
         case 112: return "imi";
+        case 113: return "jsonStore";
         default: return "unknown";
     }
 }

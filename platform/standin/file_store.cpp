@@ -18,7 +18,9 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <limits.h>
+#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -27,6 +29,7 @@
 #include <unistd.h>
 
 #include "../guard.h"
+#include "kep_pf_debug.h"
 
 namespace kep_pf {
 namespace {
@@ -34,6 +37,52 @@ namespace {
 constexpr char kTempMark[] = ".tmp";
 constexpr size_t kTempMarkLen = sizeof kTempMark - 1;
 constexpr size_t kTempUnique = 6;  // the characters mkostemp fills in
+
+// Configuration files hold secrets (keys, passwords): only their owner, and the
+// configured group when there is one, may read them.
+constexpr mode_t kOwnerMode = 0600;
+constexpr mode_t kGroupMode = 0640;
+
+// The configured group: -2 until the environment has been read, -1 for none.
+int gGroup = -2;
+pthread_once_t gGroupOnce = PTHREAD_ONCE_INIT;
+
+void readGroupFromEnvironment() {
+    const char *env = getenv("KEP_CONFIG_GROUP");
+    int gid = -1;
+    if (env && *env) {
+        char *end = nullptr;
+        errno = 0;
+        const long n = strtol(env, &end, 10);
+        struct group entry, *found = nullptr;
+        char buf[4096];
+        if (errno == 0 && *end == '\0' && n >= 0 && n <= INT_MAX) {
+            gid = static_cast<int>(n);
+        } else if (getgrnam_r(env, &entry, buf, sizeof buf, &found) == 0 && found &&
+                   found->gr_gid <= static_cast<gid_t>(INT_MAX)) {
+            gid = static_cast<int>(found->gr_gid);
+        } else if (debugFlagGet(kStoreLogMid)) {
+            debugPrintf(kStoreLogMid, "KEP_CONFIG_GROUP \"%s\" names no group: files stay 0600\n", env);
+        }
+    }
+    __atomic_store_n(&gGroup, gid, __ATOMIC_RELEASE);
+}
+
+int fileGroup() {
+    pthread_once(&gGroupOnce, readGroupFromEnvironment);
+    return __atomic_load_n(&gGroup, __ATOMIC_ACQUIRE);
+}
+
+// Gives the new file fd its group and returns the mode it gets: the group's mode when
+// the file could be given it, the owner's otherwise; narrowed to what the file it
+// replaces (mode old, or none) allowed, owner read and write always kept.
+mode_t newFileMode(int fd, const struct stat *old) {
+    const int group = fileGroup();
+    mode_t mode = group >= 0 && fchown(fd, static_cast<uid_t>(-1), static_cast<gid_t>(group)) == 0 ? kGroupMode
+                                                                                                      : kOwnerMode;
+    if (old) mode &= old->st_mode | kOwnerMode;
+    return mode;
+}
 
 bool writeAll(int fd, const char *data, size_t len) {
     while (len > 0) {
@@ -146,7 +195,7 @@ int storeAtomically(const char *path, const char *text, size_t len) {
     // be swept; a folder that cannot be opened is neither.
     const kep::Fd folder(open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     struct stat old;
-    const mode_t mode = stat(path, &old) == 0 && S_ISREG(old.st_mode) ? (old.st_mode & 07777) : 0644;
+    const bool replaces = stat(path, &old) == 0 && S_ISREG(old.st_mode);
     char tmp[PATH_MAX];
     bool sweep = false;
     int fd = createTemp(tmp, sizeof tmp, path, &sweep);
@@ -155,7 +204,8 @@ int storeAtomically(const char *path, const char *text, size_t len) {
     if (sweep && folder.valid()) removeLeftovers(folder.get(), base);
     // Renamed or removed before the lock goes with the descriptor, so that no sweep
     // can take the file while it is still to be put in place.
-    const bool ok = writeAll(fd, text, len) && fchmod(fd, mode) == 0 && fsync(fd) == 0 && rename(tmp, path) == 0;
+    const bool ok = fchmod(fd, newFileMode(fd, replaces ? &old : nullptr)) == 0 && writeAll(fd, text, len) &&
+                    fsync(fd) == 0 && rename(tmp, path) == 0;
     if (!ok) unlink(tmp);
     close(fd);
     if (!ok) return -1;
@@ -164,3 +214,10 @@ int storeAtomically(const char *path, const char *text, size_t len) {
 }
 
 }  // namespace kep_pf
+
+extern "C" __attribute__((visibility("default"))) int jsonObjectSetFileGroup(int gid) {
+    if (gid < -1) return -1;
+    pthread_once(&kep_pf::gGroupOnce, kep_pf::readGroupFromEnvironment);
+    __atomic_store_n(&kep_pf::gGroup, gid, __ATOMIC_RELEASE);
+    return 0;
+}

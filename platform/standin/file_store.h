@@ -5,10 +5,14 @@
 
 namespace kep_pf {
 
+// The debug module of the stand-in's JSON files ("jsonStore"): repairs, settings.
+constexpr int kStoreLogMid = 113;
+
 // Replaces path with the len bytes of text, or leaves it as it was: a temporary
 // file beside it ("<path>.tmp", or that and six characters while another store of
 // path is writing it) is written, flushed, renamed over it, and the folder flushed.
-// A replaced file keeps its permissions. What earlier stores of path that were cut
+// The new file is 0600, or 0640 of the configured group (jsonObjectSetFileGroup),
+// narrowed to what a replaced file allowed. What earlier stores of path that were cut
 // short (a killed writer, a power cut) left behind is removed; what a live store
 // holds is left to it. 0, or -1 with the old file intact. Internal to the stand-in.
 __attribute__((visibility("hidden"))) int storeAtomically(const char *path, const char *text, size_t len);

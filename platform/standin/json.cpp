@@ -3,17 +3,20 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <pthread.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <json-c/json.h>
 
 #include "file_store.h"
 #include "json_match.h"
+#include "kep_pf_debug.h"
 #include "kep_pf_json.h"
 
 #define PF_API extern "C" __attribute__((visibility("default")))
@@ -54,12 +57,66 @@ json_object *parseText(const char *text) {
     return obj;
 }
 
+// The largest file the reader takes: a bound on what one read may allocate. 0 until
+// the environment has been read.
+constexpr long kDefaultFileLimit = 64L * 1024 * 1024;
+long gFileLimit;
+pthread_once_t gLimitOnce = PTHREAD_ONCE_INIT;
+
+void readLimitFromEnvironment() {
+    const char *env = getenv("KEP_JSON_FILE_LIMIT");
+    long limit = kDefaultFileLimit;
+    if (env && *env) {
+        char *end = nullptr;
+        errno = 0;
+        const long n = strtol(env, &end, 10);
+        if (errno == 0 && *end == '\0' && n > 0) {
+            limit = n;
+        } else if (debugFlagGet(kep_pf::kStoreLogMid)) {
+            debugPrintf(kep_pf::kStoreLogMid, "KEP_JSON_FILE_LIMIT \"%s\" is no byte count: %ld taken\n", env,
+                        limit);
+        }
+    }
+    __atomic_store_n(&gFileLimit, limit, __ATOMIC_RELEASE);
+}
+
+long fileLimit() {
+    pthread_once(&gLimitOnce, readLimitFromEnvironment);
+    return __atomic_load_n(&gFileLimit, __ATOMIC_ACQUIRE);
+}
+
+// The UTC time t as 20261124T101530Z, computed here: gmtime_r loads the time zone data
+// on its first call, an allocation a repair short of memory need not make.
+void utcStamp(time_t t, char *out, size_t size) {
+    const long long secs = static_cast<long long>(t);
+    long long days = secs / 86400, rest = secs % 86400;
+    if (rest < 0) {
+        rest += 86400;
+        days--;
+    }
+    // Days since 1970-01-01 to a civil date (proleptic Gregorian calendar).
+    days += 719468;
+    const long long era = (days >= 0 ? days : days - 146096) / 146097;
+    const long long doe = days - era * 146097;
+    const long long yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+    const long long doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+    const long long mp = (5 * doy + 2) / 153;
+    const long long day = doy - (153 * mp + 2) / 5 + 1;
+    const long long month = mp < 10 ? mp + 3 : mp - 9;
+    const long long year = yoe + era * 400 + (month <= 2 ? 1 : 0);
+    snprintf(out, size, "%04d%02d%02dT%02d%02d%02dZ", static_cast<int>(year), static_cast<int>(month),
+             static_cast<int>(day), static_cast<int>(rest / 3600), static_cast<int>(rest / 60 % 60),
+             static_cast<int>(rest % 60));
+}
+
 // Resets store through jsonObjectToFileMem, and the start-up repair is a reset of a
-// file that does not parse: that file is kept beside the new one as "<path>.corrupt"
-// (one generation, a hard link to the old data) so that a field failure can be
-// analysed. A parse that failed for want of memory may keep a sound file too; the
-// copy is harmless.
-void keepUnparsable(const char *path) {
+// file that cannot be read (it does not parse, or is over the size limit). Before it
+// is replaced, that file is kept beside it as "<path>.unreadable-<UTC time>" (a hard
+// link to the old data, "-2", "-3", ... added when the name is taken), one for every
+// repair, so that no configuration is ever lost without a trace and a field failure
+// can be analysed. A read that failed for want of memory may keep a sound file too;
+// the copy is harmless.
+void keepUnreadable(const char *path) {
     struct stat st;
     if (!path || lstat(path, &st) != 0 || !S_ISREG(st.st_mode)) return;
     json_object *old = jsonObjectFromFile(path);
@@ -67,10 +124,25 @@ void keepUnparsable(const char *path) {
         json_object_put(old);
         return;
     }
-    char corrupt[PATH_MAX];
-    if (snprintf(corrupt, sizeof corrupt, "%s.corrupt", path) >= static_cast<int>(sizeof corrupt)) return;
-    unlink(corrupt);
-    link(path, corrupt);
+    char stamp[32];
+    utcStamp(time(nullptr), stamp, sizeof stamp);
+    char kept[PATH_MAX];
+    for (int n = 1; n < 1000; n++) {
+        const int len = n == 1 ? snprintf(kept, sizeof kept, "%s.unreadable-%s", path, stamp)
+                               : snprintf(kept, sizeof kept, "%s.unreadable-%s-%d", path, stamp, n);
+        if (len < 0 || len >= static_cast<int>(sizeof kept)) return;
+        if (link(path, kept) == 0) {
+            if (debugFlagGet(kep_pf::kStoreLogMid))
+                debugPrintf(kep_pf::kStoreLogMid, "%s cannot be read: kept as %s before it is replaced\n", path,
+                            kept);
+            return;
+        }
+        if (errno != EEXIST) break;
+    }
+    const int err = errno;
+    if (debugFlagGet(kep_pf::kStoreLogMid))
+        debugPrintf(kep_pf::kStoreLogMid, "%s cannot be read and could not be kept (%s)\n", path,
+                    strerror(err));
 }
 
 // The text of obj, or null. json-c 0.16 ignores a failed append while it serialises
@@ -96,7 +168,7 @@ PF_API json_object *jsonObjectFromFile(const char *path) {
     int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) return nullptr;
     struct stat st;
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > 64 * 1024 * 1024) {
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > fileLimit()) {
         close(fd);
         return nullptr;
     }
@@ -120,19 +192,28 @@ PF_API json_object *jsonObjectFromFile(const char *path) {
     return obj;
 }
 
+PF_API int jsonObjectSetFileLimit(long bytes) {
+    if (bytes < 1) return -1;
+    pthread_once(&gLimitOnce, readLimitFromEnvironment);
+    __atomic_store_n(&gFileLimit, bytes, __ATOMIC_RELEASE);
+    return 0;
+}
+
+// A text over the reader's limit is refused rather than stored as a file that the
+// next read would take for unreadable.
 PF_API int jsonObjectToFile(const char *path, json_object *obj) {
     if (!obj) return -1;
     size_t len = 0;
     const char *text = verifiedText(obj, JSON_C_TO_STRING_PLAIN, &len);
-    return text ? kep_pf::storeAtomically(path, text, len) : -1;
+    return text && len <= static_cast<unsigned long>(fileLimit()) ? kep_pf::storeAtomically(path, text, len) : -1;
 }
 
 PF_API int jsonObjectToFileMem(const char *path, json_object *obj) {
     if (!obj) return -1;
-    keepUnparsable(path);
+    keepUnreadable(path);
     size_t len = 0;
     const char *text = verifiedText(obj, JSON_C_TO_STRING_PRETTY, &len);
-    return text ? kep_pf::storeAtomically(path, text, len) : -1;
+    return text && len <= static_cast<unsigned long>(fileLimit()) ? kep_pf::storeAtomically(path, text, len) : -1;
 }
 
 PF_API int jsonObjectToMallocString(json_object *obj, char **text) {

@@ -8,8 +8,10 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -84,6 +86,23 @@ inline std::string canonical(const std::string &text) {
     std::string s = json_object_to_json_string_ext(o, JSON_C_TO_STRING_PLAIN);
     json_object_put(o);
     return s;
+}
+
+// The files that repairs kept of path ("<path>.unreadable-<UTC time>[-N]"), in name
+// order.
+inline std::vector<std::string> keptUnreadable(const std::string &path) {
+    const std::filesystem::path file(path);
+    const std::string prefix = file.filename().string() + ".unreadable-";
+    const std::regex stamp("[0-9]{8}T[0-9]{6}Z(-[0-9]+)?");
+    std::vector<std::string> out;
+    std::error_code ec;
+    for (const auto &e : std::filesystem::directory_iterator(file.parent_path(), ec)) {
+        const std::string name = e.path().filename();
+        if (name.compare(0, prefix.size(), prefix) == 0 && std::regex_match(name.substr(prefix.size()), stamp))
+            out.push_back(e.path());
+    }
+    std::sort(out.begin(), out.end());
+    return out;
 }
 
 // Section names of a table, in list order.
