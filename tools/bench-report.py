@@ -328,18 +328,18 @@ out()
 ra1k, _, df1k, sf1k = kept_rows[1000]
 ra10k, ad10k, df10k, sf10k = kept_rows[10000]
 _, ad100, _, sf100 = kept_rows[100]
+# In the owner's process alone; the targets are taken through the host (section 7).
+inproc = {}
 if ra1k and ra10k:
-    r = us(ra10k, CPU) / us(ra1k, CPU)
-    floor = f"; json-c parse + serialise of the document: {us(df10k, CPU) / us(df1k, CPU):.1f}" if df1k and df10k else ""
-    target("3 read all sections one by one, 10,000 / 1,000 sections", f"{r:.1f}", "≤ 12", r <= 12,
-           f"{us(ra10k, CPU) / 10000:.2f} / {us(ra1k, CPU) / 1000:.2f} µs per section" + floor)
+    inproc["read"] = (f"in the owner's process alone: {us(ra10k, CPU) / us(ra1k, CPU):.1f} "
+                      f"({us(ra10k, CPU) / 10000:.2f} / {us(ra1k, CPU) / 1000:.2f} µs per section)")
+    if df1k and df10k:
+        inproc["read"] += f"; json-c parse + serialise of the document: {us(df10k, CPU) / us(df1k, CPU):.1f}"
 if ad100 and ad10k:
-    r = us(ad10k) / us(ad100)
-    detail = f"{fmt(us(ad10k))} / {fmt(us(ad100))} µs"
+    inproc["add"] = f"in the owner's process alone: {us(ad10k) / us(ad100):.1f}"
     if sf100 and sf10k:
-        detail += (f"; json-c serialising the document alone: {fmt(us(sf10k, CPU))} / {fmt(us(sf100, CPU))} µs "
-                   f"({us(sf10k, CPU) / us(sf100, CPU):.0f}), every store rewriting the whole file")
-    target("3 list-section add, 10,000 / 100 sections", f"{r:.1f}", "≤ 2", r <= 2, detail)
+        inproc["add"] += (f"; json-c serialising the document alone: {fmt(us(sf10k, CPU))} / "
+                          f"{fmt(us(sf100, CPU))} µs, every store rewriting the whole file")
 mem = scale.get("scale/kept_memory/sections:50000") or scale.get("scale/kept_memory/sections:50000/iterations:1")
 if mem:
     out(f"Resident memory of a process holding a module file of 50,000 sections "
@@ -349,9 +349,8 @@ if mem:
         f"times the file; json-c alone holding the same file, measured the same way: "
         f"{mem['jsonc_rss_bytes'] / 1e6:.1f} MB, {mem['jsonc_per_file_byte']:.1f} times.")
     out()
-    target("3 kept document, resident memory / file size (50,000 sections)", f"{mem['kept_per_file_byte']:.1f}",
-           "≤ 10", mem["kept_per_file_byte"] <= 10,
-           f"json-c alone holding the file: {mem['jsonc_per_file_byte']:.1f}")
+    inproc["memory"] = (f"the kept document alone in a fresh process: {mem['kept_per_file_byte']:.1f}; "
+                        f"json-c alone holding the file: {mem['jsonc_per_file_byte']:.1f}")
 
 # ---------------------------------------------------------------- 4. xml
 out("## 4. Model description parsing")
@@ -556,6 +555,50 @@ if os.path.exists(heap_path):
         f"{h['sections']} x {h['sizeof_section']} bytes): {h['record_bytes']:,} bytes; ratio {h['ratio']:.3f}.")
     out()
     target("5 tree heap / sum of record sizes", f"{h['ratio']:.3f}", "≤ 1.10", h["ratio"] <= 1.10)
+
+# ---------------------------------------------------------------- 7. the system at scale
+host_scale = load("host")
+out("## 7. The system at scale: through the host")
+out()
+out("The host daemon and the example owner of the dhcp module (dhcpd), as shipped, with a list table of "
+    "static leases in the owner's file on disk (ext4). A get of the whole table through the host "
+    "(kepctl's path): the owner reads every lease from its kept document and writes its answer as text, "
+    "the host parses it and answers the client. One add through the host: the owner checks the new lease "
+    "against every other, stores the whole file with its flush, and the lease is deleted again outside "
+    "the timing. Memory: the resident memory of the owner and of the host with 50,000 leases, over the "
+    "same processes with none, after a get of the whole table and a second and a half of rest (both give "
+    "the memory of large answers back to the system when idle); the peak is the high-water mark.")
+out()
+out("| sections | file bytes | get of the table ms | add ms |")
+out("|---|---|---|---|")
+scale_rows = {}
+for secs in (100, 1000, 10000):
+    g = host_scale.get(f"host/get_table/sections:{secs}")
+    a = host_scale.get(f"host/add/sections:{secs}/manual_time")
+    scale_rows[secs] = (g, a)
+    out(f"| {secs:,} | {fmt(g.get('file_bytes') if g else None, 0)} | {fmt(us(g) / 1000, 2) if g else 'n/a'} | "
+        f"{fmt(us(a) / 1000, 2) if a else 'n/a'} |")
+out()
+g1k, g10k = scale_rows[1000][0], scale_rows[10000][0]
+a100, a10k = scale_rows[100][1], scale_rows[10000][1]
+if g1k and g10k:
+    r = us(g10k) / us(g1k)
+    target("scale: get of a whole list table through the host, 10,000 / 1,000 sections", f"{r:.1f}", "≤ 12",
+           r <= 12, f"{us(g10k) / 1000:.1f} / {us(g1k) / 1000:.2f} ms; " + inproc.get("read", ""))
+if a100 and a10k:
+    r = us(a10k) / us(a100)
+    target("scale: one add through the host, 10,000 / 100 sections", f"{r:.1f}", "≤ 2", r <= 2,
+           f"{us(a10k) / 1000:.1f} / {us(a100) / 1000:.2f} ms; " + inproc.get("add", ""))
+hm = host_scale.get("host/memory/sections:50000/iterations:1")
+if hm:
+    out(f"With 50,000 sections ({hm['file_bytes'] / 1e6:.2f} MB): the owner holds "
+        f"{hm['owner_rss_over_file']:.1f} times the file at rest (peak {hm['owner_peak_over_file']:.1f}), "
+        f"the host {hm['host_rss_over_file']:.1f} times (peak {hm['host_peak_over_file']:.1f}).")
+    out()
+    target("scale: owner's resident memory / file size, 50,000 sections, at rest", f"{hm['owner_rss_over_file']:.1f}",
+           "≤ 10", hm["owner_rss_over_file"] <= 10,
+           f"peak {hm['owner_peak_over_file']:.1f}; the host at rest {hm['host_rss_over_file']:.1f}, peak "
+           f"{hm['host_peak_over_file']:.1f}; " + inproc.get("memory", ""))
 
 # ---------------------------------------------------------------- summary and notes
 head = ["## Targets", "", "| target | measured | limit | result | detail |", "|---|---|---|---|---|"]

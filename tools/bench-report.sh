@@ -27,7 +27,8 @@ cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DKEP_BUILD_TESTS=OFF -D
     echo "bench-report: the benchmarks were not configured (is Google Benchmark installed?)" >&2
     exit 1
 }
-cmake --build "$build" -j2 --target kepHandle kepd kep_bench_e2e kep_bench_scale kep_bench_xml kep_bench_heap >/dev/null
+cmake --build "$build" -j2 --target kepHandle kepd dhcpd kep_bench_e2e kep_bench_scale kep_bench_xml kep_bench_heap \
+    kep_bench_host >/dev/null
 
 rm -rf "$results"
 mkdir -p "$results"
@@ -63,6 +64,7 @@ if command -v taskset >/dev/null && taskset -c 0 true 2>/dev/null; then
 fi
 run e2e e2e --benchmark_min_time=0.5
 run scale scale --benchmark_min_time=0.3
+run host host --benchmark_min_time=0.3
 run xml xml --benchmark_min_time=0.3
 # The same parses with glibc keeping freed memory instead of returning it to the
 # kernel: the share of the parse that is the allocator's page traffic.

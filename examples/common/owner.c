@@ -14,6 +14,9 @@
 #include <unistd.h>
 
 #include <json-c/json.h>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 #include "kepHandle.h"
 #include "kep_host.h"
@@ -124,9 +127,62 @@ int ownerAnswer(QxRpcPara *set, int code, const char *result) {
     return 0;
 }
 
+static void append(OwnerText *t, const char *s, size_t n) {
+    if (t->failed) return;
+    if (t->len + n + 2 > t->cap) {
+        size_t cap = t->cap ? t->cap * 2 : 4096;
+        while (cap < t->len + n + 2) cap *= 2;
+        char *grown = realloc(t->data, cap);
+        if (!grown) {
+            t->failed = 1;
+            return;
+        }
+        t->data = grown;
+        t->cap = cap;
+    }
+    memcpy(t->data + t->len, s, n);
+    t->len += n;
+    t->data[t->len] = '\0';
+}
+
+void ownerTextMember(OwnerText *text, const char *name, json_object *value) {
+    json_object *key = json_object_new_string(name);
+    size_t klen = 0, vlen = 0;
+    const char *k = key ? json_object_to_json_string_length(key, JSON_C_TO_STRING_PLAIN, &klen) : NULL;
+    const char *v = value ? json_object_to_json_string_length(value, JSON_C_TO_STRING_PLAIN, &vlen) : NULL;
+    if (!k || !v) text->failed = 1;
+    append(text, text->len ? "," : "{", 1);
+    if (k && v) {
+        append(text, k, klen);
+        append(text, ":", 1);
+        append(text, v, vlen);
+    }
+    json_object_put(key);
+    json_object_put(value);
+}
+
+enum { OWNER_TRIM_BYTES = 256 * 1024 };  /* an answer this large gives its memory back */
+
+/* Set when a large answer was built from many small blocks, now free: the main
+ * thread hands them back to the system, off the path of the requests. */
+static int gTrimWanted;
+
 int ownerAnswerJson(QxRpcPara *set, int code, json_object *result) {
-    ownerAnswer(set, code, result ? json_object_to_json_string_ext(result, JSON_C_TO_STRING_PLAIN) : NULL);
+    size_t len = 0;
+    const char *text = result ? json_object_to_json_string_length(result, JSON_C_TO_STRING_PLAIN, &len) : NULL;
+    ownerAnswer(set, code, text);
     json_object_put(result);
+    if (len >= OWNER_TRIM_BYTES) __atomic_store_n(&gTrimWanted, 1, __ATOMIC_RELAXED);
+    return 0;
+}
+
+int ownerAnswerObjectText(QxRpcPara *set, int code, OwnerText *text) {
+    append(text, text->len ? "}" : "{}", text->len ? 1 : 2);
+    if (text->failed) code = -1;
+    ownerAnswer(set, code, text->failed ? NULL : text->data);
+    if (text->len >= OWNER_TRIM_BYTES) __atomic_store_n(&gTrimWanted, 1, __ATOMIC_RELAXED);
+    free(text->data);
+    memset(text, 0, sizeof *text);
     return 0;
 }
 
@@ -258,6 +314,9 @@ int ownerServe(const char *name) {
         }
         flushNotifications();
         registerWithNewHost();
+#ifdef __GLIBC__
+        if (__atomic_exchange_n(&gTrimWanted, 0, __ATOMIC_RELAXED)) malloc_trim(0);
+#endif
     }
     qxImiStopServer();
     kepHostRegister("unregister", NULL, 0, NULL);

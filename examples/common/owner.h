@@ -47,6 +47,18 @@ json_object *ownerJsonMember(QxRpcPara *set, const char *name);
 int ownerAnswer(QxRpcPara *set, int code, const char *result);
 int ownerAnswerJson(QxRpcPara *set, int code, json_object *result);  /* releases result */
 
+/* An answer written as text member by member, so that a table of many sections never
+ * exists as one JSON object as well (it would take about twenty times its text). */
+typedef struct OwnerText {
+    char *data;
+    size_t len, cap;
+    int failed; /* memory ran out: the answer is refused */
+} OwnerText;
+/* Appends "name": value to the object being written and releases value. */
+void ownerTextMember(OwnerText *text, const char *name, json_object *value);
+/* Answers code and the members written as one object; releases the text. */
+int ownerAnswerObjectText(QxRpcPara *set, int code, OwnerText *text);
+
 /* How long an owner waits for the host at start. The host starts after the owners
  * have written their files, and under an emulator on a loaded machine it can take
  * seconds to come up. */

@@ -160,15 +160,17 @@ static int onGet(QxRpcPara *set, void *user) {
     if (table && strcmp(table, "host") == 0) {
         /* The whole table as an object of sections, in the order they were added. */
         DataTable *t = hostTable();
-        out = json_object_new_object();
-        for (LstNode *n = t ? lstFirst(&t->sections) : NULL; n && out; n = lstNext(n)) {
+        OwnerText rows = {NULL, 0, 0, 0};
+        for (LstNode *n = t ? lstFirst(&t->sections) : NULL; n && !rows.failed; n = lstNext(n)) {
             DhcpHost h;
             json_object *v = NULL;
             const char *sec = ((DataSection *)n)->name;
             if (readHost(sec, &h) == 0 && ownerMatches(kHostFields, COUNT(kHostFields), &h, filter) &&
                 ownerToJson(kHostFields, COUNT(kHostFields), &h, &v) == 0)
-                json_object_object_add(out, sec, v);
+                ownerTextMember(&rows, sec, v);
         }
+        json_object_put(filter);
+        return ownerAnswerObjectText(set, 0, &rows);
     } else if (name && strcmp(name, "lan") == 0) {
         DhcpPool p;
         if (modelRead("/dhcp/pool/lan", &p, sizeof p) <= 0 ||

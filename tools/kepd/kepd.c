@@ -191,6 +191,7 @@ int main(int argc, char **argv) {
         if (ready < 0 && errno != EINTR) break;
         if (fds[0].revents) break;
         registryPrune();
+        treeTrimIfWanted();
     }
     qxImiStopServer();
     notifierStop();

@@ -8,8 +8,24 @@
 #include <string.h>
 
 #include <json-c/json.h>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 #include "kepd.h"
+
+enum { TREE_TRIM_BYTES = 256 * 1024 };
+
+/* Set when a large answer was built from many small blocks, now free (the owner's
+ * result, parsed and rearranged): the main thread hands them back to the system, off
+ * the path of the requests, instead of the host keeping its memory at its peak. */
+static int gTrimWanted;
+
+void treeTrimIfWanted(void) {
+#ifdef __GLIBC__
+    if (__atomic_exchange_n(&gTrimWanted, 0, __ATOMIC_RELAXED)) malloc_trim(0);
+#endif
+}
 
 static DataModule **gModules;
 static pthread_rwlock_t *gLocks;
@@ -93,6 +109,7 @@ int treeRequest(const char *request, char **response) {
         if (marks[i]) pthread_rwlock_unlock(&gLocks[i]);
     }
     free(marks);
+    if (*response && strlen(*response) >= TREE_TRIM_BYTES) __atomic_store_n(&gTrimWanted, 1, __ATOMIC_RELAXED);
     return rc;
 }
 

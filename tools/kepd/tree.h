@@ -23,6 +23,9 @@ void treeUnlock(int index);
 void treeReadLockAll(void);
 void treeUnlockAll(void);
 
+/* Gives the memory of large answers back to the system; called by the main thread. */
+void treeTrimIfWanted(void);
+
 /* The module, table and (with a section component) section a path names; null
  * pointers for what does not exist. The module's index, or -1. */
 int treeFind(const char *path, DataTable **table, DataSection **section);
