@@ -224,6 +224,9 @@ int readIn(Conn &c, bool *eof) {
     }
 }
 
+// What the event that woke a thread said of the caller's end of its connection.
+enum Hangup { kHungUp, kConnected, kUnknown };
+
 // Whether the caller has hung up: then nobody waits for the answer.
 bool callerGone(int fd) {
     char b;
@@ -236,7 +239,7 @@ void maybeAddThread();
 // Runs the request whose frame is complete in c.in and starts sending the reply:
 // 1 answered (or the reply is under way), 0 dropped without running (the caller has
 // gone or given up), -1 garbage or a broken connection.
-int runRequest(Conn &c, size_t frameLen, bool checkCaller) {
+int runRequest(Conn &c, size_t frameLen, Hangup hangup) {
     const int64_t now = nowMs();
     char cb[kMaxCbName + 1];
     int64_t deadline = 0;
@@ -250,7 +253,8 @@ int runRequest(Conn &c, size_t frameLen, bool checkCaller) {
         qxrpcParaFree(&set);
         return -1;
     }
-    if ((deadline > 0 && now >= deadline) || (checkCaller && callerGone(c.fd))) {
+    const bool gone = hangup == kHungUp || (hangup == kUnknown && callerGone(c.fd));
+    if ((deadline > 0 && now >= deadline) || gone) {
         if (debugFlagGet(kImiLogMid))
             debugPrintf(kImiLogMid, "request %s of process %d not started: its caller %s\n", cb, c.peer.pid,
                         deadline > 0 && now >= deadline ? "gave up" : "hung up");
@@ -279,8 +283,9 @@ int runRequest(Conn &c, size_t frameLen, bool checkCaller) {
 enum Step { kClosed, kArmIn, kArmOut };
 
 // One round of work on a held connection. *handled: a request was answered (or
-// refused as garbage). closing: answer what is already there, then close.
-Step stepConn(Conn &c, bool *handled, bool closing) {
+// refused as garbage). closing: answer what is already there, then close. hangup:
+// what the waking event said of the caller (a peek finds out when it said nothing).
+Step stepConn(Conn &c, bool *handled, bool closing, Hangup hangup) {
     if (c.outLen) {
         const int sent = flushOut(c);
         if (sent < 0) {
@@ -315,7 +320,7 @@ Step stepConn(Conn &c, bool *handled, bool closing) {
         setExpiry(c, 0);
         // A connection being closed to make room was shut for reading by us: its
         // end-of-file is ours, not the caller's.
-        const int ran = eof && !closing ? 0 : runRequest(c, frameLen, !closing);
+        const int ran = eof && !closing ? 0 : runRequest(c, frameLen, closing ? kConnected : hangup);
         c.lastUsed.store(nowMs(), std::memory_order_relaxed);
         if (ran <= 0) {
             *handled = *handled || ran < 0;
@@ -343,13 +348,14 @@ Step stepConn(Conn &c, bool *handled, bool closing) {
 
 // Works on a held connection until it is armed or closed; true when a request was
 // answered.
-bool serveConn(int slot, bool closing) {
+bool serveConn(int slot, bool closing, Hangup hangup) {
     Conn &c = gConns[slot];
     bool handled = false;
     for (;;) {
-        const Step step = stepConn(c, &handled, closing);
+        const Step step = stepConn(c, &handled, closing, hangup);
         if (step == kClosed) return handled;
         if (arm(c, slot, step == kArmOut ? EPOLLOUT : EPOLLIN, false)) return handled;
+        hangup = kUnknown;  // another event came while it was held
     }
 }
 
@@ -405,7 +411,7 @@ int takePlace(bool *handled) {
         Conn &c = gConns[oldest];
         if (!claim(c, genOf(c.word.load(std::memory_order_relaxed)), kIdle)) continue;
         shutdown(c.fd, SHUT_RD);
-        if (serveConn(oldest, true)) *handled = true;
+        if (serveConn(oldest, true, kConnected)) *handled = true;
         if (claim(c, genOf(c.word.load(std::memory_order_relaxed)), kFree)) return oldest;
     }
     return -1;
@@ -440,7 +446,7 @@ bool acceptAll() {
         c.fd = fd;
         c.peer = peer;
         c.lastUsed.store(nowMs(), std::memory_order_relaxed);
-        if (!arm(c, slot, EPOLLIN, true) && serveConn(slot, false)) handled = true;
+        if (!arm(c, slot, EPOLLIN, true) && serveConn(slot, false, kUnknown)) handled = true;
     }
 }
 
@@ -495,7 +501,8 @@ int serveWait(int timeoutMs, bool background) {
             return kNothing;
         }
     }
-    return serveConn(slot, false) ? kServed : kNothing;
+    const Hangup hangup = ev.events & (EPOLLRDHUP | EPOLLHUP) ? kHungUp : kConnected;
+    return serveConn(slot, false, hangup) ? kServed : kNothing;
 }
 
 void teardown();
