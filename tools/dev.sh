@@ -11,7 +11,7 @@ set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
 jobs=${JOBS:-2}
-packages=(build-essential cmake pkg-config clang libclang-rt-14-dev libjson-c-dev libgtest-dev
+packages=(build-essential cmake pkg-config clang libclang-rt-14-dev libjson-c-dev libexpat1-dev libgtest-dev
           libbenchmark-dev binutils valgrind)
 
 deps() {

@@ -1,0 +1,99 @@
+// The model-description checker, run as a program on descriptions with the mistakes it
+// exists for: each is named with its line, and the exit status tells a script.
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+struct Checked {
+    int status;
+    std::string output;
+};
+
+class KepCheck : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char tmpl[] = "/tmp/kc.XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+    }
+    void TearDown() override { system(("rm -rf '" + dir_ + "'").c_str()); }
+
+    std::string write(const std::string &name, const std::string &text) {
+        const std::string path = dir_ + "/" + name;
+        std::ofstream(path) << text;
+        return path;
+    }
+
+    Checked check(const std::vector<std::string> &files) {
+        std::string cmd = std::string(KEPCHECK_PATH);
+        for (const std::string &f : files) cmd += " '" + f + "'";
+        FILE *p = popen((cmd + " 2>&1").c_str(), "r");
+        std::string out;
+        char buf[512];
+        for (size_t n; p && (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
+        int status = p ? pclose(p) : -1;
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
+    }
+
+    std::string dir_;
+};
+
+TEST_F(KepCheck, NamesEveryMistakeWithItsLine) {
+    const std::string good = write("good.xml",
+                                   "<model>\n"
+                                   "  <module name=\"dhcp\">\n"
+                                   "    <config name=\"/etc/kep/dhcp.json\"/>\n"
+                                   "    <table name=\"host\" attribute=\"config\"/>\n"
+                                   "    <table name=\"pool\"><section name=\"lan\"/></table>\n"
+                                   "    <service name=\"restart\"/>\n"
+                                   "  </module>\n"
+                                   "</model>\n");
+    Checked ok = check({good});
+    EXPECT_EQ(ok.status, 0) << ok.output;
+    EXPECT_EQ(ok.output, "");
+
+    const std::string bad = write("bad.xml",
+                                  "<model>\n"
+                                  "  <module name=\"ntp\">\n"
+                                  "    <config name=\"/etc/kep/a-much-too-long-folder/ntp.json\"/>\n"
+                                  "    <tabel name=\"servers\"/>\n"
+                                  "    <tables name=\"peers\"/>\n"
+                                  "    <table name=\"peers\" attribute=\"Dynamic\"/>\n"
+                                  "    <table name=\"a/b\"/>\n"
+                                  "    <section name=\"orphan\"/>\n"
+                                  "    <table name=\"t\"><section name=\"..\"/></table>\n"
+                                  "  </module>\n"
+                                  "  <module name=\"ntp\"><config name=\"/etc/kep/dhcp.json\"/></module>\n"
+                                  "</model>\n");
+    Checked found = check({good, bad});
+    EXPECT_EQ(found.status, 1);
+    for (const std::string line : {
+             "bad.xml:3: configuration file \"/etc/kep/a-much-too-long-folder/ntp.json\" is cut to its first "
+             "31",
+             "bad.xml:4: <tabel> is ignored",
+             "bad.xml:5: <tables> is taken for <table>",
+             "bad.xml:6: a second table \"peers\" (the first is on line 5)",
+             "bad.xml:6: table attribute \"Dynamic\" is ignored",
+             "bad.xml:7: table name \"a/b\" holds \"/\": refused",
+             "bad.xml:8: <section> outside a <table> is ignored",
+             "bad.xml:9: section name \"..\" holds \"..\": refused",
+             "bad.xml:11: a second module \"ntp\" (the first is on line 2)",
+             "bad.xml:11: configuration file \"/etc/kep/dhcp.json\" is also the file of the module on ",
+         })
+        EXPECT_NE(found.output.find(line), std::string::npos) << line << "\n---\n" << found.output;
+
+    Checked broken = check({write("broken.xml", "<model>\n  <module name=\"x\">\n</model>\n")});
+    EXPECT_EQ(broken.status, 1);
+    EXPECT_NE(broken.output.find("broken.xml:3: not well-formed XML"), std::string::npos) << broken.output;
+    EXPECT_EQ(check({dir_ + "/missing.xml"}).status, 2);
+}
+
+}  // namespace

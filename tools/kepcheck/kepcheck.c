@@ -1,0 +1,322 @@
+/*
+ * kepcheck: checks model descriptions as the library will read them.
+ *
+ * The library reads descriptions leniently, by design: element names are matched by
+ * their beginning, unknown elements are ignored, values are cut to their field's size,
+ * and a second module of a name is never reached. That is right on a device and wrong
+ * while a description is being written, so this tool says, with the line of each,
+ * what the library would ignore, take by a prefix, cut or never reach, and refuses
+ * names that cannot be part of paths and file names. It reads XML with expat, not with
+ * the library's parser, so that it sees what that parser would cut.
+ */
+#define _POSIX_C_SOURCE 200809L
+#include <errno.h>
+#include <expat.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+enum {
+    NAME_MAX_LEN = 31, /* module, table, section, service names; attribute values */
+    ELEMENT_NAME_MAX = 31,
+    ELEMENTS_MAX = 850, /* the library's largest element pool */
+    DEPTH_MAX = 64,
+    SEEN_MAX = 4096 /* names remembered for duplicates */
+};
+
+typedef enum { K_NONE, K_MODEL, K_MODULE, K_TABLE, K_SECTION, K_SERVICE, K_CONFIG } Kind;
+
+static const struct {
+    const char *word;
+    Kind kind;
+} kWords[] = {{"module", K_MODULE},
+              {"table", K_TABLE},
+              {"section", K_SECTION},
+              {"service", K_SERVICE},
+              {"config", K_CONFIG}};
+
+/* A name seen, for duplicates: its kind, its scope (the enclosing module or table, by
+ * the element number that opened it) and its line. */
+typedef struct Seen {
+    Kind kind;
+    long scope;
+    long line;
+    char name[NAME_MAX_LEN + 1];
+} Seen;
+
+typedef struct Check {
+    const char *file;
+    XML_Parser parser;
+    int problems;
+    long elements;
+    int depth;
+    Kind stack[DEPTH_MAX];
+    long opened[DEPTH_MAX]; /* the element number of each level */
+    int configs;            /* config elements of the current module */
+    Seen *seen;
+    int seenCount;
+} Check;
+
+static char **gConfigPaths; /* configuration files of every module of every file */
+static long *gConfigLines;
+static const char **gConfigFiles;
+static int gConfigCount;
+
+static void report(Check *c, const char *format, ...) __attribute__((format(printf, 2, 3)));
+static void report(Check *c, const char *format, ...) {
+    va_list ap;
+    printf("%s:%lu: ", c->file, (unsigned long)XML_GetCurrentLineNumber(c->parser));
+    va_start(ap, format);
+    vprintf(format, ap);
+    va_end(ap);
+    putchar('\n');
+    c->problems++;
+}
+
+static Kind kindOf(const char *name, const char **word) {
+    for (size_t i = 0; i < sizeof kWords / sizeof kWords[0]; i++) {
+        if (strncmp(name, kWords[i].word, strlen(kWords[i].word)) == 0) {
+            *word = kWords[i].word;
+            return kWords[i].kind;
+        }
+    }
+    *word = NULL;
+    return K_NONE;
+}
+
+/* The kind whose element, enclosing this one, the library searches below. */
+static Kind parentKind(Kind kind) {
+    switch (kind) {
+        case K_TABLE:
+        case K_SERVICE:
+        case K_CONFIG:
+            return K_MODULE;
+        case K_SECTION:
+            return K_TABLE;
+        default:
+            return K_NONE;
+    }
+}
+
+/* The nearest enclosing level of that kind, or -1. */
+static int enclosing(const Check *c, Kind kind) {
+    for (int i = c->depth - 1; i >= 0; i--) {
+        if (c->stack[i] == kind) return i;
+    }
+    return -1;
+}
+
+static const char *attr(const XML_Char **attrs, const char *name) {
+    const char *value = NULL;
+    /* The library takes the attribute written last; so does this check. */
+    for (int i = 0; attrs[i]; i += 2) {
+        if (strcmp(attrs[i], name) == 0) value = attrs[i + 1];
+    }
+    return value;
+}
+
+static const char *describe(Kind kind) {
+    switch (kind) {
+        case K_MODULE:
+            return "module";
+        case K_TABLE:
+            return "table";
+        case K_SECTION:
+            return "section";
+        case K_SERVICE:
+            return "service";
+        case K_CONFIG:
+            return "config";
+        default:
+            return "element";
+    }
+}
+
+/* Names become parts of paths ("/module/table/section") and of file names. */
+static void checkName(Check *c, Kind kind, const char *name) {
+    if (!name) {
+        report(c, "%s without a \"name\": %s", describe(kind),
+               kind == K_MODULE || kind == K_TABLE ? "skipped when merged, an error at start"
+                                                   : "an error at start");
+        return;
+    }
+    if (!*name) report(c, "%s with an empty name: refused", describe(kind));
+    if (strlen(name) > NAME_MAX_LEN)
+        report(c, "%s name \"%s\" is cut to its first %d characters", describe(kind), name, NAME_MAX_LEN);
+    if (strchr(name, '/'))
+        report(c, "%s name \"%s\" holds \"/\": refused (it would split a path)", describe(kind), name);
+    if (strstr(name, "..")) report(c, "%s name \"%s\" holds \"..\": refused", describe(kind), name);
+    for (const char *p = name; *p; p++) {
+        if ((unsigned char)*p < 0x20 || *p == 0x7f) {
+            report(c, "%s name holds a control character: refused", describe(kind));
+            break;
+        }
+    }
+}
+
+static void remember(Check *c, Kind kind, long scope, const char *name) {
+    if (!name) return;
+    for (int i = 0; i < c->seenCount; i++) {
+        const Seen *s = &c->seen[i];
+        if (s->kind == kind && s->scope == scope && strncmp(s->name, name, NAME_MAX_LEN) == 0) {
+            report(c, "a second %s \"%.*s\" (the first is on line %ld): lookups never reach it",
+                   describe(kind), NAME_MAX_LEN, name, s->line);
+            return;
+        }
+    }
+    if (c->seenCount == SEEN_MAX) return;
+    Seen *s = &c->seen[c->seenCount++];
+    s->kind = kind;
+    s->scope = scope;
+    s->line = (long)XML_GetCurrentLineNumber(c->parser);
+    snprintf(s->name, sizeof s->name, "%s", name);
+}
+
+static void checkConfig(Check *c, const char *path) {
+    if (!path) {
+        report(c, "config without a \"name\": the module has no configuration file");
+        return;
+    }
+    if (++c->configs > 1) report(c, "a second config of this module: only the first is used");
+    if (strlen(path) > NAME_MAX_LEN)
+        report(c, "configuration file \"%s\" is cut to its first %d characters (\"%.*s\")", path,
+               NAME_MAX_LEN, NAME_MAX_LEN, path);
+    for (int i = 0; i < gConfigCount; i++) {
+        if (strncmp(gConfigPaths[i], path, NAME_MAX_LEN) == 0) {
+            report(c, "configuration file \"%.*s\" is also the file of the module on %s:%ld", NAME_MAX_LEN,
+                   path, gConfigFiles[i], gConfigLines[i]);
+            return;
+        }
+    }
+    char **paths = realloc(gConfigPaths, (size_t)(gConfigCount + 1) * sizeof *paths);
+    long *lines = realloc(gConfigLines, (size_t)(gConfigCount + 1) * sizeof *lines);
+    const char **files = realloc(gConfigFiles, (size_t)(gConfigCount + 1) * sizeof *files);
+    if (paths) gConfigPaths = paths;
+    if (lines) gConfigLines = lines;
+    if (files) gConfigFiles = files;
+    if (!paths || !lines || !files || !(gConfigPaths[gConfigCount] = strdup(path))) return;
+    gConfigLines[gConfigCount] = (long)XML_GetCurrentLineNumber(c->parser);
+    gConfigFiles[gConfigCount++] = c->file;
+}
+
+static void XMLCALL onStart(void *user, const XML_Char *name, const XML_Char **attrs) {
+    Check *c = user;
+    const char *word = NULL;
+    Kind kind = kindOf(name, &word);
+    if (++c->elements == ELEMENTS_MAX + 1)
+        report(c, "more than %d elements: the library's parser refuses the description", ELEMENTS_MAX);
+    if (strlen(name) > ELEMENT_NAME_MAX)
+        report(c, "element name \"%s\" is cut to %d characters", name, ELEMENT_NAME_MAX);
+    if (c->depth == 0) kind = K_MODEL;
+    if (kind != K_NONE && kind != K_MODEL && word && strcmp(name, word) != 0)
+        report(c, "<%s> is taken for <%s> (names are matched by their beginning)", name, word);
+    const int parent =
+        kind == K_MODULE || kind == K_MODEL || kind == K_NONE ? 0 : enclosing(c, parentKind(kind));
+    if (kind == K_NONE) {
+        report(c, "<%s> is ignored: the library reads module, table, section, service and config", name);
+    } else if (parent < 0) {
+        report(c, "<%s> outside a <%s> is ignored", name, describe(parentKind(kind)));
+        kind = K_NONE;
+    }
+    if (kind == K_MODULE) {
+        c->configs = 0;
+        checkName(c, kind, attr(attrs, "name"));
+        remember(c, kind, 0, attr(attrs, "name"));
+    } else if (kind == K_TABLE || kind == K_SECTION || kind == K_SERVICE) {
+        checkName(c, kind, attr(attrs, "name"));
+        remember(c, kind, c->opened[parent], attr(attrs, "name"));
+        const char *type = kind == K_TABLE ? attr(attrs, "attribute") : NULL;
+        if (type && strcmp(type, "config") != 0 && strcmp(type, "dynamic") != 0)
+            report(
+                c,
+                "table attribute \"%s\" is ignored: the table is a config table (\"config\" or \"dynamic\")",
+                type);
+    } else if (kind == K_CONFIG) {
+        checkConfig(c, attr(attrs, "name"));
+    }
+    for (int i = 0; kind != K_NONE && attrs[i]; i += 2) {
+        if (strlen(attrs[i + 1]) > NAME_MAX_LEN && strcmp(attrs[i], "name") != 0)
+            report(c, "attribute %s=\"%s\" is cut to %d characters", attrs[i], attrs[i + 1], NAME_MAX_LEN);
+    }
+    if (c->depth == DEPTH_MAX) {
+        report(c, "nested deeper than %d elements", DEPTH_MAX);
+        XML_StopParser(c->parser, XML_FALSE);
+        return;
+    }
+    c->stack[c->depth] = kind;
+    c->opened[c->depth++] = c->elements;
+}
+
+static void XMLCALL onEnd(void *user, const XML_Char *name) {
+    Check *c = user;
+    (void)name;
+    if (c->depth > 0) c->depth--;
+}
+
+/* 0 nothing found, 1 problems found, 2 the file could not be read. */
+static int checkFile(const char *file) {
+    FILE *f = strcmp(file, "-") == 0 ? stdin : fopen(file, "r");
+    if (!f) {
+        fprintf(stderr, "kepcheck: %s: %s\n", file, strerror(errno));
+        return 2;
+    }
+    Check c;
+    memset(&c, 0, sizeof c);
+    c.file = file;
+    c.seen = calloc(SEEN_MAX, sizeof *c.seen);
+    c.parser = XML_ParserCreate(NULL);
+    if (!c.seen || !c.parser) {
+        fprintf(stderr, "kepcheck: out of memory\n");
+        free(c.seen);
+        if (f != stdin) fclose(f);
+        return 2;
+    }
+    XML_SetUserData(c.parser, &c);
+    XML_SetElementHandler(c.parser, onStart, onEnd);
+    char buf[8192];
+    int done = 0, rc = 0;
+    while (!done) {
+        size_t n = fread(buf, 1, sizeof buf, f);
+        done = n < sizeof buf;
+        if (ferror(f)) {
+            fprintf(stderr, "kepcheck: %s: %s\n", file, strerror(errno));
+            rc = 2;
+            break;
+        }
+        if (XML_Parse(c.parser, buf, (int)n, done) == XML_STATUS_ERROR) {
+            if (XML_GetErrorCode(c.parser) != XML_ERROR_ABORTED)
+                printf("%s:%lu: not well-formed XML: %s\n", file,
+                       (unsigned long)XML_GetCurrentLineNumber(c.parser),
+                       XML_ErrorString(XML_GetErrorCode(c.parser)));
+            c.problems++;
+            break;
+        }
+    }
+    if (rc == 0 && c.problems == 0 && c.elements == 0) {
+        printf("%s: no elements\n", file);
+        c.problems++;
+    }
+    XML_ParserFree(c.parser);
+    free(c.seen);
+    if (f != stdin) fclose(f);
+    return rc ? rc : c.problems ? 1 : 0;
+}
+
+int main(int argc, char **argv) {
+    if (argc < 2 || strcmp(argv[1], "-h") == 0 || strcmp(argv[1], "--help") == 0) {
+        fprintf(argc < 2 ? stderr : stdout,
+                "usage: kepcheck FILE...   (\"-\" reads standard input)\n"
+                "  Checks model descriptions as the library reads them: says, each with its line,\n"
+                "  what it would ignore, take by a prefix of its name, cut or never reach, and\n"
+                "  refuses names with \"/\", \"..\" or control characters and XML errors.\n"
+                "  Exit status: 0 nothing found, 1 problems found, 2 a file could not be read.\n");
+        return argc < 2 ? 2 : 0;
+    }
+    int worst = 0;
+    for (int i = 1; i < argc; i++) {
+        int rc = checkFile(argv[i]);
+        if (rc > worst) worst = rc;
+    }
+    return worst;
+}
