@@ -12,15 +12,41 @@ build=${1:-build}
 case "$build" in /*) ;; *) build="$root/$build" ;; esac
 out="$root/docs/ROBUSTNESS.md"
 
-if [ ! -x "$build/tests/alloc_sweep_test" ] || [ ! -x "$build/tests/faults_test" ]; then
+if [ ! -x "$build/tests/alloc_sweep_test" ] || [ ! -x "$build/tests/faults_test" ] || [ ! -x "$build/tests/host_test" ]; then
     cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-    cmake --build "$build" -j"${JOBS:-2}" --target alloc_sweep_test faults_test access_test
+    cmake --build "$build" -j"${JOBS:-2}" --target alloc_sweep_test faults_test access_test host_test \
+        platform_rpc_test
 fi
 export KEP_RUNTIME_DIR="$build/tests/imi-run"
 
 sweep=$("$build/tests/alloc_sweep_test" --gtest_brief=1)
 faults=$("$build/tests/faults_test" --gtest_brief=1)
 access=$("$build/tests/access_test" 2>&1 || true)
+# The attacks on the host and the RPC, each with the test that makes it.
+attacks=$( ("$build/tests/host_test" 2>&1; "$build/tests/platform_rpc_test" --gtest_filter='ImiServe.*:ImiLocal.Refuses*' 2>&1) || true)
+attack() {  # attack TEST WHAT RESULT
+    local outcome="FAILED"
+    grep -q "^\[       OK \] $1 " <<<"$attacks" && outcome="$3"
+    grep -q "^\[  SKIPPED \] $1 " <<<"$attacks" && outcome="skipped (not run as root)"
+    printf '| %s | %s | `%s` |\n' "$2" "$outcome" "$1"
+}
+attack_rows=$(
+    attack Host.NoProcessTakesOverAnotherOwnersRegistrations "A process of the owners' user unregisters the dhcp owner (naming its pid) and registers its own get callback for its table, action and section" "refused (-30002) and logged with the caller's pid; the owner keeps serving; its slots are free once it has exited"
+    attack Host.NoProcessTakesOverAnotherOwnersRegistrations "One process registers notify entries without end" "the 257th is refused (-30003)"
+    attack Host.RuntimeFilesCannotBeTurnedAgainstTheHost "A second kepd on the same runtime folder" "refused at start, naming the pid that holds the pid file"
+    attack Host.RuntimeFilesCannotBeTurnedAgainstTheHost "A symbolic link planted where kepd writes its pid file" "refused at start; the link's target untouched"
+    attack Host.RuntimeFilesCannotBeTurnedAgainstTheHost "A runtime folder that is a link, or writable by others" "refused at start, naming the folder and KEP_RUNTIME_DIR"
+    attack ImiLocal.RefusesAnUnsafeRuntimeFolder "A runtime folder another user made first" "refused; nothing is created through a link"
+    attack ImiServe.ASocketUnderAnotherProcesssNameIsNotUsed "A socket planted under a live process's name" "never sent a request: the caller checks the listener's pid"
+    attack Host.AStoppedOwnerOrAStalledClientDelaysNobodyElse "An owner stopped while four clients wait on it, and four connections holding one byte of a request" "the other owner's reads answered meanwhile, each in under 300 ms"
+    attack ImiServe.StalledCallersCostOnlyTheirOwnConnection "Callers that stop half-way through a request" "hold no serving thread; dropped after the time-out"
+    attack Host.WritesWhoseClientsGaveUpAreNeverApplied "100 clients whose writes to a stopped owner time out" "none of the writes is applied when the owner resumes"
+    attack ImiServe.RequestsOfCallersThatGaveUpAreNotRun "A request whose caller hung up or whose deadline passed, waiting at a stopped callee" "not run"
+    attack Host.AccessRulesAreCheckedAtStart "Malformed access rules, rules others may write, a missing rule folder" "kepd refuses to start, naming the file, the line and the reason"
+    attack Host.AccessRulesLetOtherUsersDoWhatTheyName "Another user: one a rule allows only to send, one allowed to own one module, one no rule names" "each does only what its rule names; the last is refused at once (-20010); refusals logged"
+    attack Host.OwnersComeBackAfterTheHostRestarts "The host killed and started again" "the owners register again by themselves within a second; the dead host's socket file is removed"
+    attack Host.SectionNumbersDoNotWrapAround "An add after the section host_2147483647" "refused (1005), nothing written"
+)
 for run in "$sweep" "$faults"; do
     grep -q 'PASSED' <<<"$run" || { echo "$run"; echo "a robustness test failed: no report" >&2; exit 1; }
 done
@@ -155,11 +181,21 @@ the part its input feeds.
   the document before or after the cut write, and the next store removes the temporary
   file the cut one left.
 
+## Attacks on the host (\`tests/host_test.cpp\`, \`tests/platform_rpc_test.cpp\`)
+
+The host (kepd) with the example owners, and the stand-in's RPC, against a hostile process
+of the owners' own user and of other users. Result of the last run:
+
+| attack | result | test |
+|---|---|---|
+$attack_rows
+
 ## Access control (\`tests/access_test.cpp\`)
 
 As root, a forked child drops to uid 65534: the stand-in refuses its call (the socket
 folder is closed to it), and with the folder opened up a hand-made request straight to
-the owner's socket is hung up on without being served; the owner's own user is served.
+the owner's socket is answered with a refusal and not served; the owner's own user is
+served, and a peer check admits the users it names.
 Last run: $access_line.
 
 ## Memory hygiene
