@@ -49,24 +49,36 @@ constexpr size_t kThreadStack = 512 * 1024;  // handlers run the library: no dee
 constexpr uint64_t kTagListen = ~uint64_t{0};
 constexpr uint64_t kTagWake = ~uint64_t{0} - 1;
 
-// A connection's state word: generation << 32 | state. The generation changes when a
+// A connection's state word: generation << 2 | state. The generation changes when a
 // place is given up, so an event that arrives for an earlier connection is ignored.
+// 32 bits, like every atomic here: a 32-bit device has no lock-free 64-bit ones.
 enum : uint32_t { kFree = 0, kIdle = 1, kBusy = 2, kBusyAgain = 3 };
+constexpr uint32_t kGenMask = 0x3fffffff;
 
-uint64_t word(uint32_t gen, uint32_t state) {
-    return uint64_t{gen} << 32 | state;
+uint32_t word(uint32_t gen, uint32_t state) {
+    return (gen & kGenMask) << 2 | state;
 }
-uint32_t genOf(uint64_t w) {
-    return static_cast<uint32_t>(w >> 32);
+uint32_t genOf(uint32_t w) {
+    return w >> 2;
 }
-uint32_t stateOf(uint64_t w) {
-    return static_cast<uint32_t>(w);
+uint32_t stateOf(uint32_t w) {
+    return w & 3;
+}
+
+// A moment as the low 32 bits of the monotonic milliseconds (0 stands for none):
+// compared by their difference, which holds for spans under 24 days.
+uint32_t stamp(int64_t ms) {
+    const uint32_t s = static_cast<uint32_t>(ms);
+    return s ? s : 1;
+}
+bool reached(int64_t now, uint32_t when) {
+    return static_cast<int32_t>(static_cast<uint32_t>(now) - when) >= 0;
 }
 
 struct Conn {
-    std::atomic<uint64_t> word{0};
-    std::atomic<int64_t> expires{0};   // when a half-received request or unsent reply is given up; 0: never
-    std::atomic<int64_t> lastUsed{0};  // for choosing which idle connection makes room
+    std::atomic<uint32_t> word{0};
+    std::atomic<uint32_t> expires{0};   // when a half-received request or unsent reply is given up; 0: never
+    std::atomic<uint32_t> lastUsed{0};  // for choosing which idle connection makes room
     int fd = -1;
     QxImiCaller peer{};
     char *in = nullptr;  // what has arrived of the next request
@@ -86,7 +98,7 @@ bool gAtExitSet;
 Conn gConns[kMaxConns];
 std::atomic<size_t> gBuffered{0};
 std::atomic<int> gTimed{0};  // connections with an expiry: the sweep has work
-std::atomic<int64_t> gNextSweep{0};
+std::atomic<uint32_t> gNextSweep{0};
 std::atomic<int> gIdle{0};  // background threads waiting for work
 int gMaxThreads;            // under gLock, as are the counts below
 int gThreads;               // background threads running
@@ -110,7 +122,7 @@ void notePid() {
 // ---- connections ----
 
 void setExpiry(Conn &c, int64_t when) {
-    const int64_t was = c.expires.exchange(when, std::memory_order_relaxed);
+    const uint32_t was = c.expires.exchange(when ? stamp(when) : 0, std::memory_order_relaxed);
     if ((was == 0) != (when == 0)) gTimed.fetch_add(when ? 1 : -1, std::memory_order_relaxed);
 }
 
@@ -137,7 +149,7 @@ void closeConn(Conn &c) {
 // Claims a connection in the state given; false when it is in another or was
 // closed meanwhile.
 bool claim(Conn &c, uint32_t gen, uint32_t from) {
-    uint64_t w = word(gen, from);
+    uint32_t w = word(gen, from);
     return c.word.compare_exchange_strong(w, word(gen, kBusy), std::memory_order_acquire);
 }
 
@@ -147,9 +159,9 @@ bool arm(Conn &c, int slot, uint32_t events, bool add) {
     const uint32_t gen = genOf(c.word.load(std::memory_order_relaxed));
     epoll_event ev{};
     ev.events = events | EPOLLRDHUP | EPOLLONESHOT;
-    ev.data.u64 = uint64_t{gen} << 32 | static_cast<uint32_t>(slot + 1);
+    ev.data.u64 = uint64_t{gen & kGenMask} << 32 | static_cast<uint32_t>(slot + 1);
     epoll_ctl(gEpfd, add ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, c.fd, &ev);
-    uint64_t w = word(gen, kBusy);
+    uint32_t w = word(gen, kBusy);
     if (c.word.compare_exchange_strong(w, word(gen, kIdle), std::memory_order_release)) return true;
     c.word.store(word(gen, kBusy), std::memory_order_relaxed);  // was kBusyAgain
     return false;
@@ -321,7 +333,7 @@ Step stepConn(Conn &c, bool *handled, bool closing, Hangup hangup) {
         // A connection being closed to make room was shut for reading by us: its
         // end-of-file is ours, not the caller's.
         const int ran = eof && !closing ? 0 : runRequest(c, frameLen, closing ? kConnected : hangup);
-        c.lastUsed.store(nowMs(), std::memory_order_relaxed);
+        c.lastUsed.store(stamp(nowMs()), std::memory_order_relaxed);
         if (ran <= 0) {
             *handled = *handled || ran < 0;
             closeConn(c);
@@ -397,12 +409,12 @@ int takePlace(bool *handled) {
     }
     for (int attempt = 0; attempt < 4; attempt++) {
         int oldest = -1;
-        int64_t when = 0;
+        uint32_t when = 0;
         for (int i = 0; i < kMaxConns; i++) {
-            const uint64_t w = gConns[i].word.load(std::memory_order_relaxed);
+            const uint32_t w = gConns[i].word.load(std::memory_order_relaxed);
             if (stateOf(w) != kIdle || gConns[i].expires.load(std::memory_order_relaxed)) continue;
-            const int64_t used = gConns[i].lastUsed.load(std::memory_order_relaxed);
-            if (oldest < 0 || used < when) {
+            const uint32_t used = gConns[i].lastUsed.load(std::memory_order_relaxed);
+            if (oldest < 0 || static_cast<int32_t>(used - when) < 0) {
                 oldest = i;
                 when = used;
             }
@@ -445,7 +457,7 @@ bool acceptAll() {
         Conn &c = gConns[slot];
         c.fd = fd;
         c.peer = peer;
-        c.lastUsed.store(nowMs(), std::memory_order_relaxed);
+        c.lastUsed.store(stamp(nowMs()), std::memory_order_relaxed);
         if (!arm(c, slot, EPOLLIN, true) && serveConn(slot, false, kUnknown)) handled = true;
     }
 }
@@ -454,11 +466,12 @@ bool acceptAll() {
 void sweepIfDue() {
     if (gTimed.load(std::memory_order_relaxed) == 0) return;
     const int64_t now = nowMs();
-    int64_t next = gNextSweep.load(std::memory_order_relaxed);
-    if (now < next || !gNextSweep.compare_exchange_strong(next, now + kSweepMs)) return;
+    uint32_t next = gNextSweep.load(std::memory_order_relaxed);
+    if ((next && !reached(now, next)) || !gNextSweep.compare_exchange_strong(next, stamp(now + kSweepMs)))
+        return;
     for (Conn &c : gConns) {
-        const int64_t expires = c.expires.load(std::memory_order_relaxed);
-        if (!expires || now < expires) continue;
+        const uint32_t expires = c.expires.load(std::memory_order_relaxed);
+        if (!expires || !reached(now, expires)) continue;
         if (!claim(c, genOf(c.word.load(std::memory_order_relaxed)), kIdle)) continue;
         if (debugFlagGet(kImiLogMid))
             debugPrintf(kImiLogMid, "dropped process %d: its request or reply took too long\n", c.peer.pid);
@@ -485,11 +498,11 @@ int serveWait(int timeoutMs, bool background) {
     if (ev.data.u64 == kTagWake) return kStop;
     if (ev.data.u64 == kTagListen) return acceptAll() ? kServed : kNothing;
     const int slot = static_cast<int>(static_cast<uint32_t>(ev.data.u64)) - 1;
-    const uint32_t gen = static_cast<uint32_t>(ev.data.u64 >> 32);
+    const uint32_t gen = static_cast<uint32_t>(ev.data.u64 >> 32) & kGenMask;
     if (slot < 0 || slot >= kMaxConns) return kNothing;
     Conn &c = gConns[slot];
     for (;;) {
-        uint64_t w = c.word.load(std::memory_order_acquire);
+        uint32_t w = c.word.load(std::memory_order_acquire);
         if (genOf(w) != gen) return kNothing;
         if (stateOf(w) == kIdle) {
             if (c.word.compare_exchange_weak(w, word(gen, kBusy), std::memory_order_acquire)) break;
