@@ -140,11 +140,12 @@ static int conflicts(const DhcpHost *h, const char *self) {
 
 enum { ERR_INVALID = 1001, ERR_CONFLICT = 1002, ERR_NOT_FOUND = 1003, ERR_STORE = 1004, ERR_FULL = 1005 };
 
-/* The number of a section named host_<n>, or 0 for any other name. */
-static long hostNumber(const char *name) {
+/* The number of a section named host_<n>, or 0 for any other name. Wider than int,
+ * also where long is 32 bits, so that the next number after INT_MAX is seen as such. */
+static long long hostNumber(const char *name) {
     char *end = NULL;
     if (strncmp(name, "host_", 5) != 0 || name[5] < '1' || name[5] > '9') return 0;
-    long n = strtol(name + 5, &end, 10);
+    long long n = strtoll(name + 5, &end, 10);
     return *end == '\0' && n > 0 && n <= INT_MAX ? n : 0;
 }
 
@@ -272,14 +273,14 @@ static int onAdd(QxRpcPara *set, void *user) {
     } else {
         /* The next number after the highest in use; none is left after the largest
          * int, and then the add is refused rather than wrapping around. */
-        long next = 1;
+        long long next = 1;
         DataTable *t = hostTable();
         for (LstNode *n = t ? lstFirst(&t->sections) : NULL; n; n = lstNext(n)) {
-            long k = hostNumber(((DataSection *)n)->name);
+            long long k = hostNumber(((DataSection *)n)->name);
             if (k >= next) next = k + 1;
         }
         if (next > INT_MAX) code = ERR_FULL;
-        else snprintf(section, sizeof section, "host_%ld", next);
+        else snprintf(section, sizeof section, "host_%lld", next);
     }
     if (code == 0 && writeHost(section, &h) != 0) code = ERR_STORE;
     json_object_put(para);
