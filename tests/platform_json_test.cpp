@@ -19,6 +19,7 @@
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -274,10 +275,20 @@ TEST(JsonFile, SettingsFromTheEnvironment) {
         setenv("KEP_TEST_SETTINGS_GID", std::to_string(group).c_str(), 1);
         setenv("KEP_CONFIG_GROUP", name.c_str(), 1);
         setenv("KEP_JSON_FILE_LIMIT", "100", 1);
-        // This program by the name it was started with: under valgrind, /proc/self/exe
-        // is valgrind's.
-        execlp(program_invocation_name, program_invocation_name,
-               "--gtest_filter=JsonFile.SettingsFromTheEnvironment", "--gtest_brief=1", static_cast<char *>(nullptr));
+        // This program by the name it was started with (under valgrind, /proc/self/exe
+        // is valgrind's), and under the emulator a cross build runs its programs with.
+        std::vector<std::string> words;
+#ifdef KEP_EMULATOR
+        std::istringstream emulator(KEP_EMULATOR);
+        for (std::string w; emulator >> w;) words.push_back(w);
+#endif
+        for (const char *w : {static_cast<const char *>(program_invocation_name),
+                              "--gtest_filter=JsonFile.SettingsFromTheEnvironment", "--gtest_brief=1"})
+            words.push_back(w);
+        std::vector<char *> argv;
+        for (std::string &w : words) argv.push_back(&w[0]);
+        argv.push_back(nullptr);
+        execvp(argv[0], argv.data());
         _exit(127);
     }
     int status = -1;
