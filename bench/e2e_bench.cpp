@@ -396,7 +396,10 @@ std::mutex gMergeLock;
 Latencies gMerged;
 int gMergedThreads;
 
-void BM_ConcurrentGets(benchmark::State &state) {
+// Runs request on every thread of the benchmark until it ends; the latencies of all
+// threads are reported together by thread 0, requests per second by each.
+template <typename Request>
+void runThreads(benchmark::State &state, Request request) {
     if (state.thread_index() == 0) {
         std::lock_guard<std::mutex> hold(gMergeLock);
         gMerged = Latencies();
@@ -406,10 +409,7 @@ void BM_ConcurrentGets(benchmark::State &state) {
     bool failed = false;
     for (auto _ : state) {
         int64_t t0 = nowNs();
-        char *out = nullptr;
-        int rc = standardKepReqHandle(kRequest, &out);
-        free(out);
-        if (rc != 0 && !failed) failed = true;
+        if (!request()) failed = true;
         lat.add(nowNs() - t0);
     }
     {
@@ -431,42 +431,27 @@ void BM_ConcurrentGets(benchmark::State &state) {
     gMerged.report(state);
 }
 
+void BM_ConcurrentGets(benchmark::State &state) {
+    runThreads(state, [] {
+        char *out = nullptr;
+        int rc = standardKepReqHandle(kRequest, &out);
+        free(out);
+        return rc == 0;
+    });
+}
+
 // Threads of this process through the host, every thread alternating between the two
 // healthy owners.
 void BM_ConcurrentHost(benchmark::State &state) {
-    if (state.thread_index() == 0) {
-        std::lock_guard<std::mutex> hold(gMergeLock);
-        gMerged = Latencies();
-        gMergedThreads = 0;
-    }
-    Latencies lat;
-    bool failed = false, other = state.thread_index() % 2;
-    for (auto _ : state) {
-        int64_t t0 = nowNs();
+    bool other = state.thread_index() % 2;
+    runThreads(state, [&other] {
         char *out = nullptr;
         int rc = kepHostRequest(other ? kRequestOther : kRequest, &out);
-        if ((rc != 0 || !out || !strstr(out, "\"error_code\":0")) && !failed) failed = true;
+        bool ok = rc == 0 && out && strstr(out, "\"error_code\":0");
         free(out);
         other = !other;
-        lat.add(nowNs() - t0);
-    }
-    {
-        std::lock_guard<std::mutex> hold(gMergeLock);
-        gMerged.merge(lat);
-        gMergedThreads++;
-    }
-    if (failed) state.SkipWithError("a request failed");
-    state.SetItemsProcessed(state.iterations());
-    if (state.thread_index() != 0) return;
-    for (;;) {
-        {
-            std::lock_guard<std::mutex> hold(gMergeLock);
-            if (gMergedThreads == state.threads()) break;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    std::lock_guard<std::mutex> hold(gMergeLock);
-    gMerged.report(state);
+        return ok;
+    });
 }
 
 BENCHMARK(BM_FloorKeptConnection)->Name("e2e/floor_kept_connection");

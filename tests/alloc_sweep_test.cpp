@@ -319,6 +319,25 @@ protected:
         ASSERT_EQ(registerDataModel(*doc), 0);
         mxmlTreeDelete(doc);
     }
+    // Sets the file's times well into the past: a document read from it is kept.
+    static void age(const std::string &path) {
+        struct timespec past[2];
+        clock_gettime(CLOCK_REALTIME, &past[0]);
+        past[0].tv_sec -= 60;
+        past[1] = past[0];
+        utimensat(AT_FDCWD, path.c_str(), past, 0);
+    }
+    // The tree wired, the file holding stored and loaded; kept: a document of it is kept
+    // from an earlier read.
+    void loadStored(const std::string &stored, bool kept) {
+        wire();
+        writeText(file_, stored);
+        ASSERT_EQ(systemLoadConfigFile(), 0);
+        if (!kept) return;
+        age(file_);
+        Rec r;
+        ASSERT_EQ(modelRead("/dhcp/host/host_1", &r, sizeof r), static_cast<int>(sizeof r));
+    }
     // The description, conversions and every callback registered to this process.
     void wire() {
         merge();
@@ -544,14 +563,6 @@ std::string readsThroughTheStore() {
     return out;
 }
 
-// Sets the file's times well into the past: a document read from it is kept.
-void age(const std::string &path) {
-    struct timespec past[2];
-    clock_gettime(CLOCK_REALTIME, &past[0]);
-    past[0].tv_sec -= 60;
-    past[1] = past[0];
-    utimensat(AT_FDCWD, path.c_str(), past, 0);
-}
 
 TEST_F(AllocSweep, ListSectionWritesThroughTheStore) {
     const Rec added = makeRec("new", 3), changed = makeRec("changed", 4);
@@ -577,14 +588,7 @@ TEST_F(AllocSweep, ListSectionWritesThroughTheStore) {
             const Rec *record = w.record;
             sweep({name,
                    [=] {
-                       wire();
-                       writeText(file_, stored);
-                       ASSERT_EQ(systemLoadConfigFile(), 0);
-                       if (kept) {
-                           age(file_);
-                           Rec r;
-                           ASSERT_EQ(modelRead("/dhcp/host/host_1", &r, sizeof r), static_cast<int>(sizeof r));
-                       }
+                       loadStored(stored, kept);
                        *before = fields({joined(treeLines()), readText(file_)});
                    },
                    [=] { return modelWrite(path.c_str(), record, record ? sizeof(Rec) : 0); },
@@ -636,14 +640,7 @@ TEST_F(AllocSweep, SectionReadsThroughTheStore) {
             auto before = std::make_shared<std::string>();
             sweep({name,
                    [=] {
-                       wire();
-                       writeText(file_, stored);
-                       ASSERT_EQ(systemLoadConfigFile(), 0);
-                       if (kept) {
-                           age(file_);
-                           Rec r;
-                           ASSERT_EQ(modelRead("/dhcp/host/host_1", &r, sizeof r), static_cast<int>(sizeof r));
-                       }
+                       loadStored(stored, kept);
                        *before = readText(file_);
                    },
                    [=] {
