@@ -28,8 +28,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     QxRpcPara set;
     memset(&set, 0, sizeof set);
     char cb[kep_pf::kMaxCbName + 1];
-    if (kep_pf::decodeRequest(body, size, cb, sizeof cb, &set) == 0) {
-        check(kep_pf::encodeRequest(cb, &set, &frame, &len) == 0);
+    int64_t deadline = 0;
+    if (kep_pf::decodeRequest(body, size, cb, sizeof cb, &deadline, &set) == 0) {
+        check(kep_pf::encodeRequest(cb, deadline, &set, &frame, &len) == 0);
         check(len == size + 8 && memcmp(frame + 8, body, size) == 0);
         free(frame);
     }
