@@ -484,14 +484,15 @@ void sweepIfDue() {
 enum { kServed = 1, kNothing = 0, kStop = 2, kIdleOut = 3, kFailed = -1 };
 
 // Waits up to timeoutMs (-1: no limit) for one readiness and handles it. A
-// background thread counts as waiting for work only until it has one.
-int serveWait(int timeoutMs, bool background) {
+// background thread counts as waiting for work only until it has one; *spare: another
+// background thread was waiting too, so this one was not needed for it.
+int serveWait(int timeoutMs, bool background, bool *spare) {
     if (gTimed.load(std::memory_order_relaxed) && (timeoutMs < 0 || timeoutMs > kSweepMs))
         timeoutMs = kSweepMs;
     epoll_event ev{};
     if (background) gIdle.fetch_add(1, std::memory_order_relaxed);
     int n = epoll_wait(gEpfd, &ev, 1, timeoutMs);
-    if (background) gIdle.fetch_sub(1, std::memory_order_relaxed);
+    if (background) *spare = gIdle.fetch_sub(1, std::memory_order_relaxed) > 1;
     sweepIfDue();
     if (n < 0) return errno == EINTR ? kNothing : kFailed;
     if (n == 0) return kIdleOut;
@@ -535,20 +536,21 @@ void leave(bool background) {
 
 void *serverThread(void *) {
     tServes = true;
-    int64_t idleSince = nowMs();
+    int64_t neededAt = nowMs();
     for (;;) {
-        // The first thread waits as long as it takes; others end when idle a while.
+        // The first thread waits as long as it takes. The others end once none of them
+        // was needed for a while: a thread that takes work while another waits idle
+        // could have been spared, and the kernel hands work to the waiting threads in
+        // turn, which would keep every one of them busy enough to stay for good.
         pthread_mutex_lock(&gLock);
         const bool extra = gThreads > 1;
         pthread_mutex_unlock(&gLock);
-        const int rc = serveWait(extra ? kRetireMs : -1, true);
+        bool spare = false;
+        const int rc = serveWait(extra ? kRetireMs : -1, true, &spare);
         if (rc == kStop) break;
         if (rc == kFailed) poll(nullptr, 0, 10);
-        if (rc != kIdleOut) {
-            idleSince = nowMs();
-            continue;
-        }
-        if (!extra || nowMs() - idleSince < kRetireMs) continue;
+        if (rc != kIdleOut && !spare) neededAt = nowMs();
+        if (!extra || nowMs() - neededAt < kRetireMs) continue;
         pthread_mutex_lock(&gLock);
         const bool retire = gThreads > 1 && !gStopping;
         if (retire) {
@@ -751,7 +753,8 @@ PF_API int qxImiServeOnce(int timeoutMs) {
             const int64_t left = until - nowMs();
             wait = left > 0 ? static_cast<int>(left) : 0;
         }
-        const int rc = serveWait(wait, false);
+        bool spare = false;
+        const int rc = serveWait(wait, false, &spare);
         if (rc == kServed || rc == kStop || rc == kFailed) {
             result = rc == kServed ? 1 : rc == kFailed ? QXRPC_ERR_IO : 0;
             break;
