@@ -275,54 +275,35 @@ void BM_StandinRpcOnly(benchmark::State &state) {
     lat.report(state);
 }
 
-void BM_RequestLocal(benchmark::State &state) {
+// Times one request after another through send until the benchmark ends; every
+// answer must carry "error_code" 0.
+void timeRequests(benchmark::State &state, int (*send)(const char *, char **), const char *failure) {
     Latencies lat;
     for (auto _ : state) {
         int64_t t0 = nowNs();
         char *out = nullptr;
-        int rc = standardKepReqHandle(kRequest, &out);
+        int rc = send(kRequest, &out);
+        bool ok = rc == 0 && out && strstr(out, "\"error_code\":0");
         free(out);
-        if (rc != 0) {
-            state.SkipWithError("request failed");
+        if (!ok) {
+            state.SkipWithError(failure);
             break;
         }
         lat.add(nowNs() - t0);
     }
     lat.report(state);
+}
+
+void BM_RequestLocal(benchmark::State &state) {
+    timeRequests(state, standardKepReqHandle, "request failed");
 }
 
 void BM_RequestThroughHost(benchmark::State &state) {
-    Latencies lat;
-    for (auto _ : state) {
-        int64_t t0 = nowNs();
-        char *out = nullptr;
-        int rc = kepHostRequest(kRequest, &out);
-        bool ok = rc == 0 && out && strstr(out, "\"error_code\":0");
-        free(out);
-        if (!ok) {
-            state.SkipWithError("request through the host failed");
-            break;
-        }
-        lat.add(nowNs() - t0);
-    }
-    lat.report(state);
+    timeRequests(state, kepHostRequest, "request through the host failed");
 }
 
 void BM_RequestDirect(benchmark::State &state) {
-    Latencies lat;
-    for (auto _ : state) {
-        int64_t t0 = nowNs();
-        char *out = nullptr;
-        int rc = kepDirectRequest(kRequest, &out);
-        bool ok = rc == 0 && out && strstr(out, "\"error_code\":0");
-        free(out);
-        if (!ok) {
-            state.SkipWithError("request on the direct route failed");
-            break;
-        }
-        lat.add(nowNs() - t0);
-    }
-    lat.report(state);
+    timeRequests(state, kepDirectRequest, "request on the direct route failed");
 }
 
 // ---- the host beside a stopped owner and stalled clients ----
@@ -371,23 +352,10 @@ void BM_HostBesideStuck(benchmark::State &state) {
         }
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    Latencies lat;
-    for (auto _ : state) {
-        int64_t t0 = nowNs();
-        char *out = nullptr;
-        int rc = kepHostRequest(kRequest, &out);
-        bool ok = rc == 0 && out && strstr(out, "\"error_code\":0");
-        free(out);
-        if (!ok) {
-            state.SkipWithError("request through the host failed");
-            break;
-        }
-        lat.add(nowNs() - t0);
-    }
+    timeRequests(state, kepHostRequest, "request through the host failed");
     done = true;
     kill(gStuck.pid(), SIGCONT);
     for (std::thread &t : load) t.join();
-    lat.report(state);
 }
 
 // ---- throughput: threads of one client process, one owner ----
