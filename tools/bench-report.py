@@ -436,6 +436,48 @@ for key, what in (("kept (no trim)", "parse loop, heap kept (the parsers' own wo
         target(f"4 strXmlParse speed-up over Mini-XML, 850 elements: {what}", f"{speeds[(850, key)]:.2f}", "≥ 2",
                speeds[(850, key)] >= 2, detail)
 
+# ---------------------------------------------------------------- 5. footprint
+out("## 5. Footprint")
+out()
+out("| library | stripped bytes | text | data | bss | text + data KiB | needed at run time |")
+out("|---|---|---|---|---|---|---|")
+fp = {}
+fp_path = os.path.join(results, "footprint.txt")
+if os.path.exists(fp_path):
+    with open(fp_path) as f:
+        for line in f:
+            parts = line.split()
+            if len(parts) < 6:
+                continue
+            arch, btype = parts[0], parts[1]
+            size, text, data, bss = (int(p) for p in parts[2:6])
+            needed = parts[6:]
+            fp[arch] = (text + data, needed)
+            out(f"| libkepHandle.so.0 {arch} ({btype}) | {size:,} | {text:,} | {data:,} | {bss:,} | "
+                f"{(text + data) / 1024:.1f} | {', '.join(needed)} |")
+out()
+if "mips" in fp:
+    kib = fp["mips"][0] / 1024
+    target("5 MIPS stripped text + data", f"{kib:.1f} KiB", "≤ 150 KiB", kib <= 150)
+else:
+    out("No MIPS build was found (build it with `tools/cross-mips.sh`, or point `KEP_MIPS_BUILD` at one); "
+        "the x86-64 figure stands in until then.")
+    out()
+for arch, (_, needed) in fp.items():
+    stdcxx = any("stdc++" in n for n in needed)
+    target(f"5 no libstdc++ at run time ({arch})", "absent" if not stdcxx else "present", "absent", not stdcxx)
+heap_path = os.path.join(results, "heap.json")
+if os.path.exists(heap_path):
+    with open(heap_path) as f:
+        h = json.load(f)
+    out(f"Heap of a tree of {h['modules']} modules x {h['tables'] // max(h['modules'], 1)} tables x "
+        f"{h['sections'] // max(h['tables'], 1)} sections, built from model descriptions "
+        f"(`mallinfo2`, in use after minus before): {h['heap_bytes']:,} bytes; sum of its records "
+        f"({h['modules']} x {h['sizeof_module']} + {h['tables']} x {h['sizeof_table']} + "
+        f"{h['sections']} x {h['sizeof_section']} bytes): {h['record_bytes']:,} bytes; ratio {h['ratio']:.3f}.")
+    out()
+    target("5 tree heap / sum of record sizes", f"{h['ratio']:.3f}", "≤ 1.10", h["ratio"] <= 1.10)
+
 # ---------------------------------------------------------------- the host
 out("## 6. The host: no head-of-line blocking, throughput, the direct route")
 out()
@@ -513,48 +555,6 @@ if four and one_free:
         detail += (f"; on one CPU {ratio(pinned4['items_per_second'], one_pinned):.2f} (one CPU has no "
                    "second core to add)")
     target("host: throughput, 4 clients over 2 owners / 1 client, every CPU", f"{r:.2f}", "≥ 1.8", r >= 1.8, detail)
-
-# ---------------------------------------------------------------- 5. footprint
-out("## 5. Footprint")
-out()
-out("| library | stripped bytes | text | data | bss | text + data KiB | needed at run time |")
-out("|---|---|---|---|---|---|---|")
-fp = {}
-fp_path = os.path.join(results, "footprint.txt")
-if os.path.exists(fp_path):
-    with open(fp_path) as f:
-        for line in f:
-            parts = line.split()
-            if len(parts) < 6:
-                continue
-            arch, btype = parts[0], parts[1]
-            size, text, data, bss = (int(p) for p in parts[2:6])
-            needed = parts[6:]
-            fp[arch] = (text + data, needed)
-            out(f"| libkepHandle.so.0 {arch} ({btype}) | {size:,} | {text:,} | {data:,} | {bss:,} | "
-                f"{(text + data) / 1024:.1f} | {', '.join(needed)} |")
-out()
-if "mips" in fp:
-    kib = fp["mips"][0] / 1024
-    target("5 MIPS stripped text + data", f"{kib:.1f} KiB", "≤ 150 KiB", kib <= 150)
-else:
-    out("No MIPS build was found (build it with `tools/cross-mips.sh`, or point `KEP_MIPS_BUILD` at one); "
-        "the x86-64 figure stands in until then.")
-    out()
-for arch, (_, needed) in fp.items():
-    stdcxx = any("stdc++" in n for n in needed)
-    target(f"5 no libstdc++ at run time ({arch})", "absent" if not stdcxx else "present", "absent", not stdcxx)
-heap_path = os.path.join(results, "heap.json")
-if os.path.exists(heap_path):
-    with open(heap_path) as f:
-        h = json.load(f)
-    out(f"Heap of a tree of {h['modules']} modules x {h['tables'] // max(h['modules'], 1)} tables x "
-        f"{h['sections'] // max(h['tables'], 1)} sections, built from model descriptions "
-        f"(`mallinfo2`, in use after minus before): {h['heap_bytes']:,} bytes; sum of its records "
-        f"({h['modules']} x {h['sizeof_module']} + {h['tables']} x {h['sizeof_table']} + "
-        f"{h['sections']} x {h['sizeof_section']} bytes): {h['record_bytes']:,} bytes; ratio {h['ratio']:.3f}.")
-    out()
-    target("5 tree heap / sum of record sizes", f"{h['ratio']:.3f}", "≤ 1.10", h["ratio"] <= 1.10)
 
 # ---------------------------------------------------------------- 7. the system at scale
 host_scale = load("host")
