@@ -154,13 +154,18 @@ bool claim(Conn &c, uint32_t gen, uint32_t from) {
 }
 
 // Arms the connection for events (add: newly accepted) and lets go of it. False when
-// an event arrived while it was held: the caller must serve it again itself.
+// an event arrived while it was held: the caller must serve it again itself. A
+// connection the kernel will not watch (no memory for it) is closed: unwatched, it
+// would hold its place for good.
 bool arm(Conn &c, int slot, uint32_t events, bool add) {
     const uint32_t gen = genOf(c.word.load(std::memory_order_relaxed));
     epoll_event ev{};
     ev.events = events | EPOLLRDHUP | EPOLLONESHOT;
     ev.data.u64 = uint64_t{gen & kGenMask} << 32 | static_cast<uint32_t>(slot + 1);
-    epoll_ctl(gEpfd, add ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, c.fd, &ev);
+    if (epoll_ctl(gEpfd, add ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, c.fd, &ev) != 0) {
+        closeConn(c);
+        return true;
+    }
     uint32_t w = word(gen, kBusy);
     if (c.word.compare_exchange_strong(w, word(gen, kIdle), std::memory_order_release)) return true;
     c.word.store(word(gen, kBusy), std::memory_order_relaxed);  // was kBusyAgain
