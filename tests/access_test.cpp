@@ -72,8 +72,25 @@ int rawCall(const std::string &socketPath, const std::string &frame) {
 
 class Access : public ::testing::Test {
 protected:
+    // Each test opens its own runtime folder to the other user: tests run in parallel,
+    // and one restoring a shared folder's mode would close it under another.
     void SetUp() override {
         if (geteuid() != 0) GTEST_SKIP() << "needs root to run a child as another user";
+        const char *shared = getenv("KEP_RUNTIME_DIR");
+        if (shared) savedDir_ = shared;
+        std::string tmpl = (shared && *shared ? std::string(shared) : std::string("/tmp/kep-access")) + ".XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl.data()), nullptr);
+        ownDir_ = tmpl;
+        setenv("KEP_RUNTIME_DIR", ownDir_.c_str(), 1);
+    }
+    void TearDown() override {
+        if (ownDir_.empty()) return;
+        std::error_code ignored;
+        std::filesystem::remove_all(ownDir_, ignored);
+        if (savedDir_.empty())
+            unsetenv("KEP_RUNTIME_DIR");
+        else
+            setenv("KEP_RUNTIME_DIR", savedDir_.c_str(), 1);
     }
     static int callOwner(pid_t owner, std::string *result = nullptr) {
         QxRpcPara set;
@@ -84,6 +101,10 @@ protected:
         qxrpcParaFree(&set);
         return rc;
     }
+
+private:
+    std::string savedDir_;
+    std::string ownDir_;
 };
 
 TEST_F(Access, AnotherUserIsRefusedWhileTheOwnersUserIsServed) {
