@@ -102,7 +102,7 @@ private:
     bool waitServed() {
         for (int i = 0; i < 3000; i++) {
             char *dump = nullptr;
-            bool registered = kepHostFetch("kepd.dump", &dump) == 0 && strstr(dump, "dhcp.restart");
+            bool registered = kepHostFetch("kepd.dump", &dump) == 0 && strstr(dump, "/dhcp/restart:do");
             free(dump);
             if (registered) return true;
             usleep(10000);

@@ -28,94 +28,11 @@
 #include "kep_host.h"
 #include "kep_pf_rpc.h"
 #include "kep_tree.h"
+#include "processes.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-long msSince(Clock::time_point t) {
-    return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count());
-}
-
-std::string readText(const std::string &path) {
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-void writeText(const std::string &path, const std::string &text) {
-    std::ofstream(path) << text;
-}
-
-// The emulator a cross-built program runs under (empty on the build machine), and how
-// much longer everything takes there.
-#ifdef KEP_EMULATOR
-const std::string kEmulator = KEP_EMULATOR;
-#else
-const std::string kEmulator;
-#endif
-const int kSlow = kEmulator.empty() ? 1 : 10;
-
-// Starts argv with its output in log; the child dies with this process.
-pid_t spawn(std::vector<std::string> argv, const std::string &log) {
-    if (!kEmulator.empty()) {
-        std::istringstream words(kEmulator);
-        std::vector<std::string> prefix;
-        for (std::string w; words >> w;) prefix.push_back(w);
-        argv.insert(argv.begin(), prefix.begin(), prefix.end());
-    }
-    pid_t parent = getpid();
-    pid_t pid = fork();
-    if (pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (getppid() != parent) _exit(127);
-        int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-        if (fd >= 0) {
-            dup2(fd, 1);
-            dup2(fd, 2);
-        }
-        std::vector<char *> args;
-        for (const std::string &a : argv) args.push_back(const_cast<char *>(a.c_str()));
-        args.push_back(nullptr);
-        execv(args[0], args.data());
-        _exit(127);
-    }
-    return pid;
-}
-
-// Waits for pid to end; its exit status, or -1 when it did not end in time (then
-// it is killed).
-int reap(pid_t pid, int timeoutMs = 10000) {
-    auto until = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    int status = 0;
-    for (;;) {
-        pid_t r = waitpid(pid, &status, WNOHANG);
-        if (r == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        if (r < 0 || Clock::now() >= until) break;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    kill(pid, SIGKILL);
-    waitpid(pid, &status, 0);
-    return -1;
-}
-
-// Stops pid and waits until every thread of it has stopped: a signal only asks.
-bool stopProcess(pid_t pid) {
-    if (kill(pid, SIGSTOP) != 0) return false;
-    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
-    for (int i = 0; i < 2000; i++) {
-        bool all = true;
-        for (const auto &t : std::filesystem::directory_iterator(tasks)) {
-            const std::string stat = readText(t.path().string() + "/stat");
-            const size_t paren = stat.rfind(')');
-            all = all && paren != std::string::npos && stat.size() > paren + 2 && stat[paren + 2] == 'T';
-        }
-        if (all) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return false;
-}
+using namespace kep_test;
 
 struct Ran {
     int status;
@@ -176,8 +93,8 @@ protected:
         auto until = Clock::now() + std::chrono::milliseconds(ms * kSlow);
         while (Clock::now() < until) {
             char *dump = nullptr;
-            const bool registered = kepHostFetch("kepd.dump", &dump) == 0 && strstr(dump, "dhcp.restart") &&
-                                    strstr(dump, "sys.dhcpChanged");
+            const bool registered = kepHostFetch("kepd.dump", &dump) == 0 && strstr(dump, "/dhcp/restart:do") &&
+                                    strstr(dump, "/dhcp/pool/lan:note");
             free(dump);
             if (registered && request(R"({"method":"get","dhcp":{"table":"host"},"system":{"name":"ntp"}})")
                                       .find("\"error_code\":0") != std::string::npos)
@@ -604,7 +521,7 @@ TEST_F(Host, TheDirectRouteAnswersAsTheHostDoes) {
     auto until = Clock::now() + std::chrono::seconds(5);
     for (;;) {
         char *dump = nullptr;
-        bool dropped = kepHostFetch("kepd.dump", &dump) == 0 && !strstr(dump, "dhcp.get");
+        bool dropped = kepHostFetch("kepd.dump", &dump) == 0 && !strstr(dump, "/dhcp/host:get");
         free(dump);
         if (dropped || Clock::now() > until) break;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -631,7 +548,7 @@ TEST_F(Host, SectionNumbersDoNotWrapAround) {
     const std::string next =
         R"({"method":"add","dhcp":{"table":"host","para":{"mac":"02:00:00:00:00:ab","ip":"192.168.1.171"}}})";
     EXPECT_NE(request(last).find("\"error_code\":0"), std::string::npos);
-    EXPECT_EQ(request(next), R"({"error_code":1005})");
+    EXPECT_EQ(request(next), R"({"error_code":-31004})");
     EXPECT_EQ(readText(dir_ + "/dhcp.json").find("192.168.1.171"), std::string::npos);
 }
 

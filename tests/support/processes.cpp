@@ -1,0 +1,94 @@
+#include "processes.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+namespace kep_test {
+
+long msSince(Clock::time_point t) {
+    return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count());
+}
+
+std::string readText(const std::string &path) {
+    std::ifstream in(path);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+void writeText(const std::string &path, const std::string &text) {
+    std::ofstream(path) << text;
+}
+
+#ifdef KEP_EMULATOR
+const std::string kEmulator = KEP_EMULATOR;
+#else
+const std::string kEmulator;
+#endif
+const int kSlow = kEmulator.empty() ? 1 : 10;
+
+pid_t spawn(std::vector<std::string> argv, const std::string &log) {
+    if (!kEmulator.empty()) {
+        std::istringstream words(kEmulator);
+        std::vector<std::string> prefix;
+        for (std::string w; words >> w;) prefix.push_back(w);
+        argv.insert(argv.begin(), prefix.begin(), prefix.end());
+    }
+    pid_t parent = getpid();
+    pid_t pid = fork();
+    if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != parent) _exit(127);
+        int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+        if (fd >= 0) {
+            dup2(fd, 1);
+            dup2(fd, 2);
+        }
+        std::vector<char *> args;
+        for (const std::string &a : argv) args.push_back(const_cast<char *>(a.c_str()));
+        args.push_back(nullptr);
+        execv(args[0], args.data());
+        _exit(127);
+    }
+    return pid;
+}
+
+int reap(pid_t pid, int timeoutMs) {
+    auto until = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    int status = 0;
+    for (;;) {
+        pid_t r = waitpid(pid, &status, WNOHANG);
+        if (r == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        if (r < 0 || Clock::now() >= until) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    kill(pid, SIGKILL);
+    waitpid(pid, &status, 0);
+    return -1;
+}
+
+bool stopProcess(pid_t pid) {
+    if (kill(pid, SIGSTOP) != 0) return false;
+    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+    for (int i = 0; i < 2000; i++) {
+        bool all = true;
+        for (const auto &t : std::filesystem::directory_iterator(tasks)) {
+            const std::string stat = readText(t.path().string() + "/stat");
+            const size_t paren = stat.rfind(')');
+            all = all && paren != std::string::npos && stat.size() > paren + 2 && stat[paren + 2] == 'T';
+        }
+        if (all) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return false;
+}
+
+}  // namespace kep_test
