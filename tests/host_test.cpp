@@ -327,6 +327,34 @@ TEST_F(Host, RuntimeFilesCannotBeTurnedAgainstTheHost) {
     }
 }
 
+// CPU time pid has used, user and system, in milliseconds.
+long cpuMs(pid_t pid) {
+    const std::string stat = readText("/proc/" + std::to_string(pid) + "/stat");
+    std::istringstream fields(stat.substr(stat.rfind(')') + 2));
+    std::string f;
+    long ticks = 0;
+    for (int i = 3; i <= 15 && fields >> f; i++) {
+        if (i >= 14) ticks += std::stol(f);
+    }
+    return ticks * 1000 / sysconf(_SC_CLK_TCK);
+}
+
+// An owner that has exited but is not reaped yet (its parent has not waited for it)
+// is dropped at once, and costs the host nothing meanwhile.
+TEST_F(Host, AnOwnerNotReapedYetIsDroppedAtOnce) {
+    const std::string gone = "owner " + std::to_string(dhcpd_) + " is gone";
+    ASSERT_EQ(kill(dhcpd_, SIGKILL), 0);  // reaped only at the end
+    auto until = Clock::now() + std::chrono::milliseconds(2000 * kSlow);
+    while (readText(dir_ + "/kepd.log").find(gone) == std::string::npos && Clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_NE(readText(dir_ + "/kepd.log").find(gone), std::string::npos);
+    const long before = cpuMs(kepd_);
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    EXPECT_LT(cpuMs(kepd_) - before, 100) << "the host spins on the exited owner";
+    reap(dhcpd_);
+    dhcpd_ = -1;
+}
+
 // The owners notice a new host by themselves and register with it.
 TEST_F(Host, OwnersComeBackAfterTheHostRestarts) {
     const pid_t old = kepd_;
