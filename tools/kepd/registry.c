@@ -292,6 +292,20 @@ void registryDrop(int pid) {
     forgetOwner(pid);
 }
 
+void registryModulesOf(int pid, char *out, size_t size) {
+    size_t len = 0;
+    out[0] = '\0';
+    for (int i = 0; i < treeModuleCount(); i++) {
+        treeReadLock(i);
+        int held = moduleHolds(treeModule(i), pid);
+        treeUnlock(i);
+        if (!held) continue;
+        int n = snprintf(out + len, size - len, "%s%s", len ? ", " : "", treeModule(i)->name);
+        if (n < 0 || (size_t)n >= size - len) break;
+        len += (size_t)n;
+    }
+}
+
 int registryPrune(void) {
     int gone[KEPD_MAX_OWNERS], n = 0;
     pthread_mutex_lock(&gLock);
