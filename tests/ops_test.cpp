@@ -220,17 +220,18 @@ TEST_F(Resolution, AFailedOwnerCallLeavesItsCauseToThisThread) {
     EXPECT_EQ(getTableObjJson("m", "sys", req.get(), out.out()), -1);
     EXPECT_EQ(lastFailure(), "-7004 0  m/sys");
 
-    // Writes name what they were for too; a later success keeps the failure that
-    // ended the request.
+    // Writes and actions name what they were for too; a later success keeps the
+    // failure that ended the request.
     callee("hostSet").errorCode = 1002;
     JsonPtr byFilter(jsonParseStr("{\"filter\":{\"ip\":\"a\"},\"para\":{}}"));
     EXPECT_EQ(editTableByObjJson("m", "host", byFilter.get()), 1002);
     callee("hostGet").errorCode = 0;
     ASSERT_EQ(getTableObjJson("m", "host", req.get(), out.out()), 0);
     EXPECT_EQ(lastFailure(), "1002 self hostSet m/host");
-    callee("timeSet").errorCode = 5;
-    EXPECT_EQ(editSectionByObjJson("m", "time", para.get(), nullptr), 5);
-    EXPECT_EQ(lastFailure(), "5 self timeSet m/time");
+    action(getDataModuler("m"), "reboot", "rebootCb", self());
+    callee("rebootCb").errorCode = 9;
+    EXPECT_EQ(doActionToModel("m", "reboot", para.get(), out.out()), 9);
+    EXPECT_EQ(lastFailure(), "9 self rebootCb m/reboot");
 
     // Another thread's failure is its own.
     callee("leaseRead").errorCode = 77;
@@ -241,16 +242,6 @@ TEST_F(Resolution, AFailedOwnerCallLeavesItsCauseToThisThread) {
     }).join();
     EXPECT_EQ(there, "77 self leaseRead m/leases_1");
     EXPECT_EQ(lastFailure(), "none");
-}
-
-TEST_F(OpsTest, AFailedActionNamesItself) {
-    DataModule *m = kep_test::addModule("m");
-    action(m, "reboot", "rebootCb", self());
-    callee("rebootCb").errorCode = 9;
-    JsonPtr params(jsonParseStr("{}")), res;
-    kepLastCallFailure(nullptr);
-    EXPECT_EQ(doActionToModel("m", "reboot", params.get(), res.out()), 9);
-    EXPECT_EQ(lastFailure(), "9 self rebootCb m/reboot");
 }
 
 TEST_F(OpsTest, TransferTurnsSectionsIntoRows) {
