@@ -10,5 +10,6 @@
 #include "kep_model.h"
 #include "kep_config.h"
 #include "kep_text.h"
+#include "kep_diag.h"
 
 #endif

@@ -39,6 +39,8 @@ KEP_API int doActionToModel(const char *module, const char *action, json_object 
     req.pid = node->pid;
     req.cb = node->cb;
     req.paraBuf = jsonGetObjectStringOrigin(params);
+    req.module = mod->name;
+    req.target = node->name;
     KEP_LOG("requestJsonStr:%s\n", req.paraBuf);
 
     JsonPtr answer;

@@ -1,7 +1,10 @@
 #include "ops/imi_invoke.h"
 
 #include <stddef.h>
+#include <string.h>
 
+#include "api.h"
+#include "kep_diag.h"
 #include "log.h"
 
 namespace kep {
@@ -21,7 +24,39 @@ constexpr InputMember kInputs[] = {
     {"filter", &ModelReqParams::filterBuf},
 };
 
+// The failure that ended this thread's last request, kept until read. Written only
+// when something fails, so a call that succeeds costs nothing here. In the static TLS
+// block: the dynamic model would make the library call the loader (__tls_get_addr)
+// and need it at run time; the record is small enough for a library loaded later too.
+thread_local KepCallFailure tFailure __attribute__((tls_model("initial-exec")));
+thread_local bool tFailed __attribute__((tls_model("initial-exec")));
+
+void copyBounded(char *dst, size_t size, const char *src) {
+    size_t n = src ? strnlen(src, size - 1) : 0;
+    memcpy(dst, src ? src : "", n);
+    dst[n] = '\0';
+}
+
+void record(int code, int pid, const char *cb, const char *module, const char *name) {
+    tFailure.code = code;
+    tFailure.pid = pid;
+    copyBounded(tFailure.cb, sizeof tFailure.cb, cb);
+    copyBounded(tFailure.module, sizeof tFailure.module, module);
+    copyBounded(tFailure.name, sizeof tFailure.name, name);
+    tFailed = true;
+}
+
+int failed(const ModelReqParams &p, int code) {
+    const char *name = p.target ? p.target : p.secname ? p.secname : p.table;
+    record(code, p.pid, p.cb, p.module, name);
+    return code;
+}
+
 }  // namespace
+
+void recordNoOwner(int code, const char *module, const char *name) {
+    record(code, 0, nullptr, module, name);
+}
 
 int imiExcuteKepHandle(QxRpcPara *para, ModelReqParams *params) {
     int code = -1;
@@ -43,17 +78,24 @@ int imiExcuteKepHandle(QxRpcPara *para, ModelReqParams *params) {
     KEP_LOG("  qxError:%d", code);
     int rc = qxImiExecute(params->pid, params->cb, 0, 0, para);
     KEP_LOG("  qxError:%d OK:%d", rc, 0);
-    if (rc != 0) return rc;
+    if (rc != 0) return failed(*params, rc);
 
     if (qxrpcGetInt(para, "errorCode", &code) != 0) {
         KEP_LOG(" Get ret: error\n");
-        return -1500;
+        return failed(*params, -1500);
     }
     KEP_LOG(" Get ret: %d\n", code);
     // The result is read whatever the code: a refusing callee may explain itself in it.
     qxrpcGetStringPtr(para, "result", &params->outBuf);
     if (params->outBuf) KEP_LOG("params->outBuf is not null \n");
-    return code;
+    return code != 0 ? failed(*params, code) : 0;
 }
 
 }  // namespace kep
+
+KEP_API int kepLastCallFailure(KepCallFailure *out) {
+    if (!kep::tFailed) return 0;
+    kep::tFailed = false;
+    if (out) *out = kep::tFailure;
+    return 1;
+}

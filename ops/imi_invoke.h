@@ -16,6 +16,9 @@ struct ModelReqParams {
     const char *filterBuf;  // input member "filter" when not null (JSON text)
     char *outBuf;           // the callee's "result" text, or null
     const char *table;      // input member "table" when not null
+    // For the failure record only (kep_diag.h); never sent.
+    const char *module;  // the module the call is for
+    const char *target;  // the table, section or action it is for
 };
 
 // Sends the record's inputs ("name", "table", "para", "filter", in that order) to
@@ -23,7 +26,12 @@ struct ModelReqParams {
 // reads back "errorCode" and "result". Returns the callee's errorCode (outBuf set
 // when it sent a result, also for a nonzero code); -1 for a null record or set, a
 // negative pid or an empty cb (nothing sent); -1500 when the answer carries no
-// errorCode; or the RPC's own nonzero code. Never frees para.
+// errorCode; or the RPC's own nonzero code. Never frees para. A call that was made
+// and failed is this thread's failure record (kepLastCallFailure).
 int imiExcuteKepHandle(QxRpcPara *para, ModelReqParams *params);
+
+// Records that no owner could be called for module's table or section name: code is
+// KEP_ERR_NO_TABLE or KEP_ERR_NOT_REGISTERED.
+void recordNoOwner(int code, const char *module, const char *name);
 
 }  // namespace kep

@@ -5,6 +5,7 @@
 #include "guard.h"
 #include "kep_json.h"
 #include "kep_model.h"
+#include "kep_request.h"
 #include "log.h"
 #include "ops/ops_internal.h"
 #include "tree/tree_internal.h"
@@ -17,10 +18,12 @@ KEP_API int getTableObjJson(const char *module, const char *table, json_object *
     if (!module || !table || !out) return -1;
     DataModule *mod = getDataModuler(module);
     KEP_LOG("begin to model:%s get method handle tableName:%s.\n", module, table);
-    if (!mod) return -1;
-    DataTable *tab = getDataTable(mod, table);
+    DataTable *tab = mod ? getDataTable(mod, table) : nullptr;
     KEP_LOG("begin to model:%s get method handle tableName:%s.\n", module, table);
-    if (!tab) return -1;
+    if (!tab) {
+        kep::recordNoOwner(KEP_ERR_NO_TABLE, module, table);
+        return -1;
+    }
 
     json_object *filter = jsonObjectObjectGet(request, "filter");
     json_object *para = jsonObjectObjectGet(request, "para");
@@ -28,7 +31,11 @@ KEP_API int getTableObjJson(const char *module, const char *table, json_object *
             kep::logJson(para));
 
     ModelReqParams params{};
-    if (!kep::takeSlot(tab->methodCb[KEP_METHOD_GET], params)) return -1;
+    if (!kep::takeSlot(tab->methodCb[KEP_METHOD_GET], params)) {
+        kep::recordNoOwner(KEP_ERR_NOT_REGISTERED, module, table);
+        return -1;
+    }
+    params.module = mod->name;
     if (filter) params.filterBuf = jsonGetObjectStringOrigin(filter);
     if (para) params.paraBuf = jsonGetObjectStringOrigin(para);
     params.table = tab->name;
@@ -48,30 +55,42 @@ KEP_API int getTableObjJson(const char *module, const char *table, json_object *
 KEP_API int getSectionObjJson(const char *module, const char *section, json_object **out) {
     if (!module || !section || !out) return -1;
     DataModule *mod = getDataModuler(module);
-    if (!mod) return -1;
+    if (!mod) {
+        kep::recordNoOwner(KEP_ERR_NO_TABLE, module, section);
+        return -1;
+    }
     KEP_LOG("secName:%s modelName:%s\n", section, module);
 
     ModelReqParams params{};
     DataSection *node = nullptr;
+    bool served;
     if (findSectionInModule(module, section, &node) == 1 && node) {
         // A section node answers for itself, even inside a list table.
-        if (!kep::takeSlot(node->methodCb[KEP_METHOD_GET], params)) return -1;
+        served = kep::takeSlot(node->methodCb[KEP_METHOD_GET], params);
     } else {
         KEP_LOG("secName:%s .\n", section);
         DataTable *tab = kep::listTableOf(mod, section, true);
-        if (!tab) return -1;
+        if (!tab) {
+            kep::recordNoOwner(KEP_ERR_NO_TABLE, module, section);
+            return -1;
+        }
         KEP_LOG("secName:%s .\n", section);
         if (tab->isDynamic == 0) {
-            if (!kep::takeSlot(tab->methodCb[KEP_METHOD_GET], params)) return -1;
+            served = kep::takeSlot(tab->methodCb[KEP_METHOD_GET], params);
         } else {
             // The entries of a dynamic table exist only in its owner, which registered
             // the table's operation interface: that callback serves them.
-            if (tab->opr.pid < 0 || tab->opr.cb[0] == '\0') return -1;
+            served = tab->opr.pid >= 0 && tab->opr.cb[0] != '\0';
             params.pid = tab->opr.pid;
             params.cb = tab->opr.cb;
         }
     }
+    if (!served) {
+        kep::recordNoOwner(KEP_ERR_NOT_REGISTERED, module, section);
+        return -1;
+    }
     params.secname = section;
+    params.module = mod->name;
 
     JsonPtr data;
     int rc = kep::invokeForJson(params, data);

@@ -40,12 +40,15 @@ int editTable(DataModule *module, DataTable *table, json_object *para, json_obje
     // An unregistered set callback refuses like any other unserved operation.
     if (!takeSlot(table->methodCb[KEP_METHOD_SET], params)) return -7004;
     KEP_LOG("  params->pid:%d params->cb:%s", params.pid, params.cb);
+    params.module = module->name;
+    params.target = secName ? secName : table->name;
     return invokeCallback(params);
 }
 
 // A section node: a list table's sections share the table's set callback, the
 // sections of a private table have their own.
-int editSectionNode(const SectionHit &hit, json_object *para, json_object *request) {
+int editSectionNode(const DataModule *module, const SectionHit &hit, json_object *para,
+                    json_object *request) {
     if (hit.table->isDynamic == 1) return -7004;
     KEP_LOG("begin  pDataObj:%s .\n", logJson(request));
     ModelReqParams params{};
@@ -59,6 +62,7 @@ int editSectionNode(const SectionHit &hit, json_object *para, json_object *reque
     if (!takeSlot(slot, params)) return -7004;  // unserved, as in editTable
     params.secname = hit.section->name;
     params.paraBuf = jsonGetObjectStringOrigin(para);
+    params.module = module->name;
     KEP_LOG("  params->pid:%d params->cb:%s", params.pid, params.cb);
     return invokeCallback(params);
 }
@@ -98,7 +102,7 @@ KEP_API int editSectionByObjJson(const char *module, const char *section, json_o
 
     kep::SectionHit hit{};
     if (kep::findSectionNode(mod, section, kep::WalkTrace::Edit, &hit)) {
-        return kep::editSectionNode(hit, params, request);
+        return kep::editSectionNode(mod, hit, params, request);
     }
 
     KEP_LOG("section:%s .\n", section);
@@ -122,6 +126,7 @@ KEP_API int addSectionByObjJson(const char *module, const char *table, const cha
     req.secname = section;
     req.table = tab->name;
     req.paraBuf = jsonGetObjectStringOrigin(params);
+    req.module = module;
     KEP_LOG("params.paraBuf:%s secVal:%s params.secname:%s\n", req.paraBuf, kep::orNull(section),
             kep::orNull(req.secname));
     if (!kep::takeSlot(tab->methodCb[KEP_METHOD_ADD], req)) return -7004;  // unserved: refused unsent
@@ -157,6 +162,8 @@ KEP_API int deleteDataTable(const char *module, const char *table, json_object *
     ModelReqParams params{};
     if (filter) params.filterBuf = jsonGetObjectStringOrigin(filter);
     if (!kep::takeSlot(tab->methodCb[KEP_METHOD_DELETE], params)) return -7004;  // unserved: refused unsent
+    params.module = module;
+    params.target = tab->name;
     return kep::invokeCallback(params);
 }
 
@@ -189,6 +196,7 @@ KEP_API int deleteDataSection(const char *module, const char *section) {
     ModelReqParams params{};
     if (!kep::takeSlot(slot, params)) return -1;
     params.secname = section;
+    params.module = mod->name;
     return kep::invokeCallback(params);
 }
 

@@ -48,11 +48,13 @@ int kepHostPid(void) {
 /* The host's pid as last read, so that a request costs no file read; 0: not read. */
 static int gHostPid;
 
-/* Runs handler with the members already in set; 0 with the host's answer in set. */
-static int call(const char *handler, QxRpcPara *set) {
+/* Runs handler with the members already in set; 0 with the host's answer in set.
+ * *answered: 1 when the host answered, whatever its "errorCode". */
+static int call(const char *handler, QxRpcPara *set, int *answered) {
     int pid = __atomic_load_n(&gHostPid, __ATOMIC_RELAXED);
     int code = 0;
     int rc;
+    *answered = 0;
     if (pid <= 0) pid = kepHostPid();
     if (pid < 0) return QXRPC_ERR_NO_PEER;
     __atomic_store_n(&gHostPid, pid, __ATOMIC_RELAXED);
@@ -65,8 +67,16 @@ static int call(const char *handler, QxRpcPara *set) {
         if (now > 0 && now != pid) rc = qxImiExecute(now, handler, 0, 0, set);
     }
     if (rc != 0) return rc;
+    *answered = 1;
     if (qxrpcGetInt(set, "errorCode", &code) != 0) return -1500;
     return code;
+}
+
+/* The host's "cause", malloc'd, into *cause; NULL when it gave none. */
+static void fetchCause(QxRpcPara *set, char **cause) {
+    char *text = NULL;
+    if (!cause) return;
+    if (qxrpcGetStringPtr(set, "cause", &text) == 0 && text) *cause = strdup(text);
 }
 
 static int fetchResult(QxRpcPara *set, char **text) {
@@ -76,50 +86,63 @@ static int fetchResult(QxRpcPara *set, char **text) {
     return *text ? 0 : QXRPC_ERR_NOMEM;
 }
 
-int kepHostRequest(const char *request, char **response) {
+int kepHostRequestEx(const char *request, char **response, char **cause) {
     QxRpcPara set;
-    int rc;
+    int rc, answered;
     *response = NULL;
+    if (cause) *cause = NULL;
     qxrpcParaInit(&set);
     rc = qxrpcAddStringPtr(&set, "para", request);
-    if (rc == 0) rc = call("kepd.request", &set);
+    if (rc == 0) rc = call("kepd.request", &set, &answered);
     if (rc == 0) rc = fetchResult(&set, response);
+    if (rc == 0) fetchCause(&set, cause);
     qxrpcParaFree(&set);
     return rc;
 }
 
+int kepHostRequest(const char *request, char **response) {
+    return kepHostRequestEx(request, response, NULL);
+}
+
 int kepHostRegister(const char *op, const char *path, int index, const char *cb) {
     QxRpcPara set;
-    int rc;
+    int rc, answered;
     qxrpcParaInit(&set);
     rc = qxrpcAddStringPtr(&set, "op", op);
     if (rc == 0 && path) rc = qxrpcAddStringPtr(&set, "path", path);
     if (rc == 0 && cb) rc = qxrpcAddStringPtr(&set, "cb", cb);
     if (rc == 0) rc = qxrpcAddInt(&set, "index", index);
-    if (rc == 0) rc = call("kepd.register", &set);
+    if (rc == 0) rc = call("kepd.register", &set, &answered);
     qxrpcParaFree(&set);
     return rc;
 }
 
 int kepHostNotify(const char *path) {
     QxRpcPara set;
-    int rc;
+    int rc, answered;
     qxrpcParaInit(&set);
     rc = qxrpcAddStringPtr(&set, "para", path);
-    if (rc == 0) rc = call("kepd.notify", &set);
+    if (rc == 0) rc = call("kepd.notify", &set, &answered);
+    qxrpcParaFree(&set);
+    return rc;
+}
+
+int kepHostFetchEx(const char *handler, char **text, char **cause, int *answered) {
+    QxRpcPara set;
+    int rc, was;
+    *text = NULL;
+    if (cause) *cause = NULL;
+    qxrpcParaInit(&set);
+    rc = call(handler, &set, &was);
+    if (rc == 0) rc = fetchResult(&set, text);
+    if (was) fetchCause(&set, cause);
+    if (answered) *answered = was;
     qxrpcParaFree(&set);
     return rc;
 }
 
 int kepHostFetch(const char *handler, char **text) {
-    QxRpcPara set;
-    int rc;
-    *text = NULL;
-    qxrpcParaInit(&set);
-    rc = call(handler, &set);
-    if (rc == 0) rc = fetchResult(&set, text);
-    qxrpcParaFree(&set);
-    return rc;
+    return kepHostFetchEx(handler, text, NULL, NULL);
 }
 
 int kepHostWait(int ms) {

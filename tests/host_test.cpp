@@ -37,6 +37,7 @@ using namespace kep_test;
 struct Ran {
     int status;
     std::string output;  // standard output and error together
+    std::string out, err;
 };
 
 class Host : public ::testing::Test {
@@ -113,12 +114,18 @@ protected:
         return s;
     }
 
+    // Runs argv to its end.
+    Ran run(const std::vector<std::string> &argv) {
+        const std::string log = dir_ + "/ran." + std::to_string(counter_++);
+        int status = reap(spawn(argv, log + ".out", log + ".err"), 20000);
+        const std::string out = readText(log + ".out"), err = readText(log + ".err");
+        return {status, out + err, out, err};
+    }
+
     Ran kepctl(const std::vector<std::string> &args) {
         std::vector<std::string> argv = {KEPCTL_PATH, "-c"};
         argv.insert(argv.end(), args.begin(), args.end());
-        const std::string log = dir_ + "/kepctl." + std::to_string(counter_++);
-        int status = reap(spawn(argv, log), 20000);
-        return {status, readText(log)};
+        return run(argv);
     }
 
     std::string socketOf(pid_t pid) const { return dir_ + "/run/imi-" + std::to_string(pid) + ".sock"; }
@@ -242,6 +249,34 @@ TEST_F(Host, RuntimeFilesCannotBeTurnedAgainstTheHost) {
         EXPECT_NE(readText(log).find("runtime folder " + dir_ + name), std::string::npos) << readText(log);
         EXPECT_NE(readText(log).find("KEP_RUNTIME_DIR"), std::string::npos);
     }
+}
+
+// CPU time pid has used, user and system, in milliseconds.
+long cpuMs(pid_t pid) {
+    const std::string stat = readText("/proc/" + std::to_string(pid) + "/stat");
+    std::istringstream fields(stat.substr(stat.rfind(')') + 2));
+    std::string f;
+    long ticks = 0;
+    for (int i = 3; i <= 15 && fields >> f; i++) {
+        if (i >= 14) ticks += std::stol(f);
+    }
+    return ticks * 1000 / sysconf(_SC_CLK_TCK);
+}
+
+// An owner that has exited but is not reaped yet (its parent has not waited for it)
+// is dropped at once, and costs the host nothing meanwhile.
+TEST_F(Host, AnOwnerNotReapedYetIsDroppedAtOnce) {
+    const std::string gone = "owner " + std::to_string(dhcpd_) + " is gone";
+    ASSERT_EQ(kill(dhcpd_, SIGKILL), 0);  // reaped only at the end
+    auto until = Clock::now() + std::chrono::milliseconds(2000 * kSlow);
+    while (readText(dir_ + "/kepd.log").find(gone) == std::string::npos && Clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_NE(readText(dir_ + "/kepd.log").find(gone), std::string::npos);
+    const long before = cpuMs(kepd_);
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    EXPECT_LT(cpuMs(kepd_) - before, 100) << "the host spins on the exited owner";
+    reap(dhcpd_);
+    dhcpd_ = -1;
 }
 
 // The owners notice a new host by themselves and register with it.
@@ -562,6 +597,134 @@ TEST_F(Host, ModelNamesThatSplitPathsAreRefused) {
         writeText(log, "");
         EXPECT_EQ(reap(spawn({KEPD_PATH, "-r", dir_ + "/run2", "-m", dir_ + "/bad.xml"}, log)), 1) << name;
         EXPECT_NE(readText(log).find("refused"), std::string::npos) << readText(log);
+    }
+}
+
+// ---- what the host and its client tell whoever runs them ----
+
+constexpr size_t npos = std::string::npos;
+
+// A read the owner refuses with its own code is answered as it always was; kepd's log
+// and kepctl -v (on standard error, leaving standard output to the response) say
+// which owner refused and with what. Failed writes are logged the same way.
+TEST_F(Host, AFailedRequestNamesItsCauseBesideTheResponse) {
+    const std::string owner = "owner pid " + std::to_string(dhcpd_);
+    const std::string refusal = "dhcp/host_99: " + owner + " (callback /dhcp/host:get): answered errorCode -31002";
+    EXPECT_EQ(readText(dir_ + "/kepd.log").find(" from pid "), npos)
+        << "requests that succeeded are not logged";
+    EXPECT_EQ(request(R"({"method":"get","dhcp":{"name":"host_99"}})"), R"({"error_code":-10000})");
+    Ran get = kepctl({"-v", "get", "dhcp", "--name", "host_99"});
+    EXPECT_EQ(get.status, 1);
+    EXPECT_EQ(get.out, "{\"error_code\":-10000}\n");
+    EXPECT_NE(get.err.find("request:  {\"method\":\"get\",\"dhcp\":{\"name\":\"host_99\"}}\n"), npos)
+        << get.err;
+    EXPECT_NE(get.err.find("kepctl: error_code -10000: "), npos) << get.err;
+    EXPECT_NE(get.err.find("cause:    " + refusal + "\n"), npos) << get.err;
+    std::string log = readText(dir_ + "/kepd.log");
+    EXPECT_NE(log.find("get from pid "), npos) << log;
+    EXPECT_NE(log.find(": error_code -10000: " + refusal + "\n"), npos) << log;
+
+    Ran quiet = kepctl({"get", "dhcp", "--name", "host_99"});
+    EXPECT_EQ(quiet.out, get.out);
+    EXPECT_EQ(quiet.err.find("cause"), npos) << quiet.err;
+
+    // Nobody to call.
+    EXPECT_NE(
+        kepctl({"-v", "get", "dhcp", "nosuch"}).err.find("cause:    dhcp/nosuch: no such table or section"),
+        npos);
+    EXPECT_NE(kepctl({"-v", "get", "nosuch", "host"}).err.find("cause:    nosuch/host: no such module"),
+              npos);
+
+    Ran set = kepctl({"-v", "set", "dhcp", "host_99", R"({"hostname":"x"})"});
+    EXPECT_EQ(set.status, 1);
+    EXPECT_EQ(set.out, "{\"error_code\":-31002}\n");
+    const std::string setRefusal = "dhcp/host_99: " + owner + " (callback /dhcp/host:set): answered errorCode -31002";
+    EXPECT_NE(set.err.find("cause:    " + setRefusal), npos) << set.err;
+    log = readText(dir_ + "/kepd.log");
+    EXPECT_NE(log.find("set from pid "), npos) << log;
+    EXPECT_NE(log.find(": error_code -31002: " + setRefusal + "\n"), npos) << log;
+}
+
+TEST_F(Host, AReadOfAKilledOwnerSaysItIsNotRunning) {
+    kill(dhcpd_, SIGKILL);
+    reap(dhcpd_);
+    dhcpd_ = -1;
+    // Whether the host has dropped the owner by now or not, the cause says so.
+    Ran get = kepctl({"-v", "get", "dhcp", "host"});
+    EXPECT_EQ(get.status, 1);
+    EXPECT_EQ(get.out, "{\"error_code\":-10000}\n");
+    const size_t cause = get.err.find("cause:    dhcp/host: ");
+    ASSERT_NE(cause, npos) << get.err;
+    EXPECT_NE(get.err.find("not running", cause), npos) << get.err;
+    const std::string log = readText(dir_ + "/kepd.log");
+    const size_t logged = log.find(": error_code -10000: dhcp/host: ");
+    ASSERT_NE(logged, npos) << log;
+    EXPECT_NE(log.find("not running", logged), npos) << log;
+}
+
+// A factory reset the host answered with an owner's failure is exit 1, naming that
+// owner, not a host that cannot be reached (3) or did not answer (4).
+TEST_F(Host, AFailedResetNamesTheOwnerNotTheHost) {
+    // This process registers a reset callback that it never serves: to the host, an
+    // owner that is not running, yet not dropped.
+    ASSERT_EQ(kepHostRegister("reset", nullptr, 0, "testReset"), 0);
+    Ran reset = kepctl({"reset"});
+    EXPECT_EQ(reset.status, 1) << reset.err;
+    const std::string gone = "the owner (pid " + std::to_string(getpid()) +
+                             ", callback testReset): the process is not running (-20005)";
+    EXPECT_NE(reset.err.find("kepctl: reset failed: -20005: the owner process is not running\n"), npos)
+        << reset.err;
+    EXPECT_NE(reset.err.find(gone), npos) << reset.err;
+    EXPECT_EQ(reset.err.find("kepd running"), npos) << reset.err;
+    EXPECT_NE(readText(dir_ + "/kepd.log").find("factory reset failed: " + gone), npos);
+    ASSERT_EQ(kepHostRegister("unregister", nullptr, 0, nullptr), 0);
+
+    // An owner that does not answer: the host waits for it and says so.
+    ASSERT_TRUE(stopProcess(dhcpd_));
+    reset = kepctl({"reset"});
+    kill(dhcpd_, SIGCONT);
+    EXPECT_EQ(reset.status, 1) << reset.err;
+    EXPECT_NE(reset.err.find("the owner of dhcp (pid " + std::to_string(dhcpd_) +
+                             ", callback kep.reset): no answer in time (-20006)"),
+              npos)
+        << reset.err;
+    reset = kepctl({"reset"});
+    EXPECT_EQ(reset.status, 0) << reset.err;
+    EXPECT_EQ(reset.out, "factory reset done\n");
+}
+
+// Usage errors are named in a line (2); help goes to standard output (0); a host that
+// is not there is 3.
+TEST_F(Host, KepctlAndKepdTellHowTheyWereCalled) {
+    Ran frob = kepctl({"frob", "dhcp"});
+    EXPECT_EQ(frob.status, 2);
+    EXPECT_EQ(frob.out, "");
+    EXPECT_EQ(frob.err,
+              "kepctl: unknown command 'frob'\nTry 'kepctl --help' for the commands and options.\n");
+    Ran option = kepctl({"--frob", "get", "dhcp", "host"});
+    EXPECT_EQ(option.status, 2);
+    EXPECT_EQ(option.err.find("kepctl: unknown option '--frob'\n"), 0u) << option.err;
+    EXPECT_EQ(kepctl({"get"}).status, 2);
+    Ran help = kepctl({"--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_NE(help.out.find("Exit status"), npos);
+    EXPECT_EQ(help.err, "");
+    for (const char *flag : {"--help", "-h"}) {
+        Ran kepd = run({KEPD_PATH, flag});
+        EXPECT_EQ(kepd.status, 0) << flag << kepd.err;
+        EXPECT_EQ(kepd.out.find("usage: kepd"), 0u) << flag;
+        EXPECT_EQ(kepd.err, "") << flag;
+    }
+
+    kill(kepd_, SIGTERM);
+    EXPECT_EQ(reap(kepd_), 0);
+    kepd_ = -1;
+    for (const char *cmd : {"get", "reset"}) {
+        Ran none = kepctl(strcmp(cmd, "get") == 0 ? std::vector<std::string>{"get", "dhcp", "host"}
+                                                  : std::vector<std::string>{"reset"});
+        EXPECT_EQ(none.status, 3) << cmd;
+        EXPECT_EQ(none.out, "") << cmd;
+        EXPECT_NE(none.err.find("is kepd running?"), npos) << cmd << none.err;
     }
 }
 

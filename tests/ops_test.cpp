@@ -2,11 +2,14 @@
 // what it sends, and how the answer becomes the result.
 #include <gtest/gtest.h>
 #include <stdio.h>
+#include <string.h>
 #include <unistd.h>
 
 #include <string>
+#include <thread>
 
 #include "guard.h"
+#include "kep_diag.h"
 #include "kep_json.h"
 #include "kep_model.h"
 #include "ops/imi_invoke.h"
@@ -38,18 +41,19 @@ TEST_F(OpsTest, InvokerChecksSendsInOrderAndPassesAnswersOn) {
         int rc = kep::imiExcuteKepHandle(set.get(), &p);
         return std::make_pair(rc, std::string(p.outBuf ? p.outBuf : "<none>"));
     };
-    EXPECT_EQ(invoke({-1, "cb", "s", nullptr, nullptr, nullptr, nullptr}).first, -1);
-    EXPECT_EQ(invoke({self(), "", "s", nullptr, nullptr, nullptr, nullptr}).first, -1);
-    ModelReqParams p{self(), "cb", nullptr, nullptr, nullptr, nullptr, nullptr};
+    EXPECT_EQ(invoke({-1, "cb", "s", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr}).first, -1);
+    EXPECT_EQ(invoke({self(), "", "s", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr}).first, -1);
+    ModelReqParams p{self(), "cb", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
     EXPECT_EQ(kep::imiExcuteKepHandle(nullptr, &p), -1);
     EXPECT_EQ(calls("cb"), 0u);
-    EXPECT_NE(invoke({0, "cb", nullptr, nullptr, nullptr, nullptr, nullptr}).first, -1);  // pid 0 is sent
+    // pid 0 is sent
+    EXPECT_NE(invoke({0, "cb", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr}).first, -1);
 
     EXPECT_EQ(invoke(p), std::make_pair(0, std::string("<none>")));
     EXPECT_TRUE(last("cb").empty());
     c.errorCode = 42;
     c.result = "\"why\"";
-    EXPECT_EQ(invoke({self(), "cb", "s", "{\"a\":1}", "{\"f\":2}", nullptr, "t"}),
+    EXPECT_EQ(invoke({self(), "cb", "s", "{\"a\":1}", "{\"f\":2}", nullptr, "t", nullptr, nullptr}),
               std::make_pair(42, std::string("\"why\"")));
     EXPECT_EQ(last("cb"),
               (Members{{"name", "s"}, {"table", "t"}, {"para", "{\"a\":1}"}, {"filter", "{\"f\":2}"}}));
@@ -172,6 +176,72 @@ TEST_F(Resolution, TableOperationsSendTheRequestMembers) {
     EXPECT_EQ(getTableObjJson("m", "host", bare.get(), out.out()), -10100);
     callee("hostGet").errorCode = -3;
     EXPECT_EQ(getTableObjJson("m", "host", bare.get(), out.out()), -3);
+}
+
+// What this thread's failure record says after an operation: "none", or
+// "code pid cb module/name" with pid as "self" for this process.
+std::string lastFailure() {
+    KepCallFailure f;
+    memset(&f, 0x55, sizeof f);
+    if (!kepLastCallFailure(&f)) return "none";
+    const std::string pid = f.pid == static_cast<int>(getpid()) ? "self" : std::to_string(f.pid);
+    return std::to_string(f.code) + " " + pid + " " + f.cb + " " + f.module + "/" + f.name;
+}
+
+TEST_F(Resolution, AFailedOwnerCallLeavesItsCauseToThisThread) {
+    JsonPtr out, req(jsonParseStr("{}"));
+    JsonPtr para(jsonParseStr("{\"v\":1}"));
+    kepLastCallFailure(nullptr);
+    ASSERT_EQ(getTableObjJson("m", "host", req.get(), out.out()), 0);
+    EXPECT_EQ(lastFailure(), "none");
+
+    // The owner's own code, and the section the read was for; read once, then gone.
+    callee("hostGet").errorCode = 1003;
+    EXPECT_EQ(getSectionObjJson("m", "host_5", out.out()), 1003);
+    EXPECT_EQ(lastFailure(), "1003 self hostGet m/host_5");
+    EXPECT_EQ(lastFailure(), "none");
+    callee("hostGet").errorCode = std::nullopt;
+    EXPECT_EQ(getTableObjJson("m", "host", req.get(), out.out()), -1500);
+    EXPECT_EQ(lastFailure(), "-1500 self hostGet m/host");
+    // The RPC's own failure.
+    qxImiUnregister("timeGet");
+    EXPECT_EQ(getSectionObjJson("m", "time", out.out()), QXRPC_ERR_NO_HANDLER);
+    EXPECT_EQ(lastFailure(), "-20008 self timeGet m/time");
+
+    // Nobody to call: the name is not in the tree, or no process serves it.
+    EXPECT_EQ(getTableObjJson("m", "nope", req.get(), out.out()), -1);
+    EXPECT_EQ(lastFailure(), "-4000 0  m/nope");
+    EXPECT_EQ(getSectionObjJson("x", "host_1", out.out()), -1);
+    EXPECT_EQ(lastFailure(), "-4000 0  x/host_1");
+    EXPECT_EQ(getSectionObjJson("m", "ghost_1_with_a_name_longer_than_any_section", out.out()), -1);
+    EXPECT_EQ(lastFailure(), "-4000 0  m/ghost_1_with_a_name_longer_than");
+    EXPECT_EQ(getSectionObjJson("m", "host_1", out.out()), -1);
+    EXPECT_EQ(lastFailure(), "-7004 0  m/host_1");
+    EXPECT_EQ(getTableObjJson("m", "sys", req.get(), out.out()), -1);
+    EXPECT_EQ(lastFailure(), "-7004 0  m/sys");
+
+    // Writes and actions name what they were for too; a later success keeps the
+    // failure that ended the request.
+    callee("hostSet").errorCode = 1002;
+    JsonPtr byFilter(jsonParseStr("{\"filter\":{\"ip\":\"a\"},\"para\":{}}"));
+    EXPECT_EQ(editTableByObjJson("m", "host", byFilter.get()), 1002);
+    callee("hostGet").errorCode = 0;
+    ASSERT_EQ(getTableObjJson("m", "host", req.get(), out.out()), 0);
+    EXPECT_EQ(lastFailure(), "1002 self hostSet m/host");
+    action(getDataModuler("m"), "reboot", "rebootCb", self());
+    callee("rebootCb").errorCode = 9;
+    EXPECT_EQ(doActionToModel("m", "reboot", para.get(), out.out()), 9);
+    EXPECT_EQ(lastFailure(), "9 self rebootCb m/reboot");
+
+    // Another thread's failure is its own.
+    callee("leaseRead").errorCode = 77;
+    std::string there;
+    std::thread([&] {
+        getSectionObjJson("m", "leases_1", out.out());
+        there = lastFailure();
+    }).join();
+    EXPECT_EQ(there, "77 self leaseRead m/leases_1");
+    EXPECT_EQ(lastFailure(), "none");
 }
 
 TEST_F(OpsTest, TransferTurnsSectionsIntoRows) {

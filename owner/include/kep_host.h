@@ -3,7 +3,10 @@
  * takes owners' registrations and serves clients' requests.
  *
  * kepd serves these RPC handlers (platform IMI, see kep_pf_rpc.h):
- *   "kepd.request"   in "para": request text     out "errorCode", "result": response text
+ *   "kepd.request"   in "para": request text     out "errorCode", "result": response text,
+ *                    and "cause" when an owner call ended the request with a nonzero
+ *                    "error_code": which module and table or section, the owner's pid and
+ *                    callback, and its own code or the RPC's failure (a short text)
  *   "kepd.register"  in "op", "path", "cb", "index" (int)                 out "errorCode"
  *                    op: "method" (index 0..4), "verify", "notify", "action" (path "/module/action"),
  *                        "opr" (the table or section interface's owner), "reset" (cb resets
@@ -12,7 +15,8 @@
  *   "kepd.notify"    in "para": "/module/table/section"                    out "errorCode"
  *   "kepd.dump"      out "errorCode", "result": the tree dump, one line per entry
  *   "kepd.tree"      out "errorCode", "result": the tree with every registration (JSON)
- *   "kepd.reset"     out "errorCode": first failure of the owners' reset callbacks
+ *   "kepd.reset"     out "errorCode": first failure of the owners' reset callbacks (its
+ *                    owner's code or the RPC's), with "cause" naming that owner
  *   "kepd.ping"      out "errorCode" 0: the host is up
  * Its process id is in the pid file (KEPD_PIDFILE, default kepd.pid in the runtime
  * folder), which the host keeps locked while it runs.
@@ -48,12 +52,19 @@ const char *kepHostPidFile(void);
 int kepHostPid(void);
 /* Hands a request to the host; *response: malloc'd response text. 0 or the RPC's code. */
 int kepHostRequest(const char *request, char **response);
+/* The same; *cause (when cause is not NULL) gets the host's "cause", malloc'd, or NULL
+ * when it gave none: why an owner call made the request fail. */
+int kepHostRequestEx(const char *request, char **response, char **cause);
 /* One registration for this process; 0 or the host's/RPC's nonzero code. */
 int kepHostRegister(const char *op, const char *path, int index, const char *cb);
 /* Asks the host to tell the section's notify callbacks that its data changed. */
 int kepHostNotify(const char *path);
 /* Calls a host handler without inputs and returns its "result" text, malloc'd, in *text. */
 int kepHostFetch(const char *handler, char **text);
+/* The same, telling a host that failed from one that could not be asked: *answered
+ * (when not NULL) is 1 when the code is the host's own "errorCode" (0 included), and 0
+ * when the RPC to the host failed. *cause as for kepHostRequestEx. */
+int kepHostFetchEx(const char *handler, char **text, char **cause, int *answered);
 /* Parses a model description file and merges it into this process's tree; 0 or -1
  * (with the reason on standard error). */
 int kepMergeModelFile(const char *file);

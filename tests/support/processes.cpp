@@ -35,7 +35,7 @@ const std::string kEmulator;
 #endif
 const int kSlow = kEmulator.empty() ? 1 : 10;
 
-pid_t spawn(std::vector<std::string> argv, const std::string &log) {
+pid_t spawn(std::vector<std::string> argv, const std::string &log, const std::string &errLog) {
     if (!kEmulator.empty()) {
         std::istringstream words(kEmulator);
         std::vector<std::string> prefix;
@@ -48,10 +48,9 @@ pid_t spawn(std::vector<std::string> argv, const std::string &log) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         if (getppid() != parent) _exit(127);
         int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-        if (fd >= 0) {
-            dup2(fd, 1);
-            dup2(fd, 2);
-        }
+        int errFd = errLog.empty() ? fd : open(errLog.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+        if (fd >= 0) dup2(fd, 1);
+        if (errFd >= 0) dup2(errFd, 2);
         std::vector<char *> args;
         for (const std::string &a : argv) args.push_back(const_cast<char *>(a.c_str()));
         args.push_back(nullptr);

@@ -10,6 +10,7 @@
 #include <json-c/json.h>
 
 #include "kep_host.h"
+#include "kep_owner.h"
 #include "kep_pf_rpc.h"
 
 enum { EXIT_CODE = 1, EXIT_USAGE = 2, EXIT_HOST = 3, EXIT_UNKNOWN = 4 };
@@ -34,26 +35,30 @@ static const char *const kHelp[][2] = {
 
 static void usage(FILE *out) {
     fprintf(out, "usage: kepctl [-c] [-v] [-w SECONDS] COMMAND ARGS...\n"
-                 "  -c  compact JSON output      -v  print the request too\n"
+                 "  -c  compact JSON output\n"
+                 "  -v  print the request, and why a request failed, on standard error\n"
                  "  -w  how long to wait for the host's answer (default: twice the RPC time-out\n"
                  "      KEP_IMI_TIMEOUT_MS, 5 s, plus one second, so that the host answers first)\n"
                  "  COMMAND --help  for one command\n\n");
     for (size_t i = 0; i < sizeof kHelp / sizeof kHelp[0]; i++) fputs(kHelp[i][1], out);
-    fputs("\nExit status: 0 when \"error_code\" is 0, 1 when it is not (its meaning on standard error),\n"
-          "2 for a usage error, 3 when the host (kepd) cannot be reached or refuses this user (nothing\n"
-          "was done), 4 when the host did not answer in time: whether a change was made is unknown.\n",
+    fputs("\nExit status: 0 when \"error_code\" is 0, 1 when it is not or an owner failed (its meaning\n"
+          "on standard error), 2 for a usage error, 3 when the host (kepd) cannot be reached or refuses\n"
+          "this user (nothing was done), 4 when the host did not answer in time: whether a change was\n"
+          "made is unknown.\n",
           out);
 }
 
-/* Prints one command's help to out; 0, or EXIT_USAGE for an unknown command. */
-static int commandHelp(const char *cmd, FILE *out) {
+/* The help text of a command, or NULL for an unknown one. */
+static const char *helpOf(const char *cmd) {
     for (size_t i = 0; i < sizeof kHelp / sizeof kHelp[0]; i++) {
-        if (strcmp(kHelp[i][0], cmd) == 0) {
-            fputs(kHelp[i][1], out);
-            return 0;
-        }
+        if (strcmp(kHelp[i][0], cmd) == 0) return kHelp[i][1];
     }
-    usage(stderr);
+    return NULL;
+}
+
+/* A usage error named in one line, and where to look: EXIT_USAGE. */
+static int misused(const char *what, const char *word) {
+    fprintf(stderr, "kepctl: %s '%s'\nTry 'kepctl --help' for the commands and options.\n", what, word);
     return EXIT_USAGE;
 }
 
@@ -77,6 +82,12 @@ static const char *meaning(int code) {
         case KEP_HOST_ERR_DENIED: return "no access rule of the host lets this user do it";
         case KEP_HOST_ERR_TAKEN: return "another running process serves it";
         case KEP_HOST_ERR_LIMIT: return "the host's limit was reached";
+        case KEP_OWNER_ERR_INVALID: return "the owner cannot take that value (unknown member, wrong type, too long)";
+        case KEP_OWNER_ERR_NOT_FOUND: return "the owner has no such section";
+        case KEP_OWNER_ERR_STORE: return "the owner could not write its configuration file";
+        case KEP_OWNER_ERR_FULL: return "no section number is left";
+        case KEP_OWNER_ERR_EXISTS: return "a section of that name exists, or the name lacks the table's prefix";
+        case KEP_OWNER_ERR_MEMORY: return "the owner ran out of memory";
         default: return "code passed on from the owner's callback";
     }
 }
@@ -203,6 +214,7 @@ static int printResponse(const char *text) {
         return EXIT_CODE;
     }
     puts(json_object_to_json_string_ext(rsp, gCompact ? JSON_C_TO_STRING_PLAIN : JSON_C_TO_STRING_PRETTY));
+    fflush(stdout); /* before what follows on standard error, where both go to one place */
     if (!json_object_object_get_ex(rsp, "error_code", &code)) {
         fprintf(stderr, "kepctl: the response has no \"error_code\"\n");
         json_object_put(rsp);
@@ -216,12 +228,15 @@ static int printResponse(const char *text) {
 
 static int gWaitMs;
 
+/* The RPC to the host failed, or the host refused this user: EXIT_HOST, or
+ * EXIT_UNKNOWN when the request may have reached it. */
 static int hostFailed(int rc) {
+    const char *why = qxImiStrError(rc);
     if (rc == QXRPC_ERR_TIMEOUT || rc == QXRPC_ERR_IO) {
         fprintf(stderr,
                 "kepctl: no answer from the host within %d ms (%d: %s): whether the request was applied is "
                 "unknown\n",
-                gWaitMs, rc, qxImiStrError(rc));
+                gWaitMs, rc, why);
         return EXIT_UNKNOWN;
     }
     if (rc == KEP_HOST_ERR_DENIED) {
@@ -229,24 +244,58 @@ static int hostFailed(int rc) {
         return EXIT_HOST;
     }
     fprintf(stderr, "kepctl: the host cannot be reached (%d: %s); is kepd running? (pid file %s)\n", rc,
-            meaning(rc), kepHostPidFile());
+            why ? why : meaning(rc), kepHostPidFile());
     return EXIT_HOST;
+}
+
+/* dump and reset: handlers of the host without inputs. The host answering a nonzero
+ * code of its own is not the host failing: a reset answers its first owner's failure. */
+static int fetch(const char *cmd) {
+    char *text = NULL, *cause = NULL;
+    int answered = 0;
+    int reset = strcmp(cmd, "reset") == 0;
+    int rc = kepHostFetchEx(reset ? "kepd.reset" : "kepd.dump", &text, &cause, &answered);
+    int status = 0;
+    if (!answered || rc == KEP_HOST_ERR_DENIED) {
+        status = hostFailed(rc);
+    } else if (rc != 0) {
+        fprintf(stderr, "kepctl: %s failed: %d: %s\n", cmd, rc, meaning(rc));
+        if (cause) fprintf(stderr, "kepctl: %s\n", cause);
+        status = EXIT_CODE;
+    } else {
+        if (text && *text) fputs(text, stdout);
+        if (reset) puts("factory reset done");
+    }
+    free(text);
+    free(cause);
+    return status;
 }
 
 int main(int argc, char **argv) {
     int i = 1;
+    /* The host gives up on a silent owner after its own time-out (the same setting);
+     * waiting well beyond it lets the host answer first, with the owner's failure,
+     * rather than this client giving up on a request whose outcome the host knows.
+     * The calls the host makes for a request also end before this client's deadline. */
     gWaitMs = 2 * qxImiGetTimeout() + 1000;
     for (; i < argc && argv[i][0] == '-'; i++) {
-        if (strcmp(argv[i], "-c") == 0) gCompact = 1;
-        else if (strcmp(argv[i], "-v") == 0) gVerbose = 1;
-        else if (strcmp(argv[i], "-w") == 0 && i + 1 < argc && atof(argv[i + 1]) > 0 && atof(argv[i + 1]) <= 3600)
-            gWaitMs = (int)(atof(argv[++i]) * 1000);
-        else if (strcmp(argv[i], "-h") == 0 || strcmp(argv[i], "--help") == 0) {
+        if (strcmp(argv[i], "-c") == 0) {
+            gCompact = 1;
+        } else if (strcmp(argv[i], "-v") == 0) {
+            gVerbose = 1;
+        } else if (strcmp(argv[i], "-w") == 0) {
+            double seconds = i + 1 < argc ? atof(argv[i + 1]) : 0;
+            if (!(seconds > 0 && seconds <= 3600)) {
+                fprintf(stderr, "kepctl: -w takes SECONDS, more than 0 and at most 3600\n");
+                return EXIT_USAGE;
+            }
+            gWaitMs = seconds * 1000 < 1 ? 1 : (int)(seconds * 1000);
+            i++;
+        } else if (strcmp(argv[i], "-h") == 0 || strcmp(argv[i], "--help") == 0) {
             usage(stdout);
             return 0;
         } else {
-            usage(stderr);
-            return EXIT_USAGE;
+            return misused("unknown option", argv[i]);
         }
     }
     if (i >= argc) {
@@ -254,35 +303,32 @@ int main(int argc, char **argv) {
         return EXIT_USAGE;
     }
     const char *cmd = argv[i++];
+    const char *help = helpOf(cmd);
+    if (!help) return misused("unknown command", cmd);
     qxImiSetTimeout(gWaitMs);
-    if (i < argc && (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0)) return commandHelp(cmd, stdout);
-
-    if (strcmp(cmd, "dump") == 0 || strcmp(cmd, "reset") == 0) {
-        char *text = NULL;
-        int rc = kepHostFetch(strcmp(cmd, "dump") == 0 ? "kepd.dump" : "kepd.reset", &text);
-        if (rc == QXRPC_ERR_NO_PEER || rc == QXRPC_ERR_NO_HANDLER || rc == QXRPC_ERR_TIMEOUT || rc == QXRPC_ERR_IO ||
-            rc == KEP_HOST_ERR_DENIED)
-            return hostFailed(rc);
-        if (text && *text) fputs(text, stdout);
-        if (rc == 0 && strcmp(cmd, "reset") == 0) puts("factory reset done");
-        free(text);
-        if (rc != 0) fprintf(stderr, "kepctl: %s failed: %d\n", cmd, rc);
-        return rc == 0 ? 0 : EXIT_CODE;
+    if (i < argc && (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0)) {
+        fputs(help, stdout);
+        return 0;
     }
+    if (strcmp(cmd, "dump") == 0 || strcmp(cmd, "reset") == 0) return fetch(cmd);
 
     json_object *req = buildRequest(cmd, argc - i, argv + i);
     if (!req) {
-        commandHelp(cmd, stderr);
+        fputs(help, stderr);
         return EXIT_USAGE;
     }
+    /* Everything but the response goes to standard error, so that the response can be
+     * piped on as it stands. */
     const char *text = json_object_to_json_string_ext(req, JSON_C_TO_STRING_PLAIN);
-    if (gVerbose) printf("request:  %s\n", text);
-    char *response = NULL;
-    int rc = kepHostRequest(text, &response);
+    if (gVerbose) fprintf(stderr, "request:  %s\n", text);
+    char *response = NULL, *cause = NULL;
+    int rc = kepHostRequestEx(text, &response, gVerbose ? &cause : NULL);
     json_object_put(req);
     if (rc != 0) return hostFailed(rc);
-    if (gVerbose) fputs("response: ", stdout);
+    if (gVerbose) fputs("response: (standard output)\n", stderr);
     rc = printResponse(response);
+    if (cause) fprintf(stderr, "cause:    %s\n", cause);
     free(response);
+    free(cause);
     return rc;
 }

@@ -7,6 +7,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <json-c/json.h>
+
 #include "access.h"
 #include "kepHandle.h"
 #include "kep_host.h"
@@ -39,15 +41,68 @@ static int denied(QxRpcPara *set, const QxImiCaller *c, const char *what) {
     return answer(set, KEP_HOST_ERR_DENIED, NULL);
 }
 
+/* What an owner call came to, when it failed. */
+static void callOutcome(int code, char *out, size_t size) {
+    const char *rpc = qxImiStrError(code);
+    if (rpc)
+        snprintf(out, size, "%s (%d)", rpc, code);
+    else if (code == KEP_ERR_NO_ERRORCODE)
+        snprintf(out, size, "answered without \"errorCode\" (%d)", code);
+    else
+        snprintf(out, size, "answered errorCode %d", code);
+}
+
+/* "module/name: why", for the log and the client. */
+static void describeFailure(const KepCallFailure *f, char *out, size_t size) {
+    char why[160];
+    if (f->pid == 0 && f->code == KEP_ERR_NO_TABLE)
+        snprintf(why, sizeof why, "%s",
+                 treeModuleIndex(f->module) < 0 ? "no such module" : "no such table or section");
+    else if (f->pid == 0)
+        snprintf(why, sizeof why, "no process serves it (its owner is not running or has not registered it)");
+    else
+        callOutcome(f->code, why, sizeof why);
+    if (f->pid == 0)
+        snprintf(out, size, "%s/%s: %s", f->module, f->name, why);
+    else
+        snprintf(out, size, "%s/%s: owner pid %d (callback %s): %s", f->module, f->name, f->pid, f->cb, why);
+}
+
+/* The response's "error_code" (-1 when it has none) and the request's method. */
+static int outcome(const char *request, const char *response, char *method, size_t size) {
+    json_object *rsp = json_tokener_parse(response), *req = request ? json_tokener_parse(request) : NULL;
+    json_object *v = NULL;
+    int code = json_object_object_get_ex(rsp, "error_code", &v) ? json_object_get_int(v) : -1;
+    const char *m = json_object_object_get_ex(req, "method", &v) ? json_object_get_string(v) : NULL;
+    snprintf(method, size, "%s", m ? m : "request");
+    json_object_put(rsp);
+    json_object_put(req);
+    return code;
+}
+
 static int onRequest(QxRpcPara *set, void *user) {
     QxImiCaller c = caller();
     const char *request = member(set, "para");
     char *response = NULL;
+    KepCallFailure failure;
     (void)user;
     if (!accessMaySend(&c)) return denied(set, &c, "a request");
+    kepLastCallFailure(NULL);
     int rc = treeRequest(request, &response);
     if (rc != 0 && !response) makeErrorRspObj(rc, &response);
-    answer(set, 0, response ? response : "{\"error_code\":-1}");
+    const char *text = response ? response : "{\"error_code\":-1}";
+    answer(set, 0, text);
+    /* Only a failed request has a cause worth telling: the record is looked at, and the
+     * texts parsed, on that path alone. */
+    if (kepLastCallFailure(&failure)) {
+        char method[16], cause[512];
+        int code = outcome(request, text, method, sizeof method);
+        if (code != 0) {
+            describeFailure(&failure, cause, sizeof cause);
+            kepdLog("%s from pid %d: error_code %d: %s", method, c.pid, code, cause);
+            qxrpcAddStringPtr(set, "cause", cause);
+        }
+    }
     free(response);
     return 0;
 }
@@ -201,6 +256,7 @@ static int onReset(QxRpcPara *set, void *user) {
     QxImiCaller c = caller();
     int pids[KEPD_MAX_OWNERS], first = 0;
     static char cbs[KEPD_MAX_OWNERS][68];
+    static char cause[512];
     static pthread_mutex_t resetLock = PTHREAD_MUTEX_INITIALIZER;
     (void)user;
     if (!accessMayReset(&c)) return denied(set, &c, "a factory reset");
@@ -214,11 +270,25 @@ static int onReset(QxRpcPara *set, void *user) {
         if (rc == 0 && qxrpcGetInt(&call, "errorCode", &code) != 0) rc = -1500;
         if (rc == 0) rc = code;
         qxrpcParaFree(&call);
-        kepdLog("factory reset of owner %d: %d", pids[i], rc);
-        if (rc != 0 && first == 0) first = rc;
+        if (rc == 0) {
+            kepdLog("factory reset of owner %d: 0", pids[i]);
+            continue;
+        }
+        char modules[160], why[160], text[sizeof cause];
+        registryModulesOf(pids[i], modules, sizeof modules);
+        callOutcome(rc, why, sizeof why);
+        snprintf(text, sizeof text, "the owner%s%s (pid %d, callback %.67s): %s", modules[0] ? " of " : "",
+                 modules, pids[i], cbs[i], why);
+        kepdLog("factory reset failed: %s", text);
+        if (first == 0) {
+            first = rc;
+            memcpy(cause, text, sizeof cause);
+        }
     }
+    answer(set, first, NULL);
+    if (first != 0) qxrpcAddStringPtr(set, "cause", cause);
     pthread_mutex_unlock(&resetLock);
-    return answer(set, first, NULL);
+    return 0;
 }
 
 static int onPing(QxRpcPara *set, void *user) {

@@ -8,6 +8,7 @@
 #define _GNU_SOURCE
 #include <errno.h>
 #include <fcntl.h>
+#include <getopt.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdarg.h>
@@ -27,6 +28,9 @@
 #include "tree.h"
 
 #define DEFAULT_ACCESS_DIR "/etc/kep/access.d"
+#define OPTIONS "m:p:r:a:t:n:h"
+
+static const struct option kLongOptions[] = {{"help", no_argument, NULL, 'h'}, {NULL, 0, NULL, 0}};
 
 static int gSignalPipe[2] = {-1, -1};
 
@@ -55,6 +59,7 @@ static void onSignal(int sig) {
 static void usage(FILE *out) {
     fprintf(out,
             "usage: kepd [-m MODEL.xml]... [-p PIDFILE] [-r DIR] [-a DIR] [-t N] [-n N]\n"
+            "       kepd -h | --help\n"
             "  Loads the model description compiled into the library, merges every -m file,\n"
             "  reads the modules' configuration files and serves requests until SIGTERM.\n"
             "  -m FILE   merge this model description (repeatable)\n"
@@ -65,6 +70,8 @@ static void usage(FILE *out) {
             " when it exists)\n"
             "  -t N      requests served at once (default %d)\n"
             "  -n N      registrations one owner process may hold (default %d)\n"
+            "  Logs on standard error: registrations, refusals, owners that go, and why an owner\n"
+            "  call failed a request or a factory reset.\n"
             "  Debug log: KEP_DEBUG=all (or a list of module ids, e.g. 111).\n",
             KEPD_DEFAULT_THREADS, KEPD_DEFAULT_REGISTRATIONS);
 }
@@ -101,7 +108,7 @@ int main(int argc, char **argv) {
     int threads = KEPD_DEFAULT_THREADS, limit = KEPD_DEFAULT_REGISTRATIONS, opt;
     char runDir[256];
 
-    while ((opt = getopt(argc, argv, "m:p:r:a:t:n:h")) != -1) {
+    while ((opt = getopt_long(argc, argv, OPTIONS, kLongOptions, NULL)) != -1) {
         switch (opt) {
             case 'm':
                 break;
@@ -151,7 +158,7 @@ int main(int argc, char **argv) {
     registrySetLimit(limit);
 
     if (dataModuleInit() != 0) kepdLog("no built-in model description, using -m files only");
-    for (optind = 1; (opt = getopt(argc, argv, "m:p:r:a:t:n:h")) != -1;) {
+    for (optind = 1; (opt = getopt_long(argc, argv, OPTIONS, kLongOptions, NULL)) != -1;) {
         if (opt == 'm' && kepMergeModelFile(optarg) != 0) return 1;
     }
     loadListSections();

@@ -41,6 +41,15 @@ static int alive(int pid) {
     return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM);
 }
 
+/* An owner that has exited, also before its parent has reaped it: signals still reach
+ * a process that is not reaped, but its descriptor is readable, and the main loop would
+ * otherwise wake on it without end. */
+static int exited(const Owner *o) {
+    struct pollfd p = {o->pidfd, POLLIN, 0};
+    if (o->pidfd >= 0 && poll(&p, 1, 0) > 0) return 1;
+    return !alive(o->pid);
+}
+
 static int openPidfd(int pid) {
 #ifdef SYS_pidfd_open
     return (int)syscall(SYS_pidfd_open, pid, 0);
@@ -283,11 +292,25 @@ void registryDrop(int pid) {
     forgetOwner(pid);
 }
 
+void registryModulesOf(int pid, char *out, size_t size) {
+    size_t len = 0;
+    out[0] = '\0';
+    for (int i = 0; i < treeModuleCount(); i++) {
+        treeReadLock(i);
+        int held = moduleHolds(treeModule(i), pid);
+        treeUnlock(i);
+        if (!held) continue;
+        int n = snprintf(out + len, size - len, "%s%s", len ? ", " : "", treeModule(i)->name);
+        if (n < 0 || (size_t)n >= size - len) break;
+        len += (size_t)n;
+    }
+}
+
 int registryPrune(void) {
     int gone[KEPD_MAX_OWNERS], n = 0;
     pthread_mutex_lock(&gLock);
     for (int i = 0; i < gOwnerCount; i++) {
-        if (!alive(gOwners[i].pid)) gone[n++] = gOwners[i].pid;
+        if (exited(&gOwners[i])) gone[n++] = gOwners[i].pid;
     }
     pthread_mutex_unlock(&gLock);
     for (int i = 0; i < n; i++) {

@@ -8,6 +8,7 @@
 #define KEPD_REGISTRY_H
 
 #include <poll.h>
+#include <stddef.h>
 
 #include "kep_pf_rpc.h"
 
@@ -24,6 +25,8 @@ int registryPrune(void);
 /* Fills fds with one descriptor per owner that becomes readable when it exits (where
  * the kernel offers them); returns how many. */
 int registryWatchFds(struct pollfd *fds, int max);
+/* The modules pid holds anything in, comma-separated, into out ("" for none). */
+void registryModulesOf(int pid, char *out, size_t size);
 /* Copies out the owners' factory-reset callbacks; returns how many. */
 int registryResetters(int *pids, char (*cbs)[68], int max);
 
