@@ -12,6 +12,10 @@
 
 namespace {
 
+std::string rep(char c, size_t n) {
+    return std::string(n, c);
+}
+
 struct Checked {
     int status;
     std::string output;
@@ -35,12 +39,22 @@ protected:
     Checked check(const std::vector<std::string> &files) {
         std::string cmd = std::string(KEPCHECK_PATH);
         for (const std::string &f : files) cmd += " '" + f + "'";
+        return run(cmd);
+    }
+
+    static Checked run(const std::string &cmd) {
         FILE *p = popen((cmd + " 2>&1").c_str(), "r");
         std::string out;
         char buf[512];
         for (size_t n; p && (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
         int status = p ? pclose(p) : -1;
         return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
+    }
+
+    // Each of lines occurs in found's output.
+    static void expectLines(const Checked &found, const std::vector<std::string> &lines) {
+        for (const std::string &line : lines)
+            EXPECT_NE(found.output.find(line), std::string::npos) << line << "\n---\n" << found.output;
     }
 
     std::string dir_;
@@ -94,6 +108,50 @@ TEST_F(KepCheck, NamesEveryMistakeWithItsLine) {
     EXPECT_EQ(broken.status, 1);
     EXPECT_NE(broken.output.find("broken.xml:3: not well-formed XML"), std::string::npos) << broken.output;
     EXPECT_EQ(check({dir_ + "/missing.xml"}).status, 2);
+}
+
+// The library's parser holds names, attribute values, text between two tags, comments
+// and <?...?> in one 63-character buffer, and refuses the whole description when one
+// does not fit; a cut element name no longer matches its closing tag. Every value below
+// is one past the limit; the same at the limit is not refused.
+TEST_F(KepCheck, WhatTheLibrarysParserRefusesAtOnePastItsLimits) {
+    auto doc = [](size_t extra) {
+        return "<?" + rep('p', 61 + extra) + "?>\n" +
+               "<model>\n"
+               "  <!--" +
+               rep('c', 58 + extra) + "-->\n" + "  <module name=\"m\">\n" + rep(' ', 62 + extra) + "<" +
+               rep('e', 31 + extra) + "></" + rep('e', 31 + extra) + ">\n" +
+               "    <table name=\"t\" attribute=\"" + rep('v', 63 + extra) + "\"/>\n" +
+               "  </module>\n"
+               "</model>\n";
+    };
+    const std::string refuses = "the library's parser refuses the whole description";
+    Checked atLimits = check({write("limits.xml", doc(0))});
+    // The 31-character element is only ignored, and the 63-character value only cut.
+    EXPECT_EQ(atLimits.output.find(refuses), std::string::npos) << atLimits.output;
+    Checked over = check({write("over.xml", doc(1))});
+    EXPECT_EQ(over.status, 1);
+    expectLines(
+        over,
+        {
+            "over.xml:1: more than 61 characters between <? and ?>: " + refuses,
+            "over.xml:3: a comment of more than 58 characters: " + refuses,
+            "over.xml:5: more than 63 characters of text between two tags (blanks count too): " + refuses,
+            "over.xml:5: element name \"" + rep('e', 32) +
+                "\" is longer than 31 characters, so its closing tag no longer matches: " + refuses,
+            "over.xml:6: attribute attribute holds more than 63 characters: " + refuses,
+        });
+
+    // Without a closing tag a long name is only cut.
+    Checked cut = check({write("cut.xml", "<model>\n<" + rep('e', 40) + "/></model>\n")});
+    expectLines(cut, {"cut.xml:2: element name \"" + rep('e', 40) + "\" is cut to 31 characters"});
+    EXPECT_EQ(cut.output.find(refuses), std::string::npos) << cut.output;
+
+    // The library reads "\r\n" as two characters of text, expat as one.
+    const std::string blanks = rep(' ', 62) + "<module name=\"m\"/></model>\n";
+    EXPECT_EQ(check({write("lf.xml", "<model>\n" + blanks)}).status, 0);
+    expectLines(check({write("crlf.xml", "<model>\r\n" + blanks)}),
+                {"crlf.xml:2: more than 63 characters of text"});
 }
 
 }  // namespace
