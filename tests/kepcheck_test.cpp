@@ -12,6 +12,8 @@
 
 namespace {
 
+const std::string kSource = std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) + "/..";
+
 std::string rep(char c, size_t n) {
     return std::string(n, c);
 }
@@ -152,6 +154,43 @@ TEST_F(KepCheck, WhatTheLibrarysParserRefusesAtOnePastItsLimits) {
     EXPECT_EQ(check({write("lf.xml", "<model>\n" + blanks)}).status, 0);
     expectLines(check({write("crlf.xml", "<model>\r\n" + blanks)}),
                 {"crlf.xml:2: more than 63 characters of text"});
+}
+
+TEST_F(KepCheck, IgnoredAttributesNestingAndText) {
+    Checked found = check({write("a.xml",
+                                 "<model>\n"
+                                 "  <module name=\"m\" nmae=\"x\">\n"
+                                 "    <table name=\"t\" kind=\"dynamic\">\n"
+                                 "      <table name=\"inner\"/>\n"
+                                 "      <section name=\"s\">" +
+                                     rep('x', 40) + "<!-- c -->" + rep('y', 24) +
+                                     "</section>\n"
+                                     "    </table>\n"
+                                     "    <module name=\"n\"/>\n"
+                                     "  </module>\n"
+                                     "</model>\n")});
+    EXPECT_EQ(found.status, 1);
+    expectLines(found,
+                {
+                    "a.xml:2: attribute nmae of <module> is ignored: the library reads name only",
+                    "a.xml:3: attribute kind of <table> is ignored: the library reads name and attribute",
+                    "a.xml:4: a table inside table \"t\": that one takes its sections as well",
+                    "a.xml:5: the text of the section of line 5 is cut to 63 characters",
+                    "a.xml:7: a module inside module \"m\": that one takes its tables and services as well",
+                });
+}
+
+TEST_F(KepCheck, SamplesAreCleanAndUsageGoesToStandardOutput) {
+    Checked samples = check({kSource + "/examples/model.xml"});
+    EXPECT_EQ(samples.status, 0) << samples.output;
+    samples = check({kSource + "/examples/dhcpd/dhcp.xml.in", kSource + "/examples/sysd/system.xml.in"});
+    EXPECT_EQ(samples.status, 0) << samples.output;
+
+    Checked help = run(std::string(KEPCHECK_PATH) + " --help 2>/dev/null");
+    EXPECT_EQ(help.status, 0);
+    EXPECT_EQ(help.output.rfind("usage: kepcheck FILE...", 0), 0u) << help.output;
+    EXPECT_NE(help.output.find("Exit status: 0"), std::string::npos);
+    EXPECT_EQ(run(std::string(KEPCHECK_PATH) + " 2>/dev/null").status, 2);
 }
 
 }  // namespace

@@ -27,6 +27,7 @@
 enum {
     NAME_MAX_LEN = 31, /* module, table, section, service names; attribute values */
     ELEMENT_NAME_MAX = 31,
+    VALUE_MAX = 63,     /* an element's text, gathered from its pieces */
     BUFFER_MAX = 63,    /* the parser's buffer: a name, an attribute value, text between two tags */
     COMMENT_MAX = 58,   /* between <!-- and -->: the buffer also holds "!--" and "--" */
     PI_MAX = 61,        /* between <? and ?>: the buffer also holds both "?" */
@@ -61,8 +62,11 @@ typedef struct Seen {
 /* An open element. */
 typedef struct Level {
     Kind kind;
-    long opened; /* its element number */
-    long line;   /* the line of its start tag */
+    long opened;                 /* its element number */
+    long line;                   /* the line of its start tag */
+    int value;                   /* bytes of its text, counted on past the cut */
+    int valueBlank;              /* that text is all blank: the next piece replaces it */
+    char name[NAME_MAX_LEN + 1]; /* its "name" attribute as the library keeps it */
 } Level;
 
 typedef struct Check {
@@ -77,6 +81,7 @@ typedef struct Check {
     int seenCount;
     /* The text since the last tag, which the library's parser holds in its buffer. */
     long run;
+    int runBlank;
     int runRefused; /* already reported */
     int inCdata;
 } Check;
@@ -185,8 +190,10 @@ static void remember(Check *c, Kind kind, long scope, const char *name) {
     for (int i = 0; i < c->seenCount; i++) {
         const Seen *s = &c->seen[i];
         if (s->kind == kind && s->scope == scope && strncmp(s->name, name, NAME_MAX_LEN) == 0) {
-            report(c, "a second %s \"%.*s\" (the first is on line %ld): lookups never reach it",
-                   describe(kind), NAME_MAX_LEN, name, s->line);
+            report(c, "a second %s \"%.*s\" (the first is on line %ld): %s", describe(kind), NAME_MAX_LEN,
+                   name, s->line,
+                   kind == K_MODULE ? "at start lookups never reach it; merged, its new tables join the first"
+                                    : "lookups never reach it");
             return;
         }
     }
@@ -233,9 +240,10 @@ static int isBlank(const char *s, int len) {
 }
 
 /* bytes of text, as the library's parser reads them, join the text since the last tag. */
-static void addText(Check *c, int bytes) {
+static void addText(Check *c, const char *s, int len, int bytes) {
     const int max = c->inCdata ? CDATA_MAX : BUFFER_MAX;
     c->run += bytes;
+    if (!isBlank(s, len)) c->runBlank = 0;
     if (c->run > max && !c->runRefused) {
         c->runRefused = 1;
         if (c->inCdata)
@@ -246,9 +254,20 @@ static void addText(Check *c, int bytes) {
     }
 }
 
-/* A tag ends the text before it. */
+/* A tag ends the text before it, which goes to the open element: it replaces a blank
+ * text there, else is appended, cut at VALUE_MAX. */
 static void endText(Check *c) {
+    if (c->run > 0 && c->depth > 0 && !c->runRefused) {
+        Level *l = &c->level[c->depth - 1];
+        const int was = l->valueBlank ? 0 : l->value;
+        l->value = was + (int)c->run;
+        l->valueBlank = l->valueBlank && c->runBlank;
+        if (was <= VALUE_MAX && l->value > VALUE_MAX)
+            report(c, "the text of the %s of line %ld is cut to %d characters", describe(l->kind), l->line,
+                   VALUE_MAX);
+    }
     c->run = 0;
+    c->runBlank = 1;
     c->runRefused = 0;
 }
 
@@ -257,14 +276,14 @@ static void XMLCALL onText(void *user, const XML_Char *s, int len) {
     /* Expat hands a line end on its own, "\r\n" as "\n"; the library keeps both bytes. */
     int bytes = len;
     if (len == 1 && s[0] == '\n' && XML_GetCurrentByteCount(c->parser) == 2) bytes = 2;
-    addText(c, bytes);
+    addText(c, s, len, bytes);
 }
 
 /* Blanks before and after the top element reach only this handler, unchanged. */
 static void XMLCALL onOther(void *user, const XML_Char *s, int len) {
     Check *c = user;
     if (c->depth == 0 && isBlank(s, len)) {
-        addText(c, len);
+        addText(c, s, len, len);
     } else if (len > 0 && s[0] == '<') {
         endText(c);
     }
@@ -306,8 +325,8 @@ static void XMLCALL onCdataEnd(void *user) {
     c->inCdata = 0;
 }
 
-/* Attributes: what the library's parser refuses on any element; what the loader cuts
- * on the elements it reads. */
+/* Attributes: what the library's parser refuses on any element; what the loader
+ * ignores or cuts on the elements it reads. */
 static void checkAttributes(Check *c, Kind kind, const XML_Char **attrs) {
     for (int i = 0; attrs[i]; i += 2) {
         const char *name = attrs[i], *value = attrs[i + 1];
@@ -319,8 +338,13 @@ static void checkAttributes(Check *c, Kind kind, const XML_Char **attrs) {
             report(c, "attribute %s holds more than %d characters: %s", name, BUFFER_MAX, kRefused);
             continue;
         }
-        if (kind != K_NONE && strcmp(name, "name") != 0 && strlen(value) > NAME_MAX_LEN)
+        if (kind == K_NONE || kind == K_MODEL || strcmp(name, "name") == 0) continue;
+        if (kind != K_TABLE || strcmp(name, "attribute") != 0) {
+            report(c, "attribute %s of <%s> is ignored: the library reads %s", name, describe(kind),
+                   kind == K_TABLE ? "name and attribute" : "name only");
+        } else if (strlen(value) > NAME_MAX_LEN) {
             report(c, "attribute %s=\"%s\" is cut to %d characters", name, value, NAME_MAX_LEN);
+        }
     }
 }
 
@@ -346,6 +370,15 @@ static void XMLCALL onStart(void *user, const XML_Char *name, const XML_Char **a
         kind = K_NONE;
     }
     checkAttributes(c, kind, attrs);
+    /* Elements are searched in the whole subtree of the one that holds them. */
+    const int outerModule = kind == K_MODULE ? enclosing(c, K_MODULE) : -1;
+    if (outerModule >= 0)
+        report(c, "a module inside module \"%s\": that one takes its tables and services as well",
+               c->level[outerModule].name);
+    const int outerTable = kind == K_TABLE ? enclosing(c, K_TABLE) : -1;
+    if (outerTable > parent)
+        report(c, "a table inside table \"%s\": that one takes its sections as well",
+               c->level[outerTable].name);
     if (kind == K_MODULE) {
         c->configs = 0;
         checkName(c, kind, attr(attrs, "name"));
@@ -372,6 +405,9 @@ static void XMLCALL onStart(void *user, const XML_Char *name, const XML_Char **a
     l->kind = kind;
     l->opened = c->elements;
     l->line = (long)XML_GetCurrentLineNumber(c->parser);
+    l->valueBlank = 1;
+    const char *own = attr(attrs, "name");
+    snprintf(l->name, sizeof l->name, "%s", own ? own : "");
 }
 
 static void XMLCALL onEnd(void *user, const XML_Char *name) {
@@ -417,6 +453,7 @@ static int checkFile(const char *file) {
     XML_SetXmlDeclHandler(c.parser, onDecl);
     XML_SetCdataSectionHandler(c.parser, onCdataStart, onCdataEnd);
     XML_SetDefaultHandlerExpand(c.parser, onOther);
+    c.runBlank = 1;
     char buf[8192];
     int done = 0, rc = 0;
     while (!done) {
