@@ -102,7 +102,7 @@ TEST_F(KepCheck, NamesEveryMistakeWithItsLine) {
              "bad.xml:8: <section> outside a <table> is ignored",
              "bad.xml:9: section name \"..\" holds \"..\": refused",
              "bad.xml:11: a second module \"ntp\" (the first is on line 2)",
-             "bad.xml:11: configuration file \"/etc/kep/dhcp.json\" is also the file of the module on ",
+             "bad.xml:11: configuration file \"/etc/kep/dhcp.json\" is also the file of module \"dhcp\" on ",
          })
         EXPECT_NE(found.output.find(line), std::string::npos) << line << "\n---\n" << found.output;
 
@@ -178,6 +178,23 @@ TEST_F(KepCheck, IgnoredAttributesNestingAndText) {
                     "a.xml:5: the text of the section of line 5 is cut to 63 characters",
                     "a.xml:7: a module inside module \"m\": that one takes its tables and services as well",
                 });
+}
+
+// The same module in two files is merged into one; two modules sharing a file clash.
+TEST_F(KepCheck, ConfigurationFilesAcrossFiles) {
+    const std::string a =
+        write("a.xml", "<model><module name=\"m\"><config name=\"/etc/kep/m.json\"/></module></model>");
+    const std::string b =
+        write("b.xml", "<model><module name=\"m\"><config name=\"/etc/kep/m.json\"/></module></model>");
+    const std::string c =
+        write("c.xml", "<model>\n<module name=\"n\"><config name=\"/etc/kep/m.json\"/></module></model>");
+    Checked same = check({a, b});
+    EXPECT_EQ(same.status, 0) << same.output;
+    Checked clash = check({a, c});
+    EXPECT_EQ(clash.status, 1);
+    expectLines(
+        clash,
+        {"c.xml:2: configuration file \"/etc/kep/m.json\" is also the file of module \"m\" on " + a + ":1"});
 }
 
 TEST_F(KepCheck, SamplesAreCleanAndUsageGoesToStandardOutput) {

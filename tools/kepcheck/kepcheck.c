@@ -86,9 +86,15 @@ typedef struct Check {
     int inCdata;
 } Check;
 
-static char **gConfigPaths; /* configuration files of every module of every file */
-static long *gConfigLines;
-static const char **gConfigFiles;
+/* Configuration files of every module of every file. */
+typedef struct ConfigUse {
+    char *path;
+    char module[NAME_MAX_LEN + 1];
+    const char *file;
+    long line;
+} ConfigUse;
+
+static ConfigUse *gConfigs;
 static int gConfigCount;
 
 static void reportAt(Check *c, long line, const char *format, ...) __attribute__((format(printf, 3, 4)));
@@ -205,7 +211,10 @@ static void remember(Check *c, Kind kind, long scope, const char *name) {
     snprintf(s->name, sizeof s->name, "%s", name);
 }
 
-static void checkConfig(Check *c, const char *path) {
+/* module: the name of the module the config belongs to. The same module in several
+ * files is merged into one (its first configuration file stays), so only another
+ * module's file is a clash. */
+static void checkConfig(Check *c, const char *module, const char *path) {
     if (!path) {
         report(c, "config without a \"name\": the module has no configuration file");
         return;
@@ -215,21 +224,22 @@ static void checkConfig(Check *c, const char *path) {
         report(c, "configuration file \"%s\" is cut to its first %d characters (\"%.*s\")", path,
                NAME_MAX_LEN, NAME_MAX_LEN, path);
     for (int i = 0; i < gConfigCount; i++) {
-        if (strncmp(gConfigPaths[i], path, NAME_MAX_LEN) == 0) {
-            report(c, "configuration file \"%.*s\" is also the file of the module on %s:%ld", NAME_MAX_LEN,
-                   path, gConfigFiles[i], gConfigLines[i]);
+        const ConfigUse *u = &gConfigs[i];
+        if (strncmp(u->path, path, NAME_MAX_LEN) == 0 && strcmp(u->module, module) != 0) {
+            report(c, "configuration file \"%.*s\" is also the file of module \"%s\" on %s:%ld", NAME_MAX_LEN,
+                   path, u->module, u->file, u->line);
             return;
         }
     }
-    char **paths = realloc(gConfigPaths, (size_t)(gConfigCount + 1) * sizeof *paths);
-    long *lines = realloc(gConfigLines, (size_t)(gConfigCount + 1) * sizeof *lines);
-    const char **files = realloc(gConfigFiles, (size_t)(gConfigCount + 1) * sizeof *files);
-    if (paths) gConfigPaths = paths;
-    if (lines) gConfigLines = lines;
-    if (files) gConfigFiles = files;
-    if (!paths || !lines || !files || !(gConfigPaths[gConfigCount] = strdup(path))) return;
-    gConfigLines[gConfigCount] = (long)XML_GetCurrentLineNumber(c->parser);
-    gConfigFiles[gConfigCount++] = c->file;
+    ConfigUse *uses = realloc(gConfigs, (size_t)(gConfigCount + 1) * sizeof *uses);
+    if (!uses) return;
+    gConfigs = uses;
+    ConfigUse *u = &gConfigs[gConfigCount];
+    if (!(u->path = strdup(path))) return;
+    snprintf(u->module, sizeof u->module, "%s", module);
+    u->file = c->file;
+    u->line = (long)XML_GetCurrentLineNumber(c->parser);
+    gConfigCount++;
 }
 
 static int isBlank(const char *s, int len) {
@@ -393,7 +403,7 @@ static void XMLCALL onStart(void *user, const XML_Char *name, const XML_Char **a
                 "table attribute \"%s\" is ignored: the table is a config table (\"config\" or \"dynamic\")",
                 type);
     } else if (kind == K_CONFIG) {
-        checkConfig(c, attr(attrs, "name"));
+        checkConfig(c, c->level[parent].name, attr(attrs, "name"));
     }
     if (c->depth == DEPTH_MAX) {
         report(c, "nested deeper than %d elements", DEPTH_MAX);
