@@ -4,7 +4,10 @@
  * A parse returns a document handle whose *doc is the top element; every node of
  * one document lives in the document's own pool and is released at once by
  * mxmlTreeDelete. Names hold at most 31 characters, values 63, attribute names 15
- * and attribute values 31.
+ * and attribute values 31. Longer ones are cut, but a name, an attribute value, a
+ * run of text between two tags or a comment that does not fit the parser's
+ * 63-character buffer fails the parse, and so does the closing tag of an element
+ * whose name was cut (tools/kepcheck names each).
  */
 #ifndef KEP_XML_H
 #define KEP_XML_H
@@ -26,7 +29,14 @@ typedef struct XmlNode {
     XmlAttr *attrs;
 } XmlNode;
 
-/* NULL on any failure. keepAll 0 keeps only the elements of the model description. */
+/* NULL on any failure. keepAll nonzero keeps every element; model descriptions are read
+ * so. keepAll 0 keeps only the elements named as in a device description: root, URLBase,
+ * device, deviceList, deviceType, presentationURL, serviceList, service, serviceType,
+ * serviceId, controlURL, eventSubURL and SCPDURL, compared on at most eight characters
+ * ("deviceTypeX" is kept too). Any other element is skipped by reading on to the next
+ * occurrence of its name, wherever it is (normally its closing tag), and past the ">"
+ * after it; an element with no later occurrence (<x/>) fails the parse. A model
+ * description's top element is skipped, so with 0 it gives NULL. */
 XmlNode **fdXmlParse(int fd, int keepAll);
 XmlNode **strXmlParse(const char *text, int keepAll);
 void mxmlTreeDelete(XmlNode **doc);

@@ -66,28 +66,39 @@ TEST_F(ModelTest, SampleDescriptionAtStart) {
     kep_test::LogCapture log;
     ASSERT_EQ(kep::loadModelFile(kExample.c_str()), 0);
     EXPECT_EQ(log.messages(), kInitLine);
-    EXPECT_EQ(getModuleSize(), 4);
+    EXPECT_EQ(getModuleSize(), 2);
     EXPECT_EQ(isDynamic("/dhcp/host"), 0);
-    EXPECT_EQ(isDynamic("/dhcp/lease"), 1);
-    EXPECT_EQ(sections("/dhcp/settings"), "server,pool,");
-    EXPECT_EQ(getTableByFullName("/systime/time")->optionPublic, 1);
+    EXPECT_EQ(isDynamic("/dhcp/client"), 1);
+    EXPECT_EQ(sections("/dhcp/host"), "");
+    EXPECT_EQ(sections("/dhcp/pool"), "lan,");
+    EXPECT_EQ(sections("/system/time"), "ntp,zone,");
+    EXPECT_EQ(getTableByFullName("/system/time")->optionPublic, 1);
     EXPECT_STREQ(getDataModuler("dhcp")->configFile, "");  // config elements are the merge's
-    DataModule *system = getDataModuler("system");
-    ASSERT_EQ(lstCount(&system->actions), 2);
-    auto *restart = reinterpret_cast<ActionNode *>(lstFirst(&system->actions));
-    EXPECT_STREQ(restart->name, "restart");
-    EXPECT_EQ(restart->pid, 0);
-    EXPECT_STREQ(restart->cb, "");
-    EXPECT_EQ(registerAction("system", "restart", "cb", 1), -1);
+    for (const char *module : {"dhcp", "system"}) {
+        SCOPED_TRACE(module);
+        DataModule *m = getDataModuler(module);
+        ASSERT_NE(m, nullptr);
+        ASSERT_EQ(lstCount(&m->actions), 1);
+        auto *action = reinterpret_cast<ActionNode *>(lstFirst(&m->actions));
+        EXPECT_STREQ(action->name, *module == 'd' ? "restart" : "sync");
+        EXPECT_EQ(action->pid, 0);
+        EXPECT_STREQ(action->cb, "");
+    }
+    EXPECT_EQ(registerAction("dhcp", "restart", "cb", 1), -1);
+    EXPECT_EQ(registerAction("system", "sync", "cb", 1), -1);
 }
 
 TEST_F(ModelTest, SampleDescriptionMerged) {
     ASSERT_EQ(merge(example()), 0);
-    EXPECT_EQ(getModuleSize(), 4);
-    EXPECT_STREQ(getDataModuler("dhcp")->configFile, "/tmp/kep/dhcp.json");
+    EXPECT_EQ(getModuleSize(), 2);
+    EXPECT_STREQ(getDataModuler("dhcp")->configFile, "/etc/kep/dhcp.json");
+    EXPECT_STREQ(getDataModuler("system")->configFile, "/etc/kep/system.json");
+    EXPECT_EQ(lstCount(&getDataModuler("dhcp")->actions), 0);  // services are not merged
+    EXPECT_EQ(sections("/dhcp/pool"), "lan,");
+    EXPECT_EQ(isDynamic("/dhcp/client"), 1);
+    // A module without a config element has no configuration file.
+    ASSERT_EQ(merge(R"(<model><module name="clients"><table name="online"/></module></model>)"), 0);
     EXPECT_STREQ(getDataModuler("clients")->configFile, "");
-    EXPECT_EQ(lstCount(&getDataModuler("system")->actions), 0);  // services are not merged
-    EXPECT_EQ(sections("/dhcp/settings"), "server,pool,");
 }
 
 TEST_F(ModelTest, AttributesAndElementPrefixes) {

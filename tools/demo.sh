@@ -28,10 +28,24 @@ done
 
 kepctl() { ${KEP_RUN:-} "$bin/tools/kepctl" "$@"; }
 
+# The arguments as one line a shell reads back as the same words: words of plain
+# characters as they are, others in single quotes (a quote inside as '\'').
+shell_words() {
+    local out=() word
+    for word in "$@"; do
+        if [[ $word =~ ^[A-Za-z0-9_./:=@%+,-]+$ ]]; then
+            out+=("$word")
+        else
+            out+=("'${word//\'/\'\\\'\'}'")
+        fi
+    done
+    printf '%s' "${out[*]}"
+}
+
 # step EXPECTED-EXIT-STATUS TITLE -- kepctl ARGS...
 step() {
     local want=$1 title=$2; shift 3
-    printf '\n### %s\n$ kepctl %s\n' "$title" "$*"
+    printf '\n### %s\n$ kepctl %s\n' "$title" "$(shell_words "$@")"
     local status=0
     kepctl "$@" || status=$?
     if [ "$status" != "$want" ]; then

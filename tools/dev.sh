@@ -42,7 +42,19 @@ run_ctest() {  # run_ctest DIR [ctest args...]
 
 demo() {
     deps
-    build build
+    # The compiler's output would bury the demo: it goes to a log, shown only on failure.
+    local log=$root/build/demo-build.log status
+    mkdir -p "$root/build"
+    echo "building (output in $log)"
+    set +e
+    (set -e; build build) >"$log" 2>&1  # -e again inside: a failed configure stops there
+    status=$?
+    set -e
+    if [ "$status" -ne 0 ]; then
+        cat "$log"
+        echo "demo: the build failed (exit status $status); its output is above and in $log" >&2
+        exit "$status"
+    fi
     "$root/tools/demo.sh" "$root/build"
 }
 
