@@ -1,11 +1,11 @@
 #include "ops/imi_invoke.h"
 
 #include <stddef.h>
-#include <string.h>
 
 #include "api.h"
 #include "kep_diag.h"
 #include "log.h"
+#include "tree/tree_internal.h"
 
 namespace kep {
 
@@ -31,18 +31,12 @@ constexpr InputMember kInputs[] = {
 thread_local KepCallFailure tFailure __attribute__((tls_model("initial-exec")));
 thread_local bool tFailed __attribute__((tls_model("initial-exec")));
 
-void copyBounded(char *dst, size_t size, const char *src) {
-    size_t n = src ? strnlen(src, size - 1) : 0;
-    memcpy(dst, src ? src : "", n);
-    dst[n] = '\0';
-}
-
 void record(int code, int pid, const char *cb, const char *module, const char *name) {
     tFailure.code = code;
     tFailure.pid = pid;
-    copyBounded(tFailure.cb, sizeof tFailure.cb, cb);
-    copyBounded(tFailure.module, sizeof tFailure.module, module);
-    copyBounded(tFailure.name, sizeof tFailure.name, name);
+    copyName(tFailure.cb, cb, sizeof tFailure.cb);
+    copyName(tFailure.module, module, sizeof tFailure.module);
+    copyName(tFailure.name, name, sizeof tFailure.name);
     tFailed = true;
 }
 

@@ -14,14 +14,6 @@
 namespace kep_owner {
 namespace {
 
-struct Document {
-    json_object *doc;
-    explicit Document(json_object *d) : doc(d) {}
-    Document(const Document &) = delete;
-    Document &operator=(const Document &) = delete;
-    ~Document() { jsonObjectObjectDelete(doc); }
-};
-
 // The stored form of a list table is an array, that of a table of named sections an
 // object of sections; anything else is replaced.
 bool completeEntry(const Entry &e, json_object *doc, const char *file) {
@@ -34,27 +26,31 @@ bool completeEntry(const Entry &e, json_object *doc, const char *file) {
                     e.table);
         json_object *rows = nullptr;
         if (tableResetConfig(e.tableNode, &rows) != 0 || !rows) rows = json_object_new_array();
-        json_object_object_add(doc, e.table, rows);
+        if (!rows || json_object_object_add(doc, e.table, rows) != 0) {
+            json_object_put(rows);
+            return false;
+        }
         return true;
     }
     bool changed = false;
     if (!present || !json_object_is_type(member, json_type_object)) {
         member = json_object_new_object();
-        if (!member) return false;
-        json_object_object_add(doc, e.table, member);
+        if (!member || json_object_object_add(doc, e.table, member) != 0) {
+            json_object_put(member);
+            return false;
+        }
         changed = true;
     }
     json_object *stored = nullptr;
-    void *record = calloc(1, e.data.recordSize);
-    bool usable = json_object_object_get_ex(member, e.section, &stored) && record &&
-                  jsonToRecord(e, e.section, stored, record);
-    free(record);
-    if (usable) return changed;
+    RecordBuffer record(e.data.recordSize);
+    if (json_object_object_get_ex(member, e.section, &stored) && record.p &&
+        jsonToRecord(e, e.section, stored, record.p))
+        return changed;
     json_object *value = nullptr;
-    if (e.data.opr.resetConfig.config && e.data.opr.resetConfig.config(e.section, &value) == 0 && value) {
+    if (e.data.opr.resetConfig.config && e.data.opr.resetConfig.config(e.section, &value) == 0 && value &&
+        json_object_object_add(member, e.section, value) == 0) {
         if (stored)
             fprintf(stderr, "kep owner: %s: section %s unusable: its defaults replace it\n", file, e.section);
-        json_object_object_add(member, e.section, value);
         return true;
     }
     json_object_put(value);
@@ -75,11 +71,11 @@ void loadLists(const DataModule *module, json_object *doc) {
 
 int loadModule(DataModule *module) {
     const char *file = module->configFile;
-    Document d(jsonObjectFromFile(file));
-    if (!d.doc) {
+    JsonRef d(jsonObjectFromFile(file));
+    if (!d.p) {
         fprintf(stderr, "kep owner: %s: missing or unreadable: writing the defaults of module %s\n", file,
                 module->name);
-        if (modelResetConfigFile(module) != 0 || !(d.doc = jsonObjectFromFile(file))) {
+        if (modelResetConfigFile(module) != 0 || !(d.p = jsonObjectFromFile(file))) {
             fprintf(stderr, "kep owner: %s: the defaults cannot be written\n", file);
             return -1;
         }
@@ -88,13 +84,13 @@ int loadModule(DataModule *module) {
     for (int i = 0; i < entryCount(); i++) {
         const Entry &e = entries()[i];
         if ((e.kind == Kind::kList || e.kind == Kind::kSection) && e.moduleNode == module)
-            changed |= completeEntry(e, d.doc, file);
+            changed |= completeEntry(e, d.p, file);
     }
-    if (changed && jsonObjectToFile(file, d.doc) != 0) {
+    if (changed && jsonObjectToFile(file, d.p) != 0) {
         fprintf(stderr, "kep owner: %s: cannot be written\n", file);
         return -1;
     }
-    loadLists(module, d.doc);
+    loadLists(module, d.p);
     return 0;
 }
 
@@ -112,13 +108,6 @@ char (*rowNames(const Entry &e, int *n))[32] {
     return names;
 }
 
-bool hasRow(const Entry &e, const char *name) {
-    for (LstNode *s = lstFirst(&e.tableNode->sections); s; s = lstNext(s)) {
-        if (strcmp(reinterpret_cast<DataSection *>(s)->name, name) == 0) return true;
-    }
-    return false;
-}
-
 // Tells the owner and the listeners of one section what it holds now.
 void announce(const Entry &e, const char *section, void *record) {
     char path[kPathSize];
@@ -132,21 +121,20 @@ void announceModule(const DataModule *module, char (*const *before)[32], const i
     for (int i = 0; i < entryCount(); i++) {
         const Entry &e = entries()[i];
         if (e.moduleNode != module || (e.kind != Kind::kList && e.kind != Kind::kSection)) continue;
-        void *record = calloc(1, e.data.recordSize);
-        if (!record) continue;
+        RecordBuffer record(e.data.recordSize);
+        if (!record.p) continue;
         if (e.kind == Kind::kSection) {
-            announce(e, e.section, record);
+            announce(e, e.section, record.p);
         } else {
             for (int k = 0; before[i] && k < beforeCount[i]; k++) {
                 char path[kPathSize];
-                if (hasRow(e, before[i][k]) || !sectionPath(e, before[i][k], path)) continue;
+                if (findRow(e.tableNode, before[i][k]) || !sectionPath(e, before[i][k], path)) continue;
                 if (e.data.changed) e.data.changed(path, nullptr, e.data.user);
                 if (e.data.notify) notifyLater(path);
             }
             for (LstNode *s = lstFirst(&e.tableNode->sections); s; s = lstNext(s))
-                announce(e, reinterpret_cast<DataSection *>(s)->name, record);
+                announce(e, reinterpret_cast<DataSection *>(s)->name, record.p);
         }
-        free(record);
     }
 }
 
@@ -190,10 +178,10 @@ int resetOwnedModules() {
 
 void keepEmptyList(const Entry &e) {
     const char *file = e.moduleNode->configFile;
-    Document d(jsonObjectFromFile(file));
-    if (!d.doc || json_object_object_get_ex(d.doc, e.table, nullptr)) return;
+    JsonRef d(jsonObjectFromFile(file));
+    if (!d.p || json_object_object_get_ex(d.p, e.table, nullptr)) return;
     json_object *rows = json_object_new_array();
-    if (rows && json_object_object_add(d.doc, e.table, rows) == 0) jsonObjectToFile(file, d.doc);
+    if (rows && json_object_object_add(d.p, e.table, rows) == 0) jsonObjectToFile(file, d.p);
 }
 
 }  // namespace kep_owner

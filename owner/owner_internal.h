@@ -3,6 +3,9 @@
 #define KEP_OWNER_INTERNAL_H
 
 #include <stddef.h>
+#include <stdlib.h>
+
+#include <json-c/json.h>
 
 #include "kepHandle.h"
 #include "kep_owner.h"
@@ -46,6 +49,32 @@ bool ownsModule(const DataModule *module);
 
 // Conversion functions bound to entry e's field table; false when none are left.
 bool bindFields(Entry *e);
+// Gives back the conversion functions bound last (to e), after e could not be added.
+void unbindFields(const Entry *e);
+
+// Releases a JSON value on every path.
+struct JsonRef {
+    json_object *p;
+    explicit JsonRef(json_object *v = nullptr) : p(v) {}
+    JsonRef(const JsonRef &) = delete;
+    JsonRef &operator=(const JsonRef &) = delete;
+    ~JsonRef() { json_object_put(p); }
+};
+
+// A record's buffer, zeroed; p is null without memory.
+struct RecordBuffer {
+    void *p;
+    explicit RecordBuffer(size_t size) : p(calloc(1, size)) {}
+    RecordBuffer(const RecordBuffer &) = delete;
+    RecordBuffer &operator=(const RecordBuffer &) = delete;
+    ~RecordBuffer() { free(p); }
+};
+
+// The table's section node of that name, or null.
+DataSection *findRow(DataTable *table, const char *name);
+// A name that may become part of a path and of JSON text: no "/", quote, backslash or
+// control character.
+bool plainName(const char *name);
 
 // A section's path; false when it does not fit.
 bool sectionPath(const Entry &e, const char *section, char *path);

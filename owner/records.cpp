@@ -2,12 +2,29 @@
 // owner's conversion functions.
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 
 #include <json-c/json.h>
 
 #include "owner_internal.h"
 
 namespace kep_owner {
+
+DataSection *findRow(DataTable *table, const char *name) {
+    for (LstNode *n = lstFirst(&table->sections); n; n = lstNext(n)) {
+        DataSection *s = reinterpret_cast<DataSection *>(n);
+        if (strcmp(s->name, name) == 0) return s;
+    }
+    return nullptr;
+}
+
+bool plainName(const char *name) {
+    for (const char *p = name; *p; p++) {
+        const unsigned char c = static_cast<unsigned char>(*p);
+        if (c == '/' || c == '"' || c == '\\' || c < 0x20 || c == 0x7f) return false;
+    }
+    return true;
+}
 
 bool sectionPath(const Entry &e, const char *section, char *path) {
     const int n = e.kind == Kind::kList ? snprintf(path, kPathSize, "%s/%s", e.path, section)
@@ -47,14 +64,13 @@ int kepOwnerRead(const char *path, void *record, size_t recordSize) {
 int kepOwnerEach(const char *tablePath, int (*fn)(const char *, const void *, void *), void *user) {
     const Entry *e = tablePath ? findEntry(Kind::kList, tablePath) : nullptr;
     if (!e || !fn) return -1;
-    void *record = calloc(1, e->data.recordSize);
-    if (!record) return -1;
+    RecordBuffer record(e->data.recordSize);
+    if (!record.p) return -1;
     int rc = 0;
     for (LstNode *n = lstFirst(&e->tableNode->sections); n && rc == 0; n = lstNext(n)) {
         const char *section = reinterpret_cast<DataSection *>(n)->name;
-        if (readRecord(*e, section, record)) rc = fn(section, record, user);
+        if (readRecord(*e, section, record.p)) rc = fn(section, record.p, user);
     }
-    free(record);
     return rc;
 }
 

@@ -32,9 +32,8 @@ json_object *defaultsOf(const Entry &e) {
             kepFieldsToJson(d.fields, d.fieldCount, d.defaults, &value);
             return value;
         }
-        void *blank = calloc(1, d.recordSize);
-        if (blank) kepFieldsToJson(d.fields, d.fieldCount, blank, &value);
-        free(blank);
+        RecordBuffer blank(d.recordSize);
+        if (blank.p) kepFieldsToJson(d.fields, d.fieldCount, blank.p, &value);
         return value;
     }
     json_object *rows = json_object_new_array();
@@ -121,14 +120,6 @@ bool splitPath(const char *path, Entry *e, int parts) {
     return parts == 0 || parts == have;
 }
 
-DataSection *sectionNode(DataTable *table, const char *name) {
-    for (LstNode *n = lstFirst(&table->sections); n; n = lstNext(n)) {
-        DataSection *s = reinterpret_cast<DataSection *>(n);
-        if (strcmp(s->name, name) == 0) return s;
-    }
-    return nullptr;
-}
-
 int refuse(const char *path, const char *why) {
     fprintf(stderr, "kep owner: %s: %s\n", path ? path : "(null)", why);
     return -1;
@@ -185,11 +176,7 @@ void commit(Entry *e) {
 
 bool usablePrefix(const char *prefix) {
     const size_t n = strlen(prefix);
-    if (n == 0 || n > 20) return false;
-    for (const char *p = prefix; *p; p++) {
-        if (*p == '/' || static_cast<unsigned char>(*p) <= 0x20 || *p == 0x7f) return false;
-    }
-    return true;
+    return n > 0 && n <= 20 && !strchr(prefix, ' ') && plainName(prefix);
 }
 
 }  // namespace
@@ -215,6 +202,10 @@ bool ownsModule(const DataModule *module) {
     return false;
 }
 
+void unbindFields(const Entry *e) {
+    if (gConvertedCount > 0 && gConverted[gConvertedCount - 1] == e) gConverted[--gConvertedCount] = nullptr;
+}
+
 bool bindFields(Entry *e) {
     if (gConvertedCount >= kMaxConverted) return false;
     gConverted[gConvertedCount] = e;
@@ -238,14 +229,23 @@ int kepOwnerInit(const char *modelFile) {
 
 int kepOwnerAdd(const KepOwnerData *data) {
     if (!data || !data->path) return refuse(nullptr, "no description");
-    const bool named =
-        data->path && strchr(data->path + 1, '/') && strchr(strchr(data->path + 1, '/') + 1, '/');
+    const char *table = strchr(data->path + 1, '/');
+    const char *section = table ? strchr(table + 1, '/') : nullptr;
+    const bool named = section != nullptr;
+    // A named section brings its table's whole read along the first time: room for
+    // both, or neither.
+    char tablePath[kPathSize] = "";
+    if (named)
+        snprintf(tablePath, sizeof tablePath, "%.*s", static_cast<int>(section - data->path), data->path);
+    const bool tableRead = named && !findEntry(Kind::kSections, tablePath);
+    if (tableRead && gCount + 2 > kMaxEntries)
+        return refuse(data->path, "too many tables, sections, actions and listeners in one process");
     Entry *e = newEntry(named ? Kind::kSection : Kind::kList, data->path, named ? 3 : 2);
     if (!e) return -1;
     e->data = *data;
     e->data.path = e->path;
-    DataTable *table = e->tableNode;
-    if (table->isDynamic) return refuse(data->path, "a dynamic table stores nothing (kepOwnerAddDynamic)");
+    if (e->tableNode->isDynamic)
+        return refuse(data->path, "a dynamic table stores nothing (kepOwnerAddDynamic)");
     if (!e->moduleNode->configFile[0])
         return refuse(data->path, "the module has no configuration file (<config>)");
     if (data->recordSize == 0 || data->recordSize > kMaxRecord)
@@ -255,9 +255,9 @@ int kepOwnerAdd(const KepOwnerData *data) {
     if (data->fields && data->defaultCount > 0 && !data->defaults)
         return refuse(data->path, "defaultCount without defaults");
     if (named) {
-        if (!sectionNode(table, e->section))
+        if (!findRow(e->tableNode, e->section))
             return refuse(data->path, "the model description declares no such section");
-    } else if (lstFirst(&table->sections)) {
+    } else if (lstFirst(&e->tableNode->sections)) {
         return refuse(data->path, "the table declares sections: describe each as /module/table/section");
     }
     if (!named) {
@@ -278,18 +278,19 @@ int kepOwnerAdd(const KepOwnerData *data) {
     if (regOprInterface(e->path, &opr) != 0 ||
         (named &&
          registerMethodCb(e->path, KEP_METHOD_SET, e->cb[KEP_METHOD_SET], static_cast<int>(getpid())) != 0)) {
+        // Nothing of it may stay: the tree would convert with functions bound to the
+        // next entry described in its place.
+        const OprInterface none = {};
+        regOprInterface(e->path, &none);
+        unbindFields(e);
         gCount--;
         return refuse(data->path, "cannot be attached to the tree");
     }
     // A table of named sections is also read whole.
-    if (named) {
-        char tablePath[kPathSize];
-        snprintf(tablePath, sizeof tablePath, "/%s/%s", e->module, e->table);
-        if (!findEntry(Kind::kSections, tablePath)) {
-            Entry *t = newEntry(Kind::kSections, tablePath, 2);
-            if (!t) return -1;
-            commit(t);
-        }
+    if (tableRead) {
+        Entry *t = newEntry(Kind::kSections, tablePath, 2);
+        if (!t) return -1;
+        commit(t);
     }
     return 0;
 }

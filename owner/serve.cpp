@@ -12,24 +12,6 @@
 namespace kep_owner {
 namespace {
 
-// Releases a JSON value on every path.
-struct Json {
-    json_object *p;
-    explicit Json(json_object *v = nullptr) : p(v) {}
-    Json(const Json &) = delete;
-    Json &operator=(const Json &) = delete;
-    ~Json() { json_object_put(p); }
-};
-
-// A record's buffer, zeroed.
-struct Record {
-    void *p;
-    explicit Record(size_t size) : p(calloc(1, size)) {}
-    Record(const Record &) = delete;
-    Record &operator=(const Record &) = delete;
-    ~Record() { free(p); }
-};
-
 const char *member(QxRpcPara *set, const char *name) {
     char *text = nullptr;
     return qxrpcGetStringPtr(set, name, &text) == 0 ? text : nullptr;
@@ -45,18 +27,7 @@ json_object *jsonMember(QxRpcPara *set, const char *name, bool *bad) {
 }
 
 DataSection *row(const Entry &e, const char *name) {
-    for (LstNode *n = lstFirst(&e.tableNode->sections); n; n = lstNext(n)) {
-        DataSection *s = reinterpret_cast<DataSection *>(n);
-        if (strcmp(s->name, name) == 0) return s;
-    }
-    return nullptr;
-}
-
-// The section's JSON form as stored, or null.
-json_object *storedJson(const Entry &e, const char *section) {
-    Record record(e.data.recordSize);
-    if (!record.p || !readRecord(e, section, record.p)) return nullptr;
-    return recordToJson(e, section, record.p);
+    return findRow(e.tableNode, name);
 }
 
 // Lays para's members over base and builds the record from the result.
@@ -73,28 +44,51 @@ void changedAfterStore(const Entry &e, const char *path, const void *record) {
     if (e.data.notify) notifyLater(path);
 }
 
-int editSection(const Entry &e, const char *section, json_object *para) {
+// A stored section as read once for a request: its record and its JSON form (null
+// when it cannot be read).
+struct Stored {
+    RecordBuffer record;
+    bool read = false;
+    JsonRef json;
+    Stored(const Entry &e, const char *section) : record(e.data.recordSize) {
+        read = record.p && readRecord(e, section, record.p);
+        if (read) json.p = recordToJson(e, section, record.p);
+    }
+};
+
+// The section's JSON form as stored, or null.
+json_object *storedJson(const Entry &e, const char *section) {
+    Stored stored(e, section);
+    json_object *value = stored.json.p;
+    stored.json.p = nullptr;
+    return value;
+}
+
+// Lays para over the stored section and stores the result.
+int editStored(const Entry &e, const char *section, Stored &old, json_object *para) {
     char path[kPathSize];
-    Record old(e.data.recordSize), next(e.data.recordSize);
-    if (!old.p || !next.p) return KEP_OWNER_ERR_MEMORY;
-    if (!sectionPath(e, section, path) || !readRecord(e, section, old.p)) return KEP_OWNER_ERR_NOT_FOUND;
-    Json base(recordToJson(e, section, old.p));
-    int rc = recordFrom(e, section, base.p, para, next.p);
-    if (rc == 0 && e.data.check) rc = e.data.check(path, next.p, old.p, e.data.user);
+    RecordBuffer next(e.data.recordSize);
+    if (!old.record.p || !next.p) return KEP_OWNER_ERR_MEMORY;
+    if (!sectionPath(e, section, path) || !old.read) return KEP_OWNER_ERR_NOT_FOUND;
+    int rc = recordFrom(e, section, old.json.p, para, next.p);
+    if (rc == 0 && e.data.check) rc = e.data.check(path, next.p, old.record.p, e.data.user);
     if (rc == 0 && modelWrite(path, next.p, static_cast<int>(e.data.recordSize)) != 0)
         rc = KEP_OWNER_ERR_STORE;
     if (rc == 0) changedAfterStore(e, path, next.p);
     return rc;
 }
 
-int deleteRow(const Entry &e, const char *section) {
+int editSection(const Entry &e, const char *section, json_object *para) {
+    Stored old(e, section);
+    return editStored(e, section, old, para);
+}
+
+int deleteRow(const Entry &e, const char *section, const Stored &old) {
     char path[kPathSize];
-    Record old(e.data.recordSize);
-    if (!old.p) return KEP_OWNER_ERR_MEMORY;
     if (!sectionPath(e, section, path)) return KEP_OWNER_ERR_NOT_FOUND;
     // A row the owner's conversion cannot read any more may still be deleted.
-    const bool readable = readRecord(e, section, old.p);
-    int rc = e.data.check ? e.data.check(path, nullptr, readable ? old.p : nullptr, e.data.user) : 0;
+    const void *record = old.read ? old.record.p : nullptr;
+    int rc = e.data.check ? e.data.check(path, nullptr, record, e.data.user) : 0;
     if (rc == 0 && modelWrite(path, nullptr, 0) != 0) rc = KEP_OWNER_ERR_STORE;
     if (rc == 0) changedAfterStore(e, path, nullptr);
     return rc;
@@ -126,7 +120,7 @@ int onGet(QxRpcPara *set, void *user) {
     const Entry &e = *static_cast<const Entry *>(user);
     const char *name = member(set, "name");
     bool bad = false;
-    Json filter(jsonMember(set, "filter", &bad)), para(jsonMember(set, "para", &bad));
+    JsonRef filter(jsonMember(set, "filter", &bad)), para(jsonMember(set, "para", &bad));
     if (bad || (filter.p && !json_object_is_type(filter.p, json_type_object)))
         return answer(set, KEP_OWNER_ERR_INVALID, nullptr);
     switch (e.kind) {
@@ -182,7 +176,7 @@ int onSet(QxRpcPara *set, void *user) {
     const Entry &e = *static_cast<const Entry *>(user);
     const char *name = member(set, "name");
     bool bad = false;
-    Json para(jsonMember(set, "para", &bad)), filter(jsonMember(set, "filter", &bad));
+    JsonRef para(jsonMember(set, "para", &bad)), filter(jsonMember(set, "filter", &bad));
     if (bad || !json_object_is_type(para.p, json_type_object) ||
         (filter.p && !json_object_is_type(filter.p, json_type_object)))
         return answer(set, KEP_OWNER_ERR_INVALID, nullptr);
@@ -199,8 +193,8 @@ int onSet(QxRpcPara *set, void *user) {
     int rc = 0;
     for (LstNode *n = lstFirst(&e.tableNode->sections); n && rc == 0; n = lstNext(n)) {
         const char *section = reinterpret_cast<DataSection *>(n)->name;
-        Json value(storedJson(e, section));
-        if (value.p && matchesFilter(value.p, filter.p)) rc = editSection(e, section, para.p);
+        Stored old(e, section);
+        if (old.json.p && matchesFilter(old.json.p, filter.p)) rc = editStored(e, section, old, para.p);
     }
     return answer(set, rc, nullptr);
 }
@@ -209,7 +203,7 @@ int onAdd(QxRpcPara *set, void *user) {
     const Entry &e = *static_cast<const Entry *>(user);
     const char *given = member(set, "name");
     bool bad = false;
-    Json para(jsonMember(set, "para", &bad));
+    JsonRef para(jsonMember(set, "para", &bad));
     if (bad || !json_object_is_type(para.p, json_type_object))
         return answer(set, KEP_OWNER_ERR_INVALID, nullptr);
     char name[32];
@@ -228,17 +222,17 @@ int onAdd(QxRpcPara *set, void *user) {
         snprintf(name, sizeof name, "%s%lld", e.prefix, next);
     }
     char path[kPathSize];
-    Record blank(e.data.recordSize), record(e.data.recordSize);
+    RecordBuffer blank(e.data.recordSize), record(e.data.recordSize);
     if (!blank.p || !record.p) return answer(set, KEP_OWNER_ERR_MEMORY, nullptr);
     if (!sectionPath(e, name, path)) return answer(set, KEP_OWNER_ERR_EXISTS, nullptr);
-    Json base(recordToJson(e, name, blank.p));
+    JsonRef base(recordToJson(e, name, blank.p));
     int rc = recordFrom(e, name, base.p, para.p, record.p);
     if (rc == 0 && e.data.check) rc = e.data.check(path, record.p, nullptr, e.data.user);
     if (rc == 0 && (modelWrite(path, record.p, static_cast<int>(e.data.recordSize)) != 0 || !row(e, name)))
         rc = KEP_OWNER_ERR_STORE;
     if (rc != 0) return answer(set, rc, nullptr);
     changedAfterStore(e, path, record.p);
-    Json quoted(json_object_new_string(name));
+    JsonRef quoted(json_object_new_string(name));
     const char *text = quoted.p ? json_object_to_json_string_ext(quoted.p, JSON_C_TO_STRING_PLAIN) : nullptr;
     return answer(set, text ? 0 : KEP_OWNER_ERR_MEMORY, text);
 }
@@ -247,19 +241,20 @@ int onDelete(QxRpcPara *set, void *user) {
     const Entry &e = *static_cast<const Entry *>(user);
     const char *name = member(set, "name");
     bool bad = false;
-    Json filter(jsonMember(set, "filter", &bad));
+    JsonRef filter(jsonMember(set, "filter", &bad));
     if (bad || (filter.p && !json_object_is_type(filter.p, json_type_object)))
         return answer(set, KEP_OWNER_ERR_INVALID, nullptr);
     int rc = 0;
     if (name) {
-        rc = row(e, name) ? deleteRow(e, name) : KEP_OWNER_ERR_NOT_FOUND;
+        rc = row(e, name) ? deleteRow(e, name, Stored(e, name)) : KEP_OWNER_ERR_NOT_FOUND;
     } else {
         LstNode *n = lstFirst(&e.tableNode->sections);
         while (n && rc == 0) {
             LstNode *next = lstNext(n);  // the node goes with its section
             const char *section = reinterpret_cast<DataSection *>(n)->name;
-            Json value(storedJson(e, section));
-            if (!filter.p || (value.p && matchesFilter(value.p, filter.p))) rc = deleteRow(e, section);
+            Stored old(e, section);
+            if (!filter.p || (old.json.p && matchesFilter(old.json.p, filter.p)))
+                rc = deleteRow(e, section, old);
             n = next;
         }
     }
@@ -270,7 +265,7 @@ int onDelete(QxRpcPara *set, void *user) {
 int onAction(QxRpcPara *set, void *user) {
     const Entry &e = *static_cast<const Entry *>(user);
     bool bad = false;
-    Json para(jsonMember(set, "para", &bad));
+    JsonRef para(jsonMember(set, "para", &bad));
     if (bad) return answer(set, KEP_OWNER_ERR_INVALID, nullptr);
     json_object *result = nullptr;
     const int rc = e.action(para.p, &result, e.user);

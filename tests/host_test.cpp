@@ -43,18 +43,11 @@ struct Ran {
 class Host : public ::testing::Test {
 protected:
     void SetUp() override {
-        char tmpl[] = "/tmp/kh.XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
         // This process is a client too: it uses the same runtime folder.
-        setenv("KEP_RUNTIME_DIR", (dir_ + "/run").c_str(), 1);
-        setenv("KEP_IMI_TIMEOUT_MS", "1000", 1);  // for the processes started below
-        qxImiSetTimeout(3000);
-        for (const char *m : {"dhcpd/dhcp", "sysd/system"}) {
-            std::string text = readText(std::string(KEP_SOURCE_DIR) + "/examples/" + m + ".xml.in");
-            for (size_t at; (at = text.find("@CONFDIR@")) != std::string::npos;) text.replace(at, 9, dir_);
-            writeText(dir_ + "/" + std::filesystem::path(m).filename().string() + ".xml", text);
-        }
+        dir_ = systemTestFolder("/tmp/kh");
+        ASSERT_FALSE(dir_.empty());
+        writeModel("dhcpd/dhcp.xml.in", dir_, dir_ + "/dhcp.xml");
+        writeModel("sysd/system.xml.in", dir_, dir_ + "/system.xml");
         startOwners();
         startHost();
         ASSERT_TRUE(waitServed());
@@ -106,13 +99,7 @@ protected:
     }
 
     // The response text, or "rpc <code>" when the host could not be asked.
-    std::string request(const std::string &text) {
-        char *out = nullptr;
-        int rc = kepHostRequest(text.c_str(), &out);
-        std::string s = rc == 0 && out ? out : "rpc " + std::to_string(rc);
-        free(out);
-        return s;
-    }
+    std::string request(const std::string &text) { return hostRequest(text); }
 
     // Runs argv to its end.
     Ran run(const std::vector<std::string> &argv) {

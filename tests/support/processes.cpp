@@ -1,5 +1,7 @@
 #include "processes.h"
 
+#include <stdlib.h>
+
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -10,6 +12,9 @@
 #include <fstream>
 #include <sstream>
 #include <thread>
+
+#include "kep_host.h"
+#include "kep_pf_rpc.h"
 
 namespace kep_test {
 
@@ -48,7 +53,8 @@ pid_t spawn(std::vector<std::string> argv, const std::string &log, const std::st
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         if (getppid() != parent) _exit(127);
         int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-        int errFd = errLog.empty() ? fd : open(errLog.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+        int errFd =
+            errLog.empty() ? fd : open(errLog.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
         if (fd >= 0) dup2(fd, 1);
         if (errFd >= 0) dup2(errFd, 2);
         std::vector<char *> args;
@@ -88,6 +94,29 @@ bool stopProcess(pid_t pid) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return false;
+}
+
+std::string systemTestFolder(const std::string &prefix) {
+    std::string tmpl = prefix + ".XXXXXX";
+    if (!mkdtemp(tmpl.data())) return "";
+    setenv("KEP_RUNTIME_DIR", (tmpl + "/run").c_str(), 1);
+    setenv("KEP_IMI_TIMEOUT_MS", "1000", 1);
+    qxImiSetTimeout(3000);
+    return tmpl;
+}
+
+void writeModel(const std::string &example, const std::string &confDir, const std::string &out) {
+    std::string text = readText(std::string(KEP_SOURCE_DIR) + "/examples/" + example);
+    for (size_t at; (at = text.find("@CONFDIR@")) != std::string::npos;) text.replace(at, 9, confDir);
+    writeText(out, text);
+}
+
+std::string hostRequest(const std::string &text) {
+    char *out = nullptr;
+    int rc = kepHostRequest(text.c_str(), &out);
+    std::string s = rc == 0 && out ? out : "rpc " + std::to_string(rc);
+    free(out);
+    return s;
 }
 
 }  // namespace kep_test

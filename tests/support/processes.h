@@ -31,6 +31,16 @@ int reap(pid_t pid, int timeoutMs = 10000);
 // Stops pid and waits until every thread of it has stopped: a signal only asks.
 bool stopProcess(pid_t pid);
 
+// A fresh folder for one system test (prefix: "/tmp/kh"); empty on failure. This process
+// and the programs it starts use its "run" folder as their runtime folder; the programs
+// give up on a peer after 1 s, this process after 3 s.
+std::string systemTestFolder(const std::string &prefix);
+// Writes the example's model description template (a path below examples/) to out, with
+// its configuration files in confDir.
+void writeModel(const std::string &example, const std::string &confDir, const std::string &out);
+// The host's response text, or "rpc <code>" when the host could not be asked.
+std::string hostRequest(const std::string &text);
+
 }  // namespace kep_test
 
 #endif
