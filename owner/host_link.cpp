@@ -7,6 +7,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <time.h>
 #include <unistd.h>
@@ -124,6 +125,12 @@ void registerWithHost() {
     if (host <= 0 || host == gHostRegistered) return;
     const time_t now = time(nullptr);
     if (host == gHostReported && now < gRetryAt) return;
+    // A host holds its pid file before it serves: one that does not answer yet is
+    // asked again at the next poll, not taken for one that refused.
+    char *pong = nullptr;
+    const bool answers = kepHostFetch("kepd.ping", &pong) == 0;
+    free(pong);
+    if (!answers) return;
     if (gHostRegistered > 0)
         fprintf(stderr, "kep owner: a new host runs (pid %d): registering again\n", host);
     if (sendRegistrations(host)) {

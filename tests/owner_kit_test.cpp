@@ -24,15 +24,9 @@ using namespace kep_test;
 class Kit : public ::testing::Test {
 protected:
     void SetUp() override {
-        char tmpl[] = "/tmp/kk.XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-        setenv("KEP_RUNTIME_DIR", (dir_ + "/run").c_str(), 1);
-        setenv("KEP_IMI_TIMEOUT_MS", "1000", 1);
-        qxImiSetTimeout(3000);
-        std::string text = readText(std::string(KEP_SOURCE_DIR) + "/examples/ntpd/ntp.xml.in");
-        for (size_t at; (at = text.find("@CONFDIR@")) != std::string::npos;) text.replace(at, 9, dir_);
-        writeText(model(), text);
+        dir_ = systemTestFolder("/tmp/kk");
+        ASSERT_FALSE(dir_.empty());
+        writeModel("ntpd/ntp.xml.in", dir_, model());
     }
 
     void TearDown() override {
@@ -58,13 +52,7 @@ protected:
         *pid = -1;
     }
 
-    std::string request(const std::string &text) {
-        char *out = nullptr;
-        int rc = kepHostRequest(text.c_str(), &out);
-        std::string s = rc == 0 && out ? out : "rpc " + std::to_string(rc);
-        free(out);
-        return s;
-    }
+    std::string request(const std::string &text) { return hostRequest(text); }
     // "error_code" of the response, or the RPC's failure.
     int code(const std::string &text) {
         const std::string response = request(text);
@@ -79,7 +67,7 @@ protected:
         const auto until = Clock::now() + std::chrono::milliseconds(ms * kSlow);
         while (Clock::now() < until) {
             if (code(R"({"method":"do","ntp":{"sync":{}}})") == 0 &&
-                code(R"({"method":"get","ntp":{"table":"server"}})") == 0)
+                code(R"({"method":"get","ntp":{"table":"server","name":"main"}})") == 0)
                 return true;
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
