@@ -17,14 +17,14 @@
 // The owner answers every get of table t of module m with the same 3 sections of 5
 // string options (about 300 bytes of JSON), so that only the path differs.
 #include <json-c/json.h>
-#include <mutex>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <mutex>
 
 #include <atomic>
-#include <vector>
 #include <thread>
+#include <vector>
 
 #include "bench_support.h"
 #include "kepHandle.h"
@@ -44,8 +44,9 @@ const char kResult[] =
     R"("t_3":{"name":"nas","ip":"192.168.1.22","mac":"02:00:00:00:00:16","note":"rack","mode":"reserved"}})";
 // m is served by the owner of the latency paths, m3 by a second owner, m2 by one that
 // is stopped while the head-of-line benchmark runs.
-const char kModel[] = R"(<model><module name="m"><table name="t"/></module><module name="m2"><table name="t"/></module>)"
-                      R"(<module name="m3"><table name="t"/></module></model>)";
+const char kModel[] =
+    R"(<model><module name="m"><table name="t"/></module><module name="m2"><table name="t"/></module>)"
+    R"(<module name="m3"><table name="t"/></module></model>)";
 const char kRequestOther[] = R"({"method":"get","m3":{"table":"t"}})";
 const char kRequestStuck[] = R"({"method":"get","m2":{"table":"t"}})";
 const char kCallback[] = "tGet";
@@ -163,7 +164,9 @@ int connectTo(const std::string &path) {
     return fd;
 }
 
-int connectFloor() { return connectTo(gFloorPath); }
+int connectFloor() {
+    return connectTo(gFloorPath);
+}
 
 // The two-hop floor's relay: forwards each request frame of a client connection to
 // the floor server over a connection of its own and the reply back, bytes only.
@@ -189,7 +192,8 @@ void serveRelay(int listenFd) {
 bool floorRequest(int fd, std::string &buf) {
     json_object *req = json_tokener_parse(kRequest);
     json_object *mod = nullptr, *table = nullptr;
-    if (!req || !json_object_object_get_ex(req, "m", &mod) || !json_object_object_get_ex(mod, "table", &table)) {
+    if (!req || !json_object_object_get_ex(req, "m", &mod) ||
+        !json_object_object_get_ex(mod, "table", &table)) {
         json_object_put(req);
         return false;
     }
@@ -468,14 +472,14 @@ bool startHost() {
     std::string model = gDir + "/m.xml";
     if (!kep_bench::writeFile(model, kModel)) return false;
     std::string log = gDir + "/kepd.log";
-    return gHost.start(
-        [] { return true; },
-        [model, log] {
-            int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-            if (fd >= 0) dup2(fd, 2);
-            execl(KEPD_PATH, "kepd", "-m", model.c_str(), static_cast<char *>(nullptr));
-            _exit(127);
-        }) && kepHostWait(5000) == 0;
+    return gHost.start([] { return true; },
+                       [model, log] {
+                           int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+                           if (fd >= 0) dup2(fd, 2);
+                           execl(KEPD_PATH, "kepd", "-m", model.c_str(), static_cast<char *>(nullptr));
+                           _exit(127);
+                       }) &&
+           kepHostWait(5000) == 0;
 }
 
 // An owner process serving the get of path's table with the fixed result.
@@ -515,7 +519,11 @@ int main(int argc, char **argv) {
     // The host gives up on the stopped owner after a second.
     setenv("KEP_IMI_TIMEOUT_MS", "1000", 1);
     int rc = 1;
-    const char *failed = !startFloor() ? "floor server" : !startHost() ? "host daemon" : !startOwners() ? "owners" : !wireLocalTree() ? "local tree" : nullptr;
+    const char *failed = !startFloor()      ? "floor server"
+                         : !startHost()     ? "host daemon"
+                         : !startOwners()   ? "owners"
+                         : !wireLocalTree() ? "local tree"
+                                            : nullptr;
     if (failed) {
         fprintf(stderr, "e2e bench: setting up the %s failed\n", failed);
     } else {

@@ -65,10 +65,11 @@ int main() {
         }
     }
     const size_t heap = after - before;
-    printf("{\"modules\": %zu, \"tables\": %zu, \"sections\": %zu, \"options\": %zu,\n"
-           " \"sizeof_module\": %zu, \"sizeof_table\": %zu, \"sizeof_section\": %zu,\n"
-           " \"record_bytes\": %zu, \"heap_bytes\": %zu, \"ratio\": %.4f}\n",
-           modules, tables, sections, options, sizeof(DataModule), sizeof(DataTable), sizeof(DataSection),
-           records, heap, static_cast<double>(heap) / static_cast<double>(records));
+    printf(
+        "{\"modules\": %zu, \"tables\": %zu, \"sections\": %zu, \"options\": %zu,\n"
+        " \"sizeof_module\": %zu, \"sizeof_table\": %zu, \"sizeof_section\": %zu,\n"
+        " \"record_bytes\": %zu, \"heap_bytes\": %zu, \"ratio\": %.4f}\n",
+        modules, tables, sections, options, sizeof(DataModule), sizeof(DataTable), sizeof(DataSection),
+        records, heap, static_cast<double>(heap) / static_cast<double>(records));
     return 0;
 }

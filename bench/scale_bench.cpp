@@ -34,7 +34,9 @@ namespace {
 
 // ---- trees ----
 
-std::string moduleName(int i) { return "m" + std::to_string(i); }
+std::string moduleName(int i) {
+    return "m" + std::to_string(i);
+}
 
 // Merges modules [from, to) with one list table t each, in descriptions that stay
 // under the parser's element limit. configDir: the modules get a configuration file.
@@ -60,8 +62,9 @@ json_object *sectionValue(int i) {
     json_object *v = json_object_new_object();
     std::string k = std::to_string(i);
     json_object_object_add(v, "name", json_object_new_string(("host-" + k).c_str()));
-    json_object_object_add(v, "ip", json_object_new_string(("10.0." + std::to_string(i / 250) + "." +
-                                                            std::to_string(i % 250)).c_str()));
+    json_object_object_add(
+        v, "ip",
+        json_object_new_string(("10.0." + std::to_string(i / 250) + "." + std::to_string(i % 250)).c_str()));
     json_object_object_add(v, "mac", json_object_new_string("02:00:00:00:00:01"));
     json_object_object_add(v, "note", json_object_new_string("benchmark entry"));
     json_object_object_add(v, "mode", json_object_new_string("static"));
@@ -88,8 +91,9 @@ json_object *moduleDocument(int sections) {
 
 int answerSection(QxRpcPara *set, void *) {
     qxrpcAddInt(set, "errorCode", 0);
-    qxrpcAddStringPtr(set, "result",
-                      R"({"name":"host-1","ip":"10.0.0.1","mac":"02:00:00:00:00:01","note":"n","mode":"static"})");
+    qxrpcAddStringPtr(
+        set, "result",
+        R"({"name":"host-1","ip":"10.0.0.1","mac":"02:00:00:00:00:01","note":"n","mode":"static"})");
     return 0;
 }
 
@@ -111,8 +115,8 @@ bool buildRequestTree(int modules, int sections) {
     if (!mergeModules(0, modules, "")) return false;
     json_object *arr = listArray(sections);
     int pid = getpid();
-    bool ok = qxImiRegister("get", answerSection, nullptr) == 0 && qxImiRegister("set", answerOk, nullptr) == 0 &&
-              qxImiRegister("add", answerAdded, nullptr) == 0;
+    bool ok = qxImiRegister("get", answerSection, nullptr) == 0 &&
+              qxImiRegister("set", answerOk, nullptr) == 0 && qxImiRegister("add", answerAdded, nullptr) == 0;
     for (int i = 0; ok && i < modules; i++) {
         std::string path = "/" + moduleName(i) + "/t";
         ok = loadTableListConfig(getTableByFullName(path.c_str()), arr) == 0 &&
@@ -176,15 +180,27 @@ void BM_DocFloor(benchmark::State &state) {
     }
     state.counters["doc_bytes"] = static_cast<double>(text.size());
 }
-BENCHMARK(BM_DocFloor)->Name("scale/doc_floor")->ArgName("sections")->Arg(10)->Arg(100)->Arg(1000)->Arg(10000);
+BENCHMARK(BM_DocFloor)
+    ->Name("scale/doc_floor")
+    ->ArgName("sections")
+    ->Arg(10)
+    ->Arg(100)
+    ->Arg(1000)
+    ->Arg(10000);
 
 // json-c alone serialising it: the part of a store that grows with the document.
 void BM_SerialiseFloor(benchmark::State &state) {
     json_object *doc = moduleDocument(static_cast<int>(state.range(0)));
-    for (auto _ : state) benchmark::DoNotOptimize(json_object_to_json_string_ext(doc, JSON_C_TO_STRING_PLAIN));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(json_object_to_json_string_ext(doc, JSON_C_TO_STRING_PLAIN));
     json_object_put(doc);
 }
-BENCHMARK(BM_SerialiseFloor)->Name("scale/doc_floor_serialise")->ArgName("sections")->Arg(100)->Arg(1000)->Arg(10000);
+BENCHMARK(BM_SerialiseFloor)
+    ->Name("scale/doc_floor_serialise")
+    ->ArgName("sections")
+    ->Arg(100)
+    ->Arg(1000)
+    ->Arg(10000);
 
 // ---- stores ----
 
@@ -214,8 +230,9 @@ int recFromJson(const char *, json_object *value, void *buf, int size) {
         snprintf(field, room, "%s", json_object_get_string(v));
         return true;
     };
-    if (!copy("name", r.name, sizeof r.name) || !copy("ip", r.ip, sizeof r.ip) || !copy("mac", r.mac, sizeof r.mac) ||
-        !copy("note", r.note, sizeof r.note) || !copy("mode", r.mode, sizeof r.mode))
+    if (!copy("name", r.name, sizeof r.name) || !copy("ip", r.ip, sizeof r.ip) ||
+        !copy("mac", r.mac, sizeof r.mac) || !copy("note", r.note, sizeof r.note) ||
+        !copy("mode", r.mode, sizeof r.mode))
         return -1;
     memcpy(buf, &r, sizeof r);
     return sizeof r;
@@ -240,7 +257,9 @@ bool buildStoreTree(const std::string &dir, int sections) {
     return ok;
 }
 
-const char *base(Where where) { return where == kDisk ? "/tmp" : "/dev/shm"; }
+const char *base(Where where) {
+    return where == kDisk ? "/tmp" : "/dev/shm";
+}
 
 void BM_Store(benchmark::State &state, Where where, bool add) {
     const int sections = static_cast<int>(state.range(0));
@@ -249,9 +268,9 @@ void BM_Store(benchmark::State &state, Where where, bool add) {
     const std::string updated = "/m0/t/t_" + std::to_string(sections / 2);
     // The owner's process keeps the document: the first write, before the timing,
     // reads the file just written, later ones only the file's identity.
-    const bool warm = add ? modelWrite("/m0/t/t_new", &kRec, sizeof kRec) == 0 &&
-                                modelWrite("/m0/t/t_new", nullptr, 0) == 0
-                          : modelWrite(updated.c_str(), &kRec, sizeof kRec) == 0;
+    const bool warm =
+        add ? modelWrite("/m0/t/t_new", &kRec, sizeof kRec) == 0 && modelWrite("/m0/t/t_new", nullptr, 0) == 0
+            : modelWrite(updated.c_str(), &kRec, sizeof kRec) == 0;
     if (!warm) return state.SkipWithError("first write failed");
     for (auto _ : state) {
         if (add) {
@@ -272,7 +291,8 @@ void BM_Store(benchmark::State &state, Where where, bool add) {
         }
     }
     struct stat st;
-    if (stat((dir + "/m0.json").c_str(), &st) == 0) state.counters["file_bytes"] = static_cast<double>(st.st_size);
+    if (stat((dir + "/m0.json").c_str(), &st) == 0)
+        state.counters["file_bytes"] = static_cast<double>(st.st_size);
     kep::resetTreeForTest();
     kep_bench::removeTree(dir);
 }
@@ -300,7 +320,8 @@ void BM_FileFloor(benchmark::State &state, Where where, bool flush) {
         const char *text = json_object_to_json_string_ext(doc, JSON_C_TO_STRING_PLAIN);
         fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
         size_t len = strlen(text);
-        ok = doc && fd >= 0 && write(fd, text, len) == static_cast<ssize_t>(len) && (!flush || fsync(fd) == 0);
+        ok =
+            doc && fd >= 0 && write(fd, text, len) == static_cast<ssize_t>(len) && (!flush || fsync(fd) == 0);
         if (fd >= 0) close(fd);
         json_object_put(doc);
         ok = ok && rename(tmp.c_str(), path.c_str()) == 0;
@@ -319,7 +340,9 @@ void BM_FileFloor(benchmark::State &state, Where where, bool flush) {
     kep_bench::removeTree(dir);
 }
 
-void storeArgs(benchmark::internal::Benchmark *b) { b->ArgName("sections")->Arg(10)->Arg(100)->Arg(1000); }
+void storeArgs(benchmark::internal::Benchmark *b) {
+    b->ArgName("sections")->Arg(10)->Arg(100)->Arg(1000);
+}
 
 // A flush to disk takes milliseconds: fewer and shorter runs keep the whole report
 // within minutes, and each still holds dozens of stores.
@@ -332,8 +355,12 @@ BENCHMARK_CAPTURE(BM_Store, disk_update, kDisk, false)->Name("scale/store/update
 BENCHMARK_CAPTURE(BM_Store, disk_add, kDisk, true)->Name("scale/store/add_disk")->Apply(diskArgs);
 BENCHMARK_CAPTURE(BM_Store, tmpfs_update, kTmpfs, false)->Name("scale/store/update_tmpfs")->Apply(storeArgs);
 BENCHMARK_CAPTURE(BM_Store, tmpfs_add, kTmpfs, true)->Name("scale/store/add_tmpfs")->Apply(storeArgs);
-BENCHMARK_CAPTURE(BM_FileFloor, disk_fsync, kDisk, true)->Name("scale/file_floor/disk_fsync")->Apply(diskArgs);
-BENCHMARK_CAPTURE(BM_FileFloor, disk_nofsync, kDisk, false)->Name("scale/file_floor/disk_nofsync")->Apply(diskArgs);
+BENCHMARK_CAPTURE(BM_FileFloor, disk_fsync, kDisk, true)
+    ->Name("scale/file_floor/disk_fsync")
+    ->Apply(diskArgs);
+BENCHMARK_CAPTURE(BM_FileFloor, disk_nofsync, kDisk, false)
+    ->Name("scale/file_floor/disk_nofsync")
+    ->Apply(diskArgs);
 BENCHMARK_CAPTURE(BM_FileFloor, tmpfs, kTmpfs, false)->Name("scale/file_floor/tmpfs")->Apply(storeArgs);
 
 // ---- the kept document ----
@@ -375,13 +402,25 @@ void BM_ReadAll(benchmark::State &state) {
     kep::resetTreeForTest();
     kep_bench::removeTree(dir);
 }
-BENCHMARK(BM_ReadAll)->Name("scale/kept/read_all_disk")->ArgName("sections")->Arg(100)->Arg(1000)->Arg(10000)
-    ->MinTime(0.2)->Repetitions(3);
+BENCHMARK(BM_ReadAll)
+    ->Name("scale/kept/read_all_disk")
+    ->ArgName("sections")
+    ->Arg(100)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->MinTime(0.2)
+    ->Repetitions(3);
 
 // One list section added (and removed again outside the timing) on disk: the document
 // stays kept across the stores.
 BENCHMARK_CAPTURE(BM_Store, kept_add, kDisk, true)
-    ->Name("scale/kept/add_disk")->ArgName("sections")->Arg(100)->Arg(1000)->Arg(10000)->MinTime(0.1)->Repetitions(3);
+    ->Name("scale/kept/add_disk")
+    ->ArgName("sections")
+    ->Arg(100)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->MinTime(0.1)
+    ->Repetitions(3);
 
 // Resident memory, in a process of its own started from this program with
 // "--resident HOW DIR SECTIONS": "kept" holds the module's document in the store (its
@@ -404,8 +443,9 @@ int measureResident(const std::string &how, const std::string &dir, int sections
     const bool kept = how == "kept";
     if (kept) {
         json_object *doc = json_object_from_file((dir + "/m0.json").c_str());
-        const bool ok = doc && mergeModules(0, 1, dir) && regOprInterface("/m0/t", &opr) == 0 &&
-                        loadTableListConfig(getTableByFullName("/m0/t"), json_object_object_get(doc, "t")) == 0;
+        const bool ok =
+            doc && mergeModules(0, 1, dir) && regOprInterface("/m0/t", &opr) == 0 &&
+            loadTableListConfig(getTableByFullName("/m0/t"), json_object_object_get(doc, "t")) == 0;
         json_object_put(doc);
         if (!ok) return 1;
     }
@@ -422,8 +462,8 @@ int measureResident(const std::string &how, const std::string &dir, int sections
 
 // Runs measureResident in a fresh process; the bytes it printed, or -1.
 double residentOf(const char *how, const std::string &dir, int sections) {
-    const std::string cmd = "/proc/" + std::to_string(getpid()) + "/exe --resident " + how + " '" + dir + "' " +
-                            std::to_string(sections);
+    const std::string cmd = "/proc/" + std::to_string(getpid()) + "/exe --resident " + how + " '" + dir +
+                            "' " + std::to_string(sections);
     FILE *p = popen(cmd.c_str(), "r");
     long bytes = -1;
     if (!p) return -1;
@@ -460,7 +500,8 @@ BENCHMARK(BM_KeptMemory)->Name("scale/kept_memory")->ArgName("sections")->Arg(50
 }  // namespace
 
 int main(int argc, char **argv) {
-    if (argc == 5 && strcmp(argv[1], "--resident") == 0) return measureResident(argv[2], argv[3], atoi(argv[4]));
+    if (argc == 5 && strcmp(argv[1], "--resident") == 0)
+        return measureResident(argv[2], argv[3], atoi(argv[4]));
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     benchmark::RunSpecifiedBenchmarks();

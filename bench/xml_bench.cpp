@@ -148,7 +148,9 @@ void BM_PoolBlocksAlone(benchmark::State &state) {
 }
 BENCHMARK(BM_PoolBlocksAlone)->Name("xml/pool_blocks_alone")->ArgName("elements")->Arg(850);
 
-double seconds(const timeval &tv) { return static_cast<double>(tv.tv_sec) + tv.tv_usec / 1e6; }
+double seconds(const timeval &tv) {
+    return static_cast<double>(tv.tv_sec) + tv.tv_usec / 1e6;
+}
 
 void BM_FdXmlParse(benchmark::State &state) {
     const int n = static_cast<int>(state.range(0));
@@ -196,8 +198,16 @@ void BM_Mxml(benchmark::State &state, mxml_load_cb_t callback) {
     }
     reportFaults(state, faults);
 }
-BENCHMARK_CAPTURE(BM_Mxml, default, MXML_NO_CALLBACK)->Name("xml/mxmlLoadString_no_callback")->ArgName("elements")->Arg(850)->Arg(90);
-BENCHMARK_CAPTURE(BM_Mxml, opaque, MXML_OPAQUE_CALLBACK)->Name("xml/mxmlLoadString_opaque")->ArgName("elements")->Arg(850)->Arg(90);
+BENCHMARK_CAPTURE(BM_Mxml, default, MXML_NO_CALLBACK)
+    ->Name("xml/mxmlLoadString_no_callback")
+    ->ArgName("elements")
+    ->Arg(850)
+    ->Arg(90);
+BENCHMARK_CAPTURE(BM_Mxml, opaque, MXML_OPAQUE_CALLBACK)
+    ->Name("xml/mxmlLoadString_opaque")
+    ->ArgName("elements")
+    ->Arg(850)
+    ->Arg(90);
 #endif
 
 // The parse a process makes of its description at start: the first large parse in a
@@ -256,7 +266,8 @@ void BM_FirstParse(benchmark::State &state, Parser parser) {
         if (pid > 0) waitpid(pid, &status, 0);
         long long ns = 0;
         long f = 0;
-        if (got <= 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0 || sscanf(line, "%lld %ld", &ns, &f) != 2) {
+        if (got <= 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0 ||
+            sscanf(line, "%lld %ld", &ns, &f) != 2) {
             return state.SkipWithError("the parsing process failed");
         }
         state.SetIterationTime(static_cast<double>(ns) / 1e9);
@@ -264,9 +275,17 @@ void BM_FirstParse(benchmark::State &state, Parser parser) {
     }
     state.counters["faults_per_parse"] = benchmark::Counter(faults, benchmark::Counter::kAvgIterations);
 }
-BENCHMARK_CAPTURE(BM_FirstParse, kep, Parser::Kep)->Name("xml/first_parse/strXmlParse")->ArgName("elements")->Arg(850)->UseManualTime();
+BENCHMARK_CAPTURE(BM_FirstParse, kep, Parser::Kep)
+    ->Name("xml/first_parse/strXmlParse")
+    ->ArgName("elements")
+    ->Arg(850)
+    ->UseManualTime();
 #ifdef KEP_HAVE_MXML
-BENCHMARK_CAPTURE(BM_FirstParse, mxml, Parser::Mxml)->Name("xml/first_parse/mxmlLoadString_opaque")->ArgName("elements")->Arg(850)->UseManualTime();
+BENCHMARK_CAPTURE(BM_FirstParse, mxml, Parser::Mxml)
+    ->Name("xml/first_parse/mxmlLoadString_opaque")
+    ->ArgName("elements")
+    ->Arg(850)
+    ->UseManualTime();
 #endif
 
 }  // namespace

@@ -24,8 +24,7 @@ constexpr int kBindMarkOffset = kBindSize - static_cast<int>(sizeof(int32_t));
 int resetNamedSections(DataTable &table, json_object **value) {
     JsonPtr object(jsonObjectNewObject());
     if (!object) return -1;
-    for (DataSection *section = firstOf<DataSection>(table.sections); section;
-         section = nextOf(section)) {
+    for (DataSection *section = firstOf<DataSection>(table.sections); section; section = nextOf(section)) {
         ResetConfigFn reset = section->opr.resetConfig.config;
         if (!reset) continue;
         JsonPtr produced;
@@ -121,8 +120,7 @@ KEP_API int systemResetConfigFile(void) {
     const int32_t mark = 1;
     memcpy(bind + kBindMarkOffset, &mark, sizeof mark);
     if (!getModulerRoot()) return -1;
-    for (DataModule *module = getModulerRoot(); module; module = nextOf(module))
-        modelResetConfigFile(module);
+    for (DataModule *module = getModulerRoot(); module; module = nextOf(module)) modelResetConfigFile(module);
     modelWrite(kBindPath, bind, kBindSize);
     return 0;
 }

@@ -19,8 +19,7 @@ template <typename ReadFn>
 int readSections(DataTable &table, const char *name, void *buf, int size, ReadFn read) {
     const bool one = name[0] != '\0';
     int total = 0;
-    for (DataSection *section = firstOf<DataSection>(table.sections); section;
-         section = nextOf(section)) {
+    for (DataSection *section = firstOf<DataSection>(table.sections); section; section = nextOf(section)) {
         if (one && strcmp(section->name, name) != 0) continue;
         const int room = size - total;
         const int got = read(*section, static_cast<char *>(buf) + total, room);

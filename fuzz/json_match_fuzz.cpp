@@ -21,7 +21,9 @@ void check(bool ok) {
 }
 
 // The stand-in's reader, which loads stored files: the whole text as one value.
-json_object *read(const std::string &text) { return jsonObjectFromString(text.c_str()); }
+json_object *read(const std::string &text) {
+    return jsonObjectFromString(text.c_str());
+}
 
 }  // namespace
 
@@ -40,7 +42,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         const std::string text(written, len);
         // The reader's depth is the one limit a written text can exceed.
         json_object *back = read(text);
-        check(kep_pf::jsonTextMatches(text.c_str(), text.size(), obj) == (back && json_object_equal(obj, back)));
+        check(kep_pf::jsonTextMatches(text.c_str(), text.size(), obj) ==
+              (back && json_object_equal(obj, back)));
         json_object_put(back);
 
         const size_t at = data[0] % (text.size() + 1);

@@ -83,7 +83,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         json_object *obj = json_tokener_parse(response);
         json_object *code = nullptr;
         trapUnless(json_object_is_type(obj, json_type_object) &&
-                   json_object_object_get_ex(obj, "error_code", &code) && json_object_is_type(code, json_type_int));
+                   json_object_object_get_ex(obj, "error_code", &code) &&
+                   json_object_is_type(code, json_type_int));
         json_object_put(obj);
     } else {
         trapUnless(rc == KEP_ERR_BAD_JSON && !response);

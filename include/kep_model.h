@@ -25,8 +25,8 @@ int modelReadFromReqObj(const char *path, json_object *request, void *buf, int s
 
 int editTableByObjJson(const char *module, const char *table, json_object *request);
 int editSectionByObjJson(const char *module, const char *section, json_object *params, json_object *request);
-int addSectionByObjJson(const char *module, const char *table, const char *section,
-                        json_object *params, json_object *result);
+int addSectionByObjJson(const char *module, const char *table, const char *section, json_object *params,
+                        json_object *result);
 int deleteDataTable(const char *module, const char *table, json_object *filter);
 int deleteDataSection(const char *module, const char *section);
 void notifySecdataChanged(const char *path);

@@ -18,15 +18,15 @@ extern "C" {
 enum {
     KEP_OK = 0,
     KEP_ERR_GENERIC = -1,
-    KEP_ERR_NO_ERRORCODE = -1500,    /* a module callback answered without "errorCode" */
-    KEP_ERR_NO_TABLE = -4000,        /* the table named in the request does not exist */
-    KEP_ERR_NO_METHOD = -7000,       /* no "method", or an unknown one */
-    KEP_ERR_NOT_REGISTERED = -7004,  /* module, table, section, action or callback not registered */
-    KEP_ERR_NOT_DELETABLE = -8000,   /* the section may not be deleted */
-    KEP_ERR_NULL_ARG = -10000,       /* null argument, no memory for a response, failed read */
-    KEP_ERR_BAD_JSON = -10100,       /* not JSON, or a needed member missing or mistyped */
-    KEP_ERR_NO_RSP_MEMORY = -51204,  /* response object could not be allocated */
-    KEP_ERR_NULL_METHOD = -51207     /* method text is null */
+    KEP_ERR_NO_ERRORCODE = -1500,   /* a module callback answered without "errorCode" */
+    KEP_ERR_NO_TABLE = -4000,       /* the table named in the request does not exist */
+    KEP_ERR_NO_METHOD = -7000,      /* no "method", or an unknown one */
+    KEP_ERR_NOT_REGISTERED = -7004, /* module, table, section, action or callback not registered */
+    KEP_ERR_NOT_DELETABLE = -8000,  /* the section may not be deleted */
+    KEP_ERR_NULL_ARG = -10000,      /* null argument, no memory for a response, failed read */
+    KEP_ERR_BAD_JSON = -10100,      /* not JSON, or a needed member missing or mistyped */
+    KEP_ERR_NO_RSP_MEMORY = -51204, /* response object could not be allocated */
+    KEP_ERR_NULL_METHOD = -51207    /* method text is null */
 };
 
 /*

@@ -21,39 +21,74 @@ extern "C" {
 #endif
 
 /* Method index of the methodCb slots and of registerMethodCb. */
-enum { KEP_METHOD_ADD = 0, KEP_METHOD_SET = 1, KEP_METHOD_DELETE = 2, KEP_METHOD_GET = 3, KEP_METHOD_ACTION = 4 };
+enum {
+    KEP_METHOD_ADD = 0,
+    KEP_METHOD_SET = 1,
+    KEP_METHOD_DELETE = 2,
+    KEP_METHOD_GET = 3,
+    KEP_METHOD_ACTION = 4
+};
 /* Verify/notify selector: 1 verify, anything else notify. */
 enum { KEP_SELECT_NOTIFY = 0, KEP_SELECT_VERIFY = 1 };
 
 /* Slot conventions of an operation interface: the table's kind (isDynamic) selects the member.
  * A JsonToBinFn only reads the value it is lent: the value belongs to the module's document,
  * which the library keeps between calls, so it must neither be changed nor kept. */
-typedef int (*ResetConfigFn)(const char *name, json_object **value);                 /* configuration kind */
-typedef int (*ResetDynamicFn)(const char *name);                                     /* dynamic kind; result ignored */
-typedef int (*BinToJsonFn)(const char *name, json_object **value, const void *record, int size); /* record -> JSON */
-typedef int (*DynReadFn)(const char *name, void *buf, int size);                     /* dynamic reader */
+typedef int (*ResetConfigFn)(const char *name, json_object **value); /* configuration kind */
+typedef int (*ResetDynamicFn)(const char *name);                     /* dynamic kind; result ignored */
+typedef int (*BinToJsonFn)(const char *name, json_object **value, const void *record,
+                           int size);                                                  /* record -> JSON */
+typedef int (*DynReadFn)(const char *name, void *buf, int size);                       /* dynamic reader */
 typedef int (*JsonToBinFn)(const char *name, json_object *value, void *buf, int size); /* JSON -> record */
-typedef int (*DynWriteFn)(const char *name, const void *record, int size);           /* dynamic writer */
+typedef int (*DynWriteFn)(const char *name, const void *record, int size);             /* dynamic writer */
 
 typedef struct OprInterface {
-    union { ResetConfigFn config; ResetDynamicFn dynamic; } resetConfig;   /* slot 0 */
-    union { BinToJsonFn config; DynReadFn dynamic; } binToJson;            /* slot 1 */
-    union { JsonToBinFn config; DynWriteFn dynamic; } jsonToBin;           /* slot 2 */
+    union {
+        ResetConfigFn config;
+        ResetDynamicFn dynamic;
+    } resetConfig; /* slot 0 */
+    union {
+        BinToJsonFn config;
+        DynReadFn dynamic;
+    } binToJson; /* slot 1 */
+    union {
+        JsonToBinFn config;
+        DynWriteFn dynamic;
+    } jsonToBin; /* slot 2 */
     int configPid;
-    int pid;      /* owner of the remote callback; 0 until registered */
+    int pid; /* owner of the remote callback; 0 until registered */
     char cb[68];
 } OprInterface;
 
 /* In-process check run before a list entry is stored; existed is 1 for an update. */
 typedef int (*VerifyFn)(const char *name, json_object *value, void *reserved, int existed);
 
-typedef struct MethodCbNode  { LstNode link; int pid; char cb[68]; } MethodCbNode;
-typedef struct VerNotifyNode { LstNode link; VerifyFn verifyFn; int pid; char cb[68]; } VerNotifyNode;
-typedef struct ActionNode    { LstNode link; char name[32]; int pid; char cb[68]; } ActionNode;
-typedef struct DataOption    { char name[32]; } DataOption;
+typedef struct MethodCbNode {
+    LstNode link;
+    int pid;
+    char cb[68];
+} MethodCbNode;
+typedef struct VerNotifyNode {
+    LstNode link;
+    VerifyFn verifyFn;
+    int pid;
+    char cb[68];
+} VerNotifyNode;
+typedef struct ActionNode {
+    LstNode link;
+    char name[32];
+    int pid;
+    char cb[68];
+} ActionNode;
+typedef struct DataOption {
+    char name[32];
+} DataOption;
 
 /* The four-word application record: init runs inside registerAppModule; the rest is the caller's. */
-typedef struct AppOps { int (*init)(void); void *reserved[3]; } AppOps;
+typedef struct AppOps {
+    int (*init)(void);
+    void *reserved[3];
+} AppOps;
 
 typedef struct DataSection {
     LstNode link;
@@ -67,12 +102,12 @@ typedef struct DataSection {
 typedef struct DataTable {
     LstNode link;
     char name[32];
-    int isDynamic;      /* 0: data in the module's configuration file; 1: produced by the owner */
+    int isDynamic; /* 0: data in the module's configuration file; 1: produced by the owner */
     LstList sections;
     LstList verList;
     LstList notList;
     OprInterface opr;
-    int optionPublic;   /* 1: list table stored as an array; 0: named sections */
+    int optionPublic; /* 1: list table stored as an array; 0: named sections */
     int noCheck;
     int count;
     int optionCount;

@@ -44,10 +44,10 @@ inline void logFormatCheck(const char *, ...) {}
 
 }  // namespace kep
 
-#define KEP_LOG_MID(mid, ...)                                            \
-    do {                                                                 \
-        if (false) ::kep::logFormatCheck(__VA_ARGS__);                   \
-        ::kep::logAt((mid), __func__, __LINE__, __VA_ARGS__);            \
+#define KEP_LOG_MID(mid, ...)                                 \
+    do {                                                      \
+        if (false) ::kep::logFormatCheck(__VA_ARGS__);        \
+        ::kep::logAt((mid), __func__, __LINE__, __VA_ARGS__); \
     } while (0)
 
 // JSON helpers log as module 110, the rest of the library as 111.

@@ -60,8 +60,8 @@ int dispatchByMethod(const char *method, json_object *request, json_object **res
             KEP_LOG("method_buffer is %s", methodBuffer);
             KEP_LOG("method is %s", method);
             if (strcmp(methodBuffer, method) != 0) {
-                KEP_LOG("methodMsgHandlerNum:%d method:%s remoteMethod:%s\n", methodMsgHandlerNum, methodBuffer,
-                        method);
+                KEP_LOG("methodMsgHandlerNum:%d method:%s remoteMethod:%s\n", methodMsgHandlerNum,
+                        methodBuffer, method);
                 continue;
             }
             // Requested before the handler runs, so a handler that fails half-way
@@ -149,4 +149,6 @@ KEP_API int passthroughHandleMethod(const char *method, json_object *request, js
     return 0;
 }
 
-KEP_API int filterDispatch(void) { return 0; }
+KEP_API int filterDispatch(void) {
+    return 0;
+}

@@ -76,4 +76,6 @@ KEP_API void jsonObjectPut(json_object *obj) {
     json_object_put(obj);
 }
 
-KEP_API json_object *getNexlSubJsonObj(json_object *obj) { return obj; }
+KEP_API json_object *getNexlSubJsonObj(json_object *obj) {
+    return obj;
+}

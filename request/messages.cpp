@@ -43,9 +43,13 @@ KEP_API char *generateErrorJsonMsg(int code, const char *msg, int id) {
     return text;
 }
 
-KEP_API char *responseSuccessJsonMsg(void) { return generateErrorJsonMsgForSDK(0, nullptr); }
+KEP_API char *responseSuccessJsonMsg(void) {
+    return generateErrorJsonMsgForSDK(0, nullptr);
+}
 
-KEP_API char *responseErrorJsonMsg(int code, const char *msg) { return generateErrorJsonMsgForSDK(code, msg); }
+KEP_API char *responseErrorJsonMsg(int code, const char *msg) {
+    return generateErrorJsonMsgForSDK(code, msg);
+}
 
 KEP_API char *buildFormatedResponseForSDK(const char *text) {
     if (!text) {

@@ -5,11 +5,7 @@
 
 extern "C" {
 __attribute__((visibility("default"))) MethodMsgHandler gPassthroughHandler[methodMsgHandlerNum] = {
-    {"get", kep::kepMethodGet},
-    {"set", kep::kepMethodSet},
-    {"add", kep::kepMethodAdd},
-    {"delete", kep::kepMethodDel},
-    {"do", kep::kepMethodDo},
-    {"", nullptr},
+    {"get", kep::kepMethodGet},    {"set", kep::kepMethodSet}, {"add", kep::kepMethodAdd},
+    {"delete", kep::kepMethodDel}, {"do", kep::kepMethodDo},   {"", nullptr},
 };
 }

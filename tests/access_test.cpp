@@ -3,6 +3,7 @@
 // talking to the socket directly (it is told it is refused); the owner's own user is
 // served.
 #include <arpa/inet.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <stdlib.h>
@@ -10,7 +11,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <grp.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -30,7 +30,8 @@ template <typename Fn>
 int asNobody(Fn fn) {
     pid_t pid = fork();
     if (pid == 0) {
-        if (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0 || geteuid() != kNobody)
+        if (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0 ||
+            geteuid() != kNobody)
             _exit(100);
         _exit(fn());
     }
@@ -78,7 +79,8 @@ protected:
         if (geteuid() != 0) GTEST_SKIP() << "needs root to run a child as another user";
         const char *shared = getenv("KEP_RUNTIME_DIR");
         if (shared) savedDir_ = shared;
-        std::string tmpl = (shared && *shared ? std::string(shared) : std::string("/tmp/kep-access")) + ".XXXXXX";
+        std::string tmpl =
+            (shared && *shared ? std::string(shared) : std::string("/tmp/kep-access")) + ".XXXXXX";
         ASSERT_NE(mkdtemp(tmpl.data()), nullptr);
         ownDir_ = tmpl;
         setenv("KEP_RUNTIME_DIR", ownDir_.c_str(), 1);
@@ -152,8 +154,9 @@ TEST_F(Access, AnotherUserIsRefusedWhileTheOwnersUserIsServed) {
 TEST_F(Access, APeerCheckAdmitsTheUsersItNames) {
     kep_test::OwnerOptions options;
     options.setup = [] {
-        qxImiSetPeerCheck([](const QxImiCaller *peer, void *) -> int { return peer->uid == 0 || peer->uid == 65534; },
-                          nullptr);
+        qxImiSetPeerCheck(
+            [](const QxImiCaller *peer, void *) -> int { return peer->uid == 0 || peer->uid == 65534; },
+            nullptr);
     };
     kep_test::OwnerProcess owner({{"whoCb", kep_test::answer(0, "\"served\"")}}, options);
     ASSERT_TRUE(owner.ready());

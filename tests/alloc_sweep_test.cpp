@@ -2,12 +2,12 @@
 // allocation (the library's, json-c's and the stand-in's alike) until a run injects
 // no failure. Every run must end in success or a documented error, leak nothing, and
 // leave the tree and the configuration files as a failure leaves them.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <time.h>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -69,7 +69,8 @@ std::vector<std::string> treeLines() {
         for (LstNode *tn = lstFirst(&m->tables); tn; tn = lstNext(tn)) {
             auto *t = reinterpret_cast<DataTable *>(tn);
             std::ostringstream to;
-            to << "  table " << m->name << "/" << t->name << " dyn=" << t->isDynamic << " pub=" << t->optionPublic;
+            to << "  table " << m->name << "/" << t->name << " dyn=" << t->isDynamic
+               << " pub=" << t->optionPublic;
             dumpOpr(to, t->opr);
             dumpSlots(to, t->methodCb);
             dumpCbList(to, "ver", t->verList);
@@ -88,8 +89,8 @@ std::vector<std::string> treeLines() {
         }
         for (LstNode *an = lstFirst(&m->actions); an; an = lstNext(an)) {
             auto *a = reinterpret_cast<ActionNode *>(an);
-            lines.push_back(std::string("  action ") + m->name + "/" + a->name + " " + std::to_string(a->pid) + ":" +
-                            a->cb);
+            lines.push_back(std::string("  action ") + m->name + "/" + a->name + " " +
+                            std::to_string(a->pid) + ":" + a->cb);
         }
     }
     return lines;
@@ -111,8 +112,10 @@ std::string fields(std::initializer_list<std::string> parts) {
 std::vector<std::string> split(const std::string &s) {
     std::vector<std::string> out(1);
     for (char c : s) {
-        if (c == kSep) out.emplace_back();
-        else out.back() += c;
+        if (c == kSep)
+            out.emplace_back();
+        else
+            out.back() += c;
     }
     return out;
 }
@@ -130,7 +133,9 @@ bool isSubsequence(const std::vector<std::string> &part, const std::vector<std::
 
 // ---- an owner answering in this process, written to survive failed allocations ----
 
-int self() { return static_cast<int>(getpid()); }
+int self() {
+    return static_cast<int>(getpid());
+}
 
 // Answers errorCode 0 and, when user is not null, that text as "result". A failed
 // add is the owner's own failure, returned as the call's result.
@@ -158,8 +163,8 @@ void registerOwnerHandlers() {
 
 // ---- the owner's binary record and its conversions, checking every allocation ----
 
-using kep_test::Rec;
 using kep_test::makeRec;
+using kep_test::Rec;
 
 int recAsJson(const char *, json_object **out, const void *record, int size) {
     if (!record || size != static_cast<int>(sizeof(Rec))) return -1;
@@ -176,7 +181,8 @@ int recAsJson(const char *, json_object **out, const void *record, int size) {
 int recFromJson(const char *, json_object *value, void *buf, int size) {
     const char *text = jsonObjectGetString(value, "text");
     int num = 0;
-    if (size < static_cast<int>(sizeof(Rec)) || !text || jsonObjectGetInt(value, "value", &num) != 0) return -1;
+    if (size < static_cast<int>(sizeof(Rec)) || !text || jsonObjectGetInt(value, "value", &num) != 0)
+        return -1;
     Rec r = makeRec(text, num);
     memcpy(buf, &r, sizeof r);
     return sizeof r;
@@ -216,14 +222,16 @@ OprInterface opr(ResetConfigFn reset) {
     return o;
 }
 
-int appInit() { return 0; }
+int appInit() {
+    return 0;
+}
 
 // ---- the sweep ----
 
 struct Scenario {
     std::string name;
-    std::function<void()> setup;    // outside the window: the state before the operation
-    std::function<int()> act;       // inside: the operation, with allocations failing
+    std::function<void()> setup;           // outside the window: the state before the operation
+    std::function<int()> act;              // inside: the operation, with allocations failing
     std::function<std::string()> collect;  // paused: what the operation produced, released
     // After the window: the result of act, what collect returned, and whether an
     // allocation failed; records failures with gtest.
@@ -263,7 +271,8 @@ Figures sweep(const Scenario &s) {
         releaseAll();
         alloc::Window w = alloc::end();
         EXPECT_FALSE(w.overflow) << s.name;
-        EXPECT_EQ(w.live, 0) << s.name << ": " << w.live << " blocks (" << w.liveBytes << " bytes) leaked, k=" << k;
+        EXPECT_EQ(w.live, 0) << s.name << ": " << w.live << " blocks (" << w.liveBytes
+                             << " bytes) leaked, k=" << k;
         gAnsweredError = false;
         s.check(rc, out, w.injected, k);
         f.spared += w.spared;
@@ -430,7 +439,8 @@ TEST_F(AllocSweep, ModelDescriptionLoadAndMerge) {
             EXPECT_TRUE(rc == 0 || rc == -1) << what << " k=" << k << " rc=" << rc;
             if (rc == 0) EXPECT_EQ(lines, *reference) << what << " k=" << k;
             // A failure keeps what was built before it, nothing else.
-            else EXPECT_TRUE(isSubsequence(lines, *reference)) << what << " k=" << k << "\n" << out;
+            else
+                EXPECT_TRUE(isSubsequence(lines, *reference)) << what << " k=" << k << "\n" << out;
         };
     };
     sweep({"model description: load from file", [] {}, [=] { return kep::loadModelFile(path.c_str()); },
@@ -467,20 +477,22 @@ TEST_F(AllocSweep, EveryRegistrationKind) {
         [] { getTableByFullName("/dhcp/pool")->optionPublic = 0; }));
     sweep(registration("verify callback", base,
                        [] { return registerVerNotify("/dhcp/host", KEP_SELECT_VERIFY, "hostVer", self()); }));
-    sweep(registration("notify callback", base,
-                       [] { return registerVerNotify("/dhcp/pool/lan", KEP_SELECT_NOTIFY, "lanNotify", self()); }));
-    sweep(registration("action", base, [] { return registerAction("dhcp", "restart", "restartCb", self()); }));
+    sweep(registration("notify callback", base, [] {
+        return registerVerNotify("/dhcp/pool/lan", KEP_SELECT_NOTIFY, "lanNotify", self());
+    }));
+    sweep(
+        registration("action", base, [] { return registerAction("dhcp", "restart", "restartCb", self()); }));
 }
 
 // Codes a request may answer when memory runs out somewhere on its way.
-const std::set<int> kNoMemoryCodes = {KEP_ERR_GENERIC,  KEP_ERR_NO_ERRORCODE, KEP_ERR_NULL_ARG,
+const std::set<int> kNoMemoryCodes = {KEP_ERR_GENERIC,  KEP_ERR_NO_ERRORCODE,  KEP_ERR_NULL_ARG,
                                       KEP_ERR_BAD_JSON, KEP_ERR_NO_RSP_MEMORY, QXRPC_ERR_NOMEM};
 
 TEST_F(AllocSweep, RequestsEndToEndWithAnOwnerAnswering) {
     const struct {
         const char *name;
         const char *request;
-        std::set<int> extra;  // further documented codes of that operation on no memory
+        std::set<int> extra;                // further documented codes of that operation on no memory
         std::set<std::string> alsoSuccess;  // further documented successful answers
     } requests[] = {
         {"request get table", R"({"method":"get","dhcp":{"table":"host"}})", {}, {}},
@@ -529,7 +541,8 @@ TEST_F(AllocSweep, RequestsEndToEndWithAnOwnerAnswering) {
                    if (rc != 0) {
                        // Not even an error text: -10100 when the request could not be
                        // parsed, -51204 when no answer could be made.
-                       EXPECT_TRUE(rc == KEP_ERR_BAD_JSON || rc == KEP_ERR_NO_RSP_MEMORY) << name << " rc=" << rc;
+                       EXPECT_TRUE(rc == KEP_ERR_BAD_JSON || rc == KEP_ERR_NO_RSP_MEMORY)
+                           << name << " rc=" << rc;
                        EXPECT_EQ(rsp, "<null>") << name;
                        return;
                    }
@@ -541,8 +554,10 @@ TEST_F(AllocSweep, RequestsEndToEndWithAnOwnerAnswering) {
                    gAnsweredError = code != 0;
                    // Success must be the whole answer; a failure only its code.
                    if (code == 0)
-                       EXPECT_TRUE(rsp == *reference || alsoSuccess.count(rsp)) << name << " k=" << k << ": " << rsp;
-                   else EXPECT_TRUE(allowed.count(code)) << name << " k=" << k << ": " << rsp;
+                       EXPECT_TRUE(rsp == *reference || alsoSuccess.count(rsp))
+                           << name << " k=" << k << ": " << rsp;
+                   else
+                       EXPECT_TRUE(allowed.count(code)) << name << " k=" << k << ": " << rsp;
                }});
     }
 }
@@ -553,16 +568,17 @@ std::string readsThroughTheStore() {
     std::string out;
     for (int fresh = 0; fresh < 2; fresh++) {
         if (fresh) kep::dropModuleDocuments();
-        for (const char *path : {"/dhcp/host/host_1", "/dhcp/host/host_2", "/dhcp/host/host_3", "/dhcp/pool/lan"}) {
+        for (const char *path :
+             {"/dhcp/host/host_1", "/dhcp/host/host_2", "/dhcp/host/host_3", "/dhcp/pool/lan"}) {
             Rec r{};
             const int rc = modelRead(path, &r, sizeof r);
-            out += std::string(path) + " " + std::to_string(rc) + (rc > 0 ? std::string(" ") + r.text : "") + "\n";
+            out += std::string(path) + " " + std::to_string(rc) + (rc > 0 ? std::string(" ") + r.text : "") +
+                   "\n";
         }
         out += "--\n";
     }
     return out;
 }
-
 
 TEST_F(AllocSweep, ListSectionWritesThroughTheStore) {
     const Rec added = makeRec("new", 3), changed = makeRec("changed", 4);
@@ -621,7 +637,8 @@ TEST_F(AllocSweep, ListSectionWritesThroughTheStore) {
                        // change (it is made before the store).
                        const std::vector<std::string> was = split(*before), ref = split(*reference);
                        EXPECT_EQ(got[1], was[1]) << name << " k=" << k;
-                       EXPECT_TRUE(got[0] == was[0] || got[0] == ref[0]) << name << " k=" << k << "\n" << got[0];
+                       EXPECT_TRUE(got[0] == was[0] || got[0] == ref[0]) << name << " k=" << k << "\n"
+                                                                         << got[0];
                    }});
         }
     }
@@ -645,9 +662,12 @@ TEST_F(AllocSweep, SectionReadsThroughTheStore) {
                    },
                    [=] {
                        *got = Rec{};
-                       return modelRead(path, got.get(), sizeof(Rec)) == static_cast<int>(sizeof(Rec)) ? 0 : -1;
+                       return modelRead(path, got.get(), sizeof(Rec)) == static_cast<int>(sizeof(Rec)) ? 0
+                                                                                                       : -1;
                    },
-                   [=] { return fields({readText(file_), readsThroughTheStore()}); },
+                   [=] {
+                       return fields({readText(file_), readsThroughTheStore()});
+                   },
                    [=](int rc, const std::string &out, bool injected, long k) {
                        const std::vector<std::string> state = split(out);
                        EXPECT_EQ(state[0], *before) << name << " k=" << k;
@@ -675,7 +695,9 @@ TEST_F(AllocSweep, StartUpLoadRepairsADestroyedFile) {
                *before = treeLines();
            },
            [] { return systemLoadConfigFile(); },
-           [=] { return fields({readText(file_), joined(treeLines()), keptTexts()}); },
+           [=] {
+               return fields({readText(file_), joined(treeLines()), keptTexts()});
+           },
            [=](int rc, const std::string &out, bool injected, long k) {
                // A reset stores its text pretty-printed; only the content counts.
                const std::string raw = split(out)[0];
@@ -750,7 +772,8 @@ TEST_F(AllocSweep, FactoryResetKeepsEachFileWholeOrReset) {
                    EXPECT_NE(file, stored);
                    return;
                }
-               EXPECT_TRUE(file == kep_test::canonical(stored) || file == *reference) << "k=" << k << ": " << file;
+               EXPECT_TRUE(file == kep_test::canonical(stored) || file == *reference)
+                   << "k=" << k << ": " << file;
            }});
 }
 

@@ -124,7 +124,7 @@ TEST_F(ConfigStore, RefusedReadsAndWritesStoreNothing) {
     const std::string before = store(kStored);
     tree.section(list, "host_1", recOpr());
     tree.section(list, "host_2", recOpr());
-    tree.section(list, "host_3", recOpr());  // no element in the file
+    tree.section(list, "host_3", recOpr());        // no element in the file
     tree.section(list, "host_4", OprInterface{});  // no converter
     Rec two[2] = {makeRec("w", 1), makeRec("w", 2)};
     struct Case {
@@ -133,18 +133,29 @@ TEST_F(ConfigStore, RefusedReadsAndWritesStoreNothing) {
         int size;
         bool buffer = true;
     } cases[] = {
-        {false, "/m", kRec}, {false, "m/time/settings", kRec}, {false, nullptr, kRec},
-        {false, "/m/nosuch/settings", kRec}, {false, "/x/time/settings", kRec},
+        {false, "/m", kRec},
+        {false, "m/time/settings", kRec},
+        {false, nullptr, kRec},
+        {false, "/m/nosuch/settings", kRec},
+        {false, "/x/time/settings", kRec},
         {false, "/m/time/zone/x", kRec},  // a section component holding a slash
         {false, "/m/time/nosuch", kRec},
         // A table is read whole or not at all: the converter refuses the short room.
-        {false, "/m/time", kRec + 4}, {false, "/m/time", kRec, false}, {false, "/m/time", -1},
+        {false, "/m/time", kRec + 4},
+        {false, "/m/time", kRec, false},
+        {false, "/m/time", -1},
         {false, "/m/host", 2 * kRec},  // a list table is read one section at a time
-        {false, "/m/host/host_3", kRec}, {false, "/m/host/host_4", kRec},
-        {true, "/m", kRec}, {true, "m/time/settings", kRec}, {true, "/m/time", kRec},
-        {true, "/m/time/zone", 0}, {true, "/m/time/zone", kRec, false},
+        {false, "/m/host/host_3", kRec},
+        {false, "/m/host/host_4", kRec},
+        {true, "/m", kRec},
+        {true, "m/time/settings", kRec},
+        {true, "/m/time", kRec},
+        {true, "/m/time/zone", 0},
+        {true, "/m/time/zone", kRec, false},
         {true, "/m/time/zone", 3},  // the converter refuses
-        {true, "/m/host", kRec}, {true, "/m/host/", kRec}, {true, "/m/host/host_9", 0, false},
+        {true, "/m/host", kRec},
+        {true, "/m/host/", kRec},
+        {true, "/m/host/host_9", 0, false},
         {true, "/m/host/host_9", -1},
     };
     for (const Case &c : cases) {
@@ -184,8 +195,9 @@ TEST_F(ConfigStore, ReadsOfSectionsAndWholeTables) {
 
     // Names are cut to 31 characters, in the path and in the file's members alike.
     std::string longModule(40, 'M'), longTable(40, 'T');
-    tree.section(tree.table(tree.module(longModule.c_str(), "long.json"), longTable.c_str(), false, false, recOpr()),
-                 "s", recOpr());
+    tree.section(
+        tree.table(tree.module(longModule.c_str(), "long.json"), longTable.c_str(), false, false, recOpr()),
+        "s", recOpr());
     writeText(tree.path("long.json"), "{\"" + longTable.substr(0, 31) + R"(":{"s":{"text":"L","value":3}}})");
     EXPECT_STREQ(read("/" + longModule + "/" + longTable + "/s").text, "L");
     Rec w = makeRec("W", 4);
@@ -461,14 +473,16 @@ TEST_F(ConfigStore, AFailingDefaultLeavesTheFileAsItWas) {
 int bindToJson(const char *, json_object **out, const void *record, int size) {
     if (size != 100) return -1;
     char hex[201];
-    for (int i = 0; i < size; i++) snprintf(hex + 2 * i, 3, "%02x", static_cast<const unsigned char *>(record)[i]);
+    for (int i = 0; i < size; i++)
+        snprintf(hex + 2 * i, 3, "%02x", static_cast<const unsigned char *>(record)[i]);
     *out = json_object_new_object();
     json_object_object_add(*out, "record", json_object_new_string(hex));
     return 0;
 }
 int bindToBin(const char *, json_object *value, void *buf, int size) {
     json_object *hex = nullptr;
-    if (size < 100 || !json_object_object_get_ex(value, "record", &hex) || json_object_get_string_len(hex) != 200)
+    if (size < 100 || !json_object_object_get_ex(value, "record", &hex) ||
+        json_object_get_string_len(hex) != 200)
         return -1;
     for (int i = 0; i < 100; i++) {
         unsigned byte = 0;
@@ -503,8 +517,9 @@ TEST_F(ConfigStore, FactoryResetKeepsTheCloudBinding) {
         const int32_t mark = 1;
         memcpy(want + 96, &mark, 4);
         EXPECT_EQ(memcmp(after, want, 100), 0);
-        EXPECT_EQ(canonical(readText(file)),
-                  R"({"time":{"settings":{"text":"settings","value":0}},"host":[{"host_9":{"text":"d","value":9}}]})");
+        EXPECT_EQ(
+            canonical(readText(file)),
+            R"({"time":{"settings":{"text":"settings","value":0}},"host":[{"host_9":{"text":"d","value":9}}]})");
     }
 }
 
@@ -567,8 +582,8 @@ TEST_F(KeptDocument, ReadingEverySectionParsesTheFileOnce) {
     std::string doc = R"({"time":{"settings":{"text":"s","value":1},"zone":{"text":"z","value":2}},"host":[)";
     constexpr int kHosts = 200;
     for (int i = 1; i <= kHosts; i++) {
-        doc += (i > 1 ? "," : "") + std::string(R"({"host_)") + std::to_string(i) + R"(":{"text":"h","value":)" +
-               std::to_string(i) + "}}";
+        doc += (i > 1 ? "," : "") + std::string(R"({"host_)") + std::to_string(i) +
+               R"(":{"text":"h","value":)" + std::to_string(i) + "}}";
         tree.section(list, ("host_" + std::to_string(i)).c_str(), recOpr());
     }
     store(doc + "]}");
@@ -675,9 +690,9 @@ TEST_F(KeptDocument, RefusedWriteLeavesFileAndReadsUnchanged) {
     // The next successful write stores what was read, plus its own change only.
     Rec ok = makeRec("ok", 6);
     ASSERT_EQ(modelWrite("/m/host/host_2", &ok, kRec), 0);
-    EXPECT_EQ(canonical(readText(file)), canonical(std::string(kStored).replace(
-                                             std::string(kStored).find(R"({"text":"b","value":20})"),
-                                             23, R"({"text":"ok","value":6})")));
+    EXPECT_EQ(canonical(readText(file)),
+              canonical(std::string(kStored).replace(std::string(kStored).find(R"({"text":"b","value":20})"),
+                                                     23, R"({"text":"ok","value":6})")));
 }
 
 // The index of a kept document finds what a walk of the array in order finds: the
@@ -693,7 +708,8 @@ TEST_F(KeptDocument, IndexFindsTheFirstOfDuplicateNames) {
         ASSERT_TRUE(doc);
         json_object *array = jsonObjectObjectGet(doc.get(), "host");
         for (const char *name : names)
-            EXPECT_EQ(doc.findListElement(array, name), kep::findListElement(array, name)) << when << " " << name;
+            EXPECT_EQ(doc.findListElement(array, name), kep::findListElement(array, name))
+                << when << " " << name;
     };
     sameAsWalk("read");
     // Of two nodes of one name the first is read, with its own converter.
@@ -750,7 +766,8 @@ TEST_F(KeptDocument, ConcurrentReadsAndWritesOfOneModule) {
     for (int t = 0; t < 2; t++) {
         threads.emplace_back([&] {
             while (writing.load()) {
-                for (const char *path : {"/m/host/host_1", "/m/host/host_2", "/m/time/zone", "/m/time/settings"}) {
+                for (const char *path :
+                     {"/m/host/host_1", "/m/host/host_2", "/m/time/zone", "/m/time/settings"}) {
                     Rec r{};
                     if (modelRead(path, &r, kRec) != kRec) {
                         bad++;

@@ -55,7 +55,8 @@ std::string handle(const std::string &request) {
 
 using Clock = std::chrono::steady_clock;
 long msSince(Clock::time_point t0) {
-    return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count());
+    return static_cast<long>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count());
 }
 
 class OwnerFaults : public kep_test::FreshTree {
@@ -95,7 +96,8 @@ TEST_F(OwnerFaults, OwnerKilledInTheMiddleOfARequestThenRestarted) {
         Clock::time_point t0 = Clock::now();
         std::future<std::string> pending = std::async(std::launch::async, [&] { return handle(set); });
         // Killed once the call has arrived and the handler holds it.
-        while (owner->calls().empty() && msSince(t0) < timeoutMs) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        while (owner->calls().empty() && msSince(t0) < timeoutMs)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
         ASSERT_FALSE(owner->calls().empty()) << "iteration " << i;
         Clock::time_point killed = Clock::now();
         owner->kill();
@@ -106,14 +108,17 @@ TEST_F(OwnerFaults, OwnerKilledInTheMiddleOfARequestThenRestarted) {
         EXPECT_EQ(handle(get), R"({"error_code":-10000})") << "iteration " << i;
         owner.reset();
 
-        OwnerProcess restarted({{"hostGet", answer(0, R"([{"host_1":{"ip":"a"}}])")}, {"hostSet", answer(0)}});
+        OwnerProcess restarted(
+            {{"hostGet", answer(0, R"([{"host_1":{"ip":"a"}}])")}, {"hostSet", answer(0)}});
         serve(restarted);
         EXPECT_EQ(handle(get), rows) << "iteration " << i;
         EXPECT_EQ(handle(set), R"({"error_code":0})") << "iteration " << i;
     }
     EXPECT_LT(slowest, timeoutMs);
-    printf("FAULTS owner killed mid-request and restarted: %d iterations, slowest answer %ld ms after the kill\n",
-           iterations, slowest);
+    printf(
+        "FAULTS owner killed mid-request and restarted: %d iterations, slowest answer %ld ms after the "
+        "kill\n",
+        iterations, slowest);
     fflush(stdout);  // not again from the forked owners
 }
 
@@ -156,7 +161,8 @@ protected:
     }
     std::vector<std::string> files() const {
         std::vector<std::string> names;
-        for (const auto &e : std::filesystem::directory_iterator(tree_.dir())) names.push_back(e.path().filename());
+        for (const auto &e : std::filesystem::directory_iterator(tree_.dir()))
+            names.push_back(e.path().filename());
         std::sort(names.begin(), names.end());
         return names;
     }
@@ -183,8 +189,11 @@ TEST_F(StoreFaults, FullDiskFailsTheStoreAndKeepsTheOldFile) {
     const std::string file = tree_.path("m.json");
     const Rec rec = kep_test::makeRec("a record that makes the file grow", 1);
     // Both kinds of store, a write and a reset, refuse a file they cannot write whole.
-    EXPECT_EQ(withFileSizeLimit(32, [&] { return modelWrite("/m/host/host_2", &rec, sizeof rec) == 0 ? 1 : 0; }), 0);
-    EXPECT_EQ(withFileSizeLimit(32, [&] { return modelResetConfigFile(getDataModuler("m")) == 0 ? 1 : 0; }), 0);
+    EXPECT_EQ(
+        withFileSizeLimit(32, [&] { return modelWrite("/m/host/host_2", &rec, sizeof rec) == 0 ? 1 : 0; }),
+        0);
+    EXPECT_EQ(withFileSizeLimit(32, [&] { return modelResetConfigFile(getDataModuler("m")) == 0 ? 1 : 0; }),
+              0);
     EXPECT_EQ(withFileSizeLimit(32, [&] { return systemResetConfigFile() == 0 ? 0 : 1; }), 0);
     EXPECT_EQ(readText(file), stored_);
     EXPECT_EQ(files(), std::vector<std::string>{"m.json"});  // no temporary file left behind
@@ -228,7 +237,8 @@ TEST_F(StoreFaults, StartUpRepairKeepsEveryUnreadableFile) {
     for (const std::string &text : broken) {
         writeText(file, text);
         ASSERT_EQ(systemLoadConfigFile(), 0);
-        EXPECT_EQ(kep_test::canonical(readText(file)), R"({"host":[{"host_1":{"text":"default","value":0}}]})");
+        EXPECT_EQ(kep_test::canonical(readText(file)),
+                  R"({"host":[{"host_1":{"text":"default","value":0}}]})");
     }
     std::vector<std::string> kept = kep_test::keptUnreadable(file);
     ASSERT_EQ(kept.size(), 2u);
@@ -248,7 +258,8 @@ TEST_F(StoreFaults, StartUpRepairKeepsEveryUnreadableFile) {
 
     // A sound file over the size limit (which the defaults are not).
     for (const std::string &k : kept) std::filesystem::remove(k);
-    const std::string large = R"({"host":[{"host_1":{"text":")" + std::string(600, 'x') + R"(","value":7}}]})";
+    const std::string large =
+        R"({"host":[{"host_1":{"text":")" + std::string(600, 'x') + R"(","value":7}}]})";
     writeText(file, large);
     ASSERT_EQ(jsonObjectSetFileLimit(500), 0);
     EXPECT_EQ(systemLoadConfigFile(), 0);

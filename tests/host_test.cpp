@@ -87,8 +87,8 @@ protected:
         auto until = Clock::now() + std::chrono::milliseconds(ms * kSlow);
         while (Clock::now() < until) {
             char *dump = nullptr;
-            const bool registered = kepHostFetch("kepd.dump", &dump) == 0 && strstr(dump, "/dhcp/restart:do") &&
-                                    strstr(dump, "/dhcp/pool/lan:note");
+            const bool registered = kepHostFetch("kepd.dump", &dump) == 0 &&
+                                    strstr(dump, "/dhcp/restart:do") && strstr(dump, "/dhcp/pool/lan:note");
             free(dump);
             if (registered && request(R"({"method":"get","dhcp":{"table":"host"},"system":{"name":"ntp"}})")
                                       .find("\"error_code\":0") != std::string::npos)
@@ -596,7 +596,8 @@ constexpr size_t npos = std::string::npos;
 // which owner refused and with what. Failed writes are logged the same way.
 TEST_F(Host, AFailedRequestNamesItsCauseBesideTheResponse) {
     const std::string owner = "owner pid " + std::to_string(dhcpd_);
-    const std::string refusal = "dhcp/host_99: " + owner + " (callback /dhcp/host:get): answered errorCode -31002";
+    const std::string refusal =
+        "dhcp/host_99: " + owner + " (callback /dhcp/host:get): answered errorCode -31002";
     EXPECT_EQ(readText(dir_ + "/kepd.log").find(" from pid "), npos)
         << "requests that succeeded are not logged";
     EXPECT_EQ(request(R"({"method":"get","dhcp":{"name":"host_99"}})"), R"({"error_code":-10000})");
@@ -625,7 +626,8 @@ TEST_F(Host, AFailedRequestNamesItsCauseBesideTheResponse) {
     Ran set = kepctl({"-v", "set", "dhcp", "host_99", R"({"hostname":"x"})"});
     EXPECT_EQ(set.status, 1);
     EXPECT_EQ(set.out, "{\"error_code\":-31002}\n");
-    const std::string setRefusal = "dhcp/host_99: " + owner + " (callback /dhcp/host:set): answered errorCode -31002";
+    const std::string setRefusal =
+        "dhcp/host_99: " + owner + " (callback /dhcp/host:set): answered errorCode -31002";
     EXPECT_NE(set.err.find("cause:    " + setRefusal), npos) << set.err;
     log = readText(dir_ + "/kepd.log");
     EXPECT_NE(log.find("set from pid "), npos) << log;

@@ -23,7 +23,9 @@ struct JsonObjDeleter {
 };
 using Obj = std::unique_ptr<json_object, JsonObjDeleter>;
 
-Obj parse(const char *text) { return Obj(json_tokener_parse(text)); }
+Obj parse(const char *text) {
+    return Obj(json_tokener_parse(text));
+}
 
 // Takes ownership of a builder's malloc'd text and gives its compact form.
 std::string built(char *text) {
@@ -141,11 +143,13 @@ TEST_F(JsonHelpers, PutDropsExactlyOneReference) {
 }
 
 TEST_F(JsonHelpers, ErrorMessagesForSdk) {
-    EXPECT_EQ(built(generateErrorJsonMsgForSDK(-5, "bad \"thing\"")), "{\"error_code\":-5,\"msg\":\"bad \\\"thing\\\"\"}");
+    EXPECT_EQ(built(generateErrorJsonMsgForSDK(-5, "bad \"thing\"")),
+              "{\"error_code\":-5,\"msg\":\"bad \\\"thing\\\"\"}");
     EXPECT_EQ(built(generateErrorJsonMsgForSDK(-5, nullptr)), "{\"error_code\":-5}");
     EXPECT_EQ(built(generateErrorJsonMsgForSDK(0, "")), "{\"error_code\":0,\"msg\":\"\"}");
     EXPECT_EQ(built(responseSuccessJsonMsg()), "{\"error_code\":0}");
-    EXPECT_EQ(built(responseErrorJsonMsg(-10100, "no table")), "{\"error_code\":-10100,\"msg\":\"no table\"}");
+    EXPECT_EQ(built(responseErrorJsonMsg(-10100, "no table")),
+              "{\"error_code\":-10100,\"msg\":\"no table\"}");
     EXPECT_EQ(built(responseErrorJsonMsg(-1, nullptr)), "{\"error_code\":-1}");
     EXPECT_TRUE(log.messages().empty());
 }
@@ -159,8 +163,10 @@ TEST_F(JsonHelpers, ErrorMessageWithIdKeepsSevenCharacters) {
 }
 
 TEST_F(JsonHelpers, FormattedResponseWrapsParsedValue) {
-    EXPECT_EQ(built(buildFormatedResponseForSDK("[1, \"two\", {}]")), "{\"result\":[1,\"two\",{}],\"error_code\":0}");
-    EXPECT_EQ(built(buildFormatedResponseForSDK("{\"a\": {\"b\": 1}}")), "{\"result\":{\"a\":{\"b\":1}},\"error_code\":0}");
+    EXPECT_EQ(built(buildFormatedResponseForSDK("[1, \"two\", {}]")),
+              "{\"result\":[1,\"two\",{}],\"error_code\":0}");
+    EXPECT_EQ(built(buildFormatedResponseForSDK("{\"a\": {\"b\": 1}}")),
+              "{\"result\":{\"a\":{\"b\":1}},\"error_code\":0}");
     EXPECT_EQ(built(buildFormatedResponseForSDK("\"text\"")), "{\"result\":\"text\",\"error_code\":0}");
     EXPECT_TRUE(log.messages().empty());
 

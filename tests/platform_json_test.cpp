@@ -35,7 +35,9 @@ using kep_test::writeText;
 
 namespace {
 
-std::string text(json_object *obj) { return obj ? json_object_to_json_string_ext(obj, JSON_C_TO_STRING_PLAIN) : "NULL"; }
+std::string text(json_object *obj) {
+    return obj ? json_object_to_json_string_ext(obj, JSON_C_TO_STRING_PLAIN) : "NULL";
+}
 
 std::string parsed(const char *in) {
     kep::JsonPtr obj(jsonObjectFromString(in));
@@ -63,7 +65,9 @@ private:
 
 // Holds an extra reference so a test can tell whether a call released the value:
 // dropping the last reference then frees it, and json_object_put says so.
-bool releasedOnce(json_object *heldTwice) { return json_object_put(heldTwice) == 1; }
+bool releasedOnce(json_object *heldTwice) {
+    return json_object_put(heldTwice) == 1;
+}
 
 }  // namespace
 
@@ -80,8 +84,8 @@ TEST(JsonText, ParsesWholeTextsOnly) {
     // A container cut short inside a comment is refused, not read as the value it was
     // in the middle of; so is a whole one followed by an unended line comment, which
     // json-c's file reader refuses too.
-    for (const char *cut :
-         {"{\"a\":1 //x", "[1,2 //x", "{\"a\":{\"b\":5}//x", "/*c*/{\"a\":1 /* x", "{\"a\":1} // end", "[1]//"}) {
+    for (const char *cut : {"{\"a\":1 //x", "[1,2 //x", "{\"a\":{\"b\":5}//x", "/*c*/{\"a\":1 /* x",
+                            "{\"a\":1} // end", "[1]//"}) {
         EXPECT_EQ(jsonObjectFromString(cut), nullptr) << cut;
     }
     EXPECT_EQ(parsed("/* c */ {\"a\":1}"), "{\"a\":1}");
@@ -97,15 +101,17 @@ TEST(JsonText, ParsesWholeTextsOnly) {
 TEST(JsonFile, FromFileRejectsMissingAndBrokenFiles) {
     TempDir dir;
     writeText(dir / "good.json", "{\"k\":\"v\"}\n");
-    for (const auto &f : {std::pair<const char *, std::string>{"broken.json", "{\"k\":"}, {"trailing.json", "{\"k\":1} {"},
-                          {"nul.json", std::string("{\"k\":1}\0{", 9)}, {"empty.json", ""},
+    for (const auto &f : {std::pair<const char *, std::string>{"broken.json", "{\"k\":"},
+                          {"trailing.json", "{\"k\":1} {"},
+                          {"nul.json", std::string("{\"k\":1}\0{", 9)},
+                          {"empty.json", ""},
                           {"cut.json", "{\"k\":{\"v\":5}//"}})
         writeText(dir / f.first, f.second);
     ASSERT_EQ(mkfifo((dir / "fifo.json").c_str(), 0600), 0);
     kep::JsonPtr good(jsonObjectFromFile((dir / "good.json").c_str()));
     EXPECT_EQ(text(good.get()), "{\"k\":\"v\"}");
-    for (const char *name :
-         {"missing.json", "broken.json", "trailing.json", "nul.json", "empty.json", "cut.json", "fifo.json"}) {
+    for (const char *name : {"missing.json", "broken.json", "trailing.json", "nul.json", "empty.json",
+                             "cut.json", "fifo.json"}) {
         EXPECT_EQ(jsonObjectFromFile((dir / name).c_str()), nullptr) << name;
     }
     EXPECT_EQ(jsonObjectFromFile(nullptr), nullptr);
@@ -143,8 +149,8 @@ TEST(JsonFile, StoreReplacesWholeFilesAndKeepsTheOldOneOnFailure) {
         signal(SIGXFSZ, SIG_IGN);
         struct rlimit lim = {4, 4};
         setrlimit(RLIMIT_FSIZE, &lim);
-        const bool refused =
-            jsonObjectToFile(path.c_str(), obj.get()) != 0 && jsonObjectToFileMem(path.c_str(), obj.get()) != 0;
+        const bool refused = jsonObjectToFile(path.c_str(), obj.get()) != 0 &&
+                             jsonObjectToFileMem(path.c_str(), obj.get()) != 0;
         // _exit skips the destructors: the child releases its copies itself, so that a
         // leak check of the child does not depend on where the pointers were left.
         obj.reset();
@@ -267,7 +273,8 @@ TEST(JsonFile, SettingsFromTheEnvironment) {
     std::string name = std::to_string(group);
     struct group entry, *found = nullptr;
     char buf[4096];
-    if (getgrgid_r(static_cast<gid_t>(group), &entry, buf, sizeof buf, &found) == 0 && found) name = found->gr_name;
+    if (getgrgid_r(static_cast<gid_t>(group), &entry, buf, sizeof buf, &found) == 0 && found)
+        name = found->gr_name;
     TempDir dir;
     pid_t child = fork();
     if (child == 0) {
@@ -293,7 +300,8 @@ TEST(JsonFile, SettingsFromTheEnvironment) {
     }
     int status = -1;
     ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the run with the settings failed (" << status << ")";
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+        << "the run with the settings failed (" << status << ")";
 }
 
 // Stores cut short (a killed writer, a power cut) leave their temporary files; the
@@ -314,9 +322,16 @@ TEST(JsonFile, StoreRemovesTheTemporaryFilesOfStoresCutShort) {
 
     // The temporary file of the path and ones named for a second store at the same
     // time, all cut short; files that only look alike.
-    for (const char *left : {"cfg.json.tmp", "cfg.json.tmpAb12Cd", "cfg.json.tmpZZZZZZ"}) writeText(dir / left, "{\"cut");
-    std::vector<std::string> kept = {"cfg.json.tmpAb12C", "cfg.json.tmpAb12Cde", "cfg.json.tmp-b12Cd", "cfg.jso.tmp",
-                                     "cfg.jso.tmpAb12Cd", "other.json.tmp",      "cfg.json.unreadable-20261124T101530Z", "target.json"};
+    for (const char *left : {"cfg.json.tmp", "cfg.json.tmpAb12Cd", "cfg.json.tmpZZZZZZ"})
+        writeText(dir / left, "{\"cut");
+    std::vector<std::string> kept = {"cfg.json.tmpAb12C",
+                                     "cfg.json.tmpAb12Cde",
+                                     "cfg.json.tmp-b12Cd",
+                                     "cfg.jso.tmp",
+                                     "cfg.jso.tmpAb12Cd",
+                                     "other.json.tmp",
+                                     "cfg.json.unreadable-20261124T101530Z",
+                                     "target.json"};
     for (const std::string &name : kept) writeText(dir / name, "x");
     ASSERT_EQ(mkdir((dir / "cfg.json.tmpFolder").c_str(), 0700), 0);
     ASSERT_EQ(symlink((dir / "target.json").c_str(), (dir / "cfg.json.tmpLinked").c_str()), 0);
@@ -412,7 +427,12 @@ TEST(JsonMatch, AgreesWithReadingTheTextBack) {
         R"({"mac":"a\/b\"c\\d\n\u0001\t","on":true,"off":false,"none":null}],"ratio":1.5,)"
         R"("big":18446744073709551615,"top":9223372036854775807,"neg":-9223372036854775808,)"
         R"("exp":1e-7,"whole":2.0,"inf":-Infinity,"empty":{},"none":[],"u":"\u00e9t\u00e9"})",
-        "[1,[2,[3,{}]],\"\"]", "\"x\"", "0", "-1.25", "true", "null",
+        "[1,[2,[3,{}]],\"\"]",
+        "\"x\"",
+        "0",
+        "-1.25",
+        "true",
+        "null",
         // Doubles keep the text they were read from, inside JSON's grammar or not.
         "[-0.0,1.,01.5,1E2,-0.5e-3,Infinity]",
     };
@@ -439,7 +459,7 @@ TEST(JsonMatch, AgreesWithReadingTheTextBack) {
 
     kep::JsonPtr one(json_object_new_int(1));
     EXPECT_FALSE(matches("1 x", one.get()));
-    EXPECT_FALSE(matches("1.0", one.get()));  // reads back as a double
+    EXPECT_FALSE(matches("1.0", one.get()));                    // reads back as a double
     EXPECT_FALSE(kep_pf::jsonTextMatches("12", 1, one.get()));  // not terminated where it ends
     // json-c writes and reads a NaN as "NaN"; json_object_equal finds it unequal to
     // itself, which must not make a value unstorable.

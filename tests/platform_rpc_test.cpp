@@ -2,6 +2,7 @@
 // process calls them.
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
@@ -9,7 +10,6 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
-#include <poll.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -153,7 +153,8 @@ TEST(ImiRemote, DeadCalleeFailsAtOnce) {
     EXPECT_EQ(qxImiExecute(999999999, "cb", 0, 0, set.get()), QXRPC_ERR_NO_PEER);
     EXPECT_EQ(qxImiExecute(0, "cb", 0, 0, set.get()), QXRPC_ERR_NO_PEER);
     EXPECT_LT(msSince(start), 200);
-    EXPECT_NE(stat(kep_test::imiSocketPath(pid).c_str(), &st), 0) << "the caller removes a dead process's socket";
+    EXPECT_NE(stat(kep_test::imiSocketPath(pid).c_str(), &st), 0)
+        << "the caller removes a dead process's socket";
 
     // A clean stop takes the file away.
     OwnerProcess stopped({{"cb", kep_test::answer(0)}});
@@ -167,7 +168,8 @@ TEST(ImiRemote, BadArgumentsAndLimits) {
     // Under valgrind moving 16 MiB takes longer than the default time-out, on both sides
     // (the owner is forked with this one), which is not what this checks.
     TimeoutGuard patient(60000);
-    OwnerProcess owner({{"len", [](QxRpcPara *set) {
+    OwnerProcess owner({{"len",
+                         [](QxRpcPara *set) {
                              char *text = nullptr;
                              qxrpcGetStringPtr(set, "text", &text);
                              return qxrpcAddInt(set, "length", text ? static_cast<int>(strlen(text)) : -1);
@@ -193,7 +195,8 @@ TEST(ImiRemote, BadArgumentsAndLimits) {
     EXPECT_EQ(qxImiExecute(owner.pid(), "len", 0, 0, tooBig.get()), QXRPC_ERR_ARG);
     kep::RpcPara tooMuch;
     big.resize(12u << 20);
-    for (const char *name : {"text", "b", "c"}) ASSERT_EQ(qxrpcAddStringPtr(tooMuch.get(), name, big.c_str()), 0);
+    for (const char *name : {"text", "b", "c"})
+        ASSERT_EQ(qxrpcAddStringPtr(tooMuch.get(), name, big.c_str()), 0);
     EXPECT_EQ(qxImiExecute(owner.pid(), "len", 0, 0, tooMuch.get()), QXRPC_ERR_ARG);
     EXPECT_EQ(owner.calls().size(), 1u);
 
@@ -212,16 +215,34 @@ TEST(ImiRemote, GarbageAndSilentClientsDoNotStopTheServer) {
     const std::string none(8, '\0');  // a request's deadline: none
     const std::vector<std::string> garbage = {
         "GET / HTTP/1.0\r\n\r\n",
-        std::string("KIM1\0\0\0\x04\x01\x02" "cb", 10),                   // an older peer's frame
-        std::string("KIM2\xff\xff\xff\xff", 8),                             // absurd length
-        std::string("KIM2\0\0\0\x0d\x01", 9) + none,                        // truncated body
-        std::string("KIM2\0\0\0\x0c\x01", 9) + none + "\x02" "cb",          // no member count
-        std::string("KIM2\0\0\0\x12\x01", 9) + none + "\x02" "cb\x10\x01\x01" "a\0\0",  // count beyond the members
-        std::string("KIM2\0\0\0\x10\x01", 9) + none + "\x06" "echoCb" + std::string("\x11", 1),
-        std::string("KIM2\0\0\0\x14\x01", 9) + none + std::string("\x06" "echoCb\x01\x01\x00", 10) +
+        std::string("KIM1\0\0\0\x04\x01\x02"
+                    "cb",
+                    10),                              // an older peer's frame
+        std::string("KIM2\xff\xff\xff\xff", 8),       // absurd length
+        std::string("KIM2\0\0\0\x0d\x01", 9) + none,  // truncated body
+        std::string("KIM2\0\0\0\x0c\x01", 9) + none +
+            "\x02"
+            "cb",  // no member count
+        std::string("KIM2\0\0\0\x12\x01", 9) + none +
+            "\x02"
+            "cb\x10\x01\x01"
+            "a\0\0",  // count beyond the members
+        std::string("KIM2\0\0\0\x10\x01", 9) + none +
+            "\x06"
+            "echoCb" +
+            std::string("\x11", 1),
+        std::string("KIM2\0\0\0\x14\x01", 9) + none +
+            std::string("\x06"
+                        "echoCb\x01\x01\x00",
+                        10) +
             std::string(1, '\xff'),
-        std::string("KIM2\0\0\0\x18\x01", 9) + none + "\x06" "echoCb\x01\x01\x01" "a\x7f\xff\xff\xff",
-        std::string("KIM2\0\0\0\x11\x01\x7f\xff\xff\xff\xff\xff\xff\xff\x06" "echoCb\x00", 25),  // deadline past any clock
+        std::string("KIM2\0\0\0\x18\x01", 9) + none +
+            "\x06"
+            "echoCb\x01\x01\x01"
+            "a\x7f\xff\xff\xff",
+        std::string("KIM2\0\0\0\x11\x01\x7f\xff\xff\xff\xff\xff\xff\xff\x06"
+                    "echoCb\x00",
+                    25),  // deadline past any clock
     };
     for (const std::string &g : garbage) {
         int fd = rawConnect(owner.pid());
@@ -250,7 +271,12 @@ TEST(ImiRemote, RequestArrivingInPiecesIsAnswered) {
     ASSERT_TRUE(owner.ready());
     // Member "a" = "x"; the header is split, the body follows a byte at a time.
     const std::string frame = std::string("KIM2\0\0\0\x19\x01", 9) + std::string(8, '\0') +
-                              std::string("\x06" "echoCb\x01\x01\x01" "a\0\0\0\x01" "x", 16);
+                              std::string(
+                                  "\x06"
+                                  "echoCb\x01\x01\x01"
+                                  "a\0\0\0\x01"
+                                  "x",
+                                  16);
     int fd = rawConnect(owner.pid());
     ASSERT_GE(fd, 0);
     std::vector<std::pair<size_t, size_t>> pieces = {{0, 5}, {5, 3}};
@@ -264,7 +290,8 @@ TEST(ImiRemote, RequestArrivingInPiecesIsAnswered) {
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     std::string reply;
     char buf[256];
-    for (ssize_t n; reply.find(R"({"a":"x"})") == std::string::npos && (n = recv(fd, buf, sizeof buf, 0)) > 0;) {
+    for (ssize_t n;
+         reply.find(R"({"a":"x"})") == std::string::npos && (n = recv(fd, buf, sizeof buf, 0)) > 0;) {
         reply.append(buf, static_cast<size_t>(n));
     }
     close(fd);
@@ -460,7 +487,8 @@ TEST(ImiLocal, RefusesAnUnsafeRuntimeFolder) {
         for (const std::string &dir : {link, open, foreign}) {
             if (dir == foreign && !root) continue;
             setenv("KEP_RUNTIME_DIR", dir.c_str(), 1);
-            if (qxImiRuntimeDir(named, sizeof named) != QXRPC_ERR_DIR || dir != named || qxImiListen() >= 0) bad++;
+            if (qxImiRuntimeDir(named, sizeof named) != QXRPC_ERR_DIR || dir != named || qxImiListen() >= 0)
+                bad++;
         }
         chmod(open.c_str(), 0700);
         setenv("KEP_RUNTIME_DIR", open.c_str(), 1);
@@ -482,7 +510,9 @@ namespace {
 // A raw connection that sends the start of a request and then stalls.
 int stalledClient(pid_t pid, size_t bytes) {
     int fd = rawConnect(pid);
-    const std::string start = std::string("KIM2\0\0\0\x64\x01", 9) + std::string(8, '\0') + "\x06" "echoCb";
+    const std::string start = std::string("KIM2\0\0\0\x64\x01", 9) + std::string(8, '\0') +
+                              "\x06"
+                              "echoCb";
     if (fd >= 0) send(fd, start.data(), bytes < start.size() ? bytes : start.size(), MSG_NOSIGNAL);
     return fd;
 }
@@ -585,7 +615,9 @@ TEST(ImiServe, HandlersSeeTheCallersCredentials) {
     QxImiCaller outside;
     EXPECT_EQ(qxImiCaller(&outside), -1);
     static auto selfWho = who;
-    ASSERT_EQ(qxImiRegister("selfWho", [](QxRpcPara *s, void *) { return selfWho(s); }, nullptr), 0);
+    ASSERT_EQ(qxImiRegister(
+                  "selfWho", [](QxRpcPara *s, void *) { return selfWho(s); }, nullptr),
+              0);
     kep::RpcPara self;
     ASSERT_EQ(qxImiExecute(getpid(), "selfWho", 0, 0, self.get()), 0);
     EXPECT_EQ(getText(self.get(), "result"), me);
@@ -613,7 +645,10 @@ TEST(ImiServe, RequestsOfCallersThatGaveUpAreNotRun) {
     const uint64_t past = static_cast<uint64_t>(monotonicMs() - 1);
     std::string body = "\x01";
     for (int shift = 56; shift >= 0; shift -= 8) body += static_cast<char>(past >> shift);
-    body += std::string("\x06" "echoCb\x00", 8);
+    body += std::string(
+        "\x06"
+        "echoCb\x00",
+        8);
     const std::string frame = std::string("KIM2\0\0\0", 7) + static_cast<char>(body.size()) + body;
     ASSERT_EQ(send(fd, frame.data(), frame.size(), MSG_NOSIGNAL), static_cast<ssize_t>(frame.size()));
     EXPECT_TRUE(closedByPeer(fd, 3000));

@@ -49,7 +49,8 @@ int okWithObject(json_object *request, json_object **response) {
     noteCall(request);
     json_object *id = nullptr;
     *response = json_tokener_parse(R"({"data":"rows"})");
-    if (json_object_object_get_ex(request, "id", &id)) json_object_object_add(*response, "id", json_object_get(id));
+    if (json_object_object_get_ex(request, "id", &id))
+        json_object_object_add(*response, "id", json_object_get(id));
     json_object_object_add(*response, "error_code", json_object_new_int(0));
     return 0;
 }
@@ -126,7 +127,8 @@ TEST_F(Request, ArgumentsThatAreNoRequest) {
 TEST_F(Request, HandlerResponseShapes) {
     install(kGet, okWithoutObject);
     EXPECT_EQ(handle("{\"method\":\"get\",\"m\":{\"table\":\"t\"}}").text, "{\"error_code\":0}");
-    EXPECT_EQ(gTrace.request, "{\"method\":\"get\",\"m\":{\"table\":\"t\"}}") << "the whole request, method included";
+    EXPECT_EQ(gTrace.request, "{\"method\":\"get\",\"m\":{\"table\":\"t\"}}")
+        << "the whole request, method included";
 
     install(kGet, okWithObject);
     Answer a = handle("{\"method\":\"get\",\"id\":3}");
@@ -223,16 +225,11 @@ TEST_F(Request, LogLinesOfOneDispatch) {
     install(kGet, okWithObject);
     handle("{\"method\":\"add\"}");
     expected = {
-        "methodMsgHandlerNum:6\n\r\n",
-        "method_buffer is \"get\"\r\n",
-        "method is \"add\"\r\n",
-        "methodMsgHandlerNum:6 method:\"get\" remoteMethod:\"add\"\n\r\n",
-        "methodMsgHandlerNum:6\n\r\n",
-        "methodMsgHandlerNum:6\n\r\n",
-        "methodMsgHandlerNum:6\n\r\n",
-        "methodMsgHandlerNum:6\n\r\n",
-        "methodMsgHandlerNum:6\n\r\n",
-        "errorCode:-7000\n\r\n",
+        "methodMsgHandlerNum:6\n\r\n",   "method_buffer is \"get\"\r\n",
+        "method is \"add\"\r\n",         "methodMsgHandlerNum:6 method:\"get\" remoteMethod:\"add\"\n\r\n",
+        "methodMsgHandlerNum:6\n\r\n",   "methodMsgHandlerNum:6\n\r\n",
+        "methodMsgHandlerNum:6\n\r\n",   "methodMsgHandlerNum:6\n\r\n",
+        "methodMsgHandlerNum:6\n\r\n",   "errorCode:-7000\n\r\n",
         "unsupport method failed\n\r\n",
     };
     EXPECT_EQ(log.messages(), expected);
@@ -248,11 +245,21 @@ TEST_F(Request, RequestTextsAndTheirAnswers) {
         std::string request;
         std::string answer;  // "": rejected with -10100
     } cases[] = {
-        {"", ""}, {"   ", ""}, {"get", ""}, {"null", ""}, {"{\"method\":\"get\"} {}", ""},
+        {"", ""},
+        {"   ", ""},
+        {"get", ""},
+        {"null", ""},
+        {"{\"method\":\"get\"} {}", ""},
         // Only the exact name, as a string member of an object, matches.
-        {"{\"method\":\"GET\"}", none}, {"{\"method\":\"ge\"}", none}, {"{\"method\":\"get \"}", none},
-        {"{\"method\":\"\"}", none}, {"{\"method\":1}", none}, {"{\"method\":[\"get\"]}", none},
-        {"{\"method\":null}", none}, {"{\"method\":{\"get\":1}}", none}, {"[\"method\",\"get\"]", none},
+        {"{\"method\":\"GET\"}", none},
+        {"{\"method\":\"ge\"}", none},
+        {"{\"method\":\"get \"}", none},
+        {"{\"method\":\"\"}", none},
+        {"{\"method\":1}", none},
+        {"{\"method\":[\"get\"]}", none},
+        {"{\"method\":null}", none},
+        {"{\"method\":{\"get\":1}}", none},
+        {"[\"method\",\"get\"]", none},
         {"\"get\"", none},
         {"{\"method\":\"get\",\"pad\":\"" + std::string(1 << 20, 'a') + "\"}", ok},
         {std::string(1 << 20, '{'), ""},
@@ -324,8 +331,8 @@ TEST_F(Request, ErrorText) {
 // Allocation failure of the response builders (the request entry as a whole is swept
 // by the allocation sweep): each run must give back all it took but its text. (The
 // text itself is not judged after an injected failure: json-c's serialiser may drop
-// pieces when its buffer cannot grow.) Sanitizer builds bring their own allocator, so the interposer below exists only in
-// plain builds.
+// pieces when its buffer cannot grow.) Sanitizer builds bring their own allocator, so the interposer below
+// exists only in plain builds.
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
 #define KEP_OWN_ALLOCATOR 1
@@ -421,7 +428,8 @@ TEST_F(RequestOutOfMemory, BuildersGiveTheTextOrNull) {
         std::function<char *()> build;
         std::string text;
     } cases[] = {
-        {[] { return generateErrorJsonMsg(-3, "bad", 77); }, "{\"id\":\"77\",\"error_code\":-3,\"msg\":\"bad\"}"},
+        {[] { return generateErrorJsonMsg(-3, "bad", 77); },
+         "{\"id\":\"77\",\"error_code\":-3,\"msg\":\"bad\"}"},
         {[] { return generateErrorJsonMsgForSDK(-3, "bad"); }, "{\"error_code\":-3,\"msg\":\"bad\"}"},
         {[] { return buildFormatedResponseForSDK("[1,[true],\"x\"]"); },
          "{\"result\":[1,[true],\"x\"],\"error_code\":0}"},
@@ -432,13 +440,12 @@ TEST_F(RequestOutOfMemory, BuildersGiveTheTextOrNull) {
          "{\"error_code\":-7004}"},
     };
     for (const Case &c : cases) {
-        withEachAllocationFailing(
-            [&](char **t) { return *t = c.build(), 0; },
-            [&](int, const char *text, bool injected) {
-                if (!injected) {
-                    EXPECT_EQ(canonicalJson(text), c.text);
-                }
-            });
+        withEachAllocationFailing([&](char **t) { return *t = c.build(), 0; },
+                                  [&](int, const char *text, bool injected) {
+                                      if (!injected) {
+                                          EXPECT_EQ(canonicalJson(text), c.text);
+                                      }
+                                  });
     }
 }
 #endif

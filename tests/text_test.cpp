@@ -167,7 +167,8 @@ TEST_F(Text, Utf8TruncateNeverSplitsACharacter) {
     EXPECT_EQ(cut(ab_e, 100), std::make_pair(4u, ab_e));
     EXPECT_EQ(cut("abc", 0), std::make_pair(0u, std::string()));
     const std::string smile = "x\xf0\x9f\x98\x80y";
-    for (unsigned max = 1; max <= 4; max++) EXPECT_EQ(cut(smile, max), std::make_pair(1u, std::string("x"))) << max;
+    for (unsigned max = 1; max <= 4; max++)
+        EXPECT_EQ(cut(smile, max), std::make_pair(1u, std::string("x"))) << max;
     EXPECT_EQ(cut(smile, 5), std::make_pair(5u, std::string("x\xf0\x9f\x98\x80")));
     EXPECT_EQ(utf8Truncate(nullptr, 3), 0u);
 }
@@ -196,7 +197,10 @@ TEST_F(Text, Utf8TruncateOfInvalidSequencesCutsAtMax) {
     EXPECT_EQ(log.messages(), (Messages{"Max bytes 4\r\n\r\n", "char 80\r\n\r\n", "char 80\r\n\r\n",
                                         "char FE\r\n\r\n", "Invalid code FE\r\n\r\n", "Len 4\r\n\r\n"}));
     EXPECT_EQ(cut("ab\xff", 2), std::make_pair(2u, std::string("ab")));
-    EXPECT_EQ(cut("\xff" "ab", 0), std::make_pair(0u, std::string()));
+    EXPECT_EQ(cut("\xff"
+                  "ab",
+                  0),
+              std::make_pair(0u, std::string()));
 
     // No lead byte before the start of the text: cut at max as well.
     EXPECT_EQ(cut("\x80\x80\x80z", 2), std::make_pair(2u, std::string("\x80\x80")));

@@ -23,7 +23,9 @@ XmlDoc parse(const std::string &text, int keepAll = 1) {
     return XmlDoc(strXmlParse(text.c_str(), keepAll));
 }
 
-std::string rep(char c, size_t n) { return std::string(n, c); }
+std::string rep(char c, size_t n) {
+    return std::string(n, c);
+}
 
 std::vector<std::string> childNames(const XmlNode *n) {
     std::vector<std::string> out;
@@ -160,20 +162,52 @@ TEST(XmlParse, RejectedInputs) {
         std::string in;
         int keepAll = 1;
     } cases[] = {
-        {"<a>" + rep('t', 64) + "</a>"}, {"<" + rep('n', 64) + "/>"},
-        {"<a " + rep('k', 64) + "='v'/>"}, {"<a k='" + rep('v', 64) + "'/>"},
-        {"<a k=" + rep('v', 64) + "/>"}, {"<!--" + rep('c', 59) + "--><a/>"},
-        {"<a><![CDATA[" + rep('d', 62) + "]]></a>"}, {"<?" + rep('p', 62) + "?><a/>"},
+        {"<a>" + rep('t', 64) + "</a>"},
+        {"<" + rep('n', 64) + "/>"},
+        {"<a " + rep('k', 64) + "='v'/>"},
+        {"<a k='" + rep('v', 64) + "'/>"},
+        {"<a k=" + rep('v', 64) + "/>"},
+        {"<!--" + rep('c', 59) + "--><a/>"},
+        {"<a><![CDATA[" + rep('d', 62) + "]]></a>"},
+        {"<?" + rep('p', 62) + "?><a/>"},
         {"<a>&amp" + rep('z', 29) + ";</a>"},
         {"<" + rep('n', 32) + "></" + rep('n', 32) + ">"},  // a cut name misses its closing tag
-        {"<a>&unknown;</a>"}, {"<a>&;</a>"}, {"<a>&amp</a>"}, {"<a>&am p;</a>"}, {"<a>&amp"},
-        {"<a k='&bogus;'/>"}, {"<a><![CDATA[x]]</a>"}, {"<a/><!-- open"}, {"<a/><?pi"},
-        {"<a/><!DOCTYPE"}, {"<a></ab>"}, {"<a></b>"}, {"</a>"}, {"<a></a></a>"}, {"<a></a"},
-        {""}, {"just text"}, {"<a/><b/>"}, {"<a></a><b></b>"}, {"<a><b></b>"}, {"<a><b>"},
-        {"<a"}, {"<a><<b/></a>"}, {"< a/>"}, {"<a x/>"}, {"<a x y='1'/>"}, {"<a x='1/>"},
-        {"<a x='1' <b/>"}, {"<a x='1' / >"}, {"<a/ >"}, {"<a x=1"}, {"<a x="},
+        {"<a>&unknown;</a>"},
+        {"<a>&;</a>"},
+        {"<a>&amp</a>"},
+        {"<a>&am p;</a>"},
+        {"<a>&amp"},
+        {"<a k='&bogus;'/>"},
+        {"<a><![CDATA[x]]</a>"},
+        {"<a/><!-- open"},
+        {"<a/><?pi"},
+        {"<a/><!DOCTYPE"},
+        {"<a></ab>"},
+        {"<a></b>"},
+        {"</a>"},
+        {"<a></a></a>"},
+        {"<a></a"},
+        {""},
+        {"just text"},
+        {"<a/><b/>"},
+        {"<a></a><b></b>"},
+        {"<a><b></b>"},
+        {"<a><b>"},
+        {"<a"},
+        {"<a><<b/></a>"},
+        {"< a/>"},
+        {"<a x/>"},
+        {"<a x y='1'/>"},
+        {"<a x='1/>"},
+        {"<a x='1' <b/>"},
+        {"<a x='1' / >"},
+        {"<a/ >"},
+        {"<a x=1"},
+        {"<a x="},
         // An empty skipped element has no later occurrence of its name to stop at.
-        {"<root><icon/><device/></root>", 0}, {"<root><foo>", 0}, {"<foo/>", 0},
+        {"<root><icon/><device/></root>", 0},
+        {"<root><foo>", 0},
+        {"<foo/>", 0},
         {"<root/><foo></foo>", 0},
     };
     for (const Case &c : cases) EXPECT_FALSE(parse(c.in, c.keepAll)) << c.in;
@@ -370,7 +404,9 @@ TEST(XmlPool, LargeBlocksAreFaultedInAChunkAheadOfUse) {
 // parse failing in turn, leaks included, is the allocation sweep's.)
 int gAllocs;
 int gFailAt;
-void *failingAlloc(size_t size) { return ++gAllocs == gFailAt ? nullptr : malloc(size); }
+void *failingAlloc(size_t size) {
+    return ++gAllocs == gFailAt ? nullptr : malloc(size);
+}
 
 class XmlAllocFault : public ::testing::Test {
 protected:
@@ -556,7 +592,7 @@ TEST(XmlEncode, EscapesWithExactRoom) {
         const char *in;
         int len, room, ret;
         const char *out;  // null: left as it was
-        int logged;  // -1: not checked
+        int logged;       // -1: not checked
     } cases[] = {
         {"a<b", 3, 7, 0, "a&lt;b", 0},
         {"a<b", 3, 6, -1, nullptr, 1},

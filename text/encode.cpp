@@ -10,7 +10,9 @@ namespace {
 const char kHexDigits[] = "0123456789ABCDEF";
 
 // "%XX" needs three bytes and still leaves room for the terminator.
-inline bool escapeFits(unsigned w, unsigned size) { return size - w > 3; }
+inline bool escapeFits(unsigned w, unsigned size) {
+    return size - w > 3;
+}
 
 inline void putEscape(char *out, unsigned &w, unsigned char b) {
     out[w++] = '%';

@@ -9,7 +9,9 @@ namespace {
 
 constexpr int kMaxContinuation = 6;
 
-inline bool isContinuation(unsigned char b) { return (b & 0xC0) == 0x80; }
+inline bool isContinuation(unsigned char b) {
+    return (b & 0xC0) == 0x80;
+}
 
 }  // namespace
 

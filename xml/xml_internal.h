@@ -47,8 +47,7 @@ struct XmlParseCtx {
     int keepAll;  // 0: only the elements of the device-description name table
     XmlNode *(*onStartElement)(XmlNode *parent, const char *name, XmlParseCtx *ctx);
     void (*onText)(XmlNode *element, const char *text);
-    XmlAttr *(*onAttribute)(XmlNode *element, const char *name, const char *value,
-                            XmlParseCtx *ctx);
+    XmlAttr *(*onAttribute)(XmlNode *element, const char *name, const char *value, XmlParseCtx *ctx);
 };
 
 constexpr int kXmlPoolSizes[] = {100, 250, 400, 550, 700, 850};
@@ -82,8 +81,7 @@ XmlNode *mxmlParseStartElt(XmlNode *parent, const char *name, XmlParseCtx *ctx);
 
 // An attribute (name cut to 15, value to 31 characters) pushed at the head of
 // element's list; null for null arguments or an empty pool.
-XmlAttr *mxmlAddAttrib(XmlNode *element, const char *name, const char *value,
-                       XmlParseCtx *ctx);
+XmlAttr *mxmlAddAttrib(XmlNode *element, const char *name, const char *value, XmlParseCtx *ctx);
 
 // Replaces a blank value by text, else appends to it; the value is cut at 63.
 void xmlNodeAppendText(XmlNode *element, const char *text);

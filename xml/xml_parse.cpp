@@ -24,21 +24,24 @@ namespace {
 using kep::XmlParseCtx;
 
 constexpr int kEof = -1;
-constexpr int kNoEnd = -2;        // a tag name that stopped after a marker, not at a delimiter
-constexpr int kBufSize = 64;      // working buffer: 63 characters and the zero
+constexpr int kNoEnd = -2;    // a tag name that stopped after a marker, not at a delimiter
+constexpr int kBufSize = 64;  // working buffer: 63 characters and the zero
 constexpr int kEntityNameMax = 31;
 constexpr size_t kElementKeyLen = 8;
 constexpr unsigned long kInputResetRequest = 7;  // sent before each attempt; no effect on ordinary files
 
 // Element names kept when keepAll is 0: those of a device description.
 constexpr const char *kDeviceElements[] = {
-    "root",        "URLBase",   "device",     "deviceList",  "deviceType",
-    "presentationURL", "serviceList", "service", "serviceType", "serviceId",
-    "controlURL",  "eventSubURL", "SCPDURL",
+    "root",    "URLBase",     "device",    "deviceList", "deviceType",  "presentationURL", "serviceList",
+    "service", "serviceType", "serviceId", "controlURL", "eventSubURL", "SCPDURL",
 };
 
-bool isSpace(int c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
-bool isQuote(int c) { return c == '"' || c == '\''; }
+bool isSpace(int c) {
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+}
+bool isQuote(int c) {
+    return c == '"' || c == '\'';
+}
 
 bool isDeviceElement(const char *name) {
     for (const char *known : kDeviceElements) {
@@ -147,13 +150,15 @@ bool allocPool(kep::XmlMemPool &pool, int n, int room, bool logFailure) {
     const size_t nodeBytes = static_cast<size_t>(room) * sizeof(XmlNode);
     auto *nodes = static_cast<XmlNode *>(kep::xmlAlloc(nodeBytes));
     if (!nodes) {
-        if (logFailure) KEP_LOG("xmlMemPoolInit malloc element mem size %d failed.\r\n", static_cast<int>(nodeBytes));
+        if (logFailure)
+            KEP_LOG("xmlMemPoolInit malloc element mem size %d failed.\r\n", static_cast<int>(nodeBytes));
         return false;
     }
     const size_t attrBytes = static_cast<size_t>(room) * kep::kXmlAttrsPerNode * sizeof(XmlAttr);
     auto *attrs = static_cast<XmlAttr *>(kep::xmlAlloc(attrBytes));
     if (!attrs) {
-        if (logFailure) KEP_LOG("xmlMemPoolInit malloc attribute mem size %d failed.\r\n", static_cast<int>(attrBytes));
+        if (logFailure)
+            KEP_LOG("xmlMemPoolInit malloc attribute mem size %d failed.\r\n", static_cast<int>(attrBytes));
         free(nodes);
         return false;
     }
@@ -552,8 +557,7 @@ XmlNode **parseDocument(const char *text, int fd, int keepAll, bool *allFailed) 
 }
 
 XmlParseCtx *contextOf(XmlNode **doc) {
-    return reinterpret_cast<XmlParseCtx *>(reinterpret_cast<char *>(doc) -
-                                           offsetof(XmlParseCtx, top));
+    return reinterpret_cast<XmlParseCtx *>(reinterpret_cast<char *>(doc) - offsetof(XmlParseCtx, top));
 }
 
 }  // namespace
@@ -632,8 +636,8 @@ int xmlReadEntity(XmlParseCtx *ctx) {
     for (;;) {
         const int c = ctx->readChar(ctx->input);
         if (c == ';') break;
-        const bool nameChar = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
-                              (c >= '0' && c <= '9') || c == '#';
+        const bool nameChar =
+            (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '#';
         if (!nameChar || len == kEntityNameMax) return -1;
         name[len++] = static_cast<char>(c);
     }

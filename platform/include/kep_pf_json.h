@@ -17,9 +17,9 @@ extern "C" {
 /* A position while walking an object's members (json-c's hash entry). */
 typedef struct lh_entry JsonObjCursor;
 
-json_object *jsonObjectNewObject(void);          /* NULL when memory is exhausted */
+json_object *jsonObjectNewObject(void); /* NULL when memory is exhausted */
 json_object *jsonObjectNewArray(void);
-json_object *jsonObjectFromString(const char *text);   /* new value, or NULL for null/non-JSON text */
+json_object *jsonObjectFromString(const char *text); /* new value, or NULL for null/non-JSON text */
 /* NULL for a missing or unparsable file, and for one larger than the file limit. */
 json_object *jsonObjectFromFile(const char *path);
 /*
@@ -56,7 +56,7 @@ int jsonObjectSetFileGroup(int gid);
  * when json-c, short of memory, wrote a text that does not match the object). */
 int jsonObjectToMallocString(json_object *obj, char **text);
 
-json_object *jsonObjectObjectGet(json_object *obj, const char *key);  /* borrowed, or NULL */
+json_object *jsonObjectObjectGet(json_object *obj, const char *key); /* borrowed, or NULL */
 /* The container takes value (which may be NULL for a JSON null); on failure value is released. */
 int jsonObjectObjectAdd(json_object *obj, const char *key, json_object *value);
 /* Removes and releases the member; nonzero when there is none. */
@@ -76,7 +76,7 @@ json_object *jsonObjectCursorValue(JsonObjCursor *cursor);
 int jsonObjectAddInt(json_object *obj, const char *key, int value);
 /* Adds an integer member given as decimal text; nonzero when the text is no integer. */
 int jsonObjectAddIntByStr(json_object *obj, const char *key, const char *text);
-int jsonObjectAddString(json_object *obj, const char *key, const char *text);   /* text copied */
+int jsonObjectAddString(json_object *obj, const char *key, const char *text); /* text copied */
 
 /* The member's text (JSON text for a value that is not a string), or NULL when absent. */
 const char *jsonObjectGetString(json_object *obj, const char *key);
@@ -100,8 +100,8 @@ int jsonObectIsString(json_object *value);
 int jsonObjectArrayAdd(json_object *array, json_object *value);
 /* Removes (and releases) that element of the array; nonzero when it is not there. */
 int jsonObjectArrayDel(json_object *array, json_object *element);
-json_object *jsonObjectArrayGetIdx(json_object *array, unsigned int index);  /* borrowed, or NULL */
-int jsonObjectArrayLength(json_object *array);   /* 0 for a value that is not an array */
+json_object *jsonObjectArrayGetIdx(json_object *array, unsigned int index); /* borrowed, or NULL */
+int jsonObjectArrayLength(json_object *array); /* 0 for a value that is not an array */
 
 #ifdef __cplusplus
 }

@@ -39,7 +39,7 @@ enum { QXRPC_NAME_MAX = 32, QXRPC_MAX_MEMBERS = 16 };
 
 /* Nonzero results of the RPC calls. */
 enum {
-    QXRPC_ERR_ARG = -20001,        /* null or malformed argument */
+    QXRPC_ERR_ARG = -20001, /* null or malformed argument */
     QXRPC_ERR_NOMEM = -20002,
     QXRPC_ERR_FULL = -20003,       /* the set holds QXRPC_MAX_MEMBERS already */
     QXRPC_ERR_ABSENT = -20004,     /* no member of that name or type */
@@ -58,7 +58,7 @@ typedef struct QxRpcMember {
     char name[QXRPC_NAME_MAX];
     int isString;
     int value;
-    char *text;   /* owned by the set */
+    char *text; /* owned by the set */
 } QxRpcMember;
 
 typedef struct QxRpcPara {
@@ -113,12 +113,11 @@ void qxImiSetPeerCheck(QxImiPeerCheck check, void *user);
 /*
  * The runtime folder that holds the sockets (and the host's pid file): the
  * environment variable KEP_RUNTIME_DIR; else /run/kep for root, $XDG_RUNTIME_DIR/kep
- * for other users, and /tmp/kep-<uid> only when neither exists. A missing folder is created (0700; 0755 for /run/kep, so
- * that users the host admits can reach its socket). The folder must be a real
- * folder (not a link), owned by this user or root, and not writable by others unless
- * it is root's and sticky; anything else is refused, never followed or repaired.
- * Fills path with the folder's name (also on failure, so a message can name it);
- * returns 0, QXRPC_ERR_DIR or QXRPC_ERR_ARG (size too small).
+ * for other users, and /tmp/kep-<uid> only when neither exists. A missing folder is created (0700; 0755 for
+ * /run/kep, so that users the host admits can reach its socket). The folder must be a real folder (not a
+ * link), owned by this user or root, and not writable by others unless it is root's and sticky; anything else
+ * is refused, never followed or repaired. Fills path with the folder's name (also on failure, so a message
+ * can name it); returns 0, QXRPC_ERR_DIR or QXRPC_ERR_ARG (size too small).
  */
 int qxImiRuntimeDir(char *path, size_t size);
 

@@ -104,11 +104,16 @@ PF_API void debugPrintf(int mid, const char *format, ...) {
 
 PF_API const char *midNameGet(int mid) {
     switch (mid) {
-        case 110: return "kepJson";
-        case 111: return "kepHandle";
-        case 112: return "imi";
-        case 113: return "jsonStore";
-        default: return "unknown";
+        case 110:
+            return "kepJson";
+        case 111:
+            return "kepHandle";
+        case 112:
+            return "imi";
+        case 113:
+            return "jsonStore";
+        default:
+            return "unknown";
     }
 }
 
@@ -127,4 +132,6 @@ PF_API const char *pidNameGet(int pid) {
     return name;
 }
 
-PF_API int pidGetCurrent(void) { return static_cast<int>(getpid()); }
+PF_API int pidGetCurrent(void) {
+    return static_cast<int>(getpid());
+}

@@ -78,8 +78,9 @@ int fileGroup() {
 // replaces (mode old, or none) allowed, owner read and write always kept.
 mode_t newFileMode(int fd, const struct stat *old) {
     const int group = fileGroup();
-    mode_t mode = group >= 0 && fchown(fd, static_cast<uid_t>(-1), static_cast<gid_t>(group)) == 0 ? kGroupMode
-                                                                                                      : kOwnerMode;
+    mode_t mode = group >= 0 && fchown(fd, static_cast<uid_t>(-1), static_cast<gid_t>(group)) == 0
+                      ? kGroupMode
+                      : kOwnerMode;
     if (old) mode &= old->st_mode | kOwnerMode;
     return mode;
 }
@@ -97,11 +98,14 @@ bool writeAll(int fd, const char *data, size_t len) {
     return true;
 }
 
-bool sameFile(const struct stat &a, const struct stat &b) { return a.st_dev == b.st_dev && a.st_ino == b.st_ino; }
+bool sameFile(const struct stat &a, const struct stat &b) {
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
 
 // Whether name is base followed by ".tmp", alone or with six letters or digits.
 bool isTempOf(const char *name, const char *base, size_t baseLen) {
-    if (strncmp(name, base, baseLen) != 0 || strncmp(name + baseLen, kTempMark, kTempMarkLen) != 0) return false;
+    if (strncmp(name, base, baseLen) != 0 || strncmp(name + baseLen, kTempMark, kTempMarkLen) != 0)
+        return false;
     const char *unique = name + baseLen + kTempMarkLen;
     if (*unique == '\0') return true;
     for (size_t i = 0; i < kTempUnique; ++i) {

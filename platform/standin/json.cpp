@@ -23,7 +23,9 @@
 
 namespace {
 
-bool isType(json_object *v, json_type t) { return v && json_object_get_type(v) == t; }
+bool isType(json_object *v, json_type t) {
+    return v && json_object_get_type(v) == t;
+}
 
 json_object *parseText(const char *text) {
     if (!text) return nullptr;
@@ -133,8 +135,8 @@ void keepUnreadable(const char *path) {
         if (len < 0 || len >= static_cast<int>(sizeof kept)) return;
         if (link(path, kept) == 0) {
             if (debugFlagGet(kep_pf::kStoreLogMid))
-                debugPrintf(kep_pf::kStoreLogMid, "%s cannot be read: kept as %s before it is replaced\n", path,
-                            kept);
+                debugPrintf(kep_pf::kStoreLogMid, "%s cannot be read: kept as %s before it is replaced\n",
+                            path, kept);
             return;
         }
         if (errno != EEXIST) break;
@@ -155,11 +157,16 @@ const char *verifiedText(json_object *obj, int flags, size_t *len) {
 
 }  // namespace
 
-PF_API json_object *jsonObjectNewObject(void) { return json_object_new_object(); }
-PF_API json_object *jsonObjectNewArray(void) { return json_object_new_array(); }
+PF_API json_object *jsonObjectNewObject(void) {
+    return json_object_new_object();
+}
+PF_API json_object *jsonObjectNewArray(void) {
+    return json_object_new_array();
+}
 
-PF_API json_object *jsonObjectFromString(const char *text) { return parseText(text); }
-
+PF_API json_object *jsonObjectFromString(const char *text) {
+    return parseText(text);
+}
 
 PF_API json_object *jsonObjectFromFile(const char *path) {
     if (!path) return nullptr;
@@ -205,7 +212,8 @@ PF_API int jsonObjectToFile(const char *path, json_object *obj) {
     if (!obj) return -1;
     size_t len = 0;
     const char *text = verifiedText(obj, JSON_C_TO_STRING_PLAIN, &len);
-    return text && len <= static_cast<unsigned long>(fileLimit()) ? kep_pf::storeAtomically(path, text, len) : -1;
+    return text && len <= static_cast<unsigned long>(fileLimit()) ? kep_pf::storeAtomically(path, text, len)
+                                                                  : -1;
 }
 
 PF_API int jsonObjectToFileMem(const char *path, json_object *obj) {
@@ -213,7 +221,8 @@ PF_API int jsonObjectToFileMem(const char *path, json_object *obj) {
     keepUnreadable(path);
     size_t len = 0;
     const char *text = verifiedText(obj, JSON_C_TO_STRING_PRETTY, &len);
-    return text && len <= static_cast<unsigned long>(fileLimit()) ? kep_pf::storeAtomically(path, text, len) : -1;
+    return text && len <= static_cast<unsigned long>(fileLimit()) ? kep_pf::storeAtomically(path, text, len)
+                                                                  : -1;
 }
 
 PF_API int jsonObjectToMallocString(json_object *obj, char **text) {
@@ -252,7 +261,9 @@ PF_API int jsonObjectObjectDel(json_object *obj, const char *key) {
     return 0;
 }
 
-PF_API void jsonObjectObjectDelete(json_object *obj) { json_object_put(obj); }
+PF_API void jsonObjectObjectDelete(json_object *obj) {
+    json_object_put(obj);
+}
 
 PF_API json_object *jsonGetObjFromObj(json_object *obj, const char *key) {
     json_object *v = jsonObjectObjectGet(obj, key);
@@ -319,11 +330,21 @@ PF_API const char *jsonGetObjectStringOrigin(json_object *value) {
     return json_object_to_json_string_ext(value, JSON_C_TO_STRING_PLAIN);
 }
 
-PF_API int jsonObjectIsObject(json_object *value) { return isType(value, json_type_object) ? 1 : 0; }
-PF_API int jsonObjectIsArray(json_object *value) { return isType(value, json_type_array) ? 1 : 0; }
-PF_API int jsonObectIsBool(json_object *value) { return isType(value, json_type_boolean) ? 1 : 0; }
-PF_API int jsonObectIsInt(json_object *value) { return isType(value, json_type_int) ? 1 : 0; }
-PF_API int jsonObectIsString(json_object *value) { return isType(value, json_type_string) ? 1 : 0; }
+PF_API int jsonObjectIsObject(json_object *value) {
+    return isType(value, json_type_object) ? 1 : 0;
+}
+PF_API int jsonObjectIsArray(json_object *value) {
+    return isType(value, json_type_array) ? 1 : 0;
+}
+PF_API int jsonObectIsBool(json_object *value) {
+    return isType(value, json_type_boolean) ? 1 : 0;
+}
+PF_API int jsonObectIsInt(json_object *value) {
+    return isType(value, json_type_int) ? 1 : 0;
+}
+PF_API int jsonObectIsString(json_object *value) {
+    return isType(value, json_type_string) ? 1 : 0;
+}
 
 PF_API int jsonObjectArrayAdd(json_object *array, json_object *value) {
     if (!isType(array, json_type_array) || array == value || json_object_array_add(array, value) != 0) {

@@ -49,20 +49,21 @@ private:
         if (level > levels_) return false;
         blanks();
         switch (json_object_get_type(obj)) {
-        case json_type_null:
-            return word("null", 4);
-        case json_type_boolean:
-            return json_object_get_boolean(obj) ? word("true", 4) : word("false", 5);
-        case json_type_int:
-            return integer(obj);
-        case json_type_double:
-            return real(json_object_get_double(obj));
-        case json_type_string:
-            return string(json_object_get_string(obj), static_cast<size_t>(json_object_get_string_len(obj)));
-        case json_type_object:
-            return members(obj, level);
-        case json_type_array:
-            return elements(obj, level);
+            case json_type_null:
+                return word("null", 4);
+            case json_type_boolean:
+                return json_object_get_boolean(obj) ? word("true", 4) : word("false", 5);
+            case json_type_int:
+                return integer(obj);
+            case json_type_double:
+                return real(json_object_get_double(obj));
+            case json_type_string:
+                return string(json_object_get_string(obj),
+                              static_cast<size_t>(json_object_get_string_len(obj)));
+            case json_type_object:
+                return members(obj, level);
+            case json_type_array:
+                return elements(obj, level);
         }
         return false;
     }
@@ -118,7 +119,8 @@ private:
     static bool readerTakesAs(const char *token, size_t n, double d) {
         char *copy = strndup(token, n);
         json_object *got = copy ? jsonObjectFromString(copy) : nullptr;
-        const bool same = json_object_get_type(got) == json_type_double && sameDouble(json_object_get_double(got), d);
+        const bool same =
+            json_object_get_type(got) == json_type_double && sameDouble(json_object_get_double(got), d);
         json_object_put(got);
         free(copy);
         return same;
@@ -153,16 +155,26 @@ private:
         if (c != '\\') return c;
         if (p_ == end_) return -1;
         switch (*p_++) {
-        case '"': return '"';
-        case '\\': return '\\';
-        case '/': return '/';
-        case 'b': return '\b';
-        case 'f': return '\f';
-        case 'n': return '\n';
-        case 'r': return '\r';
-        case 't': return '\t';
-        case 'u': break;
-        default: return -1;
+            case '"':
+                return '"';
+            case '\\':
+                return '\\';
+            case '/':
+                return '/';
+            case 'b':
+                return '\b';
+            case 'f':
+                return '\f';
+            case 'n':
+                return '\n';
+            case 'r':
+                return '\r';
+            case 't':
+                return '\t';
+            case 'u':
+                break;
+            default:
+                return -1;
         }
         if (end_ - p_ < 4) return -1;
         int code = 0;
@@ -194,7 +206,8 @@ private:
         if (!take('{')) return false;
         json_object_iterator it = json_object_iter_begin(obj);
         const json_object_iterator last = json_object_iter_end(obj);
-        for (bool first = true; !json_object_iter_equal(&it, &last); json_object_iter_next(&it), first = false) {
+        for (bool first = true; !json_object_iter_equal(&it, &last);
+             json_object_iter_next(&it), first = false) {
             const char *key = json_object_iter_peek_name(&it);
             if (!first && !take(',')) return false;
             if (!string(key, strlen(key)) || !take(':')) return false;

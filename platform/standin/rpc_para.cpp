@@ -8,7 +8,9 @@
 
 namespace {
 
-bool validName(const char *name) { return name && *name && strlen(name) < QXRPC_NAME_MAX; }
+bool validName(const char *name) {
+    return name && *name && strlen(name) < QXRPC_NAME_MAX;
+}
 
 QxRpcMember *findMember(QxRpcPara *set, const char *name) {
     if (!set || !name) return nullptr;

@@ -143,7 +143,8 @@ int64_t nowMs() {
 }
 
 int checkMembers(const QxRpcPara *set, int from) {
-    if (set->count < 0 || set->count > QXRPC_MAX_MEMBERS || from < 0 || from > set->count) return QXRPC_ERR_ARG;
+    if (set->count < 0 || set->count > QXRPC_MAX_MEMBERS || from < 0 || from > set->count)
+        return QXRPC_ERR_ARG;
     size_t total = 0;
     for (int i = from; i < set->count; i++) {
         const QxRpcMember &m = set->member[i];

@@ -38,7 +38,8 @@ PF_HIDDEN uint32_t frameBodyLength(const char *header);
 
 // Encoders: *frame is malloc'd (caller frees), *len its size. Members from index
 // `from` on are sent. 0 or a QXRPC_ERR_* code.
-PF_HIDDEN int encodeRequest(const char *cb, int64_t deadline, const QxRpcPara *set, char **frame, size_t *len);
+PF_HIDDEN int encodeRequest(const char *cb, int64_t deadline, const QxRpcPara *set, char **frame,
+                            size_t *len);
 PF_HIDDEN int encodeReply(int status, const QxRpcPara *set, int from, char **frame, size_t *len);
 
 // Decoders over a received body. Members are appended to out, which the caller owns

@@ -15,4 +15,6 @@ PF_API int ipc_swSysSaveConfigDelay(void) {
     return 0;
 }
 
-PF_API int ipcSaveConfigDelayCount(void) { return __atomic_load_n(&gSaveRequests, __ATOMIC_RELAXED); }
+PF_API int ipcSaveConfigDelayCount(void) {
+    return __atomic_load_n(&gSaveRequests, __ATOMIC_RELAXED);
+}

@@ -37,7 +37,9 @@ long gCount;
 bool gInjected;
 bool gOverflow;
 
-size_t hashOf(uintptr_t p) { return static_cast<size_t>((p >> 4) * 0x9E3779B97F4A7C15ull) & (kSlots - 1); }
+size_t hashOf(uintptr_t p) {
+    return static_cast<size_t>((p >> 4) * 0x9E3779B97F4A7C15ull) & (kSlots - 1);
+}
 
 void remember(void *ptr, size_t size) {
     if (gUsed >= kSlots * 3 / 4) {
@@ -65,7 +67,9 @@ void forget(void *ptr) {
     }
 }
 
-bool counting() { return gOpen && gPaused == 0; }
+bool counting() {
+    return gOpen && gPaused == 0;
+}
 
 long gSpared;
 
@@ -149,11 +153,15 @@ void begin(long failAt) {
     gOpen = true;
 }
 
-void pause() { gPaused++; }
+void pause() {
+    gPaused++;
+}
 void resume() {
     if (gPaused > 0) gPaused--;
 }
-bool active() { return counting(); }
+bool active() {
+    return counting();
+}
 
 Window end() {
     Window w;

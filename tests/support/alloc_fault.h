@@ -19,12 +19,12 @@ namespace kep_test {
 namespace alloc {
 
 struct Window {
-    long allocations = 0;  // counted allocation calls, the failed one included
-    bool injected = false; // the failAt-th call happened and returned null
-    long live = 0;         // blocks allocated in the window and not freed: leaks
+    long allocations = 0;   // counted allocation calls, the failed one included
+    bool injected = false;  // the failAt-th call happened and returned null
+    long live = 0;          // blocks allocated in the window and not freed: leaks
     size_t liveBytes = 0;
-    bool overflow = false; // more live blocks than the tracker holds: result unusable
-    long spared = 0;       // calls not failed because the caller cannot survive it (json-c)
+    bool overflow = false;  // more live blocks than the tracker holds: result unusable
+    long spared = 0;        // calls not failed because the caller cannot survive it (json-c)
 };
 
 // Opens a window; failAt 0 never fails, k >= 1 fails the k-th counted call only.

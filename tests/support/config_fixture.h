@@ -98,7 +98,8 @@ inline std::vector<std::string> keptUnreadable(const std::string &path) {
     std::error_code ec;
     for (const auto &e : std::filesystem::directory_iterator(file.parent_path(), ec)) {
         const std::string name = e.path().filename();
-        if (name.compare(0, prefix.size(), prefix) == 0 && std::regex_match(name.substr(prefix.size()), stamp))
+        if (name.compare(0, prefix.size(), prefix) == 0 &&
+            std::regex_match(name.substr(prefix.size()), stamp))
             out.push_back(e.path());
     }
     std::sort(out.begin(), out.end());

@@ -17,13 +17,16 @@ inline std::string canonicalJson(const char *text) {
     json_object *obj = json_tokener_parse_ex(tok, text, static_cast<int>(strlen(text)));
     bool ok = json_tokener_get_error(tok) == json_tokener_success;
     json_tokener_free(tok);
-    std::string out = ok ? json_object_to_json_string_ext(obj, JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE) : "<invalid>";
+    std::string out =
+        ok ? json_object_to_json_string_ext(obj, JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE)
+           : "<invalid>";
     json_object_put(obj);
     return out;
 }
 
 inline std::string canonicalJson(json_object *obj) {
-    return obj ? json_object_to_json_string_ext(obj, JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE) : "<null>";
+    return obj ? json_object_to_json_string_ext(obj, JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE)
+               : "<null>";
 }
 
 }  // namespace kep_test

@@ -78,8 +78,8 @@ OwnerHandler echoMembers() {
         int inputs = set->count;
         for (int i = 0; i < inputs; i++) {
             const QxRpcMember &m = set->member[i];
-            json_object_object_add(obj, m.name,
-                                   m.isString ? json_object_new_string(m.text) : json_object_new_int(m.value));
+            json_object_object_add(
+                obj, m.name, m.isString ? json_object_new_string(m.text) : json_object_new_int(m.value));
         }
         qxrpcAddInt(set, "errorCode", 0);
         qxrpcAddStringPtr(set, "result", json_object_to_json_string_ext(obj, JSON_C_TO_STRING_PLAIN));

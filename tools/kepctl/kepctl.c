@@ -19,14 +19,17 @@ static int gCompact;
 static int gVerbose;
 
 static const char *const kHelp[][2] = {
-    {"get", "kepctl get MODULE TABLE...            read tables (rows and counts)\n"
-            "kepctl get MODULE --name SECTION...   read sections\n"
-            "  --filter JSON, --para JSON          passed with a table read\n"},
-    {"set", "kepctl set MODULE SECTION JSON [SECTION JSON]...   change sections\n"
-            "kepctl set MODULE --table TABLE --filter JSON JSON  change the rows a filter selects\n"},
+    {"get",
+     "kepctl get MODULE TABLE...            read tables (rows and counts)\n"
+     "kepctl get MODULE --name SECTION...   read sections\n"
+     "  --filter JSON, --para JSON          passed with a table read\n"},
+    {"set",
+     "kepctl set MODULE SECTION JSON [SECTION JSON]...   change sections\n"
+     "kepctl set MODULE --table TABLE --filter JSON JSON  change the rows a filter selects\n"},
     {"add", "kepctl add MODULE TABLE JSON [--name NAME]   add a section to a list table (named NAME)\n"},
-    {"delete", "kepctl delete MODULE SECTION...                 delete sections\n"
-               "kepctl delete MODULE --table TABLE [--filter JSON]  delete the rows a filter selects\n"},
+    {"delete",
+     "kepctl delete MODULE SECTION...                 delete sections\n"
+     "kepctl delete MODULE --table TABLE [--filter JSON]  delete the rows a filter selects\n"},
     {"do", "kepctl do MODULE ACTION [JSON]   run an action with its parameters (default {})\n"},
     {"call", "kepctl call 'REQUEST-JSON'   send any request as it stands\n"},
     {"dump", "kepctl dump    print the host's data module tree\n"},
@@ -34,18 +37,20 @@ static const char *const kHelp[][2] = {
 };
 
 static void usage(FILE *out) {
-    fprintf(out, "usage: kepctl [-c] [-v] [-w SECONDS] COMMAND ARGS...\n"
-                 "  -c  compact JSON output\n"
-                 "  -v  print the request, and why a request failed, on standard error\n"
-                 "  -w  how long to wait for the host's answer (default: twice the RPC time-out\n"
-                 "      KEP_IMI_TIMEOUT_MS, 5 s, plus one second, so that the host answers first)\n"
-                 "  COMMAND --help  for one command\n\n");
+    fprintf(out,
+            "usage: kepctl [-c] [-v] [-w SECONDS] COMMAND ARGS...\n"
+            "  -c  compact JSON output\n"
+            "  -v  print the request, and why a request failed, on standard error\n"
+            "  -w  how long to wait for the host's answer (default: twice the RPC time-out\n"
+            "      KEP_IMI_TIMEOUT_MS, 5 s, plus one second, so that the host answers first)\n"
+            "  COMMAND --help  for one command\n\n");
     for (size_t i = 0; i < sizeof kHelp / sizeof kHelp[0]; i++) fputs(kHelp[i][1], out);
-    fputs("\nExit status: 0 when \"error_code\" is 0, 1 when it is not or an owner failed (its meaning\n"
-          "on standard error), 2 for a usage error, 3 when the host (kepd) cannot be reached or refuses\n"
-          "this user (nothing was done), 4 when the host did not answer in time: whether a change was\n"
-          "made is unknown.\n",
-          out);
+    fputs(
+        "\nExit status: 0 when \"error_code\" is 0, 1 when it is not or an owner failed (its meaning\n"
+        "on standard error), 2 for a usage error, 3 when the host (kepd) cannot be reached or refuses\n"
+        "this user (nothing was done), 4 when the host did not answer in time: whether a change was\n"
+        "made is unknown.\n",
+        out);
 }
 
 /* The help text of a command, or NULL for an unknown one. */
@@ -64,31 +69,56 @@ static int misused(const char *what, const char *word) {
 
 static const char *meaning(int code) {
     switch (code) {
-        case 0: return "success";
-        case -1: return "generic failure (bad argument, missing member, no memory, empty callback slot)";
-        case -1500: return "the owner's callback answered without \"errorCode\"";
-        case -4000: return "no such table in the module";
-        case -7000: return "no \"method\" or an unknown method";
-        case -7004: return "module, table, section, action or callback not registered, or not allowed";
-        case -8000: return "the section may not be deleted";
-        case -10000: return "null argument, no memory, or a read failed";
-        case -10100: return "not JSON, or a needed member is missing or of the wrong type";
-        case -51204: return "no memory for the response";
-        case -51207: return "null method";
-        case QXRPC_ERR_NO_PEER: return "the owner process is not running";
-        case QXRPC_ERR_TIMEOUT: return "the owner process did not answer in time: a change may or may not have been made";
-        case QXRPC_ERR_IO: return "the connection to the owner broke: a change may or may not have been made";
-        case QXRPC_ERR_NO_HANDLER: return "the owner has no such callback";
-        case KEP_HOST_ERR_DENIED: return "no access rule of the host lets this user do it";
-        case KEP_HOST_ERR_TAKEN: return "another running process serves it";
-        case KEP_HOST_ERR_LIMIT: return "the host's limit was reached";
-        case KEP_OWNER_ERR_INVALID: return "the owner cannot take that value (unknown member, wrong type, too long)";
-        case KEP_OWNER_ERR_NOT_FOUND: return "the owner has no such section";
-        case KEP_OWNER_ERR_STORE: return "the owner could not write its configuration file";
-        case KEP_OWNER_ERR_FULL: return "no section number is left";
-        case KEP_OWNER_ERR_EXISTS: return "a section of that name exists, or the name lacks the table's prefix";
-        case KEP_OWNER_ERR_MEMORY: return "the owner ran out of memory";
-        default: return "code passed on from the owner's callback";
+        case 0:
+            return "success";
+        case -1:
+            return "generic failure (bad argument, missing member, no memory, empty callback slot)";
+        case -1500:
+            return "the owner's callback answered without \"errorCode\"";
+        case -4000:
+            return "no such table in the module";
+        case -7000:
+            return "no \"method\" or an unknown method";
+        case -7004:
+            return "module, table, section, action or callback not registered, or not allowed";
+        case -8000:
+            return "the section may not be deleted";
+        case -10000:
+            return "null argument, no memory, or a read failed";
+        case -10100:
+            return "not JSON, or a needed member is missing or of the wrong type";
+        case -51204:
+            return "no memory for the response";
+        case -51207:
+            return "null method";
+        case QXRPC_ERR_NO_PEER:
+            return "the owner process is not running";
+        case QXRPC_ERR_TIMEOUT:
+            return "the owner process did not answer in time: a change may or may not have been made";
+        case QXRPC_ERR_IO:
+            return "the connection to the owner broke: a change may or may not have been made";
+        case QXRPC_ERR_NO_HANDLER:
+            return "the owner has no such callback";
+        case KEP_HOST_ERR_DENIED:
+            return "no access rule of the host lets this user do it";
+        case KEP_HOST_ERR_TAKEN:
+            return "another running process serves it";
+        case KEP_HOST_ERR_LIMIT:
+            return "the host's limit was reached";
+        case KEP_OWNER_ERR_INVALID:
+            return "the owner cannot take that value (unknown member, wrong type, too long)";
+        case KEP_OWNER_ERR_NOT_FOUND:
+            return "the owner has no such section";
+        case KEP_OWNER_ERR_STORE:
+            return "the owner could not write its configuration file";
+        case KEP_OWNER_ERR_FULL:
+            return "no section number is left";
+        case KEP_OWNER_ERR_EXISTS:
+            return "a section of that name exists, or the name lacks the table's prefix";
+        case KEP_OWNER_ERR_MEMORY:
+            return "the owner ran out of memory";
+        default:
+            return "code passed on from the owner's callback";
     }
 }
 
@@ -101,7 +131,7 @@ static json_object *parseArg(const char *text) {
 /* Collects "--flag VALUE" options and positional words. */
 typedef struct Args {
     const char *filter, *para, *name, *table;
-    int names;  /* --name given: the words are section names */
+    int names; /* --name given: the words are section names */
     const char *word[64];
     int count;
 } Args;
@@ -112,10 +142,14 @@ static int parseArgs(const char *cmd, int argc, char **argv, Args *a) {
     memset(a, 0, sizeof *a);
     for (int i = 0; i < argc; i++) {
         const char **slot = NULL;
-        if (strcmp(argv[i], "--filter") == 0) slot = &a->filter;
-        else if (strcmp(argv[i], "--para") == 0) slot = &a->para;
-        else if (strcmp(argv[i], "--table") == 0) slot = &a->table;
-        else if (strcmp(argv[i], "--name") == 0 && strcmp(cmd, "add") == 0) slot = &a->name;
+        if (strcmp(argv[i], "--filter") == 0)
+            slot = &a->filter;
+        else if (strcmp(argv[i], "--para") == 0)
+            slot = &a->para;
+        else if (strcmp(argv[i], "--table") == 0)
+            slot = &a->table;
+        else if (strcmp(argv[i], "--name") == 0 && strcmp(cmd, "add") == 0)
+            slot = &a->name;
         else if (strcmp(argv[i], "--name") == 0) {
             a->names = 1;
             continue;
@@ -147,7 +181,8 @@ static json_object *buildRequest(const char *cmd, int argc, char **argv) {
     if (parseArgs(cmd, argc, argv, &a) != 0 || a.count < 1) return NULL;
     req = json_object_new_object();
     mod = json_object_new_object();
-    json_object_object_add(req, "method", json_object_new_string(strcmp(cmd, "delete") == 0 ? "delete" : cmd));
+    json_object_object_add(req, "method",
+                           json_object_new_string(strcmp(cmd, "delete") == 0 ? "delete" : cmd));
     json_object_object_add(req, a.word[0], mod);
     const char *const *w = a.word + 1;
     int n = a.count - 1;

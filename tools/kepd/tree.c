@@ -109,7 +109,8 @@ int treeRequest(const char *request, char **response) {
         if (marks[i]) pthread_rwlock_unlock(&gLocks[i]);
     }
     free(marks);
-    if (*response && strlen(*response) >= TREE_TRIM_BYTES) __atomic_store_n(&gTrimWanted, 1, __ATOMIC_RELAXED);
+    if (*response && strlen(*response) >= TREE_TRIM_BYTES)
+        __atomic_store_n(&gTrimWanted, 1, __ATOMIC_RELAXED);
     return rc;
 }
 
