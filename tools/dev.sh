@@ -2,7 +2,8 @@
 # Developer entry point: sets up a fresh Debian machine and builds, demos or tests.
 #   tools/dev.sh deps    install the Debian packages the build and tests need
 #   tools/dev.sh demo    deps + build + run the demo
-#   tools/dev.sh test    deps + plain build and tests, the unit tests under valgrind,
+#   tools/dev.sh format  check every C and C++ source against .clang-format (-i rewrites)
+#   tools/dev.sh test    deps + format check, plain build and tests, the unit tests under valgrind,
 #                        ASan+UBSan build and tests,
 #                        ThreadSanitizer run of the threaded tests, MIPS build and tests under
 #                        qemu (tools/cross-mips.sh), short fuzz runs
@@ -11,8 +12,8 @@ set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
 jobs=${JOBS:-2}
-packages=(build-essential cmake pkg-config clang libclang-rt-14-dev libjson-c-dev libexpat1-dev libgtest-dev
-          libbenchmark-dev binutils valgrind)
+packages=(build-essential cmake pkg-config clang clang-format libclang-rt-14-dev libjson-c-dev libexpat1-dev
+          libgtest-dev libbenchmark-dev binutils valgrind)
 
 deps() {
     local missing=()
@@ -58,8 +59,31 @@ demo() {
     "$root/tools/demo.sh" "$root/build"
 }
 
+sources() {
+    (cd "$root" && find include request tree model xml ops config text platform owner tools tests bench fuzz examples \
+        -name '*.[ch]' -o -name '*.cpp' | sort)
+}
+
+format() {  # format [-i]
+    local bad=()
+    cd "$root"
+    if [ "${1:-}" = -i ]; then
+        sources | xargs clang-format -i
+        return 0
+    fi
+    for f in $(sources); do
+        clang-format --dry-run -Werror "$f" >/dev/null 2>&1 || bad+=("$f")
+    done
+    if [ ${#bad[@]} -ne 0 ]; then
+        echo "not formatted (tools/dev.sh format -i fixes): ${bad[*]}" >&2
+        return 1
+    fi
+}
+
 test_all() {
     deps
+    echo "== clang-format"
+    format
     echo "== plain build"
     build build
     run_ctest build
@@ -85,6 +109,7 @@ test_all() {
 case "${1:-}" in
 deps) deps ;;
 demo) shift; demo "$@" ;;
+format) shift; format "$@" ;;
 test) test_all ;;
-*) echo "usage: $0 deps|demo|test" >&2; exit 2 ;;
+*) echo "usage: $0 deps|demo|format|test" >&2; exit 2 ;;
 esac
