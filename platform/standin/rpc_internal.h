@@ -39,6 +39,11 @@ PF_HIDDEN void removeIfStale(int pid, const sockaddr_un &addr);
 // The kernel's credentials of fd's peer (for a connecting socket: the process that
 // listened). False when they cannot be read.
 PF_HIDDEN bool peerCredentials(int fd, QxImiCaller *out);
+// The group named by KEP_RPC_GROUP (a name or a number), whose members may call this
+// process besides its own user and root; -1 for none.
+PF_HIDDEN int rpcGroup();
+// Whether the calling process is a member of group gid, as the kernel lists it now.
+PF_HIDDEN bool peerInGroup(const QxImiCaller &peer, int gid);
 
 // ---- serving context (rpc_serve.cpp) ----
 

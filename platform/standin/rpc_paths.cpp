@@ -4,6 +4,9 @@
 // place a file there could squat on a process's name. The folder is checked before
 // each use and refused, never followed or repaired, when it is not what it must be.
 #include <errno.h>
+#include <grp.h>
+#include <limits.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -79,7 +82,58 @@ bool safeDir(const char *dir, const char **why) {
     return true;
 }
 
+// The configured group: -2 until the environment has been read, -1 for none.
+int gGroup = -2;
+pthread_once_t gGroupOnce = PTHREAD_ONCE_INIT;
+
+void readGroupFromEnvironment() {
+    const char *env = getenv("KEP_RPC_GROUP");
+    int gid = -1;
+    if (env && *env) {
+        char *end = nullptr;
+        errno = 0;
+        const long n = strtol(env, &end, 10);
+        struct group entry, *found = nullptr;
+        char buf[4096];
+        if (errno == 0 && *end == '\0' && n >= 0 && n <= INT_MAX) {
+            gid = static_cast<int>(n);
+        } else if (getgrnam_r(env, &entry, buf, sizeof buf, &found) == 0 && found &&
+                   found->gr_gid <= static_cast<gid_t>(INT_MAX)) {
+            gid = static_cast<int>(found->gr_gid);
+        } else if (debugFlagGet(kImiLogMid)) {
+            debugPrintf(kImiLogMid, "KEP_RPC_GROUP \"%s\" names no group: only this user and root may call\n",
+                        env);
+        }
+    }
+    __atomic_store_n(&gGroup, gid, __ATOMIC_RELEASE);
+}
+
 }  // namespace
+
+int rpcGroup() {
+    pthread_once(&gGroupOnce, readGroupFromEnvironment);
+    return __atomic_load_n(&gGroup, __ATOMIC_ACQUIRE);
+}
+
+bool peerInGroup(const QxImiCaller &peer, int gid) {
+    if (gid < 0) return false;
+    if (peer.gid == gid) return true;
+    char path[64], line[4096];
+    bool found = false;
+    snprintf(path, sizeof path, "/proc/%d/status", peer.pid);
+    FILE *f = fopen(path, "re");
+    while (f && fgets(line, sizeof line, f)) {
+        if (strncmp(line, "Groups:", 7) != 0) continue;
+        for (char *p = line + 7, *end; *p && !found; p = end) {
+            const unsigned long g = strtoul(p, &end, 10);
+            if (end == p) break;
+            found = g == static_cast<unsigned long>(gid);
+        }
+        break;
+    }
+    if (f) fclose(f);
+    return found;
+}
 
 int runtimeDir(char *dir, size_t size, bool create) {
     bool explicitPath = false;
@@ -89,8 +143,15 @@ int runtimeDir(char *dir, size_t size, bool create) {
         if (explicitPath) makeParents(dir);
         // Root's folder is open for reading, so that users the host admits reach its
         // socket; the sockets themselves say who may connect.
+        // With a configured group, its members may enter the folder and nobody else.
         const bool shared = !explicitPath && geteuid() == 0;
-        if (mkdir(dir, shared ? 0755 : 0700) != 0 && errno != EEXIST) {
+        const int group = rpcGroup();
+        if (mkdir(dir, group >= 0 ? 0750 : shared ? 0755 : 0700) == 0) {
+            if (group >= 0 && chown(dir, static_cast<uid_t>(-1), static_cast<gid_t>(group)) != 0 &&
+                debugFlagGet(kImiLogMid))
+                debugPrintf(kImiLogMid, "runtime folder %s: group %d not set: %s\n", dir, group,
+                            strerror(errno));
+        } else if (errno != EEXIST) {
             if (debugFlagGet(kImiLogMid))
                 debugPrintf(kImiLogMid, "runtime folder %s cannot be made: %s\n", dir, strerror(errno));
             return QXRPC_ERR_DIR;

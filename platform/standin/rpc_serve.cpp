@@ -379,7 +379,19 @@ bool serveConn(int slot, bool closing, Hangup hangup) {
 // ---- admission ----
 
 int defaultCheck(const QxImiCaller *peer, void *) {
-    return peer->uid == static_cast<int>(geteuid()) || peer->uid == 0;
+    return peer->uid == static_cast<int>(geteuid()) || peer->uid == 0 || peerInGroup(*peer, rpcGroup());
+}
+
+// A socket's mode: open to all when a peer check of the process decides, to the
+// configured group when there is one, else to this user alone.
+mode_t socketMode(bool checked) {
+    return checked ? 0666 : rpcGroup() >= 0 ? 0660 : 0600;
+}
+
+int setSocketMode(const char *path, bool checked) {
+    const int group = rpcGroup();
+    if (group >= 0 && chown(path, static_cast<uid_t>(-1), static_cast<gid_t>(group)) != 0) return -1;
+    return chmod(path, socketMode(checked));
 }
 
 bool admitted(const QxImiCaller &peer) {
@@ -640,7 +652,7 @@ int listenLocked() {
     pthread_mutex_unlock(&gCheckLock);
     // Nobody can connect before listen(), so the mode is right before the first caller.
     if (bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
-        chmod(addr.sun_path, open ? 0666 : 0600) != 0 || listen(fd, 128) != 0) {
+        setSocketMode(addr.sun_path, open) != 0 || listen(fd, 128) != 0) {
         close(fd);
         return -1;
     }
@@ -731,7 +743,7 @@ PF_API void qxImiSetPeerCheck(QxImiPeerCheck check, void *user) {
     gCheckUser = user;
     pthread_mutex_unlock(&gCheckLock);
     pthread_mutex_lock(&gLock);
-    if (gListenFd >= 0) chmod(gSocketPath, check ? 0666 : 0600);
+    if (gListenFd >= 0) setSocketMode(gSocketPath, check != nullptr);
     pthread_mutex_unlock(&gLock);
 }
 
