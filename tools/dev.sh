@@ -4,7 +4,7 @@
 #   tools/dev.sh demo    deps + build + run the demo
 #   tools/dev.sh format  check every C and C++ source against .clang-format (-i rewrites)
 #   tools/dev.sh test    deps + format check, plain build and tests, the unit tests under valgrind,
-#                        ASan+UBSan build and tests,
+#                        ASan+UBSan build and tests (the gateway's across processes in build-asan-gw),
 #                        ThreadSanitizer run of the threaded tests, MIPS build and tests under
 #                        qemu (tools/cross-mips.sh), short fuzz runs
 # FUZZ_SECONDS (default 60) sets each fuzz target's run; 0 skips fuzzing. KEP_MIPS=0 skips MIPS.
@@ -13,7 +13,8 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 jobs=${JOBS:-2}
 packages=(build-essential cmake pkg-config clang clang-format libclang-rt-14-dev libjson-c-dev libexpat1-dev
-          libgtest-dev libbenchmark-dev binutils valgrind)
+          libgtest-dev libbenchmark-dev binutils valgrind
+          libmicrohttpd-dev libgnutls28-dev libcrypt-dev libcurl4-gnutls-dev curl openssl)
 
 deps() {
     local missing=()
@@ -60,7 +61,7 @@ demo() {
 }
 
 sources() {
-    (cd "$root" && find include request tree model xml ops config text platform owner tools tests bench fuzz examples \
+    (cd "$root" && find include request tree model xml ops config text platform owner tools tests bench fuzz examples gateway \
         -name '*.[ch]' -o -name '*.cpp' | sort)
 }
 
@@ -92,6 +93,10 @@ test_all() {
     echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
     build build-asan -DKEP_SANITIZE=address,undefined -DKEP_BUILD_TOOLS=OFF
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 run_ctest build-asan -E '^abi\.'
+    echo "== AddressSanitizer + UndefinedBehaviorSanitizer: the gateway across real processes"
+    TARGETS="gateway_test gateway_policy_test kepwebd kepd dhcpd sysd" \
+        build build-asan-gw -DKEP_SANITIZE=address,undefined -DKEP_BUILD_TOOLS=ON
+    ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 run_ctest build-asan-gw -R '^Gateway'
     echo "== ThreadSanitizer (threaded tests; the host and owners run under it too)"
     TARGETS="config_test e2e_test platform_rpc_test request_test host_test owner_kit_test kepd kepctl dhcpd sysd ntpd" \
         build build-tsan -DKEP_SANITIZE=thread -DKEP_BUILD_TOOLS=ON
