@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The system at work: starts the host daemon (kepd) and the example owners (dhcpd, sysd)
 # against the sample model descriptions, with configuration files in a temporary folder,
-# runs a scripted session with kepctl, and stops everything it started.
+# runs a scripted session with kepctl, then the same through the HTTP gateway (kepwebd)
+# with curl, and stops everything it started.
 #   tools/demo.sh [BUILD-DIR]      (default: build)
 # Exits nonzero when any step answers other than expected, so it doubles as a system test.
 # KEP_RUN, when set, prefixes every program started (an emulator for a cross build).
@@ -21,6 +22,20 @@ cleanup() {
     rm -rf "$work"
 }
 trap cleanup EXIT
+
+# The HTTP gateway runs unprivileged: started as root it becomes nobody and reaches
+# kepd through the RPC's group (the runtime folder and sockets are that group's) and
+# a kepd access rule that lets the group send requests.
+kepd_access=()
+web_user=()
+if [ "$(id -u)" -eq 0 ] && id nobody >/dev/null 2>&1; then
+    export KEP_RPC_GROUP=$(id -g nobody)
+    chmod 711 "$work"
+    mkdir "$work/access.d"
+    echo "{\"group\": $KEP_RPC_GROUP, \"send\": true}" >"$work/access.d/kepweb.json"
+    kepd_access=(-a "$work/access.d")
+    web_user=(-U nobody)
+fi
 
 for m in dhcpd/dhcp sysd/system; do
     sed "s|@CONFDIR@|$work|" "$root/examples/$m.xml.in" >"$work/$(basename $m).xml"
@@ -61,7 +76,7 @@ ${KEP_RUN:-} "$bin/examples/dhcpd" "$work/dhcp.xml" 2>"$work/dhcpd.log" & pids+=
 dhcpd=$!
 ${KEP_RUN:-} "$bin/examples/sysd" "$work/system.xml" >"$work/sysd.out" 2>"$work/sysd.log" & pids+=($!)
 for _ in $(seq 400); do [ -f "$work/dhcp.json" ] && [ -f "$work/system.json" ] && break; sleep 0.05; done
-${KEP_RUN:-} "$bin/tools/kepd" -m "$work/dhcp.xml" -m "$work/system.xml" 2>"$work/kepd.log" & pids+=($!)
+${KEP_RUN:-} "$bin/tools/kepd" -m "$work/dhcp.xml" -m "$work/system.xml" "${kepd_access[@]}" 2>"$work/kepd.log" & pids+=($!)
 for _ in $(seq 400); do
     kepctl -c get dhcp host >/dev/null 2>&1 && kepctl -c get system --name ntp >/dev/null 2>&1 && break
     sleep 0.05
@@ -88,6 +103,77 @@ step 0 "Factory reset" -- reset
 step 0 "After the reset the defaults are back" -- get dhcp host
 sleep 0.2
 echo; echo "### What sysd printed"; cat "$work/sysd.out"
+
+if [ -x "$bin/gateway/kepwebd" ]; then
+    echo; echo "### The HTTP gateway (kepwebd): users, rules, a web root"
+    kepwebd() { ${KEP_RUN:-} "$bin/gateway/kepwebd" "$@"; }
+    {
+        echo "demo:$(echo demo-password | kepwebd --hash):admin"
+        echo "viewer:$(echo viewer-password | kepwebd --hash):viewer"
+    } >"$work/users"
+    echo '{"admin": {"*": ["read", "write", "exec"]}, "viewer": {"*": ["read"]}}' >"$work/rules.json"
+    cat "$work/users" "$work/rules.json"
+    # The usual port when it is free, else any.
+    for listen in "127.0.0.1:${KEP_WEB_PORT:-8080}" 127.0.0.1:0; do
+        : >"$work/kepwebd.log"
+        kepwebd -f -l "$listen" -u "$work/users" -r "$work/rules.json" -w "$root/gateway/www" "${web_user[@]}" \
+            2>"$work/kepwebd.log" & web=$!
+        for _ in $(seq 200); do
+            grep -q "serving with" "$work/kepwebd.log" && break
+            kill -0 "$web" 2>/dev/null || break
+            sleep 0.05
+        done
+        grep -q "serving with" "$work/kepwebd.log" && break
+    done
+    pids+=($web)
+    url=http://$(sed -n 's/^kepwebd: listening on //p' "$work/kepwebd.log")
+    echo "gateway at $url (log in as demo / demo-password, or viewer / viewer-password)"
+
+    # web EXPECTED-STATUS TITLE TOKEN-VARIABLE -- curl ARGS...: shows the call with the
+    # token as $TOKEN, and its answer.
+    web() {
+        local want=$1 title=$2 tok=$3; shift 4
+        local shown="curl $(shell_words "$@")"
+        [ -n "$tok" ] && shown="curl -H 'Authorization: Bearer \$TOKEN' $(shell_words "$@")"
+        printf '\n### %s\n$ %s\n' "$title" "$shown"
+        local auth=()
+        [ -n "$tok" ] && auth=(-H "Authorization: Bearer $tok")
+        local status
+        status=$(curl -s -o "$work/web.out" -w '%{http_code}' "${auth[@]}" "$@") || status=000
+        cat "$work/web.out"; echo; echo "(HTTP $status)"
+        if [ "$status" != "$want" ]; then
+            echo "!!! expected HTTP $want, got $status"
+            failures=$((failures + 1))
+        fi
+    }
+    json=(-H 'Content-Type: application/json')
+    web 200 "Log in" "" -- "${json[@]}" -d '{"username":"demo","password":"demo-password"}' "$url/api/login"
+    token=$(sed -n 's/.*"token":"\([0-9a-f]*\)".*/\1/p' "$work/web.out")
+    web 200 "Read a table through the gateway" "$token" -- "${json[@]}" \
+        -d '{"method":"get","dhcp":{"table":"host"}}' "$url/api/request"
+    web 200 "Change a table" "$token" -- "${json[@]}" \
+        -d '{"method":"set","dhcp":{"lan":{"leaseMinutes":480}}}' "$url/api/request"
+    web 200 "What this user may see, for a web page" "$token" -- "$url/api/model"
+    web 200 "Log in as a read-only user" "" -- "${json[@]}" \
+        -d '{"username":"viewer","password":"viewer-password"}' "$url/api/login"
+    viewer=$(sed -n 's/.*"token":"\([0-9a-f]*\)".*/\1/p' "$work/web.out")
+    web 403 "Refused by a rule: the viewer may not change anything" "$viewer" -- "${json[@]}" \
+        -d '{"method":"set","dhcp":{"lan":{"leaseMinutes":5}}}' "$url/api/request"
+    for i in 1 2 3 4 5; do
+        web 401 "Wrong password ($i)" "" -- "${json[@]}" -d '{"username":"demo","password":"guess"}' "$url/api/login"
+    done
+    web 429 "Throttled: refused at once, with Retry-After" "" -- -i "${json[@]}" \
+        -d '{"username":"demo","password":"demo-password"}' "$url/api/login"
+    web 200 "Log out" "$token" -- -X POST "$url/api/logout"
+    web 401 "The token is dead" "$token" -- "$url/api/session"
+    echo; echo "### The audit log (syslog, authpriv; kepwebd -f copies it to standard error)"
+    grep -E "login|logout|refused|request:" "$work/kepwebd.log" | sed 's/^/  /'
+    if [ -t 0 ] && [ -t 1 ] && [ -z "${CI:-}" ]; then
+        echo; echo "The gateway serves the web page at $url (demo / demo-password; viewer / viewer-password;"
+        echo "the throttle lifts after a second). Press Enter to go on."
+        read -r _ || true
+    fi
+fi
 
 kill "$dhcpd"; wait "$dhcpd" 2>/dev/null || true
 start=$(date +%s%N)
