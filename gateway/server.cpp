@@ -280,8 +280,10 @@ MHD_Result Server::first(MHD_Connection *conn, Pending *p, const char *url, cons
         return sendError(conn, p, 401, "no live session", {{"WWW-Authenticate", "Bearer"}});
     }
     if ((p->route == Route::kLogin || p->route == Route::kRequest) &&
-        !isJsonType(header(conn, "Content-Type")))
+        !isJsonType(header(conn, "Content-Type"))) {
+        audit("refused: %s %s without a JSON body, addr=%s", method, url, p->addr.c_str());
         return sendError(conn, p, 415, "the body must be application/json");
+    }
     const char *length = header(conn, "Content-Length");
     if (length && strtoull(length, nullptr, 10) > p->limit) {
         audit("refused: body of %s bytes over the limit, addr=%s", loggable(length, 20).c_str(),
