@@ -600,6 +600,64 @@ if hm:
            f"peak {hm['owner_peak_over_file']:.1f}; the host at rest {hm['host_rss_over_file']:.1f}, peak "
            f"{hm['host_peak_over_file']:.1f}; " + inproc.get("memory", ""))
 
+# ---------------------------------------------------------------- 8. the HTTP gateway
+gw, gw_one = load("gateway"), load("gateway_one_cpu")
+if gw:
+    out("## 8. The HTTP gateway (kepwebd)")
+    out()
+    out("One client (libcurl, one kept-alive connection) asks for the dhcp module's host table (3 leases, "
+        "served by dhcpd as shipped) three ways in the same run: through the host alone (`kepHostRequest`, "
+        "no HTTP), from libmicrohttpd answering the same response bytes with the same headers from memory in "
+        "a process of its own (the HTTP floor: the price of one HTTP hop), and through kepwebd to the host. "
+        "The gateway's overhead is its time minus the host path's; the target is at most 1.3 times the floor. "
+        "When the benchmark runs as root, kepwebd runs as nobody and reaches the host through the RPC's group, "
+        "as on the device.")
+    out()
+    placements_gw = [("one CPU", gw_one), ("every CPU", gw)] if gw_one else [("every CPU", gw)]
+    out("| placement | host path p50 µs | HTTP floor p50 µs | through the gateway p50 µs | p99 µs | "
+        "(gateway − host) / floor |")
+    out("|---|---|---|---|---|---|")
+    for where, runs in placements_gw:
+        h, f, g = (runs.get(f"gateway/{n}") for n in ("host_path", "http_floor", "through_gateway"))
+        if not (h and f and g):
+            continue
+        r = (g["p50_us"] - h["p50_us"]) / f["p50_us"]
+        out(f"| {where} | {fmt(h['p50_us'])} | {fmt(f['p50_us'])} | {fmt(g['p50_us'])} | {fmt(g['p99_us'])} | "
+            f"{r:.2f} |")
+        target(f"gateway: (through the gateway − host path) / HTTP floor, p50, {where}", f"{r:.2f}", "≤ 1.3",
+               r <= 1.3, f"({g['p50_us']:.1f} − {h['p50_us']:.1f}) / {f['p50_us']:.1f} µs")
+    out()
+    soak = next((v for k, v in gw.items() if k.startswith("gateway/clients/64")), None)
+    if soak:
+        flat = soak["rss_max_kb"] / soak["rss_start_kb"] if soak["rss_start_kb"] else None
+        out(f"64 kept-alive clients for {soak['seconds']:.0f} s: {soak['requests_per_s']:,.0f} requests/s, "
+            f"p50 {fmt(soak['p50_us'])} µs, p99 {fmt(soak['p99_us'])} µs, {soak['errors']:.0f} errors; the "
+            f"gateway's resident memory {soak['rss_start_kb']:,.0f} KiB after the first second, at most "
+            f"{soak['rss_max_kb']:,.0f} KiB, {soak['rss_end_kb']:,.0f} KiB at the end.")
+        out()
+        target("gateway: 64 kept-alive clients, errors", f"{soak['errors']:.0f}", "0", soak["errors"] == 0,
+               f"{soak['requests_per_s']:,.0f} requests/s, p99 {soak['p99_us'] / 1000:.1f} ms")
+        if flat:
+            target("gateway: 64 clients, highest resident memory / after the first second", f"{flat:.2f}", "≤ 1.1",
+                   flat <= 1.1, f"{soak['rss_max_kb']:,.0f} / {soak['rss_start_kb']:,.0f} KiB")
+    sess = next((v for k, v in gw.items() if k.startswith("gateway/sessions/1000")), None)
+    if sess:
+        out(f"1,000 live sessions: the gateway's resident memory {sess['rss_before_kb']:,.0f} KiB before the "
+            f"logins, {sess['rss_after_kb']:,.0f} KiB after ({sess['bytes_per_session']:,.0f} bytes a session).")
+        out()
+    wl = next((v for k, v in gw.items() if k.startswith("gateway/wrong_logins/1000")), None)
+    if wl:
+        r = wl["attacked_p99_us"] / wl["alone_p99_us"]
+        out(f"1,000 wrong logins from the user's own address in {wl['attack_ms']:,.0f} ms "
+            f"({wl['answered_401']:.0f} answered 401, {wl['refused_429']:.0f} refused at once with 429) while the "
+            f"user's gets go on ({wl['attacked_gets']:.0f} of them, {wl['errors']:.0f} errors): p50 "
+            f"{fmt(wl['alone_p50_us'])} µs alone, {fmt(wl['attacked_p50_us'])} µs attacked; p99 "
+            f"{fmt(wl['alone_p99_us'])} µs alone, {fmt(wl['attacked_p99_us'])} µs attacked.")
+        out()
+        target("gateway: a user's get p99 while 1,000 wrong logins come / alone", f"{r:.2f}", "≤ 2", r <= 2,
+               f"{wl['attacked_p99_us']:.0f} / {wl['alone_p99_us']:.0f} µs; the attacker and the user share the "
+               "machine's two CPUs")
+
 # ---------------------------------------------------------------- summary and notes
 head = ["## Targets", "", "| target | measured | limit | result | detail |", "|---|---|---|---|---|"]
 for name, measured, limit, met, detail in summary:

@@ -29,6 +29,9 @@ cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DKEP_BUILD_TESTS=OFF -D
 }
 cmake --build "$build" -j2 --target kepHandle kepd dhcpd kep_bench_e2e kep_bench_scale kep_bench_xml kep_bench_heap \
     kep_bench_host >/dev/null
+# The gateway's benchmark needs libmicrohttpd and libcurl; the report says so when it is missing.
+cmake --build "$build" -j2 --target kep_bench_gateway >/dev/null 2>&1 ||
+    echo "bench-report: kep_bench_gateway not built (libmicrohttpd-dev, libcurl4-gnutls-dev?)" >&2
 
 rm -rf "$results"
 mkdir -p "$results"
@@ -61,6 +64,9 @@ if command -v taskset >/dev/null && taskset -c 0 true 2>/dev/null; then
     pin="taskset -c 0"
     run e2e e2e_one_cpu --benchmark_min_time=0.5 --benchmark_filter='^(e2e/|concurrent/host)' \
         --benchmark_enable_random_interleaving=true
+    [ -x "$build/bench/kep_bench_gateway" ] &&
+        run gateway gateway_one_cpu --benchmark_min_time=0.5 \
+            --benchmark_filter='^gateway/(host_path|http_floor|through_gateway)$' --benchmark_enable_random_interleaving=true
     pin=
 fi
 # Repetitions of the paths interleaved at random: a stretch in which the scheduler
@@ -68,6 +74,8 @@ fi
 run e2e e2e --benchmark_min_time=0.5 --benchmark_enable_random_interleaving=true
 run scale scale --benchmark_min_time=0.3
 run host host --benchmark_min_time=0.3
+[ -x "$build/bench/kep_bench_gateway" ] &&
+    run gateway gateway --benchmark_min_time=0.5 --benchmark_enable_random_interleaving=true
 run xml xml --benchmark_min_time=0.3
 # The same parses with glibc keeping freed memory instead of returning it to the
 # kernel: the share of the parse that is the allocator's page traffic.
