@@ -3,11 +3,11 @@
 #include <stdint.h>
 #include <string.h>
 
-#include "api.h"
+#include "base/api.h"
+#include "base/guard.h"
+#include "base/log.h"
 #include "config/config_internal.h"
-#include "guard.h"
 #include "kep_pf_json.h"
-#include "log.h"
 #include "tree/tree_internal.h"
 
 namespace kep {

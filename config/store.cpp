@@ -2,9 +2,9 @@
 // through the owner's own reader and writer for dynamic tables.
 #include <string.h>
 
-#include "api.h"
+#include "base/api.h"
+#include "base/guard.h"
 #include "config/config_internal.h"
-#include "guard.h"
 #include "kep_pf_json.h"
 #include "tree/tree_internal.h"
 

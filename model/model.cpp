@@ -4,10 +4,10 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "base/api.h"
+#include "base/guard.h"
+#include "base/log.h"
 #include "model/model_internal.h"
-#include "platform/api.h"
-#include "platform/guard.h"
-#include "platform/log.h"
 #include "tree/tree_internal.h"
 #include "tree/tree_search.h"
 #include "xml/xml_internal.h"

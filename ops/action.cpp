@@ -1,10 +1,10 @@
 // Running a module's named actions through the owners' callbacks.
 #include <string.h>
 
-#include "api.h"
-#include "guard.h"
+#include "base/api.h"
+#include "base/guard.h"
+#include "base/log.h"
 #include "kep_model.h"
-#include "log.h"
 #include "ops/ops_internal.h"
 
 using kep::JsonPtr;

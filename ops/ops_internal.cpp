@@ -2,8 +2,8 @@
 
 #include <string.h>
 
+#include "base/log.h"
 #include "kep_json.h"
-#include "log.h"
 #include "tree/tree_internal.h"
 
 namespace kep {

@@ -2,7 +2,7 @@
 // log arguments.
 #pragma once
 
-#include "guard.h"
+#include "base/guard.h"
 #include "kep_tree.h"
 #include "ops/imi_invoke.h"
 

@@ -1,12 +1,12 @@
 // Reading tables and sections through the owners' get callbacks.
 #include <string.h>
 
-#include "api.h"
-#include "guard.h"
+#include "base/api.h"
+#include "base/guard.h"
+#include "base/log.h"
 #include "kep_json.h"
 #include "kep_model.h"
 #include "kep_request.h"
-#include "log.h"
 #include "ops/ops_internal.h"
 #include "tree/tree_internal.h"
 

@@ -4,11 +4,11 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "api.h"
-#include "guard.h"
+#include "base/api.h"
+#include "base/guard.h"
+#include "base/log.h"
 #include "kep_json.h"
 #include "kep_model.h"
-#include "log.h"
 #include "ops/ops_internal.h"
 #include "tree/tree_internal.h"
 

@@ -4,12 +4,12 @@
 
 #include <json-c/json_object.h>
 
-#include "api.h"
-#include "guard.h"
+#include "base/api.h"
+#include "base/guard.h"
+#include "base/log.h"
 #include "kep_json.h"
 #include "kep_pf_json.h"
 #include "kep_pf_sys.h"
-#include "log.h"
 #include "request/request_internal.h"
 
 // Exported data is defined inside a linkage block: "extern" on a definition with an

@@ -2,10 +2,10 @@
 // object they were read from.
 #include <json-c/json_object.h>
 
-#include "api.h"
+#include "base/api.h"
+#include "base/log.h"
 #include "kep_json.h"
 #include "kep_pf_json.h"
-#include "log.h"
 
 KEP_API json_object *jsonParseStr(const char *text) {
     if (!text) {

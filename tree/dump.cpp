@@ -1,6 +1,6 @@
 // Diagnostic picture of the whole tree in the debug log.
-#include "platform/api.h"
-#include "platform/log.h"
+#include "base/api.h"
+#include "base/log.h"
 #include "tree/tree_internal.h"
 #include "tree/tree_search.h"
 

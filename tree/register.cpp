@@ -3,8 +3,8 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "platform/api.h"
-#include "platform/log.h"
+#include "base/api.h"
+#include "base/log.h"
 #include "tree/tree_internal.h"
 #include "tree/tree_search.h"
 

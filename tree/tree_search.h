@@ -44,10 +44,3 @@ void freeVerNotifyList(LstList *list);
 void freeMethodSlots(MethodCbNode *slots[4]);
 
 }  // namespace kep
-
-// Logs as KEP_LOG does, but under the name of the operation a shared step serves.
-#define KEP_LOG_AS(func, ...)                                           \
-    do {                                                                \
-        if (false) ::kep::logFormatCheck(__VA_ARGS__);                  \
-        ::kep::logAt(::kep::kMidHandle, (func), __LINE__, __VA_ARGS__); \
-    } while (0)

@@ -1,11 +1,11 @@
 // Building an owner's binary record from JSON option values, inside the calling process.
 #include <string.h>
 
-#include "api.h"
+#include "base/api.h"
+#include "base/guard.h"
+#include "base/log.h"
 #include "config/config_internal.h"
-#include "guard.h"
 #include "kep_model.h"
-#include "log.h"
 #include "tree/tree_internal.h"
 
 using kep::JsonPtr;
