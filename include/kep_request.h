@@ -36,18 +36,23 @@ enum {
  */
 typedef int (*MethodHandler)(json_object *request, json_object **response);
 
+enum {
+    KEP_METHOD_NAME_SIZE = 32, /* MethodMsgHandler.method */
+    KEP_FILTER_SIZE = 4608     /* gSetFilter, gDoFilter */
+};
+
 typedef struct MethodMsgHandler {
-    char method[32];       /* method name as a request spells it, without quotes */
-    MethodHandler handler; /* null disables the method */
+    char method[KEP_METHOD_NAME_SIZE]; /* method name as a request spells it, without quotes */
+    MethodHandler handler;             /* null disables the method */
 } MethodMsgHandler;
 
 enum { methodMsgHandlerNum = 6 };
 
 /* Read afresh for every request; a process may null an entry to disable a method. */
-extern MethodMsgHandler gPassthroughHandler[6];
+extern MethodMsgHandler gPassthroughHandler[methodMsgHandlerNum];
 /* Exported storage the library itself never reads or writes. */
-extern unsigned char gSetFilter[4608];
-extern unsigned char gDoFilter[4608];
+extern unsigned char gSetFilter[KEP_FILTER_SIZE];
+extern unsigned char gDoFilter[KEP_FILTER_SIZE];
 extern int modelTid;
 
 /*

@@ -15,8 +15,8 @@
 // Exported data is defined inside a linkage block: "extern" on a definition with an
 // initializer draws a warning. No code of the library reads or writes these.
 extern "C" {
-__attribute__((visibility("default"))) unsigned char gSetFilter[4608] = {};
-__attribute__((visibility("default"))) unsigned char gDoFilter[4608] = {};
+__attribute__((visibility("default"))) unsigned char gSetFilter[KEP_FILTER_SIZE] = {};
+__attribute__((visibility("default"))) unsigned char gDoFilter[KEP_FILTER_SIZE] = {};
 __attribute__((visibility("default"))) int modelTid = 0;
 }
 
@@ -40,8 +40,9 @@ MethodHandler loadHandler(const MethodMsgHandler &entry) {
 namespace kep {
 
 int dispatchByMethod(const char *method, json_object *request, json_object **response) {
-    // Per call, so that concurrent requests never share it.
-    char methodBuffer[64] = {};
+    // Per call, so that concurrent requests never share it. Room for a method field
+    // between quotes: the comparison is with the request's quoted text.
+    char methodBuffer[KEP_METHOD_NAME_SIZE + 3] = {};
     JsonPtr rsp;
     int rc = KEP_ERR_NO_METHOD;
     if (!method) {
