@@ -50,10 +50,6 @@ enum { methodMsgHandlerNum = 6 };
 
 /* Read afresh for every request; a process may null an entry to disable a method. */
 extern MethodMsgHandler gPassthroughHandler[methodMsgHandlerNum];
-/* Exported storage the library itself never reads or writes. */
-extern unsigned char gSetFilter[KEP_FILTER_SIZE];
-extern unsigned char gDoFilter[KEP_FILTER_SIZE];
-extern int modelTid;
 
 /*
  * Handles one request text. Returns 0 whenever *response received a malloc'd text
@@ -70,7 +66,12 @@ int standardKepReqHandle(const char *request, char **response);
 int passthroughHandleMethod(const char *method, json_object *request, json_object **response);
 /* Stores the malloc'd text of {"error_code": code}; -1 (nothing stored) without memory. */
 int makeErrorRspObj(int code, char **response);
-/* Always 0; kept for processes that link against it. */
+
+/* Kept for processes built against earlier releases; new code has no use for them.
+ * The library never reads or writes the storage, and filterDispatch always returns 0. */
+extern unsigned char gSetFilter[KEP_FILTER_SIZE];
+extern unsigned char gDoFilter[KEP_FILTER_SIZE];
+extern int modelTid;
 int filterDispatch(void);
 
 #ifdef __cplusplus

@@ -12,14 +12,6 @@
 #include "kep_pf_sys.h"
 #include "request/request_internal.h"
 
-// Exported data is defined inside a linkage block: "extern" on a definition with an
-// initializer draws a warning. No code of the library reads or writes these.
-extern "C" {
-__attribute__((visibility("default"))) unsigned char gSetFilter[KEP_FILTER_SIZE] = {};
-__attribute__((visibility("default"))) unsigned char gDoFilter[KEP_FILTER_SIZE] = {};
-__attribute__((visibility("default"))) int modelTid = 0;
-}
-
 namespace {
 
 // {"error_code": code}, or null when memory runs out.
@@ -147,9 +139,5 @@ KEP_API int passthroughHandleMethod(const char *method, json_object *request, js
         if (!rsp) return KEP_ERR_NO_RSP_MEMORY;
     }
     *response = rsp.release();
-    return 0;
-}
-
-KEP_API int filterDispatch(void) {
     return 0;
 }
