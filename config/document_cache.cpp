@@ -454,4 +454,9 @@ void dropModuleDocuments() {
     }
 }
 
+void resetTreeForTest() {
+    dropModuleDocuments();
+    releaseTreeNodes();
+}
+
 }  // namespace kep

@@ -19,7 +19,7 @@ DataSection *appendListSection(DataTable &table, const char *name) {
     DataSection *section = newDataSection();
     if (!section) return nullptr;
     copyName(section->name, name, sizeof section->name);
-    if (cfg::isListTable(table)) section->opr = table.opr;
+    if (isListTable(table)) section->opr = table.opr;
     lstAdd(&table.sections, &section->link);
     return section;
 }

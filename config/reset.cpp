@@ -45,7 +45,7 @@ bool loadListSections(DataModule &module) {
     if (!doc) return false;
     for (DataTable *table = firstOf<DataTable>(module.tables); table; table = nextOf(table)) {
         json_object *stored = jsonObjectObjectGet(doc.get(), table->name);
-        if (stored && cfg::isListTable(*table)) loadTableListConfig(table, stored);
+        if (stored && isListTable(*table)) loadTableListConfig(table, stored);
     }
     return true;
 }
@@ -59,8 +59,8 @@ KEP_API int tableResetConfig(DataTable *table, json_object **value) {
     if (!value) return -1;
     *value = nullptr;
     if (!table) return -1;
-    if (cfg::isListTable(*table)) {
-        if (cfg::isDynamicTable(*table)) return 0;
+    if (isListTable(*table)) {
+        if (isDynamicTable(*table)) return 0;
         ResetConfigFn reset = table->opr.resetConfig.config;
         if (!reset) return 0;
         const int result = reset(table->name, value);
@@ -71,7 +71,7 @@ KEP_API int tableResetConfig(DataTable *table, json_object **value) {
         }
         return result;
     }
-    if (cfg::isDynamicTable(*table)) {
+    if (isDynamicTable(*table)) {
         // The owner resets its own state; there is nothing to store.
         for (DataSection *section = firstOf<DataSection>(table->sections); section;
              section = nextOf(section)) {

@@ -37,7 +37,7 @@ void dumpMethodSlots(MethodCbNode *const slots[KEP_METHOD_SLOTS]) {
 
 void dumpTable(DataTable *table) {
     KEP_LOG_AS("printDataModuleTree", "| |-table %-20s %-8s %-8s %3d\r\n", table->name,
-               table->optionPublic == 0 ? "private" : "public", table->noCheck == 0 ? "check" : "nocheck",
+               kep::isListTable(*table) ? "public" : "private", table->noCheck == 0 ? "check" : "nocheck",
                table->count);
     for (LstNode *n = lstFirst(&table->sections); n; n = lstNext(n)) {
         DataSection *section = nodeAs<DataSection>(n);
@@ -45,7 +45,7 @@ void dumpTable(DataTable *table) {
         dumpVerNotify(&section->verList, &section->notList, true);
         dumpMethodSlots(section->methodCb);
     }
-    if (table->optionPublic == 1 && table->options) {
+    if (kep::isListTable(*table) && table->options) {
         for (int i = 0; i < table->optionCount; i++) {
             KEP_LOG_AS("printDataModuleTree", "| | |-option %-10s\r\n", table->options[i].name);
         }

@@ -38,7 +38,7 @@ int regTableInterface(DataTable *table, const char *path, const char *section, c
     }
     table->opr = *opr;
     KEP_LOG("path:%s pTable->name:%s  pTable->optionPublic:%d", path, table->name, table->optionPublic);
-    if (table->optionPublic == 1) {
+    if (kep::isListTable(*table)) {
         // A list table's entries share its interface.
         for (LstNode *n = lstFirst(&table->sections); n; n = lstNext(n)) nodeAs<DataSection>(n)->opr = *opr;
     }

@@ -7,7 +7,6 @@
 #include "base/api.h"
 #include "base/guard.h"
 #include "base/log.h"
-#include "config/config_internal.h"
 #include "tree/tree_internal.h"
 #include "tree/tree_search.h"
 
@@ -123,8 +122,7 @@ void freeDataSection(DataSection *section) {
     free(section);
 }
 
-void resetTreeForTest() {
-    dropModuleDocuments();
+void releaseTreeNodes() {
     while (LstNode *m = lstGet(&gModuleRoot)) {
         DataModule *module = nodeAs<DataModule>(m);
         while (LstNode *t = lstGet(&module->tables)) freeTable(nodeAs<DataTable>(t));
@@ -213,14 +211,14 @@ KEP_API void delDataModule(const char *name, int dropListSections) {
     if (!dropListSections) return;
     for (LstNode *t = lstFirst(&module->tables); t; t = lstNext(t)) {
         DataTable *table = nodeAs<DataTable>(t);
-        if (table->optionPublic == 1) delDataTable(table);
+        if (kep::isListTable(*table)) delDataTable(table);
     }
 }
 
 KEP_API int unregisterTable(const char *path) {
     DataTable *table = getTableByFullName(path);
     if (!table) return -1;
-    if (table->optionPublic == 0) {
+    if (!kep::isListTable(*table)) {
         for (LstNode *s = lstFirst(&table->sections); s; s = lstNext(s)) {
             DataSection *section = nodeAs<DataSection>(s);
             freeVerNotifyList(&section->verList);
@@ -233,24 +231,5 @@ KEP_API int unregisterTable(const char *path) {
     freeVerNotifyList(&table->notList);
     freeMethodSlots(table->methodCb);
     memset(&table->opr, 0, sizeof table->opr);
-    return 0;
-}
-
-KEP_API int deletePluginTable(const char *moduleName, const char *tableName) {
-    if (!moduleName || !tableName) return -1;
-    DataModule *module = getDataModuler(moduleName);
-    if (!module) return -1;
-    DataTable *table = getDataTable(module, tableName);
-    if (!table || table->isDynamic == 1) return -1;
-    {
-        kep::ModuleDocument config(*module, kep::ModuleDocument::Use::IfKept);
-        if (!config) return -1;
-        if (jsonObjectObjectGet(config.get(), table->name)) {
-            config.changing(kep::ModuleDocument::Change::Moves);
-            jsonObjectObjectDel(config.get(), table->name);
-            config.store();
-        }
-    }
-    if (table->optionPublic == 1) delDataTable(table);
     return 0;
 }

@@ -8,6 +8,17 @@
 
 namespace kep {
 
+// The two table kinds. Both fields are public and writable, so these are the only
+// tests of them: a list table (optionPublic 1) shares its callbacks with its
+// sections and stores them as an array; a dynamic table (isDynamic 1) is produced
+// by its owner at access time and has nothing stored.
+inline bool isListTable(const DataTable &table) {
+    return table.optionPublic == 1;
+}
+inline bool isDynamicTable(const DataTable &table) {
+    return table.isDynamic == 1;
+}
+
 // A tree path "/module/table[/section]" split into its components. Module and table
 // are cut to 31 characters; section points into the caller's path (never null; empty
 // when the path has no section component) and stays valid as long as that path.
@@ -69,8 +80,12 @@ inline T *nextOf(T *node) {
 // The root list itself, for the subsystems that walk or extend it.
 LstList &moduleRoot();
 
-// Releases every node and empties the root list, so that each test starts from a
-// fresh tree. Not exported; production code never calls it.
+// Releases every node and empties the root list.
+void releaseTreeNodes();
+
+// Drops the configuration store's kept documents and releases the tree, so that each
+// test starts afresh. Not exported; production code never calls it. Defined with the
+// store, which the tree itself does not know.
 void resetTreeForTest();
 
 }  // namespace kep
