@@ -19,7 +19,7 @@ template <typename ReadFn>
 int readSections(DataTable &table, const char *name, void *buf, int size, ReadFn read) {
     const bool one = name[0] != '\0';
     int total = 0;
-    for (DataSection *section = firstOf<DataSection>(table.sections); section; section = nextOf(section)) {
+    LST_FOR_EACH(DataSection, section, &table.sections) {
         if (one && strcmp(section->name, name) != 0) continue;
         const int room = size - total;
         const int got = read(*section, static_cast<char *>(buf) + total, room);
@@ -57,8 +57,10 @@ int readDynamic(DataTable &table, const char *name, void *buf, int size) {
 
 // Earlier in the table's list than section, a section node of the same name.
 bool readBefore(DataTable &table, const DataSection &section) {
-    for (DataSection *s = firstOf<DataSection>(table.sections); s && s != &section; s = nextOf(s))
+    LST_FOR_EACH(DataSection, s, &table.sections) {
+        if (s == &section) break;
         if (strcmp(s->name, section.name) == 0) return true;
+    }
     return false;
 }
 

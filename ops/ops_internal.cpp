@@ -30,15 +30,13 @@ bool takeSlot(const MethodCbNode *node, ModelReqParams &params) {
 }
 
 bool findSectionNode(DataModule *module, const char *name, WalkTrace trace, SectionHit *hit) {
-    for (LstNode *t = lstFirst(&module->tables); t; t = lstNext(t)) {
-        DataTable *table = reinterpret_cast<DataTable *>(t);
+    LST_FOR_EACH(DataTable, table, &module->tables) {
         if (trace == WalkTrace::Edit) {
             KEP_LOG("table:%s model:%s.\n", table->name, module->name);
         } else {
             KEP_LOG("table:%s .\n", table->name);
         }
-        for (LstNode *s = lstFirst(&table->sections); s; s = lstNext(s)) {
-            DataSection *section = reinterpret_cast<DataSection *>(s);
+        LST_FOR_EACH(DataSection, section, &table->sections) {
             KEP_LOG("section:%s pSection->name:%s.\n", name, section->name);
             if (strcmp(section->name, name) == 0) {
                 hit->table = table;

@@ -209,8 +209,7 @@ KEP_API void notifySecdataChanged(const char *path) {
     DataSection *section = kep::findSectionInTable(table, split.section);
     if (!section) return;
 
-    for (LstNode *n = lstFirst(&section->notList); n; n = lstNext(n)) {
-        const VerNotifyNode *listener = reinterpret_cast<const VerNotifyNode *>(n);
+    LST_FOR_EACH(const VerNotifyNode, listener, &section->notList) {
         ModelReqParams params{};
         params.pid = listener->pid;
         params.cb = listener->cb;

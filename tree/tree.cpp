@@ -72,8 +72,7 @@ DataTable *findPathTable(const TreePath &path, DataModule **module) {
 
 DataSection *findSectionInTable(DataTable *table, const char *name) {
     if (!table || !name) return nullptr;
-    for (LstNode *n = lstFirst(&table->sections); n; n = lstNext(n)) {
-        DataSection *section = nodeAs<DataSection>(n);
+    LST_FOR_EACH(DataSection, section, &table->sections) {
         if (sameName(section->name, name)) return section;
     }
     return nullptr;
@@ -146,8 +145,7 @@ KEP_API int getModuleSize(void) {
 
 KEP_API DataModule *getDataModuler(const char *name) {
     if (!name) return nullptr;
-    for (LstNode *m = lstFirst(&gModuleRoot); m; m = lstNext(m)) {
-        DataModule *module = nodeAs<DataModule>(m);
+    LST_FOR_EACH(DataModule, module, &gModuleRoot) {
         if (sameName(module->name, name)) return module;
     }
     return nullptr;
@@ -156,16 +154,14 @@ KEP_API DataModule *getDataModuler(const char *name) {
 KEP_API DataTable *getDataTable(DataModule *module, const char *name) {
     if (!name) return nullptr;
     if (!module) {
-        for (LstNode *m = lstFirst(&gModuleRoot); m; m = lstNext(m)) {
-            for (LstNode *t = lstFirst(&nodeAs<DataModule>(m)->tables); t; t = lstNext(t)) {
-                DataTable *table = nodeAs<DataTable>(t);
+        LST_FOR_EACH(DataModule, m, &gModuleRoot) {
+            LST_FOR_EACH(DataTable, table, &m->tables) {
                 if (sameName(table->name, name)) return table;
             }
         }
         return nullptr;
     }
-    for (LstNode *t = lstFirst(&module->tables); t; t = lstNext(t)) {
-        DataTable *table = nodeAs<DataTable>(t);
+    LST_FOR_EACH(DataTable, table, &module->tables) {
         KEP_LOG("tableName:%s pDataTable->name:%s.\n", name, table->name);
         if (sameName(table->name, name)) return table;
     }
@@ -182,11 +178,9 @@ KEP_API int findSectionInModule(const char *moduleName, const char *section, Dat
     if (!moduleName || !section) return -1;
     DataModule *module = getDataModuler(moduleName);
     if (!module) return -1;
-    for (LstNode *t = lstFirst(&module->tables); t; t = lstNext(t)) {
-        DataTable *table = nodeAs<DataTable>(t);
+    LST_FOR_EACH(DataTable, table, &module->tables) {
         KEP_LOG("table:%s\n", table->name);
-        for (LstNode *s = lstFirst(&table->sections); s; s = lstNext(s)) {
-            DataSection *candidate = nodeAs<DataSection>(s);
+        LST_FOR_EACH(DataSection, candidate, &table->sections) {
             KEP_LOG("section:%s secName:%s, slen:%d \n", candidate->name, section,
                     static_cast<int>(strlen(section)));
             if (sameName(candidate->name, section)) {
@@ -209,8 +203,7 @@ KEP_API void delDataModule(const char *name, int dropListSections) {
     while (LstNode *a = lstGet(&module->actions)) free(a);
     memset(&module->appOps, 0, sizeof module->appOps);
     if (!dropListSections) return;
-    for (LstNode *t = lstFirst(&module->tables); t; t = lstNext(t)) {
-        DataTable *table = nodeAs<DataTable>(t);
+    LST_FOR_EACH(DataTable, table, &module->tables) {
         if (kep::isListTable(*table)) delDataTable(table);
     }
 }
@@ -219,8 +212,7 @@ KEP_API int unregisterTable(const char *path) {
     DataTable *table = getTableByFullName(path);
     if (!table) return -1;
     if (!kep::isListTable(*table)) {
-        for (LstNode *s = lstFirst(&table->sections); s; s = lstNext(s)) {
-            DataSection *section = nodeAs<DataSection>(s);
+        LST_FOR_EACH(DataSection, section, &table->sections) {
             freeVerNotifyList(&section->verList);
             freeVerNotifyList(&section->notList);
             freeMethodSlots(section->methodCb);

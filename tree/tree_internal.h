@@ -63,18 +63,11 @@ extern void *(*treeCalloc)(size_t count, size_t size);
 // Copies at most size-1 bytes of src and terminates dst (name and callback fields).
 void copyName(char *dst, const char *src, unsigned size);
 
-// Typed walks over the intrusive lists: every tree record begins with its link.
+// The record a node taken off a list belongs to: every tree record begins with its
+// link. Walks go through LST_FOR_EACH.
 template <typename T>
 inline T *nodeAs(LstNode *node) {
     return reinterpret_cast<T *>(node);
-}
-template <typename T>
-inline T *firstOf(LstList &list) {
-    return nodeAs<T>(lstFirst(&list));
-}
-template <typename T>
-inline T *nextOf(T *node) {
-    return nodeAs<T>(lstNext(&node->link));
 }
 
 // The root list itself, for the subsystems that walk or extend it.

@@ -22,12 +22,10 @@ inline bool sameName(const char *a, const char *b) {
 // every table compared.
 template <typename OnModule, typename OnTable>
 DataTable *searchPathTable(const TreePath &path, DataModule **module, OnModule onModule, OnTable onTable) {
-    for (LstNode *m = lstFirst(&moduleRoot()); m; m = lstNext(m)) {
-        DataModule *mod = nodeAs<DataModule>(m);
+    LST_FOR_EACH(DataModule, mod, &moduleRoot()) {
         onModule(mod);
         if (!sameName(mod->name, path.module)) continue;
-        for (LstNode *t = lstFirst(&mod->tables); t; t = lstNext(t)) {
-            DataTable *table = nodeAs<DataTable>(t);
+        LST_FOR_EACH(DataTable, table, &mod->tables) {
             onTable(table);
             if (sameName(table->name, path.table)) {
                 if (module) *module = mod;
