@@ -25,12 +25,13 @@ void traceComponents(const char *func, const TreePath &p) {
 // Stores the record into the table or into its named section.
 int regTableInterface(DataTable *table, const char *path, const char *section, const OprInterface *opr) {
     if (*section) {
-        LST_FOR_EACH(DataSection, candidate, &table->sections) {
-            KEP_LOG("path:%s pSection->name:%s ", section, candidate->name);
-            if (sameName(candidate->name, section)) {
-                candidate->opr = *opr;
-                return 0;
-            }
+        const char *func = __func__;
+        DataSection *target = searchTableSection(table, section, [func, section](DataSection *candidate) {
+            KEP_LOG_AS(func, "path:%s pSection->name:%s ", section, candidate->name);
+        });
+        if (target) {
+            target->opr = *opr;
+            return 0;
         }
         KEP_LOG("regTableInterface table [%s] don't have section [%s].\r\n", table->name, section);
         return -1;

@@ -72,10 +72,7 @@ DataTable *findPathTable(const TreePath &path, DataModule **module) {
 
 DataSection *findSectionInTable(DataTable *table, const char *name) {
     if (!table || !name) return nullptr;
-    LST_FOR_EACH(DataSection, section, &table->sections) {
-        if (sameName(section->name, name)) return section;
-    }
-    return nullptr;
+    return searchTableSection(table, name, [](DataSection *) {});
 }
 
 int lastIndexOfChar(const char *text, char c) {
@@ -178,18 +175,17 @@ KEP_API int findSectionInModule(const char *moduleName, const char *section, Dat
     if (!moduleName || !section) return -1;
     DataModule *module = getDataModuler(moduleName);
     if (!module) return -1;
-    LST_FOR_EACH(DataTable, table, &module->tables) {
-        KEP_LOG("table:%s\n", table->name);
-        LST_FOR_EACH(DataSection, candidate, &table->sections) {
-            KEP_LOG("section:%s secName:%s, slen:%d \n", candidate->name, section,
-                    static_cast<int>(strlen(section)));
-            if (sameName(candidate->name, section)) {
-                if (out) *out = candidate;
-                return 1;
-            }
-        }
-    }
-    return 0;
+    const char *func = __func__;
+    SectionHit hit;
+    const bool found = searchSection(
+        module, section, &hit, [func](DataTable *table) { KEP_LOG_AS(func, "table:%s\n", table->name); },
+        [func, section](DataSection *candidate) {
+            KEP_LOG_AS(func, "section:%s secName:%s, slen:%d \n", candidate->name, section,
+                       static_cast<int>(strlen(section)));
+        });
+    if (!found) return 0;
+    if (out) *out = hit.section;
+    return 1;
 }
 
 KEP_API void delDataTable(DataTable *table) {

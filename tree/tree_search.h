@@ -36,6 +36,39 @@ DataTable *searchPathTable(const TreePath &path, DataModule **module, OnModule o
     return nullptr;
 }
 
+// A section node and the table that holds it.
+struct SectionHit {
+    DataTable *table;
+    DataSection *section;
+};
+
+// The one section search of a table: the first section named name, in list order,
+// compared exactly. onSection(DataSection *) runs for every section compared, so that
+// each caller can trace under its own name.
+template <typename OnSection>
+DataSection *searchTableSection(DataTable *table, const char *name, OnSection onSection) {
+    LST_FOR_EACH(DataSection, section, &table->sections) {
+        onSection(section);
+        if (sameName(section->name, name)) return section;
+    }
+    return nullptr;
+}
+
+// The same over a module: tables in list order, onTable(DataTable *) for every table
+// entered. False when no table has such a section.
+template <typename OnTable, typename OnSection>
+bool searchSection(DataModule *module, const char *name, SectionHit *hit, OnTable onTable,
+                   OnSection onSection) {
+    LST_FOR_EACH(DataTable, table, &module->tables) {
+        onTable(table);
+        if (DataSection *section = searchTableSection(table, name, onSection)) {
+            *hit = {table, section};
+            return true;
+        }
+    }
+    return false;
+}
+
 // Releases every node of a verify or notify list.
 void freeVerNotifyList(LstList *list);
 // Releases the four method-callback nodes and empties the slots.
