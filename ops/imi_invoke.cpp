@@ -2,9 +2,9 @@
 
 #include <stddef.h>
 
-#include "api.h"
+#include "base/api.h"
+#include "base/log.h"
 #include "kep_diag.h"
-#include "log.h"
 #include "tree/tree_internal.h"
 
 namespace kep {

@@ -2,8 +2,8 @@
 
 #include <string.h>
 
+#include "base/log.h"
 #include "kep_json.h"
-#include "log.h"
 #include "tree/tree_internal.h"
 
 namespace kep {
@@ -30,24 +30,19 @@ bool takeSlot(const MethodCbNode *node, ModelReqParams &params) {
 }
 
 bool findSectionNode(DataModule *module, const char *name, WalkTrace trace, SectionHit *hit) {
-    for (LstNode *t = lstFirst(&module->tables); t; t = lstNext(t)) {
-        DataTable *table = reinterpret_cast<DataTable *>(t);
-        if (trace == WalkTrace::Edit) {
-            KEP_LOG("table:%s model:%s.\n", table->name, module->name);
-        } else {
-            KEP_LOG("table:%s .\n", table->name);
-        }
-        for (LstNode *s = lstFirst(&table->sections); s; s = lstNext(s)) {
-            DataSection *section = reinterpret_cast<DataSection *>(s);
-            KEP_LOG("section:%s pSection->name:%s.\n", name, section->name);
-            if (strcmp(section->name, name) == 0) {
-                hit->table = table;
-                hit->section = section;
-                return true;
+    const char *func = __func__;
+    return searchSection(
+        module, name, hit,
+        [func, trace, module](DataTable *table) {
+            if (trace == WalkTrace::Edit) {
+                KEP_LOG_AS(func, "table:%s model:%s.\n", table->name, module->name);
+            } else {
+                KEP_LOG_AS(func, "table:%s .\n", table->name);
             }
-        }
-    }
-    return false;
+        },
+        [func, name](DataSection *section) {
+            KEP_LOG_AS(func, "section:%s pSection->name:%s.\n", name, section->name);
+        });
 }
 
 DataTable *listTableOf(DataModule *module, const char *name, bool wholeNameFirst) {
@@ -55,8 +50,8 @@ DataTable *listTableOf(DataModule *module, const char *name, bool wholeNameFirst
         DataTable *table = getDataTable(module, name);
         if (table) return table;
     }
-    // Names hold 31 characters, so 32 are enough to tell a match from a miss.
-    char tableName[33];
+    // Names hold 31 characters, so one more is enough to tell a match from a miss.
+    char tableName[KEP_NAME_SIZE + 1];
     copyName(tableName, name, sizeof tableName);
     int cut = lastIndexOfChar(tableName, '_');
     if (cut <= 0) return nullptr;

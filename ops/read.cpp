@@ -1,12 +1,12 @@
 // Reading tables and sections through the owners' get callbacks.
 #include <string.h>
 
-#include "api.h"
-#include "guard.h"
+#include "base/api.h"
+#include "base/guard.h"
+#include "base/log.h"
 #include "kep_json.h"
 #include "kep_model.h"
 #include "kep_request.h"
-#include "log.h"
 #include "ops/ops_internal.h"
 #include "tree/tree_internal.h"
 
@@ -75,7 +75,7 @@ KEP_API int getSectionObjJson(const char *module, const char *section, json_obje
             return -1;
         }
         KEP_LOG("secName:%s .\n", section);
-        if (tab->isDynamic == 0) {
+        if (!kep::isDynamicTable(*tab)) {
             served = kep::takeSlot(tab->methodCb[KEP_METHOD_GET], params);
         } else {
             // The entries of a dynamic table exist only in its owner, which registered
@@ -117,7 +117,7 @@ KEP_API int transferJsonTable(json_object **value) {
     while (jsonObjectNextSubObject(source.get(), nullptr, &key)) {
         json_object *row = jsonObjectNewObject();
         if (!row || jsonObjectArrayAdd(rows.get(), row) != 0) return -1;
-        char name[32];
+        char name[KEP_NAME_SIZE];
         kep::copyName(name, key, sizeof name);
         // Detaching the member makes the next pass find the following one first.
         json_object *member = jsonGetObjFromObj(source.get(), key);

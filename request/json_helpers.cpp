@@ -2,10 +2,10 @@
 // object they were read from.
 #include <json-c/json_object.h>
 
-#include "api.h"
+#include "base/api.h"
+#include "base/log.h"
 #include "kep_json.h"
 #include "kep_pf_json.h"
-#include "log.h"
 
 KEP_API json_object *jsonParseStr(const char *text) {
     if (!text) {
@@ -24,10 +24,6 @@ KEP_API const char *getValueFromJsonObj(json_object *obj, const char *key) {
     }
     json_object *member = jsonObjectObjectGet(obj, key);
     return member ? json_object_to_json_string(member) : nullptr;
-}
-
-KEP_API const char *getValueFromJsonObj_kep(json_object *obj, const char *key) {
-    return getValueFromJsonObj(obj, key);
 }
 
 KEP_API const char *getValueFromArrayJsonObj(json_object *array, unsigned int index, const char *key) {
@@ -74,8 +70,4 @@ KEP_API void jsonObjectPut(json_object *obj) {
         return;
     }
     json_object_put(obj);
-}
-
-KEP_API json_object *getNexlSubJsonObj(json_object *obj) {
-    return obj;
 }

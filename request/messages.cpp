@@ -3,11 +3,11 @@
 // so the text outlives the object and no per-thread storage is needed.
 #include <stdio.h>
 
-#include "api.h"
-#include "guard.h"
+#include "base/api.h"
+#include "base/guard.h"
+#include "base/log.h"
 #include "kep_json.h"
 #include "kep_pf_json.h"
-#include "log.h"
 
 namespace {
 

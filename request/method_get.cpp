@@ -1,10 +1,10 @@
 // The "get" method: per module, tables read with their counts or sections read one by one.
 #include <string.h>
 
-#include "guard.h"
+#include "base/guard.h"
+#include "base/log.h"
 #include "kep_json.h"
 #include "kep_model.h"
-#include "log.h"
 #include "ops/ops_internal.h"
 #include "request/method_handlers.h"
 

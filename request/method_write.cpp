@@ -3,10 +3,10 @@
 // modules (and sections) handled before it keep their changes.
 #include <string.h>
 
-#include "guard.h"
+#include "base/guard.h"
+#include "base/log.h"
 #include "kep_json.h"
 #include "kep_model.h"
-#include "log.h"
 #include "ops/ops_internal.h"
 #include "request/method_handlers.h"
 

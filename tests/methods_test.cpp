@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "guard.h"
+#include "base/guard.h"
 #include "kep_json.h"
 #include "log_capture.h"
 #include "ops_fixture.h"

@@ -8,7 +8,7 @@
 #include <string>
 #include <thread>
 
-#include "guard.h"
+#include "base/guard.h"
 #include "kep_diag.h"
 #include "kep_json.h"
 #include "kep_model.h"

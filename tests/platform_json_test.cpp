@@ -24,8 +24,8 @@
 #include <thread>
 #include <vector>
 
+#include "base/guard.h"
 #include "config_fixture.h"
-#include "guard.h"
 #include "kep_pf_debug.h"
 #include "kep_pf_json.h"
 #include "platform/standin/json_match.h"

@@ -24,7 +24,7 @@
 #include <utility>
 #include <vector>
 
-#include "guard.h"
+#include "base/guard.h"
 #include "kep_pf_rpc.h"
 #include "owner_process.h"
 

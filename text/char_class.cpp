@@ -1,6 +1,6 @@
 // Character classes of the text helpers. They answer 1 or -1 (never 0) and look
 // only at the low byte, independent of the locale.
-#include "api.h"
+#include "base/api.h"
 #include "kep_text.h"
 
 namespace {

@@ -1,9 +1,9 @@
 // Percent-encoding, line-break encoding and in-place decoding of configuration
 // strings. All write into caller buffers and never past the given size; w counts the
 // bytes written so far and never exceeds size, so "size - w" cannot wrap.
-#include "api.h"
+#include "base/api.h"
+#include "base/log.h"
 #include "kep_text.h"
-#include "log.h"
 
 namespace {
 

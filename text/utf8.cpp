@@ -1,9 +1,9 @@
 // Cutting UTF-8 text at a byte limit without splitting a character.
 #include <string.h>
 
-#include "api.h"
+#include "base/api.h"
+#include "base/log.h"
 #include "kep_text.h"
-#include "log.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // Intrusive doubly linked list: links and unlinks nodes its users own, never allocates.
 #include "kep_list.h"
 
-#include "platform/api.h"
+#include "base/api.h"
 #include "tree/tree_internal.h"
 
 namespace kep {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <stddef.h>
+#include <string.h>
 
 #include <utility>
 
@@ -70,6 +71,21 @@ inline constexpr XmlEntity kXmlEntities[] = {
 extern void *(*xmlAlloc)(size_t size);
 extern void *(*xmlRealloc)(void *block, size_t size);
 
+// Copies src into dst of size bytes, cut to fit and terminated.
+inline void xmlCopyText(char *dst, const char *src, size_t size) {
+    size_t n = strnlen(src, size - 1);
+    memcpy(dst, src, n);
+    dst[n] = '\0';
+}
+
+// Allocates pool blocks with room for room elements (three attributes each) and gives
+// the pool n of them. When logFailure, a failed block is logged with its byte size.
+// Nothing stays allocated on failure.
+bool allocPool(XmlMemPool &pool, int n, int room, bool logFailure);
+// Whether the pool can still hand out an element, an attribute.
+bool xmlPoolNodesLeft(const XmlMemPool &pool);
+bool xmlPoolAttrsLeft(const XmlMemPool &pool);
+
 // Fills pool with n elements and 3n attributes; 0, or -1 (null pool, negative n, no
 // memory: nothing stays allocated).
 int xmlMemPoolInit(XmlMemPool *pool, int n);
@@ -85,10 +101,6 @@ XmlAttr *mxmlAddAttrib(XmlNode *element, const char *name, const char *value, Xm
 
 // Replaces a blank value by text, else appends to it; the value is cut at 63.
 void xmlNodeAppendText(XmlNode *element, const char *text);
-
-// Runs one attempt over ctx's reader; the top element, or null with the attempt's
-// records and pool blocks released.
-XmlNode *xmlParseLoop(XmlParseCtx *ctx);
 
 // Reads an entity reference after "&" up to its ";": the character (0..255), or -1.
 int xmlReadEntity(XmlParseCtx *ctx);

@@ -2,8 +2,8 @@
 // text for XML output.
 #include <string.h>
 
-#include "api.h"
-#include "log.h"
+#include "base/api.h"
+#include "base/log.h"
 #include "xml/xml_internal.h"
 
 namespace kep {

@@ -28,7 +28,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "../guard.h"
+#include "base/guard.h"
 #include "kep_pf_debug.h"
 
 namespace kep_pf {

@@ -53,3 +53,10 @@ inline void logFormatCheck(const char *, ...) {}
 // JSON helpers log as module 110, the rest of the library as 111.
 #define KEP_LOGJ(...) KEP_LOG_MID(::kep::kMidJson, __VA_ARGS__)
 #define KEP_LOG(...) KEP_LOG_MID(::kep::kMidHandle, __VA_ARGS__)
+
+// Logs as KEP_LOG does, but under the name of the operation a shared step serves.
+#define KEP_LOG_AS(func, ...)                                           \
+    do {                                                                \
+        if (false) ::kep::logFormatCheck(__VA_ARGS__);                  \
+        ::kep::logAt(::kep::kMidHandle, (func), __LINE__, __VA_ARGS__); \
+    } while (0)

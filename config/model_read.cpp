@@ -1,11 +1,11 @@
 // Building an owner's binary record from JSON option values, inside the calling process.
 #include <string.h>
 
-#include "api.h"
+#include "base/api.h"
+#include "base/guard.h"
+#include "base/log.h"
 #include "config/config_internal.h"
-#include "guard.h"
 #include "kep_model.h"
-#include "log.h"
 #include "tree/tree_internal.h"
 
 using kep::JsonPtr;
@@ -16,7 +16,7 @@ namespace {
 DataTable *configTableOf(const char *path, kep::TreePath *split, DataModule **module) {
     if (!kep::splitTreePath(path, split) || split->section[0] == '\0') return nullptr;
     DataTable *table = kep::findPathTable(*split, module);
-    if (!table || table->isDynamic == 1) return nullptr;
+    if (!table || kep::isDynamicTable(*table)) return nullptr;
     return table;
 }
 
