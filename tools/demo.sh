@@ -116,8 +116,9 @@ if [ -x "$bin/gateway/kepwebd" ]; then
     # The usual port when it is free, else any.
     for listen in "127.0.0.1:${KEP_WEB_PORT:-8080}" 127.0.0.1:0; do
         : >"$work/kepwebd.log"
-        kepwebd -f -l "$listen" -u "$work/users" -r "$work/rules.json" -w "$root/gateway/www" "${web_user[@]}" \
-            2>"$work/kepwebd.log" & web=$!
+        # Started directly, not through the function: $! must be the gateway itself.
+        ${KEP_RUN:-} "$bin/gateway/kepwebd" -f -l "$listen" -u "$work/users" -r "$work/rules.json" \
+            -w "$root/gateway/www" "${web_user[@]}" 2>"$work/kepwebd.log" & web=$!
         for _ in $(seq 200); do
             grep -q "serving with" "$work/kepwebd.log" && break
             kill -0 "$web" 2>/dev/null || break
