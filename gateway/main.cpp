@@ -322,6 +322,10 @@ int main(int argc, char **argv) {
         usage(stderr);
         return 2;
     }
+    if (!c.certFile.empty() && !tlsAvailable()) {
+        fprintf(stderr, "kepwebd: -c: this build of libmicrohttpd has no TLS\n");
+        return 1;
+    }
     signal(SIGPIPE, SIG_IGN);
     openlog("kepwebd", LOG_PID | (c.foreground ? LOG_PERROR : 0), LOG_AUTHPRIV);
     Loaded l;

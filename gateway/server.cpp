@@ -556,6 +556,10 @@ bool Server::start() {
     return daemon_ != nullptr;
 }
 
+bool tlsAvailable() {
+    return MHD_is_feature_supported(MHD_FEATURE_TLS) == MHD_YES;
+}
+
 Server *startServer(const Config &config, Loaded &&loaded) {
     Server *s = new Server(config, std::move(loaded));
     if (!s->start()) {

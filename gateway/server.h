@@ -36,6 +36,9 @@ struct Loaded {
     std::string cert, key;
 };
 
+// Whether the libmicrohttpd at hand serves HTTPS (a device build may lack TLS).
+bool tlsAvailable();
+
 class Server;
 // Starts serving; nullptr (with the reason on standard error) when it cannot.
 Server *startServer(const Config &config, Loaded &&loaded);

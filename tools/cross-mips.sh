@@ -4,7 +4,8 @@
 #
 # On a fresh Debian bookworm machine, as root or with sudo. Everything comes from
 # Debian's archive: the cross compilers and qemu as packages, json-c from its Debian
-# source package, GoogleTest from the sources libgtest-dev ships. Both are built with
+# source package, GoogleTest from the sources libgtest-dev ships, and for the HTTP
+# gateway libmicrohttpd (without TLS), libxcrypt and libcurl from their source packages. Both are built with
 # cmake/mips-linux-gnu.cmake into build-mips-deps/sysroot and kept there: a second
 # run rebuilds them only when the toolchain file, the compiler or their version changes.
 #
@@ -28,7 +29,7 @@ started=$SECONDS
 step() { echo "== mips: $* ($((SECONDS - started)) s)"; }
 
 # ---- packages: cross compilers and binutils, qemu-user, host build tools ----
-packages=(gcc-$triplet g++-$triplet binutils-$triplet dpkg-dev cmake pkg-config libgtest-dev)
+packages=(gcc-$triplet g++-$triplet binutils-$triplet dpkg-dev cmake pkg-config libgtest-dev autoconf automake libtool)
 command -v qemu-mips >/dev/null || command -v qemu-mips-static >/dev/null || packages+=(qemu-user)
 apt_updated=0
 apt_update() {
@@ -63,6 +64,21 @@ deps_cmake() {  # deps_cmake NAME SOURCE [cmake args...]: configure, build, inst
 }
 mkdir -p "$prefix"
 
+# Source records for the archive that already serves json-c's binary packages.
+deb_src() {
+    apt-cache showsrc json-c >/dev/null 2>&1 && return 0
+    uri=$(apt-cache policy libjson-c5 | awk '$3 ~ /^bookworm(-updates)?\/main$/ {print $2; exit}')
+    if [ -z "$uri" ]; then
+        apt_update
+        uri=$(apt-cache policy libjson-c5 | awk '$3 ~ /^bookworm(-updates)?\/main$/ {print $2; exit}')
+    fi
+    [ -n "$uri" ] || { echo "no bookworm archive configured for json-c" >&2; exit 1; }
+    printf 'Types: deb-src\nURIs: %s\nSuites: bookworm bookworm-updates\nComponents: main\nSigned-By: /usr/share/keyrings/debian-archive-keyring.gpg\n' \
+        "$uri" | $sudo tee /etc/apt/sources.list.d/kep-deb-src.sources >/dev/null
+    apt_updated=0
+    apt_update
+}
+
 # ---- json-c from Debian's source package ----
 # The Debian version is known from the binary package; the source is fetched only
 # when no build of that version exists yet.
@@ -74,19 +90,7 @@ jsonc_cflags=-funwind-tables
 jsonc_key="json-c $jsonc_version $jsonc_cflags $toolkey"
 if ! fresh json-c "$jsonc_key"; then
     step "json-c $jsonc_version from its Debian source package"
-    if ! apt-cache showsrc json-c >/dev/null 2>&1; then
-        # Source records for the archive that already serves json-c's binary packages.
-        uri=$(apt-cache policy libjson-c5 | awk '$3 ~ /^bookworm(-updates)?\/main$/ {print $2; exit}')
-        if [ -z "$uri" ]; then
-            apt_update
-            uri=$(apt-cache policy libjson-c5 | awk '$3 ~ /^bookworm(-updates)?\/main$/ {print $2; exit}')
-        fi
-        [ -n "$uri" ] || { echo "no bookworm archive configured for json-c" >&2; exit 1; }
-        printf 'Types: deb-src\nURIs: %s\nSuites: bookworm bookworm-updates\nComponents: main\nSigned-By: /usr/share/keyrings/debian-archive-keyring.gpg\n' \
-            "$uri" | $sudo tee /etc/apt/sources.list.d/kep-deb-src.sources >/dev/null
-        apt_updated=0
-        apt_update
-    fi
+    deb_src
     rm -rf "$deps/src/json-c"
     mkdir -p "$deps/src/json-c"
     # As root apt fetches unsandboxed and says so; the download itself is what matters.
@@ -98,6 +102,53 @@ if ! fresh json-c "$jsonc_key"; then
         -DBUILD_APPS=OFF -DDISABLE_WERROR=ON
     echo "$jsonc_key" >"$prefix/.json-c.key"
 fi
+
+# ---- the gateway's libraries from their Debian source packages (autotools) ----
+# deps_source NAME BINARY-PACKAGE: unpacks NAME's Debian source of the version the
+# build machine has into $deps/src/NAME and prints its folder.
+deps_source() {
+    local name=$1 version
+    version=$(dpkg-query -W -f='${Version}' "$2" 2>/dev/null || true)
+    rm -rf "$deps/src/$name"
+    mkdir -p "$deps/src/$name"
+    (cd "$deps/src/$name" && { [ -n "$version" ] && apt-get source -qq "$name=$version" 2>/dev/null ||
+        apt-get source -qq "$name"; }) >/dev/null
+    find "$deps/src/$name" -mindepth 1 -maxdepth 1 -type d -name "$name-*" | head -n1
+}
+# deps_autotools NAME BINARY-PACKAGE [configure args...]: builds and installs into the prefix.
+deps_autotools() {
+    local name=$1 package=$2 key src; shift 2
+    key="$name $(dpkg-query -W -f='${Version}' "$package" 2>/dev/null) $* $toolkey"
+    fresh "$name" "$key" && return 0
+    step "$name from its Debian source package"
+    deb_src
+    src=$(deps_source "$name" "$package")
+    [ -n "$src" ] || { echo "$name source not unpacked" >&2; exit 1; }
+    (
+        cd "$src"
+        [ -x configure ] || ./autogen.sh
+        ./configure --host=$triplet --prefix="$prefix" --libdir="$prefix/lib" --disable-static "$@" \
+            CFLAGS="-O2 -D_FILE_OFFSET_BITS=64"
+        if [ "$name" = curl ]; then  # the library, its headers and .pc only
+            make -j"$jobs" -C lib && make -C lib install && make -C include install && make install-pkgconfigDATA
+        else
+            make -j"$jobs" && make install
+        fi
+    ) >"$deps/$name.log" 2>&1 || { tail -n 30 "$deps/$name.log"; exit 1; }
+    rm -rf "$deps/src/$name"
+    echo "$key" >"$prefix/.$name.key"
+}
+# libmicrohttpd without TLS: GnuTLS and its own dependencies are not cross-built here,
+# so the device's gateway serves plain HTTP (README).
+deps_autotools libmicrohttpd libmicrohttpd-dev --disable-https --disable-doc --disable-examples --disable-curl \
+    --disable-nls
+deps_autotools libxcrypt libcrypt-dev --disable-werror --disable-obsolete-api --enable-hashes=strong,glibc
+# libcurl drives the gateway's system tests under qemu: plain HTTP only.
+deps_autotools curl libcurl4-gnutls-dev --without-ssl --disable-ldap --disable-ldaps --without-libpsl \
+    --without-zlib --without-brotli --without-zstd --without-nghttp2 --without-libidn2 --without-librtmp \
+    --without-libssh2 --disable-manual --disable-docs --disable-rtsp --disable-dict --disable-telnet \
+    --disable-tftp --disable-pop3 --disable-imap --disable-smtp --disable-gopher --disable-mqtt --disable-smb \
+    --disable-ftp --disable-file --disable-alt-svc --disable-ntlm
 
 # ---- GoogleTest from the sources shipped by libgtest-dev ----
 gtest_key="googletest $(dpkg-query -W -f='${Version}' libgtest-dev) $toolkey"
@@ -122,5 +173,11 @@ cp "$lib" "$build/libkepHandle.so.0.stripped"
 $triplet-strip "$build/libkepHandle.so.0.stripped"
 echo "MIPS libkepHandle.so.0 stripped: $(stat -c %s "$build/libkepHandle.so.0.stripped") bytes" \
     "(unstripped $(stat -c %s "$lib"))"
+if [ -f "$build/gateway/kepwebd" ]; then
+    $triplet-strip -o "$build/gateway/kepwebd.stripped" "$build/gateway/kepwebd"
+    echo "MIPS kepwebd stripped: $(stat -c %s "$build/gateway/kepwebd.stripped") bytes;" \
+        "libmicrohttpd $(stat -c %s "$(readlink -f "$prefix/lib/libmicrohttpd.so")") bytes," \
+        "libcrypt $(stat -c %s "$(readlink -f "$prefix/lib/libcrypt.so")") bytes (unstripped)"
+fi
 step "done"
 exit $rc

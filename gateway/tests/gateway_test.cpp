@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <crypt.h>
 #include <curl/curl.h>
+#include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -545,7 +546,8 @@ TEST_F(Gateway, CrossOriginOnlyWhenConfigured) {
 }
 
 TEST_F(Gateway, ServesHttpsWithACertificateMadeNow) {
-    if (access("/usr/bin/openssl", X_OK) != 0) GTEST_SKIP() << "no openssl to make a certificate";
+    if (access("/usr/bin/openssl", X_OK) != 0 || !kEmulator.empty())
+        GTEST_SKIP() << "no openssl to make a certificate, or a cross build (whose gateway has no TLS)";
     const int made = reap(
         spawn({"/usr/bin/openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
                "ec_paramgen_curve:prime256v1", "-nodes", "-days", "1", "-subj", "/CN=127.0.0.1", "-addext",
@@ -597,14 +599,27 @@ TEST_F(Gateway, BadFilesAndRootWithoutAUserStopTheStart) {
     }
 }
 
+// Runs argv (through the emulator of a cross build) with input on its standard input.
+int runWithInput(std::vector<std::string> argv, const std::string &inputFile, const std::string &out,
+                 const std::string &err) {
+    const int in = open(inputFile.c_str(), O_RDONLY | O_CLOEXEC);
+    if (in < 0) return -1;
+    const int saved = dup(0);
+    dup2(in, 0);  // the child inherits it
+    const pid_t pid = spawn(std::move(argv), out, err);
+    dup2(saved, 0);
+    close(saved);
+    close(in);
+    return reap(pid, 30000);
+}
+
 TEST(GatewayHash, MakesCryptHashesOfTheGivenKind) {
     const std::string dir = systemTestFolder("/tmp/kwh");
     for (const char *kind : {"", "sha512"}) {
         writeText(dir + "/pw", "correct horse\n");
-        std::vector<std::string> argv = {
-            "/bin/sh", "-c",
-            std::string(kEmulator + " " KEPWEBD_PATH " --hash ") + kind + " < " + dir + "/pw"};
-        ASSERT_EQ(reap(spawn(argv, dir + "/hash", dir + "/err"), 30000), 0) << readText(dir + "/err");
+        std::vector<std::string> argv = {KEPWEBD_PATH, "--hash"};
+        if (*kind) argv.push_back(kind);
+        ASSERT_EQ(runWithInput(argv, dir + "/pw", dir + "/hash", dir + "/err"), 0) << readText(dir + "/err");
         std::string hash = readText(dir + "/hash");
         ASSERT_FALSE(hash.empty());
         hash.pop_back();
