@@ -276,12 +276,14 @@ MHD_Result Server::first(MHD_Connection *conn, Pending *p, const char *url, cons
     Session s;
     std::string token;
     if (needsSession(p->route) && !authorized(conn, &s, &token)) {
-        audit("refused: no live session, %s %s, addr=%s", method, url, p->addr.c_str());
+        audit("refused: no live session, %s %s, addr=%s", loggable(method, 16).c_str(),
+              loggable(url, 128).c_str(), p->addr.c_str());
         return sendError(conn, p, 401, "no live session", {{"WWW-Authenticate", "Bearer"}});
     }
     if ((p->route == Route::kLogin || p->route == Route::kRequest) &&
         !isJsonType(header(conn, "Content-Type"))) {
-        audit("refused: %s %s without a JSON body, addr=%s", method, url, p->addr.c_str());
+        audit("refused: %s %s without a JSON body, addr=%s", loggable(method, 16).c_str(),
+              loggable(url, 128).c_str(), p->addr.c_str());
         return sendError(conn, p, 415, "the body must be application/json");
     }
     const char *length = header(conn, "Content-Length");
