@@ -17,7 +17,7 @@ namespace {
 
 using Lines = std::vector<std::string>;
 const std::string kExample =
-    std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) + "/../examples/model.xml";
+    std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) + "/../../examples/model.xml";
 const Lines kInitLine = {"=======================data module init\r\n\r\n"};
 
 std::string sections(const char *path) {
