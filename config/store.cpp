@@ -136,14 +136,6 @@ DataTable *resolvePath(const char *path, TreePath *split, DataModule **module) {
 
 using namespace kep;
 
-KEP_API int modelLock(void) {
-    return 0;
-}
-
-KEP_API void modelUnlock(int token) {
-    (void)token;
-}
-
 KEP_API int modelRead(const char *path, void *buf, int size) {
     TreePath split;
     DataModule *module = nullptr;

@@ -21,13 +21,16 @@ extern "C" {
 int modelRead(const char *path, void *buf, int size);
 int modelWrite(const char *path, const void *record, int size);
 int loadTableListConfig(DataTable *table, json_object *array);
-/* Lock hooks: the library itself takes no lock. */
-int modelLock(void);
-void modelUnlock(int token);
 int tableResetConfig(DataTable *table, json_object **value);
 int modelResetConfigFile(DataModule *module);
 int systemLoadConfigFile(void);
 int systemResetConfigFile(void);
+
+/* Kept for processes built against earlier releases: the library takes no lock, but
+ * still brackets every call into a dynamic table's reader or writer with these
+ * (modelLock returns 0, modelUnlock does nothing). */
+int modelLock(void);
+void modelUnlock(int token);
 
 #ifdef __cplusplus
 }

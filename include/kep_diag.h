@@ -9,6 +9,8 @@
 #ifndef KEP_DIAG_H
 #define KEP_DIAG_H
 
+#include "kep_tree.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -17,12 +19,12 @@ extern "C" {
  * code tells why: KEP_ERR_NO_TABLE (the module has no such table or section, or there
  * is no such module) or KEP_ERR_NOT_REGISTERED (no process serves it). */
 typedef struct KepCallFailure {
-    int code;        /* the owner's own nonzero "errorCode"; KEP_ERR_NO_ERRORCODE when it
-                        answered without one; or the RPC's QXRPC_ERR_* code (qxImiStrError) */
-    int pid;         /* the owner process called */
-    char cb[68];     /* the callback called */
-    char module[32]; /* the module the call was for; "" when not known */
-    char name[32];   /* the table, section or action it was for; "" when not known (cut to 31) */
+    int code;                   /* the owner's own nonzero "errorCode"; KEP_ERR_NO_ERRORCODE when it
+                                   answered without one; or the RPC's QXRPC_ERR_* code (qxImiStrError) */
+    int pid;                    /* the owner process called */
+    char cb[KEP_CALLBACK_SIZE]; /* the callback called */
+    char module[KEP_NAME_SIZE]; /* the module the call was for; "" when not known */
+    char name[KEP_NAME_SIZE];   /* the table, section or action it was for; "" when not known (cut to 31) */
 } KepCallFailure;
 
 /* 1 with *out filled when an owner call of this thread failed since the previous

@@ -36,19 +36,20 @@ enum {
  */
 typedef int (*MethodHandler)(json_object *request, json_object **response);
 
+enum {
+    KEP_METHOD_NAME_SIZE = 32, /* MethodMsgHandler.method */
+    KEP_FILTER_SIZE = 4608     /* gSetFilter, gDoFilter */
+};
+
 typedef struct MethodMsgHandler {
-    char method[32];       /* method name as a request spells it, without quotes */
-    MethodHandler handler; /* null disables the method */
+    char method[KEP_METHOD_NAME_SIZE]; /* method name as a request spells it, without quotes */
+    MethodHandler handler;             /* null disables the method */
 } MethodMsgHandler;
 
 enum { methodMsgHandlerNum = 6 };
 
 /* Read afresh for every request; a process may null an entry to disable a method. */
-extern MethodMsgHandler gPassthroughHandler[6];
-/* Exported storage the library itself never reads or writes. */
-extern unsigned char gSetFilter[4608];
-extern unsigned char gDoFilter[4608];
-extern int modelTid;
+extern MethodMsgHandler gPassthroughHandler[methodMsgHandlerNum];
 
 /*
  * Handles one request text. Returns 0 whenever *response received a malloc'd text
@@ -65,7 +66,12 @@ int standardKepReqHandle(const char *request, char **response);
 int passthroughHandleMethod(const char *method, json_object *request, json_object **response);
 /* Stores the malloc'd text of {"error_code": code}; -1 (nothing stored) without memory. */
 int makeErrorRspObj(int code, char **response);
-/* Always 0; kept for processes that link against it. */
+
+/* Kept for processes built against earlier releases; new code has no use for them.
+ * The library never reads or writes the storage, and filterDispatch always returns 0. */
+extern unsigned char gSetFilter[KEP_FILTER_SIZE];
+extern unsigned char gDoFilter[KEP_FILTER_SIZE];
+extern int modelTid;
 int filterDispatch(void);
 
 #ifdef __cplusplus

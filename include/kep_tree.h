@@ -20,6 +20,13 @@
 extern "C" {
 #endif
 
+/* Field sizes of the records below; the binary layout depends on them. */
+enum {
+    KEP_NAME_SIZE = 32,     /* names: 31 characters and the terminator */
+    KEP_CALLBACK_SIZE = 68, /* callback names: at most 64 characters are kept */
+    KEP_METHOD_SLOTS = 4    /* methodCb: one slot per method index below KEP_METHOD_ACTION */
+};
+
 /* Method index of the methodCb slots and of registerMethodCb. */
 enum {
     KEP_METHOD_ADD = 0,
@@ -57,7 +64,7 @@ typedef struct OprInterface {
     } jsonToBin; /* slot 2 */
     int configPid;
     int pid; /* owner of the remote callback; 0 until registered */
-    char cb[68];
+    char cb[KEP_CALLBACK_SIZE];
 } OprInterface;
 
 /* In-process check run before a list entry is stored; existed is 1 for an update. */
@@ -66,22 +73,22 @@ typedef int (*VerifyFn)(const char *name, json_object *value, void *reserved, in
 typedef struct MethodCbNode {
     LstNode link;
     int pid;
-    char cb[68];
+    char cb[KEP_CALLBACK_SIZE];
 } MethodCbNode;
 typedef struct VerNotifyNode {
     LstNode link;
     VerifyFn verifyFn;
     int pid;
-    char cb[68];
+    char cb[KEP_CALLBACK_SIZE];
 } VerNotifyNode;
 typedef struct ActionNode {
     LstNode link;
-    char name[32];
+    char name[KEP_NAME_SIZE];
     int pid;
-    char cb[68];
+    char cb[KEP_CALLBACK_SIZE];
 } ActionNode;
 typedef struct DataOption {
-    char name[32];
+    char name[KEP_NAME_SIZE];
 } DataOption;
 
 /* The four-word application record: init runs inside registerAppModule; the rest is the caller's. */
@@ -92,16 +99,16 @@ typedef struct AppOps {
 
 typedef struct DataSection {
     LstNode link;
-    char name[32];
+    char name[KEP_NAME_SIZE];
     LstList verList;
     LstList notList;
     OprInterface opr;
-    MethodCbNode *methodCb[4];
+    MethodCbNode *methodCb[KEP_METHOD_SLOTS];
 } DataSection;
 
 typedef struct DataTable {
     LstNode link;
-    char name[32];
+    char name[KEP_NAME_SIZE];
     int isDynamic; /* 0: data in the module's configuration file; 1: produced by the owner */
     LstList sections;
     LstList verList;
@@ -112,13 +119,13 @@ typedef struct DataTable {
     int count;
     int optionCount;
     DataOption *options;
-    MethodCbNode *methodCb[4];
+    MethodCbNode *methodCb[KEP_METHOD_SLOTS];
 } DataTable;
 
 typedef struct DataModule {
     LstNode link;
-    char name[32];
-    char configFile[32];
+    char name[KEP_NAME_SIZE];
+    char configFile[KEP_NAME_SIZE];
     LstList tables;
     LstList actions;
     AppOps appOps;

@@ -80,7 +80,7 @@ int buildTree(const char *path) {
 
 // Adds the table element to module unless a table of that name is already there.
 int mergeTable(DataModule *module, XmlNode *element) {
-    char name[32] = {};
+    char name[KEP_NAME_SIZE] = {};
     if (readNameAttr(name, sizeof name, element) != 0) return 0;
     char path[2 * sizeof name + 4];
     snprintf(path, sizeof path, "/%s/%s", module->name, name);
@@ -142,7 +142,7 @@ KEP_API int registerDataModel(XmlNode *root) {
     if (!root) return 0;
     for (XmlNode *m = strNodeSearch(root, root, kModuleElement); m;
          m = strNodeSearch(m, root, kModuleElement)) {
-        char name[32] = {};
+        char name[KEP_NAME_SIZE] = {};
         if (readNameAttr(name, sizeof name, m) != 0) continue;
         DataModule *module = getDataModuler(name);
         if (!module) {

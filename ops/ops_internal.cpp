@@ -55,8 +55,8 @@ DataTable *listTableOf(DataModule *module, const char *name, bool wholeNameFirst
         DataTable *table = getDataTable(module, name);
         if (table) return table;
     }
-    // Names hold 31 characters, so 32 are enough to tell a match from a miss.
-    char tableName[33];
+    // Names hold 31 characters, so one more is enough to tell a match from a miss.
+    char tableName[KEP_NAME_SIZE + 1];
     copyName(tableName, name, sizeof tableName);
     int cut = lastIndexOfChar(tableName, '_');
     if (cut <= 0) return nullptr;

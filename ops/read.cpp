@@ -117,7 +117,7 @@ KEP_API int transferJsonTable(json_object **value) {
     while (jsonObjectNextSubObject(source.get(), nullptr, &key)) {
         json_object *row = jsonObjectNewObject();
         if (!row || jsonObjectArrayAdd(rows.get(), row) != 0) return -1;
-        char name[32];
+        char name[KEP_NAME_SIZE];
         kep::copyName(name, key, sizeof name);
         // Detaching the member makes the next pass find the following one first.
         json_object *member = jsonGetObjFromObj(source.get(), key);

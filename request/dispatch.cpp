@@ -12,14 +12,6 @@
 #include "kep_pf_sys.h"
 #include "request/request_internal.h"
 
-// Exported data is defined inside a linkage block: "extern" on a definition with an
-// initializer draws a warning. No code of the library reads or writes these.
-extern "C" {
-__attribute__((visibility("default"))) unsigned char gSetFilter[4608] = {};
-__attribute__((visibility("default"))) unsigned char gDoFilter[4608] = {};
-__attribute__((visibility("default"))) int modelTid = 0;
-}
-
 namespace {
 
 // {"error_code": code}, or null when memory runs out.
@@ -40,8 +32,9 @@ MethodHandler loadHandler(const MethodMsgHandler &entry) {
 namespace kep {
 
 int dispatchByMethod(const char *method, json_object *request, json_object **response) {
-    // Per call, so that concurrent requests never share it.
-    char methodBuffer[64] = {};
+    // Per call, so that concurrent requests never share it. Room for a method field
+    // between quotes: the comparison is with the request's quoted text.
+    char methodBuffer[KEP_METHOD_NAME_SIZE + 3] = {};
     JsonPtr rsp;
     int rc = KEP_ERR_NO_METHOD;
     if (!method) {
@@ -146,9 +139,5 @@ KEP_API int passthroughHandleMethod(const char *method, json_object *request, js
         if (!rsp) return KEP_ERR_NO_RSP_MEMORY;
     }
     *response = rsp.release();
-    return 0;
-}
-
-KEP_API int filterDispatch(void) {
     return 0;
 }

@@ -26,10 +26,6 @@ KEP_API const char *getValueFromJsonObj(json_object *obj, const char *key) {
     return member ? json_object_to_json_string(member) : nullptr;
 }
 
-KEP_API const char *getValueFromJsonObj_kep(json_object *obj, const char *key) {
-    return getValueFromJsonObj(obj, key);
-}
-
 KEP_API const char *getValueFromArrayJsonObj(json_object *array, unsigned int index, const char *key) {
     if (!array || !key) {
         KEP_LOGJ("jsonObj or name is NULL!\n");
@@ -74,8 +70,4 @@ KEP_API void jsonObjectPut(json_object *obj) {
         return;
     }
     json_object_put(obj);
-}
-
-KEP_API json_object *getNexlSubJsonObj(json_object *obj) {
-    return obj;
 }

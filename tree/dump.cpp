@@ -28,7 +28,7 @@ void dumpVerNotify(LstList *verList, LstList *notList, bool sectionLevel) {
     }
 }
 
-void dumpMethodSlots(MethodCbNode *const slots[4]) {
+void dumpMethodSlots(MethodCbNode *const slots[KEP_METHOD_SLOTS]) {
     for (int i = 0; i < 4; i++) {
         if (slots[i])
             KEP_LOG_AS("printDataModuleTree", "| |-cb[%d] pid%d %-15s\r\n", i, slots[i]->pid, slots[i]->cb);

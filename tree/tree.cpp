@@ -17,7 +17,7 @@ namespace {
 
 LstList gModuleRoot;  // zero-filled: an empty list at load
 
-void copyComponent(char (&dst)[32], const char *src, size_t len) {
+void copyComponent(char (&dst)[KEP_NAME_SIZE], const char *src, size_t len) {
     if (len > sizeof dst - 1) len = sizeof dst - 1;
     memcpy(dst, src, len);
     dst[len] = '\0';
@@ -108,7 +108,7 @@ void freeVerNotifyList(LstList *list) {
     while (LstNode *node = lstGet(list)) free(node);
 }
 
-void freeMethodSlots(MethodCbNode *slots[4]) {
+void freeMethodSlots(MethodCbNode *slots[KEP_METHOD_SLOTS]) {
     for (int i = 0; i < 4; i++) {
         free(slots[i]);
         slots[i] = nullptr;

@@ -12,8 +12,8 @@ namespace kep {
 // are cut to 31 characters; section points into the caller's path (never null; empty
 // when the path has no section component) and stays valid as long as that path.
 struct TreePath {
-    char module[32];
-    char table[32];
+    char module[KEP_NAME_SIZE];
+    char table[KEP_NAME_SIZE];
     const char *section;
 };
 

@@ -41,6 +41,6 @@ DataTable *searchPathTable(const TreePath &path, DataModule **module, OnModule o
 // Releases every node of a verify or notify list.
 void freeVerNotifyList(LstList *list);
 // Releases the four method-callback nodes and empties the slots.
-void freeMethodSlots(MethodCbNode *slots[4]);
+void freeMethodSlots(MethodCbNode *slots[KEP_METHOD_SLOTS]);
 
 }  // namespace kep
