@@ -7,7 +7,6 @@
 #include <string>
 
 #include "kep_tree.h"
-#include "log_capture.h"
 #include "tree/tree_internal.h"
 #include "tree_builder.h"
 
@@ -16,7 +15,6 @@ namespace {
 using kep_test::addModule;
 using kep_test::addSection;
 using kep_test::addTable;
-using Lines = std::vector<std::string>;
 using TreeTest = kep_test::FreshTree;
 
 MethodCbNode *cbNode() {
@@ -37,11 +35,8 @@ TEST_F(TreeTest, LookupsReturnFirstMatch) {
     EXPECT_EQ(getDataModuler("M1"), nullptr);
     EXPECT_EQ(getDataModuler("m"), nullptr);
     EXPECT_EQ(getDataTable(nullptr, "t"), t1);
-    kep_test::LogCapture log;
     EXPECT_EQ(getDataTable(m2, "t"), t2);
     EXPECT_EQ(getDataTable(m2, "x"), nullptr);
-    EXPECT_EQ(log.messages(),
-              (Lines{"tableName:t pDataTable->name:t.\n\r\n", "tableName:x pDataTable->name:t.\n\r\n"}));
 }
 
 TEST_F(TreeTest, PathSplittingAndTableByFullName) {
@@ -87,11 +82,8 @@ TEST_F(TreeTest, FindSectionInModule) {
     DataTable *t2 = addTable(m, "t2");
     DataSection *s = addSection(t2, "s");
     DataSection *out = nullptr;
-    kep_test::LogCapture log;
     EXPECT_EQ(findSectionInModule("m", "s", &out), 1);
     EXPECT_EQ(out, s);
-    EXPECT_EQ(log.messages(), (Lines{"table:t1\n\r\n", "section:x secName:s, slen:1 \n\r\n", "table:t2\n\r\n",
-                                     "section:s secName:s, slen:1 \n\r\n"}));
     out = nullptr;
     EXPECT_EQ(findSectionInModule("m", "nope", &out), 0);
     EXPECT_EQ(out, nullptr);
