@@ -97,13 +97,4 @@ void dropModuleDocuments();
 int modelConfListSecWrite(const char *name, DataModule *module, DataTable *table, const void *record,
                           int size);
 
-namespace cfg {
-inline bool isListTable(const DataTable &table) {
-    return table.optionPublic == 1;
-}
-inline bool isDynamicTable(const DataTable &table) {
-    return table.isDynamic != 0;
-}
-}  // namespace cfg
-
 }  // namespace kep

@@ -175,8 +175,8 @@ NodeSlot *probeNode(NodeIndex &index, const char *name, uint32_t hash) {
 // An index of the table's sections, at most half full; null when memory is short.
 NodeIndex *buildNodeIndex(DataTable &table) {
     uint32_t count = 0;
-    for (DataSection *s = firstOf<DataSection>(table.sections); s; s = nextOf(s))
-        if (++count > (UINT32_MAX >> 3)) return nullptr;
+    LST_FOR_EACH(DataSection, s, &table.sections)
+    if (++count > (UINT32_MAX >> 3)) return nullptr;
     uint32_t capacity = 8;
     while (capacity < 2u * count + 2u) capacity <<= 1;
     if (static_cast<size_t>(capacity) > (SIZE_MAX - sizeof(NodeIndex)) / sizeof(NodeSlot)) return nullptr;
@@ -185,7 +185,7 @@ NodeIndex *buildNodeIndex(DataTable &table) {
     *index = {nullptr, &table, listGeneration(), capacity - 1};
     NodeSlot *slots = index->slots();
     for (uint32_t i = 0; i < capacity; i++) slots[i] = {0, nullptr};
-    for (DataSection *s = firstOf<DataSection>(table.sections); s; s = nextOf(s)) {
+    LST_FOR_EACH(DataSection, s, &table.sections) {
         const uint32_t hash = hashName(s->name);
         NodeSlot *slot = probeNode(*index, s->name, hash);
         if (!slot->node) *slot = {hash, s};  // an earlier node of that name stays
@@ -452,6 +452,11 @@ void dropModuleDocuments() {
         free(slot);
         slot = next;
     }
+}
+
+void resetTreeForTest() {
+    dropModuleDocuments();
+    releaseTreeNodes();
 }
 
 }  // namespace kep

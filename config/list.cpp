@@ -19,7 +19,7 @@ DataSection *appendListSection(DataTable &table, const char *name) {
     DataSection *section = newDataSection();
     if (!section) return nullptr;
     copyName(section->name, name, sizeof section->name);
-    if (cfg::isListTable(table)) section->opr = table.opr;
+    if (isListTable(table)) section->opr = table.opr;
     lstAdd(&table.sections, &section->link);
     return section;
 }
@@ -27,7 +27,7 @@ DataSection *appendListSection(DataTable &table, const char *name) {
 // True when every in-process verify function of the table accepts the value.
 // Entries registered by remote processes carry no function and are skipped.
 bool verifyListSection(DataTable &table, const char *name, json_object *value, int existed) {
-    for (VerNotifyNode *entry = firstOf<VerNotifyNode>(table.verList); entry; entry = nextOf(entry)) {
+    LST_FOR_EACH(VerNotifyNode, entry, &table.verList) {
         if (entry->verifyFn && entry->verifyFn(name, value, nullptr, existed) != 0) return false;
     }
     return true;

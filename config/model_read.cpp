@@ -16,7 +16,7 @@ namespace {
 DataTable *configTableOf(const char *path, kep::TreePath *split, DataModule **module) {
     if (!kep::splitTreePath(path, split) || split->section[0] == '\0') return nullptr;
     DataTable *table = kep::findPathTable(*split, module);
-    if (!table || table->isDynamic == 1) return nullptr;
+    if (!table || kep::isDynamicTable(*table)) return nullptr;
     return table;
 }
 

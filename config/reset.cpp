@@ -24,7 +24,7 @@ constexpr int kBindMarkOffset = kBindSize - static_cast<int>(sizeof(int32_t));
 int resetNamedSections(DataTable &table, json_object **value) {
     JsonPtr object(jsonObjectNewObject());
     if (!object) return -1;
-    for (DataSection *section = firstOf<DataSection>(table.sections); section; section = nextOf(section)) {
+    LST_FOR_EACH(DataSection, section, &table.sections) {
         ResetConfigFn reset = section->opr.resetConfig.config;
         if (!reset) continue;
         JsonPtr produced;
@@ -43,9 +43,9 @@ int resetNamedSections(DataTable &table, json_object **value) {
 bool loadListSections(DataModule &module) {
     ModuleDocument doc(module, ModuleDocument::Use::IfKept);
     if (!doc) return false;
-    for (DataTable *table = firstOf<DataTable>(module.tables); table; table = nextOf(table)) {
+    LST_FOR_EACH(DataTable, table, &module.tables) {
         json_object *stored = jsonObjectObjectGet(doc.get(), table->name);
-        if (stored && cfg::isListTable(*table)) loadTableListConfig(table, stored);
+        if (stored && isListTable(*table)) loadTableListConfig(table, stored);
     }
     return true;
 }
@@ -59,8 +59,8 @@ KEP_API int tableResetConfig(DataTable *table, json_object **value) {
     if (!value) return -1;
     *value = nullptr;
     if (!table) return -1;
-    if (cfg::isListTable(*table)) {
-        if (cfg::isDynamicTable(*table)) return 0;
+    if (isListTable(*table)) {
+        if (isDynamicTable(*table)) return 0;
         ResetConfigFn reset = table->opr.resetConfig.config;
         if (!reset) return 0;
         const int result = reset(table->name, value);
@@ -71,10 +71,9 @@ KEP_API int tableResetConfig(DataTable *table, json_object **value) {
         }
         return result;
     }
-    if (cfg::isDynamicTable(*table)) {
+    if (isDynamicTable(*table)) {
         // The owner resets its own state; there is nothing to store.
-        for (DataSection *section = firstOf<DataSection>(table->sections); section;
-             section = nextOf(section)) {
+        LST_FOR_EACH(DataSection, section, &table->sections) {
             if (section->opr.resetConfig.dynamic) section->opr.resetConfig.dynamic(section->name);
         }
         return 0;
@@ -87,7 +86,7 @@ KEP_API int modelResetConfigFile(DataModule *module) {
     KEP_LOG("Module [%s] reset config data to file [%s].\r\n", module->name, module->configFile);
     JsonPtr doc(jsonObjectNewObject());
     if (!doc) return -1;
-    for (DataTable *table = firstOf<DataTable>(module->tables); table; table = nextOf(table)) {
+    LST_FOR_EACH(DataTable, table, &module->tables) {
         JsonPtr value;
         if (tableResetConfig(table, value.out()) != 0) return -1;
         if (value && jsonObjectObjectAdd(doc.get(), table->name, value.release()) != 0) return -1;
@@ -99,7 +98,7 @@ KEP_API int modelResetConfigFile(DataModule *module) {
 
 KEP_API int systemLoadConfigFile(void) {
     if (!getModulerRoot()) return -1;
-    for (DataModule *module = getModulerRoot(); module; module = nextOf(module)) {
+    LST_FOR_EACH(DataModule, module, &moduleRoot()) {
         if (module->configFile[0] == '\0') continue;
         if (loadListSections(*module)) continue;
         KEP_LOG("module %s config data has been destroyed.\r\n", module->name);
@@ -120,7 +119,7 @@ KEP_API int systemResetConfigFile(void) {
     const int32_t mark = 1;
     memcpy(bind + kBindMarkOffset, &mark, sizeof mark);
     if (!getModulerRoot()) return -1;
-    for (DataModule *module = getModulerRoot(); module; module = nextOf(module)) modelResetConfigFile(module);
+    LST_FOR_EACH(DataModule, module, &moduleRoot()) modelResetConfigFile(module);
     modelWrite(kBindPath, bind, kBindSize);
     return 0;
 }

@@ -19,7 +19,7 @@ template <typename ReadFn>
 int readSections(DataTable &table, const char *name, void *buf, int size, ReadFn read) {
     const bool one = name[0] != '\0';
     int total = 0;
-    for (DataSection *section = firstOf<DataSection>(table.sections); section; section = nextOf(section)) {
+    LST_FOR_EACH(DataSection, section, &table.sections) {
         if (one && strcmp(section->name, name) != 0) continue;
         const int room = size - total;
         const int got = read(*section, static_cast<char *>(buf) + total, room);
@@ -43,7 +43,7 @@ int underModelLock(Call call) {
 }
 
 int readDynamic(DataTable &table, const char *name, void *buf, int size) {
-    if (name[0] == '\0' && cfg::isListTable(table)) {
+    if (name[0] == '\0' && isListTable(table)) {
         DynReadFn reader = table.opr.binToJson.dynamic;
         if (!reader) return -1;
         return underModelLock([&] { return reader(table.name, buf, size); });
@@ -57,8 +57,10 @@ int readDynamic(DataTable &table, const char *name, void *buf, int size) {
 
 // Earlier in the table's list than section, a section node of the same name.
 bool readBefore(DataTable &table, const DataSection &section) {
-    for (DataSection *s = firstOf<DataSection>(table.sections); s && s != &section; s = nextOf(s))
+    LST_FOR_EACH(DataSection, s, &table.sections) {
+        if (s == &section) break;
         if (strcmp(s->name, section.name) == 0) return true;
+    }
     return false;
 }
 
@@ -67,7 +69,7 @@ int readStored(DataModule &module, DataTable &table, const char *name, void *buf
     if (!doc) return -1;
     json_object *stored = jsonObjectObjectGet(doc.get(), table.name);
     if (!stored) return -1;
-    const bool list = cfg::isListTable(table);
+    const bool list = isListTable(table);
     auto read = [&](DataSection &section, void *at, int room) {
         json_object *container = list ? doc.findListElement(stored, section.name) : stored;
         if (!container) return -1;
@@ -98,7 +100,7 @@ int writeDynamic(DataTable &table, const char *name, const void *record, int siz
         if (!section) return -1;
         target = section->name;
         writer = section->opr.jsonToBin.dynamic;
-    } else if (cfg::isListTable(table)) {
+    } else if (isListTable(table)) {
         writer = table.opr.jsonToBin.dynamic;
     }
     if (!writer) return -1;
@@ -142,7 +144,7 @@ KEP_API int modelRead(const char *path, void *buf, int size) {
     if (!buf || size < 0) return -1;
     DataTable *table = resolvePath(path, &split, &module);
     if (!table || !module) return -1;
-    if (cfg::isDynamicTable(*table)) return readDynamic(*table, split.section, buf, size);
+    if (isDynamicTable(*table)) return readDynamic(*table, split.section, buf, size);
     return readStored(*module, *table, split.section, buf, size);
 }
 
@@ -151,7 +153,27 @@ KEP_API int modelWrite(const char *path, const void *record, int size) {
     DataModule *module = nullptr;
     DataTable *table = resolvePath(path, &split, &module);
     if (!table || !module) return -1;
-    if (cfg::isDynamicTable(*table)) return writeDynamic(*table, split.section, record, size);
-    if (cfg::isListTable(*table)) return modelConfListSecWrite(split.section, module, table, record, size);
+    if (isDynamicTable(*table)) return writeDynamic(*table, split.section, record, size);
+    if (isListTable(*table)) return modelConfListSecWrite(split.section, module, table, record, size);
     return writeStored(*module, *table, split.section, record, size);
+}
+
+// A plugin table goes with its stored data: the member leaves the module's file.
+KEP_API int deletePluginTable(const char *moduleName, const char *tableName) {
+    if (!moduleName || !tableName) return -1;
+    DataModule *module = getDataModuler(moduleName);
+    if (!module) return -1;
+    DataTable *table = getDataTable(module, tableName);
+    if (!table || kep::isDynamicTable(*table)) return -1;
+    {
+        kep::ModuleDocument config(*module, kep::ModuleDocument::Use::IfKept);
+        if (!config) return -1;
+        if (jsonObjectObjectGet(config.get(), table->name)) {
+            config.changing(kep::ModuleDocument::Change::Moves);
+            jsonObjectObjectDel(config.get(), table->name);
+            config.store();
+        }
+    }
+    if (kep::isListTable(*table)) delDataTable(table);
+    return 0;
 }

@@ -37,6 +37,15 @@ LstNode *lstNext(LstNode *node);
 /* Unlinks every node; the nodes themselves are not released. */
 void lstFree(LstList *list);
 
+/*
+ * Walks list (an LstList *) in order with var, a pointer to type, naming each record
+ * in turn; type is a record that begins with its LstNode. The body may stop the walk
+ * with break, or unlink var and leave it at once; to take records off and go on,
+ * use lstGet.
+ */
+#define LST_FOR_EACH(type, var, list) \
+    for (type *var = (type *)lstFirst(list); var; var = (type *)lstNext((LstNode *)(var)))
+
 #ifdef __cplusplus
 }
 #endif

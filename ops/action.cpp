@@ -15,8 +15,7 @@ namespace {
 // The first action of that name that a process has claimed: a declared action
 // nobody serves yet has no callback and is passed over.
 const ActionNode *usableAction(DataModule *module, const char *name) {
-    for (LstNode *n = lstFirst(&module->actions); n; n = lstNext(n)) {
-        const ActionNode *action = reinterpret_cast<const ActionNode *>(n);
+    LST_FOR_EACH(const ActionNode, action, &module->actions) {
         if (strcmp(action->name, name) == 0 && action->pid >= 0 && action->cb[0] != '\0') return action;
     }
     return nullptr;

@@ -30,24 +30,19 @@ bool takeSlot(const MethodCbNode *node, ModelReqParams &params) {
 }
 
 bool findSectionNode(DataModule *module, const char *name, WalkTrace trace, SectionHit *hit) {
-    for (LstNode *t = lstFirst(&module->tables); t; t = lstNext(t)) {
-        DataTable *table = reinterpret_cast<DataTable *>(t);
-        if (trace == WalkTrace::Edit) {
-            KEP_LOG("table:%s model:%s.\n", table->name, module->name);
-        } else {
-            KEP_LOG("table:%s .\n", table->name);
-        }
-        for (LstNode *s = lstFirst(&table->sections); s; s = lstNext(s)) {
-            DataSection *section = reinterpret_cast<DataSection *>(s);
-            KEP_LOG("section:%s pSection->name:%s.\n", name, section->name);
-            if (strcmp(section->name, name) == 0) {
-                hit->table = table;
-                hit->section = section;
-                return true;
+    const char *func = __func__;
+    return searchSection(
+        module, name, hit,
+        [func, trace, module](DataTable *table) {
+            if (trace == WalkTrace::Edit) {
+                KEP_LOG_AS(func, "table:%s model:%s.\n", table->name, module->name);
+            } else {
+                KEP_LOG_AS(func, "table:%s .\n", table->name);
             }
-        }
-    }
-    return false;
+        },
+        [func, name](DataSection *section) {
+            KEP_LOG_AS(func, "section:%s pSection->name:%s.\n", name, section->name);
+        });
 }
 
 DataTable *listTableOf(DataModule *module, const char *name, bool wholeNameFirst) {

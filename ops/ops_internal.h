@@ -5,6 +5,7 @@
 #include "base/guard.h"
 #include "kep_tree.h"
 #include "ops/imi_invoke.h"
+#include "tree/tree_search.h"
 
 namespace kep {
 
@@ -18,12 +19,6 @@ int invokeForJson(ModelReqParams &params, JsonPtr &out);
 
 // True with params addressed at node; false for an empty slot.
 bool takeSlot(const MethodCbNode *node, ModelReqParams &params);
-
-// A section node and the table that holds it.
-struct SectionHit {
-    DataTable *table;
-    DataSection *section;
-};
 
 // Which trace a section walk writes per table: editing names the module too.
 enum class WalkTrace { Edit, Delete };

@@ -75,7 +75,7 @@ KEP_API int getSectionObjJson(const char *module, const char *section, json_obje
             return -1;
         }
         KEP_LOG("secName:%s .\n", section);
-        if (tab->isDynamic == 0) {
+        if (!kep::isDynamicTable(*tab)) {
             served = kep::takeSlot(tab->methodCb[KEP_METHOD_GET], params);
         } else {
             // The entries of a dynamic table exist only in its owner, which registered

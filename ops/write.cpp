@@ -23,7 +23,7 @@ namespace {
 int editTable(DataModule *module, DataTable *table, json_object *para, json_object *filter,
               const char *secName) {
     KEP_LOG("begin editTable.\n");
-    if (!module || !table || !para || table->optionPublic != 1) return -7004;
+    if (!module || !table || !para || !kep::isListTable(*table)) return -7004;
     KEP_LOG("begin paraStr:%s.\n", logJson(para));
     if ((filter != nullptr) == (secName != nullptr)) return -7004;
 
@@ -49,11 +49,11 @@ int editTable(DataModule *module, DataTable *table, json_object *para, json_obje
 // sections of a private table have their own.
 int editSectionNode(const DataModule *module, const SectionHit &hit, json_object *para,
                     json_object *request) {
-    if (hit.table->isDynamic == 1) return -7004;
+    if (kep::isDynamicTable(*hit.table)) return -7004;
     KEP_LOG("begin  pDataObj:%s .\n", logJson(request));
     ModelReqParams params{};
     const MethodCbNode *slot;
-    if (hit.table->optionPublic == 1) {
+    if (kep::isListTable(*hit.table)) {
         KEP_LOG("begin editListSection.\n");
         slot = hit.table->methodCb[KEP_METHOD_SET];
     } else {
@@ -71,7 +71,7 @@ int editSectionNode(const DataModule *module, const SectionHit &hit, json_object
 DataTable *listTableForWrite(const char *module, const char *table) {
     DataModule *mod = module ? getDataModuler(module) : nullptr;
     DataTable *tab = mod && table ? getDataTable(mod, table) : nullptr;
-    if (!tab || tab->isDynamic == 1 || tab->optionPublic != 1) return nullptr;
+    if (!tab || kep::isDynamicTable(*tab) || !kep::isListTable(*tab)) return nullptr;
     return tab;
 }
 
@@ -109,7 +109,7 @@ KEP_API int editSectionByObjJson(const char *module, const char *section, json_o
     DataTable *tab = kep::listTableOf(mod, section, true);
     if (!tab) return -4000;
     KEP_LOG("secName:%s .\n", section);
-    if (tab->isDynamic == 1 || !tab->methodCb[KEP_METHOD_SET]) {
+    if (kep::isDynamicTable(*tab) || !tab->methodCb[KEP_METHOD_SET]) {
         KEP_LOG("invalid set request!\n");
         return -7004;
     }
@@ -174,9 +174,9 @@ KEP_API int deleteDataSection(const char *module, const char *section) {
     const MethodCbNode *slot;
     kep::SectionHit hit{};
     if (kep::findSectionNode(mod, section, kep::WalkTrace::Delete, &hit)) {
-        if (hit.table->isDynamic == 1) return -8000;
+        if (kep::isDynamicTable(*hit.table)) return -8000;
         KEP_LOG("section:%s .\n", section);
-        if (hit.table->optionPublic == 1) {
+        if (kep::isListTable(*hit.table)) {
             KEP_LOG("secName:%s .\n", section);
             slot = hit.table->methodCb[KEP_METHOD_DELETE];
         } else {
@@ -188,7 +188,7 @@ KEP_API int deleteDataSection(const char *module, const char *section) {
         DataTable *tab = kep::listTableOf(mod, section, false);
         if (!tab) return -4000;
         // Entries of a dynamic list table may go; a dynamic private table keeps its sections.
-        if (tab->isDynamic == 1 && tab->optionPublic != 1) return -8000;
+        if (kep::isDynamicTable(*tab) && !kep::isListTable(*tab)) return -8000;
         KEP_LOG("secName:%s .\n", section);
         slot = tab->methodCb[KEP_METHOD_DELETE];
     }
@@ -205,12 +205,11 @@ KEP_API void notifySecdataChanged(const char *path) {
     kep::TreePath split;
     if (!kep::splitTreePath(path, &split)) return;
     DataTable *table = kep::findPathTable(split, nullptr);
-    if (!table || table->isDynamic == 1) return;
+    if (!table || kep::isDynamicTable(*table)) return;
     DataSection *section = kep::findSectionInTable(table, split.section);
     if (!section) return;
 
-    for (LstNode *n = lstFirst(&section->notList); n; n = lstNext(n)) {
-        const VerNotifyNode *listener = reinterpret_cast<const VerNotifyNode *>(n);
+    LST_FOR_EACH(const VerNotifyNode, listener, &section->notList) {
         ModelReqParams params{};
         params.pid = listener->pid;
         params.cb = listener->cb;

@@ -11,8 +11,7 @@
 namespace kep_owner {
 
 DataSection *findRow(DataTable *table, const char *name) {
-    for (LstNode *n = lstFirst(&table->sections); n; n = lstNext(n)) {
-        DataSection *s = reinterpret_cast<DataSection *>(n);
+    LST_FOR_EACH(DataSection, s, &table->sections) {
         if (strcmp(s->name, name) == 0) return s;
     }
     return nullptr;

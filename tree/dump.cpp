@@ -10,16 +10,14 @@ namespace {
 
 // Section-level lines sit one level deeper than the table's own.
 void dumpVerNotify(LstList *verList, LstList *notList, bool sectionLevel) {
-    for (LstNode *n = lstFirst(verList); n; n = lstNext(n)) {
-        VerNotifyNode *node = nodeAs<VerNotifyNode>(n);
+    LST_FOR_EACH(VerNotifyNode, node, verList) {
         if (sectionLevel) {
             KEP_LOG_AS("printDataModuleTree", "| | | |-verlist_cb pid%d %s\r\n", node->pid, node->cb);
         } else {
             KEP_LOG_AS("printDataModuleTree", "| | |-verlist_cb pid%d %s\r\n", node->pid, node->cb);
         }
     }
-    for (LstNode *n = lstFirst(notList); n; n = lstNext(n)) {
-        VerNotifyNode *node = nodeAs<VerNotifyNode>(n);
+    LST_FOR_EACH(VerNotifyNode, node, notList) {
         if (sectionLevel) {
             KEP_LOG_AS("printDataModuleTree", "| | | |-notlist_cb pid%d %s\r\n", node->pid, node->cb);
         } else {
@@ -37,15 +35,14 @@ void dumpMethodSlots(MethodCbNode *const slots[KEP_METHOD_SLOTS]) {
 
 void dumpTable(DataTable *table) {
     KEP_LOG_AS("printDataModuleTree", "| |-table %-20s %-8s %-8s %3d\r\n", table->name,
-               table->optionPublic == 0 ? "private" : "public", table->noCheck == 0 ? "check" : "nocheck",
+               kep::isListTable(*table) ? "public" : "private", table->noCheck == 0 ? "check" : "nocheck",
                table->count);
-    for (LstNode *n = lstFirst(&table->sections); n; n = lstNext(n)) {
-        DataSection *section = nodeAs<DataSection>(n);
+    LST_FOR_EACH(DataSection, section, &table->sections) {
         KEP_LOG_AS("printDataModuleTree", "| | |-section %-10s\r\n", section->name);
         dumpVerNotify(&section->verList, &section->notList, true);
         dumpMethodSlots(section->methodCb);
     }
-    if (table->optionPublic == 1 && table->options) {
+    if (kep::isListTable(*table) && table->options) {
         for (int i = 0; i < table->optionCount; i++) {
             KEP_LOG_AS("printDataModuleTree", "| | |-option %-10s\r\n", table->options[i].name);
         }
@@ -70,12 +67,10 @@ using namespace kep;
 KEP_API void printDataModuleTree(void) {
     if (debugFlagGet(kMidHandle) != 1) return;
     KEP_LOG("Data module tree.\r\n");
-    for (LstNode *m = lstFirst(&moduleRoot()); m; m = lstNext(m)) {
-        DataModule *module = nodeAs<DataModule>(m);
+    LST_FOR_EACH(DataModule, module, &moduleRoot()) {
         KEP_LOG("|-%s(module) :%p\r\n", module->name, static_cast<void *>(module));
-        for (LstNode *t = lstFirst(&module->tables); t; t = lstNext(t)) dumpTable(nodeAs<DataTable>(t));
-        for (LstNode *a = lstFirst(&module->actions); a; a = lstNext(a)) {
-            ActionNode *action = nodeAs<ActionNode>(a);
+        LST_FOR_EACH(DataTable, table, &module->tables) dumpTable(table);
+        LST_FOR_EACH(ActionNode, action, &module->actions) {
             KEP_LOG("| |-action %-15s pid:%d cb%s\r\n", action->name, action->pid, action->cb);
         }
     }

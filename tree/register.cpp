@@ -25,22 +25,22 @@ void traceComponents(const char *func, const TreePath &p) {
 // Stores the record into the table or into its named section.
 int regTableInterface(DataTable *table, const char *path, const char *section, const OprInterface *opr) {
     if (*section) {
-        for (LstNode *n = lstFirst(&table->sections); n; n = lstNext(n)) {
-            DataSection *candidate = nodeAs<DataSection>(n);
-            KEP_LOG("path:%s pSection->name:%s ", section, candidate->name);
-            if (sameName(candidate->name, section)) {
-                candidate->opr = *opr;
-                return 0;
-            }
+        const char *func = __func__;
+        DataSection *target = searchTableSection(table, section, [func, section](DataSection *candidate) {
+            KEP_LOG_AS(func, "path:%s pSection->name:%s ", section, candidate->name);
+        });
+        if (target) {
+            target->opr = *opr;
+            return 0;
         }
         KEP_LOG("regTableInterface table [%s] don't have section [%s].\r\n", table->name, section);
         return -1;
     }
     table->opr = *opr;
     KEP_LOG("path:%s pTable->name:%s  pTable->optionPublic:%d", path, table->name, table->optionPublic);
-    if (table->optionPublic == 1) {
+    if (kep::isListTable(*table)) {
         // A list table's entries share its interface.
-        for (LstNode *n = lstFirst(&table->sections); n; n = lstNext(n)) nodeAs<DataSection>(n)->opr = *opr;
+        LST_FOR_EACH(DataSection, section, &table->sections) section->opr = *opr;
     }
     return 0;
 }
@@ -78,8 +78,7 @@ int regModuleAction(const char *moduleName, const char *action, const char *cb, 
     DataModule *module = getDataModuler(moduleName);
     if (!module) return -1;
     int found = 0;
-    for (LstNode *n = lstFirst(&module->actions); n; n = lstNext(n)) {
-        ActionNode *a = nodeAs<ActionNode>(n);
+    LST_FOR_EACH(ActionNode, a, &module->actions) {
         if (!sameName(a->name, action)) continue;
         memset(a->cb, 0, sizeof a->cb);
         copyName(a->cb, cb, kCallbackNameSize);
@@ -122,10 +121,9 @@ int unRegTableVerNotify(DataTable *table, const char *section, int selector, con
         list = selectList(&target->verList, &target->notList, selector);
     }
     if (list) {
-        for (LstNode *n = lstFirst(list); n; n = lstNext(n)) {
-            VerNotifyNode *node = nodeAs<VerNotifyNode>(n);
+        LST_FOR_EACH(VerNotifyNode, node, list) {
             if (node->pid == pid && sameName(node->cb, cb)) {
-                lstDelete(list, n);
+                lstDelete(list, &node->link);
                 free(node);
                 return 0;
             }
@@ -254,8 +252,8 @@ KEP_API int registerAction(const char *moduleName, const char *action, const cha
     if (!moduleName || !action || !cb || pid < 0 || strlen(action) >= sizeof(ActionNode{}.name)) return -1;
     DataModule *module = getDataModuler(moduleName);
     if (!module) return -1;
-    for (LstNode *n = lstFirst(&module->actions); n; n = lstNext(n)) {
-        if (sameName(nodeAs<ActionNode>(n)->name, action)) return -1;
+    LST_FOR_EACH(ActionNode, known, &module->actions) {
+        if (sameName(known->name, action)) return -1;
     }
     ActionNode *node = newActionNode();
     if (!node) return -1;

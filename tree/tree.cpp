@@ -7,7 +7,6 @@
 #include "base/api.h"
 #include "base/guard.h"
 #include "base/log.h"
-#include "config/config_internal.h"
 #include "tree/tree_internal.h"
 #include "tree/tree_search.h"
 
@@ -73,11 +72,7 @@ DataTable *findPathTable(const TreePath &path, DataModule **module) {
 
 DataSection *findSectionInTable(DataTable *table, const char *name) {
     if (!table || !name) return nullptr;
-    for (LstNode *n = lstFirst(&table->sections); n; n = lstNext(n)) {
-        DataSection *section = nodeAs<DataSection>(n);
-        if (sameName(section->name, name)) return section;
-    }
-    return nullptr;
+    return searchTableSection(table, name, [](DataSection *) {});
 }
 
 int lastIndexOfChar(const char *text, char c) {
@@ -123,8 +118,7 @@ void freeDataSection(DataSection *section) {
     free(section);
 }
 
-void resetTreeForTest() {
-    dropModuleDocuments();
+void releaseTreeNodes() {
     while (LstNode *m = lstGet(&gModuleRoot)) {
         DataModule *module = nodeAs<DataModule>(m);
         while (LstNode *t = lstGet(&module->tables)) freeTable(nodeAs<DataTable>(t));
@@ -148,8 +142,7 @@ KEP_API int getModuleSize(void) {
 
 KEP_API DataModule *getDataModuler(const char *name) {
     if (!name) return nullptr;
-    for (LstNode *m = lstFirst(&gModuleRoot); m; m = lstNext(m)) {
-        DataModule *module = nodeAs<DataModule>(m);
+    LST_FOR_EACH(DataModule, module, &gModuleRoot) {
         if (sameName(module->name, name)) return module;
     }
     return nullptr;
@@ -158,16 +151,14 @@ KEP_API DataModule *getDataModuler(const char *name) {
 KEP_API DataTable *getDataTable(DataModule *module, const char *name) {
     if (!name) return nullptr;
     if (!module) {
-        for (LstNode *m = lstFirst(&gModuleRoot); m; m = lstNext(m)) {
-            for (LstNode *t = lstFirst(&nodeAs<DataModule>(m)->tables); t; t = lstNext(t)) {
-                DataTable *table = nodeAs<DataTable>(t);
+        LST_FOR_EACH(DataModule, m, &gModuleRoot) {
+            LST_FOR_EACH(DataTable, table, &m->tables) {
                 if (sameName(table->name, name)) return table;
             }
         }
         return nullptr;
     }
-    for (LstNode *t = lstFirst(&module->tables); t; t = lstNext(t)) {
-        DataTable *table = nodeAs<DataTable>(t);
+    LST_FOR_EACH(DataTable, table, &module->tables) {
         KEP_LOG("tableName:%s pDataTable->name:%s.\n", name, table->name);
         if (sameName(table->name, name)) return table;
     }
@@ -184,20 +175,17 @@ KEP_API int findSectionInModule(const char *moduleName, const char *section, Dat
     if (!moduleName || !section) return -1;
     DataModule *module = getDataModuler(moduleName);
     if (!module) return -1;
-    for (LstNode *t = lstFirst(&module->tables); t; t = lstNext(t)) {
-        DataTable *table = nodeAs<DataTable>(t);
-        KEP_LOG("table:%s\n", table->name);
-        for (LstNode *s = lstFirst(&table->sections); s; s = lstNext(s)) {
-            DataSection *candidate = nodeAs<DataSection>(s);
-            KEP_LOG("section:%s secName:%s, slen:%d \n", candidate->name, section,
-                    static_cast<int>(strlen(section)));
-            if (sameName(candidate->name, section)) {
-                if (out) *out = candidate;
-                return 1;
-            }
-        }
-    }
-    return 0;
+    const char *func = __func__;
+    SectionHit hit;
+    const bool found = searchSection(
+        module, section, &hit, [func](DataTable *table) { KEP_LOG_AS(func, "table:%s\n", table->name); },
+        [func, section](DataSection *candidate) {
+            KEP_LOG_AS(func, "section:%s secName:%s, slen:%d \n", candidate->name, section,
+                       static_cast<int>(strlen(section)));
+        });
+    if (!found) return 0;
+    if (out) *out = hit.section;
+    return 1;
 }
 
 KEP_API void delDataTable(DataTable *table) {
@@ -211,18 +199,16 @@ KEP_API void delDataModule(const char *name, int dropListSections) {
     while (LstNode *a = lstGet(&module->actions)) free(a);
     memset(&module->appOps, 0, sizeof module->appOps);
     if (!dropListSections) return;
-    for (LstNode *t = lstFirst(&module->tables); t; t = lstNext(t)) {
-        DataTable *table = nodeAs<DataTable>(t);
-        if (table->optionPublic == 1) delDataTable(table);
+    LST_FOR_EACH(DataTable, table, &module->tables) {
+        if (kep::isListTable(*table)) delDataTable(table);
     }
 }
 
 KEP_API int unregisterTable(const char *path) {
     DataTable *table = getTableByFullName(path);
     if (!table) return -1;
-    if (table->optionPublic == 0) {
-        for (LstNode *s = lstFirst(&table->sections); s; s = lstNext(s)) {
-            DataSection *section = nodeAs<DataSection>(s);
+    if (!kep::isListTable(*table)) {
+        LST_FOR_EACH(DataSection, section, &table->sections) {
             freeVerNotifyList(&section->verList);
             freeVerNotifyList(&section->notList);
             freeMethodSlots(section->methodCb);
@@ -233,24 +219,5 @@ KEP_API int unregisterTable(const char *path) {
     freeVerNotifyList(&table->notList);
     freeMethodSlots(table->methodCb);
     memset(&table->opr, 0, sizeof table->opr);
-    return 0;
-}
-
-KEP_API int deletePluginTable(const char *moduleName, const char *tableName) {
-    if (!moduleName || !tableName) return -1;
-    DataModule *module = getDataModuler(moduleName);
-    if (!module) return -1;
-    DataTable *table = getDataTable(module, tableName);
-    if (!table || table->isDynamic == 1) return -1;
-    {
-        kep::ModuleDocument config(*module, kep::ModuleDocument::Use::IfKept);
-        if (!config) return -1;
-        if (jsonObjectObjectGet(config.get(), table->name)) {
-            config.changing(kep::ModuleDocument::Change::Moves);
-            jsonObjectObjectDel(config.get(), table->name);
-            config.store();
-        }
-    }
-    if (table->optionPublic == 1) delDataTable(table);
     return 0;
 }

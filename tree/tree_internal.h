@@ -8,6 +8,17 @@
 
 namespace kep {
 
+// The two table kinds. Both fields are public and writable, so these are the only
+// tests of them: a list table (optionPublic 1) shares its callbacks with its
+// sections and stores them as an array; a dynamic table (isDynamic 1) is produced
+// by its owner at access time and has nothing stored.
+inline bool isListTable(const DataTable &table) {
+    return table.optionPublic == 1;
+}
+inline bool isDynamicTable(const DataTable &table) {
+    return table.isDynamic == 1;
+}
+
 // A tree path "/module/table[/section]" split into its components. Module and table
 // are cut to 31 characters; section points into the caller's path (never null; empty
 // when the path has no section component) and stays valid as long as that path.
@@ -52,25 +63,22 @@ extern void *(*treeCalloc)(size_t count, size_t size);
 // Copies at most size-1 bytes of src and terminates dst (name and callback fields).
 void copyName(char *dst, const char *src, unsigned size);
 
-// Typed walks over the intrusive lists: every tree record begins with its link.
+// The record a node taken off a list belongs to: every tree record begins with its
+// link. Walks go through LST_FOR_EACH.
 template <typename T>
 inline T *nodeAs(LstNode *node) {
     return reinterpret_cast<T *>(node);
-}
-template <typename T>
-inline T *firstOf(LstList &list) {
-    return nodeAs<T>(lstFirst(&list));
-}
-template <typename T>
-inline T *nextOf(T *node) {
-    return nodeAs<T>(lstNext(&node->link));
 }
 
 // The root list itself, for the subsystems that walk or extend it.
 LstList &moduleRoot();
 
-// Releases every node and empties the root list, so that each test starts from a
-// fresh tree. Not exported; production code never calls it.
+// Releases every node and empties the root list.
+void releaseTreeNodes();
+
+// Drops the configuration store's kept documents and releases the tree, so that each
+// test starts afresh. Not exported; production code never calls it. Defined with the
+// store, which the tree itself does not know.
 void resetTreeForTest();
 
 }  // namespace kep

@@ -22,12 +22,10 @@ inline bool sameName(const char *a, const char *b) {
 // every table compared.
 template <typename OnModule, typename OnTable>
 DataTable *searchPathTable(const TreePath &path, DataModule **module, OnModule onModule, OnTable onTable) {
-    for (LstNode *m = lstFirst(&moduleRoot()); m; m = lstNext(m)) {
-        DataModule *mod = nodeAs<DataModule>(m);
+    LST_FOR_EACH(DataModule, mod, &moduleRoot()) {
         onModule(mod);
         if (!sameName(mod->name, path.module)) continue;
-        for (LstNode *t = lstFirst(&mod->tables); t; t = lstNext(t)) {
-            DataTable *table = nodeAs<DataTable>(t);
+        LST_FOR_EACH(DataTable, table, &mod->tables) {
             onTable(table);
             if (sameName(table->name, path.table)) {
                 if (module) *module = mod;
@@ -36,6 +34,39 @@ DataTable *searchPathTable(const TreePath &path, DataModule **module, OnModule o
         }
     }
     return nullptr;
+}
+
+// A section node and the table that holds it.
+struct SectionHit {
+    DataTable *table;
+    DataSection *section;
+};
+
+// The one section search of a table: the first section named name, in list order,
+// compared exactly. onSection(DataSection *) runs for every section compared, so that
+// each caller can trace under its own name.
+template <typename OnSection>
+DataSection *searchTableSection(DataTable *table, const char *name, OnSection onSection) {
+    LST_FOR_EACH(DataSection, section, &table->sections) {
+        onSection(section);
+        if (sameName(section->name, name)) return section;
+    }
+    return nullptr;
+}
+
+// The same over a module: tables in list order, onTable(DataTable *) for every table
+// entered. False when no table has such a section.
+template <typename OnTable, typename OnSection>
+bool searchSection(DataModule *module, const char *name, SectionHit *hit, OnTable onTable,
+                   OnSection onSection) {
+    LST_FOR_EACH(DataTable, table, &module->tables) {
+        onTable(table);
+        if (DataSection *section = searchTableSection(table, name, onSection)) {
+            *hit = {table, section};
+            return true;
+        }
+    }
+    return false;
 }
 
 // Releases every node of a verify or notify list.

@@ -95,7 +95,7 @@ static void loadListSections(void) {
             jsonObjectObjectDelete(doc);
             continue;
         }
-        for (DataTable *t = (DataTable *)lstFirst(&m->tables); t; t = (DataTable *)lstNext(&t->link)) {
+        LST_FOR_EACH(DataTable, t, &m->tables) {
             json_object *stored = jsonObjectObjectGet(doc, t->name);
             if (stored && t->optionPublic == 1 && !t->isDynamic) loadTableListConfig(t, stored);
         }

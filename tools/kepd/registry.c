@@ -109,7 +109,7 @@ static int holderOf(const char *op, int index, const char *path, DataModule *m, 
     if (strcmp(op, "opr") == 0) return s ? s->opr.pid : t ? t->opr.pid : 0;
     if (strcmp(op, "action") == 0 || (strcmp(op, "method") == 0 && index == KEP_METHOD_ACTION)) {
         const char *name = strchr(path + 1, '/') + 1;
-        for (ActionNode *a = (ActionNode *)lstFirst(&m->actions); a; a = (ActionNode *)lstNext(&a->link)) {
+        LST_FOR_EACH(ActionNode, a, &m->actions) {
             if (strncmp(a->name, name, strcspn(name, "/")) == 0 && a->name[strcspn(name, "/")] == '\0')
                 return a->pid;
         }
@@ -219,14 +219,13 @@ static int holds(MethodCbNode **slots, LstList *ver, LstList *not_, OprInterface
 }
 
 static int moduleHolds(DataModule *m, int pid) {
-    for (DataTable *t = (DataTable *)lstFirst(&m->tables); t; t = (DataTable *)lstNext(&t->link)) {
+    LST_FOR_EACH(DataTable, t, &m->tables) {
         if (holds(t->methodCb, &t->verList, &t->notList, &t->opr, pid)) return 1;
-        for (DataSection *s = (DataSection *)lstFirst(&t->sections); s;
-             s = (DataSection *)lstNext(&s->link)) {
+        LST_FOR_EACH(DataSection, s, &t->sections) {
             if (holds(s->methodCb, &s->verList, &s->notList, &s->opr, pid)) return 1;
         }
     }
-    for (ActionNode *a = (ActionNode *)lstFirst(&m->actions); a; a = (ActionNode *)lstNext(&a->link)) {
+    LST_FOR_EACH(ActionNode, a, &m->actions) {
         if (a->pid == pid) return 1;
     }
     return 0;
@@ -260,16 +259,15 @@ static void dropAt(const char *path, MethodCbNode **slots, LstList *ver, LstList
  * having no owner, so that the next owner can claim them. */
 static void dropInModule(DataModule *m, int pid) {
     char path[128];
-    for (DataTable *t = (DataTable *)lstFirst(&m->tables); t; t = (DataTable *)lstNext(&t->link)) {
+    LST_FOR_EACH(DataTable, t, &m->tables) {
         snprintf(path, sizeof path, "/%s/%s", m->name, t->name);
         dropAt(path, t->methodCb, &t->verList, &t->notList, &t->opr, pid);
-        for (DataSection *s = (DataSection *)lstFirst(&t->sections); s;
-             s = (DataSection *)lstNext(&s->link)) {
+        LST_FOR_EACH(DataSection, s, &t->sections) {
             snprintf(path, sizeof path, "/%s/%s/%s", m->name, t->name, s->name);
             dropAt(path, s->methodCb, &s->verList, &s->notList, &s->opr, pid);
         }
     }
-    for (ActionNode *a = (ActionNode *)lstFirst(&m->actions); a; a = (ActionNode *)lstNext(&a->link)) {
+    LST_FOR_EACH(ActionNode, a, &m->actions) {
         if (a->pid != pid) continue;
         a->pid = 0;
         a->cb[0] = '\0';

@@ -180,14 +180,13 @@ char *treeSnapshot(unsigned generationNow(void)) {
         json_object *mod = json_object_new_object(), *tables = json_object_new_array();
         json_object_object_add(mod, "name", json_object_new_string(m->name));
         if (m->configFile[0]) json_object_object_add(mod, "config", json_object_new_string(m->configFile));
-        for (DataTable *t = (DataTable *)lstFirst(&m->tables); t; t = (DataTable *)lstNext(&t->link)) {
+        LST_FOR_EACH(DataTable, t, &m->tables) {
             json_object *tab = json_object_new_object(), *sections = json_object_new_array();
             json_object_object_add(tab, "name", json_object_new_string(t->name));
             json_object_object_add(tab, "dynamic", json_object_new_int(t->isDynamic));
             json_object_object_add(tab, "list", json_object_new_int(t->optionPublic));
             addRegistrations(tab, &t->opr, t->methodCb, &t->verList, &t->notList);
-            for (DataSection *s = (DataSection *)lstFirst(&t->sections); s;
-                 s = (DataSection *)lstNext(&s->link)) {
+            LST_FOR_EACH(DataSection, s, &t->sections) {
                 json_object *sec = json_object_new_object();
                 json_object_object_add(sec, "name", json_object_new_string(s->name));
                 addRegistrations(sec, &s->opr, s->methodCb, &s->verList, &s->notList);
@@ -198,7 +197,7 @@ char *treeSnapshot(unsigned generationNow(void)) {
         }
         json_object_object_add(mod, "tables", tables);
         json_object *actions = json_object_new_array();
-        for (ActionNode *a = (ActionNode *)lstFirst(&m->actions); a; a = (ActionNode *)lstNext(&a->link)) {
+        LST_FOR_EACH(ActionNode, a, &m->actions) {
             json_object_array_add(actions, callee(json_object_new_string(a->name), a->pid, a->cb));
         }
         json_object_object_add(mod, "actions", actions);
