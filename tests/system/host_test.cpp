@@ -101,18 +101,19 @@ protected:
     // The response text, or "rpc <code>" when the host could not be asked.
     std::string request(const std::string &text) { return hostRequest(text); }
 
-    // Runs argv to its end.
-    Ran run(const std::vector<std::string> &argv) {
+    // Runs argv to its end, with input (when given) on its standard input.
+    Ran run(const std::vector<std::string> &argv, const std::string &input = "") {
         const std::string log = dir_ + "/ran." + std::to_string(counter_++);
-        int status = reap(spawn(argv, log + ".out", log + ".err"), 20000);
+        if (!input.empty()) writeText(log + ".in", input);
+        int status = reap(spawn(argv, log + ".out", log + ".err", input.empty() ? "" : log + ".in"), 20000);
         const std::string out = readText(log + ".out"), err = readText(log + ".err");
         return {status, out + err, out, err};
     }
 
-    Ran kepctl(const std::vector<std::string> &args) {
+    Ran kepctl(const std::vector<std::string> &args, const std::string &input = "") {
         std::vector<std::string> argv = {KEPCTL_PATH, "-c"};
         argv.insert(argv.end(), args.begin(), args.end());
-        return run(argv);
+        return run(argv, input);
     }
 
     std::string socketOf(pid_t pid) const { return dir_ + "/run/imi-" + std::to_string(pid) + ".sock"; }
@@ -715,6 +716,86 @@ TEST_F(Host, KepctlAndKepdTellHowTheyWereCalled) {
         EXPECT_EQ(none.out, "") << cmd;
         EXPECT_NE(none.err.find("is kepd running?"), npos) << cmd << none.err;
     }
+}
+
+// ---- operations: requests from pipes and files, backup and restore ----
+
+// A request from standard input or a file is sent as it stands; a batch answers one
+// compact line per request, in order, blank lines skipped, with the worst status.
+TEST_F(Host, RequestsFromPipesFilesAndBatches) {
+    const std::string get = R"({"method":"get","system":{"name":"zone"}})";
+    Ran piped = kepctl({"call", "-"}, get);
+    EXPECT_EQ(piped.status, 0) << piped.err;
+    EXPECT_EQ(piped.out, request(get) + "\n");
+    writeText(dir_ + "/req.json", get);
+    EXPECT_EQ(kepctl({"call", "@" + dir_ + "/req.json"}).out, piped.out);
+    EXPECT_EQ(kepctl({"call", "@" + dir_ + "/none.json"}).status, 2);
+
+    Ran batch =
+        kepctl({"batch"}, get + "\n\n  \nnot json\n" + R"({"method":"get","dhcp":{"table":"nope"}})" + "\n");
+    EXPECT_EQ(batch.status, 1);
+    EXPECT_EQ(batch.out, request(get) + "\n{\"error_code\":-10100}\n{\"error_code\":-10000}\n");
+
+    kill(kepd_, SIGTERM);
+    EXPECT_EQ(reap(kepd_), 0);
+    kepd_ = -1;
+    Ran orphan = kepctl({"batch"}, get + "\n" + get + "\n");
+    EXPECT_EQ(orphan.status, 3);
+    EXPECT_EQ(orphan.out, "{\"error_code\":-20005}\n{\"error_code\":-20005}\n");
+}
+
+// Export, factory reset, import, export gives the same document; a document that does
+// not fit the model is refused before anything changes, and a module whose owner
+// refuses part of it is put back as it was while the others are restored.
+TEST_F(Host, ExportAndImportRoundTripAndRefuseWhatDoesNotFit) {
+    ASSERT_EQ(kepctl({"add", "dhcp", "host", R"({"mac":"02:00:00:00:00:09","ip":"192.168.1.9"})"}).status, 0);
+    ASSERT_EQ(kepctl({"set", "dhcp", "lan", R"({"leaseMinutes":30})"}).status, 0);
+    Ran before = kepctl({"export"});
+    ASSERT_EQ(before.status, 0) << before.err;
+    EXPECT_EQ(before.out.find(R"({"format":1,"modules":["dhcp","system"],"config":{"dhcp":{"host":[)"), 0u)
+        << before.out;
+    EXPECT_EQ(before.out.find("client"), npos) << "dynamic tables are left out";
+    writeText(dir_ + "/backup.json", before.out);
+
+    ASSERT_EQ(kepctl({"reset"}).status, 0);
+    ASSERT_NE(kepctl({"export"}).out, before.out);
+    Ran import = kepctl({"import", dir_ + "/backup.json"});
+    EXPECT_EQ(import.status, 0) << import.err;
+    EXPECT_EQ(import.out, "dhcp: restored\nsystem: restored\n");
+    EXPECT_EQ(kepctl({"export"}).out, before.out);
+
+    const std::pair<const char *, const char *> misfits[] = {
+        {R"({"format":2,"config":{}})", "\"format\""},
+        {R"({"format":1,"config":{"nope":{}}})", "config.nope: no such module"},
+        {R"({"format":1,"config":{"dhcp":{"client":[]}}})", "config.dhcp.client: a dynamic table"},
+        {R"({"format":1,"config":{"dhcp":{"pool":{"wan":{}}}}})", "config.dhcp.pool.wan: no such section"},
+        {R"({"format":1,"config":{"dhcp":{"host":[{"host_1":{}},{"host_1":{}}]}}})", "config.dhcp.host[1]"},
+        {R"({"format":1,"config":{"system":{"time":{"ntp":{}}},"dhcp":{"host":[{"a":1}]}}})",
+         "config.dhcp.host[0]"},
+    };
+    for (const auto &[doc, place] : misfits) {
+        writeText(dir_ + "/misfit.json", doc);
+        Ran refused = kepctl({"import", dir_ + "/misfit.json"});
+        EXPECT_EQ(refused.status, 1) << doc;
+        EXPECT_NE(refused.err.find(std::string("import refused, nothing changed: ") + place), npos)
+            << refused.err;
+        EXPECT_EQ(refused.out, "") << doc;
+    }
+    EXPECT_EQ(kepctl({"export"}).out, before.out);
+
+    // The second new row is refused by its owner after the first was added.
+    std::string partly = before.out;
+    partly.replace(partly.find("\"host\":[") + 8, 0,
+                   R"({"host_7":{"mac":"02:00:00:00:00:07","ip":"192.168.1.7"}},{"host_8":{"bogus":1}},)");
+    partly.replace(partly.find("\"UTC\""), 5, "\"CET\"");
+    writeText(dir_ + "/partly.json", partly);
+    Ran half = kepctl({"import", dir_ + "/partly.json"});
+    EXPECT_EQ(half.status, 1);
+    EXPECT_EQ(half.out, "dhcp: not restored; left as it was\nsystem: restored\n") << half.err;
+    EXPECT_NE(half.err.find("dhcp: add host_8: -31001"), npos) << half.err;
+    Ran after = kepctl({"export"});
+    EXPECT_EQ(after.out.find("host_7"), npos) << after.out;
+    EXPECT_NE(after.out.find("\"CET\""), npos) << after.out;
 }
 
 }  // namespace
