@@ -798,4 +798,83 @@ TEST_F(Host, ExportAndImportRoundTripAndRefuseWhatDoesNotFit) {
     EXPECT_NE(after.out.find("\"CET\""), npos) << after.out;
 }
 
+// kepctl monitor: a line per request served, filtered by module, with the texts under
+// -v. A stopped watcher costs the host nothing and is told how many lines it missed;
+// nobody can point the host at a socket that is not their own.
+TEST_F(Host, MonitorShowsRequestsAndAStoppedWatcherSlowsNobody) {
+    const std::string outAll = dir_ + "/mon.out", outSys = dir_ + "/monsys.out";
+    pid_t all = spawn({KEPCTL_PATH, "monitor"}, outAll, dir_ + "/mon.err");
+    pid_t sys = spawn({KEPCTL_PATH, "-v", "monitor", "system"}, outSys, dir_ + "/monsys.err");
+    auto watching = [&](const std::string &err) {
+        auto until = Clock::now() + std::chrono::milliseconds(5000 * kSlow);
+        while (readText(err).find("watching") == npos && Clock::now() < until)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        return readText(err).find("watching") != npos;
+    };
+    ASSERT_TRUE(watching(dir_ + "/mon.err"));
+    ASSERT_TRUE(watching(dir_ + "/monsys.err"));
+    const std::string zone = R"({"method":"get","system":{"name":"zone"}})";
+    request(R"({"method":"get","dhcp":{"name":"host_99"}})");
+    const std::string answer = request(zone);
+    auto lines = [&](const std::string &out, size_t n) {
+        auto until = Clock::now() + std::chrono::milliseconds(5000 * kSlow);
+        for (;;) {
+            std::string text = readText(out);
+            if (std::count(text.begin(), text.end(), '\n') >= static_cast<long>(n) || Clock::now() >= until)
+                return text;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    };
+    const std::string me = " pid " + std::to_string(getpid()) + " uid " + std::to_string(getuid());
+    std::string seen = lines(outAll, 2);
+    EXPECT_NE(seen.find(me + " get dhcp error_code -10000 "), npos) << seen;
+    EXPECT_NE(seen.find(me + " get system error_code 0 "), npos) << seen;
+    seen = lines(outSys, 3);
+    EXPECT_EQ(seen.find("dhcp"), npos) << "filtered by module: " << seen;
+    EXPECT_NE(seen.find(" us\n  request:  " + zone + "\n  response: " + answer + "\n"), npos) << seen;
+
+    ASSERT_EQ(kill(sys, SIGSTOP), 0);
+    const std::string big(60000, 'x');  // each line cut at 64 KiB: a few fill the watcher's share
+    auto start = Clock::now();
+    for (int i = 0; i < 200; i++)
+        request(R"({"method":"get","system":{"name":"zone"},"pad":")" + big + "\"}");
+    EXPECT_LT(msSince(start), 10000 * kSlow) << "the host waited for a stopped watcher";
+    ASSERT_EQ(kill(sys, SIGCONT), 0);
+    request(zone);
+    auto until = Clock::now() + std::chrono::milliseconds(5000 * kSlow);
+    while ((seen = readText(outSys)).find(" lines dropped before)") == npos && Clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_NE(seen.find(" lines dropped before)"), npos)
+        << seen.substr(seen.size() > 2000 ? seen.size() - 2000 : 0);
+
+    // A socket another process listens on is not the caller's own.
+    const std::string foreign = dir_ + "/run/foreign.sock";
+    pid_t other = fork();
+    if (other == 0) {
+        int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        snprintf(addr.sun_path, sizeof addr.sun_path, "%s", foreign.c_str());
+        if (bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 || listen(fd, 4) != 0) _exit(1);
+        pause();
+        _exit(0);
+    }
+    for (int i = 0; i < 500 && access(foreign.c_str(), F_OK) != 0; i++)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    QxRpcPara set{};
+    qxrpcParaInit(&set);
+    qxrpcAddStringPtr(&set, "path", foreign.c_str());
+    int code = 0;
+    EXPECT_EQ(qxImiExecute(kepHostPid(), "kepd.watch", 0, 0, &set), 0);
+    EXPECT_EQ(qxrpcGetInt(&set, "errorCode", &code), 0);
+    EXPECT_EQ(code, KEP_HOST_ERR_DENIED);
+    qxrpcParaFree(&set);
+    kill(other, SIGKILL);
+    reap(other);
+    for (pid_t p : {all, sys}) {
+        kill(p, SIGTERM);
+        EXPECT_EQ(reap(p), 0);
+    }
+}
+
 }  // namespace

@@ -46,6 +46,10 @@ static const char *const kHelp[][2] = {
     {"import",
      "kepctl import FILE   check FILE against the model, then restore each module through its\n"
      "                     owner; a module that cannot be restored is put back as it was\n"},
+    {"monitor",
+     "kepctl [-v] monitor [MODULE,...]   a line per request the host serves: time, caller pid and\n"
+     "                                   uid, method, modules, error_code, time taken; with -v the\n"
+     "                                   request and response texts too; Ctrl-C ends\n"},
     {"dump", "kepctl dump    print the host's data module tree\n"},
     {"reset", "kepctl reset   factory reset: every module's configuration back to defaults\n"},
 };
@@ -450,6 +454,13 @@ int main(int argc, char **argv) {
             return EXIT_USAGE;
         }
         return cmd[0] == 'b' ? batch() : kepctlExport(gCompact);
+    }
+    if (strcmp(cmd, "monitor") == 0) {
+        if (i + 1 < argc) {
+            fputs(help, stderr);
+            return EXIT_USAGE;
+        }
+        return kepctlMonitor(i < argc ? argv[i] : NULL, gVerbose);
     }
     if (strcmp(cmd, "import") == 0) {
         if (i + 1 != argc) {

@@ -20,6 +20,10 @@ int kepctlHostFailed(int rc);
  * NULL (after saying why, naming where) when it is larger or cannot be read. */
 char *kepctlReadAll(FILE *in, const char *where, size_t limit);
 
+/* A line per request the host serves until interrupted: of the listed modules
+ * (comma-separated; NULL for all), with the texts when verbose. */
+int kepctlMonitor(const char *modules, int verbose);
+
 /* Backup and restore of every stored table and section, through the owners. */
 int kepctlExport(int compact);
 int kepctlImport(const char *path);
