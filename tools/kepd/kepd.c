@@ -98,7 +98,7 @@ static void usage(FILE *out) {
             "  standard error is closed, /dev/null or the journal, as a service manager or an\n"
             "  init script starting kepd in the background leaves it, unless -f.\n"
             "  Tells its readiness to the service manager that sets $NOTIFY_SOCKET.\n"
-            "  Debug log: KEP_DEBUG=all (or a list of module ids, e.g. 111), on standard error.\n",
+            "  Debug log: KEP_DEBUG=all (or a list of module ids, e.g. 111), where the log goes.\n",
             KEPD_DEFAULT_THREADS, KEPD_DEFAULT_REGISTRATIONS);
 }
 

@@ -33,7 +33,11 @@ static int stderrKept(void) {
 
 void serviceLogOpen(int foreground) {
     gSyslog = !foreground && !stderrKept();
-    if (gSyslog) openlog("kepd", LOG_PID, LOG_DAEMON);
+    if (!gSyslog) return;
+    openlog("kepd", LOG_PID, LOG_DAEMON);
+    /* The platform's debug log follows, unless told otherwise; it reads this before
+     * its first line. */
+    setenv("KEP_DEBUG_SYSLOG", "1", 0);
 }
 
 int serviceLogsToSyslog(void) {

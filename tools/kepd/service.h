@@ -9,7 +9,8 @@
  * whatever it is. Otherwise syslog (facility daemon, tag "kepd") when standard error
  * is closed, /dev/null or the journal's stream ($JOURNAL_STREAM): kepd was started in
  * the background, where nobody reads it or syslog's priorities serve the reader
- * better; else standard error (a terminal, a file, a pipe). */
+ * better; else standard error (a terminal, a file, a pipe). The debug log follows it
+ * to syslog. Call it before anything that may log. */
 void serviceLogOpen(int foreground);
 /* 1 when the log goes to syslog. */
 int serviceLogsToSyslog(void);
