@@ -59,7 +59,7 @@ options() {
         grep -qE "(^|[ \"])\\\\-${opt}([ \",]|\$)" <<<"$tags" || missing+=("-$opt")
     done
     if [ "$(basename "$program")" = kepctl ]; then
-        for cmd in $(grep -oE '^kepctl [a-z]+' <<<"$help" | cut -d' ' -f2 | sort -u); do
+        for cmd in $(grep -oE '^kepctl (\[[^]]*\] )*[a-z]+' <<<"$help" | awk '{ print $NF }' | sort -u); do
             grep -qE "^\\.BI? \"?${cmd}( |\"|\$)" <<<"$tags" || missing+=("command $cmd")
         done
     fi
