@@ -15,6 +15,9 @@ jobs=${JOBS:-2}
 packages=(build-essential cmake pkg-config clang clang-format libclang-rt-14-dev libjson-c-dev libexpat1-dev
           libgtest-dev libbenchmark-dev binutils valgrind)
 
+# The checks of the manual pages (man, groff) and of the service files (systemd-analyze).
+packages+=(groff-base man-db systemd)
+
 deps() {
     local missing=()
     for p in "${packages[@]}"; do
