@@ -16,6 +16,9 @@ packages=(build-essential cmake pkg-config clang clang-format libclang-rt-14-dev
           libgtest-dev libbenchmark-dev binutils valgrind
           libmicrohttpd-dev libgnutls28-dev libcrypt-dev libcurl4-gnutls-dev curl openssl)
 
+# The checks of the manual pages (man, groff) and of the service files (systemd-analyze).
+packages+=(groff-base man-db systemd)
+
 deps() {
     local missing=()
     for p in "${packages[@]}"; do

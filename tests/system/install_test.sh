@@ -25,7 +25,13 @@ export PKG_CONFIG_PATH=$pc
 libdir=$(pkg-config --variable=libdir kepOwner)
 [ -f "$libdir/libkepOwner.so" ] || fail "kepOwner.pc points at $libdir, not the prefix"
 [ -f "$prefix/include/kepHandle/kep_owner.h" ] || fail "kep_owner.h not installed"
-[ -f "$prefix/share/man/man3/kep_owner.3" ] || fail "manual page not installed"
+# "man PAGE" finds every page once the prefix's manual is on the path.
+for page in kepctl.1 kepcheck.1 kep_owner.3 libkepHandle.3 kepd.8 kepwebd.8; do
+    [ -f "$prefix/share/man/man${page##*.}/$page" ] || fail "manual page $page not installed"
+    if command -v man >/dev/null; then
+        MANPATH=$prefix/share/man man -w "${page%.*}" >/dev/null 2>&1 || fail "man ${page%.*} finds no page"
+    fi
+done
 
 # pkg-config
 cc -Wall -Wextra -Werror "$src/examples/ntpd/ntpd.c" $(pkg-config --cflags --libs kepOwner) \

@@ -15,6 +15,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include "access.h"
@@ -25,26 +26,47 @@
 #include "kepd.h"
 #include "registry.h"
 #include "runtime.h"
+#include "service.h"
 #include "tree.h"
 
 #define DEFAULT_ACCESS_DIR "/etc/kep/access.d"
-#define OPTIONS "m:p:r:a:t:n:h"
+#define OPTIONS "m:p:r:a:t:n:fh"
 
 static const struct option kLongOptions[] = {{"help", no_argument, NULL, 'h'}, {NULL, 0, NULL, 0}};
 
 static int gSignalPipe[2] = {-1, -1};
 
-void kepdLog(const char *format, ...) {
+/* One line at priority, prefixed "kepd: ", where serviceLogOpen chose. */
+static void logAt(int priority, const char *format, va_list ap) {
     char line[512];
-    va_list ap;
-    va_start(ap, format);
-    int n = vsnprintf(line, sizeof line - 1, format, ap);
-    va_end(ap);
+    const int prefix = snprintf(line, sizeof line, "kepd: ");
+    int n = vsnprintf(line + prefix, sizeof line - (size_t)prefix - 1, format, ap);
     if (n < 0) return;
+    n += prefix;
     if ((size_t)n > sizeof line - 2) n = (int)sizeof line - 2;
     line[n] = '\n';
     line[n + 1] = '\0';
-    fprintf(stderr, "kepd: %s", line);
+    serviceLogLine(priority, line);
+}
+
+void kepdLog(const char *format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    logAt(LOG_NOTICE, format, ap);
+    va_end(ap);
+}
+
+/* A start that failed: the lines before say why, and the exit status says that it
+ * failed; a syslog reader sees no exit status, so it is told there. */
+static int notStarted(const char *format, ...) __attribute__((format(printf, 1, 2)));
+static int notStarted(const char *format, ...) {
+    if (serviceLogsToSyslog()) {
+        va_list ap;
+        va_start(ap, format);
+        logAt(LOG_ERR, format, ap);
+        va_end(ap);
+    }
+    return 1;
 }
 
 static void onSignal(int sig) {
@@ -58,7 +80,7 @@ static void onSignal(int sig) {
 
 static void usage(FILE *out) {
     fprintf(out,
-            "usage: kepd [-m MODEL.xml]... [-p PIDFILE] [-r DIR] [-a DIR] [-t N] [-n N]\n"
+            "usage: kepd [-m MODEL.xml]... [-p PIDFILE] [-r DIR] [-a DIR] [-t N] [-n N] [-f]\n"
             "       kepd -h | --help\n"
             "  Loads the model description compiled into the library, merges every -m file,\n"
             "  reads the modules' configuration files and serves requests until SIGTERM.\n"
@@ -70,9 +92,13 @@ static void usage(FILE *out) {
             " when it exists)\n"
             "  -t N      requests served at once (default %d)\n"
             "  -n N      registrations one owner process may hold (default %d)\n"
-            "  Logs on standard error: registrations, refusals, owners that go, and why an owner\n"
-            "  call failed a request or a factory reset.\n"
-            "  Debug log: KEP_DEBUG=all (or a list of module ids, e.g. 111).\n",
+            "  -f        log on standard error whatever it is\n"
+            "  Logs registrations, refusals, owners that go, and why an owner call failed a\n"
+            "  request or a factory reset: on standard error, or to syslog (daemon) when\n"
+            "  standard error is closed, /dev/null or the journal, as a service manager or an\n"
+            "  init script starting kepd in the background leaves it, unless -f.\n"
+            "  Tells its readiness to the service manager that sets $NOTIFY_SOCKET.\n"
+            "  Debug log: KEP_DEBUG=all (or a list of module ids, e.g. 111), where the log goes.\n",
             KEPD_DEFAULT_THREADS, KEPD_DEFAULT_REGISTRATIONS);
 }
 
@@ -105,7 +131,7 @@ static void loadListSections(void) {
 
 int main(int argc, char **argv) {
     const char *pidFile = NULL, *accessDir = NULL;
-    int threads = KEPD_DEFAULT_THREADS, limit = KEPD_DEFAULT_REGISTRATIONS, opt;
+    int threads = KEPD_DEFAULT_THREADS, limit = KEPD_DEFAULT_REGISTRATIONS, foreground = 0, opt;
     char runDir[256];
 
     while ((opt = getopt_long(argc, argv, OPTIONS, kLongOptions, NULL)) != -1) {
@@ -133,6 +159,9 @@ int main(int argc, char **argv) {
                     return 2;
                 }
                 break;
+            case 'f':
+                foreground = 1;
+                break;
             case 'h':
                 usage(stdout);
                 return 0;
@@ -145,29 +174,33 @@ int main(int argc, char **argv) {
         usage(stderr);
         return 2;
     }
+    serviceLogOpen(foreground);
     if (qxImiRuntimeDir(runDir, sizeof runDir) != 0) {
         kepdLog(
             "runtime folder %s cannot be made, or is a link, another user's or open to others: "
             "refused; choose another with -r DIR or KEP_RUNTIME_DIR",
             runDir);
-        return 1;
+        return notStarted("not started: no runtime folder");
     }
     if (!pidFile) pidFile = kepHostPidFile();
-    if (runtimeLock(pidFile) != 0) return 1;
-    if (accessLoad(accessDir ? accessDir : DEFAULT_ACCESS_DIR, accessDir != NULL) != 0) return 1;
+    if (runtimeLock(pidFile) != 0) return notStarted("not started: the pid file %s", pidFile);
+    if (accessLoad(accessDir ? accessDir : DEFAULT_ACCESS_DIR, accessDir != NULL) != 0)
+        return notStarted("not started: the access rules");
     registrySetLimit(limit);
 
     if (dataModuleInit() != 0) kepdLog("no built-in model description, using -m files only");
     for (optind = 1; (opt = getopt_long(argc, argv, OPTIONS, kLongOptions, NULL)) != -1;) {
-        if (opt == 'm' && kepMergeModelFile(optarg) != 0) return 1;
+        if (opt == 'm' && kepMergeModelFile(optarg) != 0)
+            return notStarted("not started: model description %s not merged (kepcheck says why)", optarg);
     }
     loadListSections();
-    if (treeInit() != 0) return 1;
+    if (treeInit() != 0) return notStarted("not started: no memory for the tree");
 
     struct sigaction sa;
     memset(&sa, 0, sizeof sa);
     sa.sa_handler = onSignal;
-    if (pipe2(gSignalPipe, O_CLOEXEC | O_NONBLOCK) != 0) return 1;
+    if (pipe2(gSignalPipe, O_CLOEXEC | O_NONBLOCK) != 0)
+        return notStarted("not started: no pipe for signals");
     sigaction(SIGTERM, &sa, NULL);
     sigaction(SIGINT, &sa, NULL);
     signal(SIGPIPE, SIG_IGN);
@@ -176,15 +209,20 @@ int main(int argc, char **argv) {
     if (handlersRegister() != 0 || notifierStart() != 0 || qxImiListen() < 0 ||
         qxImiStartServerThreads(threads) != 0) {
         kepdLog("cannot serve the RPC in %s", runDir);
-        return 1;
+        return notStarted("not started");
     }
     if (runtimeStateOpen(pidFile) != 0 || runtimeWritePid() != 0) {
         kepdLog("cannot write %s or the state file beside it", pidFile);
         qxImiStopServer();
-        return 1;
+        return notStarted("not started");
     }
     kepdLog("serving as pid %d with %d modules, up to %d requests at once", (int)getpid(), getModuleSize(),
             threads);
+    /* Clients reach the host from here on: the socket listens and the pid file names it. */
+    char status[96];
+    snprintf(status, sizeof status, "READY=1\nSTATUS=serving %d module%s", getModuleSize(),
+             getModuleSize() == 1 ? "" : "s");
+    if (serviceNotify(status) != 0) kepdLog("cannot tell the service manager that kepd serves");
 
     /* Owners that exit wake this loop through their process descriptors; the kernels
      * without them are covered by a check every second. */
@@ -200,6 +238,7 @@ int main(int argc, char **argv) {
         registryPrune();
         treeTrimIfWanted();
     }
+    serviceNotify("STOPPING=1");
     qxImiStopServer();
     notifierStop();
     runtimeClose();

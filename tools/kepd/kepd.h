@@ -24,7 +24,7 @@ enum {
     KEPD_MAX_NOTIFICATIONS = 64 /* notifications waiting to be run */
 };
 
-/* One line on standard error, prefixed "kepd: ". Thread-safe. */
+/* One line, prefixed "kepd: ", on standard error or to syslog (service.h). Thread-safe. */
 void kepdLog(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 #endif
