@@ -24,6 +24,8 @@ enum {
     KEP_ERR_NOT_REGISTERED = -7004, /* module, table, section, action or callback not registered */
     KEP_ERR_NOT_DELETABLE = -8000,  /* the section may not be deleted */
     KEP_ERR_NULL_ARG = -10000,      /* null argument, no memory for a response, failed read */
+    KEP_ERR_READ_FAILED = -10000,   /* the same code, as a get answers any failed read */
+    KEP_ERR_NO_MEMORY = -10000,     /* the same code, as a method answers a failed allocation */
     KEP_ERR_BAD_JSON = -10100,      /* not JSON, or a needed member missing or mistyped */
     KEP_ERR_NO_RSP_MEMORY = -51204, /* response object could not be allocated */
     KEP_ERR_NULL_METHOD = -51207    /* method text is null */

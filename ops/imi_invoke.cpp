@@ -5,6 +5,7 @@
 #include "base/api.h"
 #include "base/log.h"
 #include "kep_diag.h"
+#include "kep_request.h"
 #include "tree/tree_internal.h"
 
 namespace kep {
@@ -53,10 +54,10 @@ void recordNoOwner(int code, const char *module, const char *name) {
 }
 
 int imiExcuteKepHandle(QxRpcPara *para, ModelReqParams *params) {
-    int code = -1;
+    int code = KEP_ERR_GENERIC;
     KEP_LOG("  qxError:%d params->pid:%d params->cb:%s", code, params ? params->pid : 0,
             params && params->cb ? params->cb : "");
-    if (!params || params->pid < 0 || !params->cb || params->cb[0] == '\0' || !para) return -1;
+    if (!params || params->pid < 0 || !params->cb || params->cb[0] == '\0' || !para) return KEP_ERR_GENERIC;
     KEP_LOG("  qxError:%d", code);
 
     for (const InputMember &in : kInputs) {
@@ -76,7 +77,7 @@ int imiExcuteKepHandle(QxRpcPara *para, ModelReqParams *params) {
 
     if (qxrpcGetInt(para, "errorCode", &code) != 0) {
         KEP_LOG(" Get ret: error\n");
-        return failed(*params, -1500);
+        return failed(*params, KEP_ERR_NO_ERRORCODE);
     }
     KEP_LOG(" Get ret: %d\n", code);
     // The result is read whatever the code: a refusing callee may explain itself in it.

@@ -9,11 +9,15 @@
 #include "base/log.h"
 #include "kep_json.h"
 #include "kep_model.h"
-#include "ops/ops_internal.h"
+#include "kep_request.h"
+#include "ops/resolve.h"
 #include "tree/tree_internal.h"
 
 using kep::JsonPtr;
+using kep::Miss;
 using kep::ModelReqParams;
+using kep::Op;
+using kep::Target;
 
 namespace kep {
 namespace {
@@ -23,9 +27,11 @@ namespace {
 int editTable(DataModule *module, DataTable *table, json_object *para, json_object *filter,
               const char *secName) {
     KEP_LOG("begin editTable.\n");
-    if (!module || !table || !para || !kep::isListTable(*table)) return -7004;
+    if (!module || !table || !para) return missCode(Op::SetTable, Miss::Argument, nullptr, nullptr);
+    if (!isListTable(*table)) return missCode(Op::SetTable, Miss::NotList, nullptr, nullptr);
     KEP_LOG("begin paraStr:%s.\n", logJson(para));
-    if ((filter != nullptr) == (secName != nullptr)) return -7004;
+    if ((filter != nullptr) == (secName != nullptr))
+        return missCode(Op::SetTable, Miss::Argument, nullptr, nullptr);
 
     ModelReqParams params{};
     if (filter) {
@@ -38,7 +44,8 @@ int editTable(DataModule *module, DataTable *table, json_object *para, json_obje
     KEP_LOG("begin params.filterBuf:%s params.secname:%s.\n", orNull(params.filterBuf),
             orNull(params.secname));
     // An unregistered set callback refuses like any other unserved operation.
-    if (!takeSlot(table->methodCb[KEP_METHOD_SET], params)) return -7004;
+    const Miss miss = resolveSlot(Op::SetTable, Target{module, table, nullptr, nullptr}, params);
+    if (miss != Miss::Ready) return missCode(Op::SetTable, miss, nullptr, nullptr);
     KEP_LOG("  params->pid:%d params->cb:%s", params.pid, params.cb);
     params.module = module->name;
     params.target = secName ? secName : table->name;
@@ -47,89 +54,62 @@ int editTable(DataModule *module, DataTable *table, json_object *para, json_obje
 
 // A section node: a list table's sections share the table's set callback, the
 // sections of a private table have their own.
-int editSectionNode(const DataModule *module, const SectionHit &hit, json_object *para,
-                    json_object *request) {
-    if (kep::isDynamicTable(*hit.table)) return -7004;
+int editSectionNode(const Target &target, json_object *para, json_object *request) {
     KEP_LOG("begin  pDataObj:%s .\n", logJson(request));
+    if (isListTable(*target.table)) KEP_LOG("begin editListSection.\n");
     ModelReqParams params{};
-    const MethodCbNode *slot;
-    if (kep::isListTable(*hit.table)) {
-        KEP_LOG("begin editListSection.\n");
-        slot = hit.table->methodCb[KEP_METHOD_SET];
-    } else {
-        slot = hit.section->methodCb[KEP_METHOD_SET];
-    }
-    if (!takeSlot(slot, params)) return -7004;  // unserved, as in editTable
-    params.secname = hit.section->name;
+    const Miss miss = resolveSlot(Op::SetSection, target, params);
+    if (miss != Miss::Ready) return missCode(Op::SetSection, miss, nullptr, nullptr);
+    params.secname = target.section->name;
     params.paraBuf = jsonGetObjectStringOrigin(para);
-    params.module = module->name;
+    params.module = target.module->name;
     KEP_LOG("  params->pid:%d params->cb:%s", params.pid, params.cb);
     return invokeCallback(params);
-}
-
-// The table, when it may take table-level add and delete requests.
-DataTable *listTableForWrite(const char *module, const char *table) {
-    DataModule *mod = module ? getDataModuler(module) : nullptr;
-    DataTable *tab = mod && table ? getDataTable(mod, table) : nullptr;
-    if (!tab || kep::isDynamicTable(*tab) || !kep::isListTable(*tab)) return nullptr;
-    return tab;
 }
 
 }  // namespace
 }  // namespace kep
 
 KEP_API int editTableByObjJson(const char *module, const char *table, json_object *request) {
-    DataModule *mod = module && table && request ? getDataModuler(module) : nullptr;
-    if (!mod) return -7004;
-    KEP_LOG("table:%s module:%s pModule:%p.\n", table, module, static_cast<void *>(mod));
-    DataTable *tab = getDataTable(mod, table);
-    if (!tab) {
-        KEP_LOG("table:%s module:%s.\n", table, module);
-        return -4000;
-    }
+    constexpr Op op = Op::SetTable;
+    Target target;
+    const Miss miss = request ? kep::resolveTarget(op, module, table, __func__, &target) : Miss::Argument;
+    if (miss != Miss::Ready) return kep::missCode(op, miss, module, table);
     json_object *filter = jsonObjectObjectGet(request, "filter");
     json_object *para = jsonObjectObjectGet(request, "para");
     KEP_LOG("begin  pDataObj:%s\n filter:%s \n para:%s.\n", kep::logJson(request), kep::logJson(filter),
             kep::logJson(para));
-    return kep::editTable(mod, tab, para, filter, nullptr);
+    return kep::editTable(target.module, target.table, para, filter, nullptr);
 }
 
 KEP_API int editSectionByObjJson(const char *module, const char *section, json_object *params,
                                  json_object *request) {
-    DataModule *mod = module && section && params ? getDataModuler(module) : nullptr;
-    if (!mod) return -7004;
-    KEP_LOG("section:%s model:%s.\n", section, module);
-
-    kep::SectionHit hit{};
-    if (kep::findSectionNode(mod, section, kep::WalkTrace::Edit, &hit)) {
-        return kep::editSectionNode(mod, hit, params, request);
-    }
-
-    KEP_LOG("section:%s .\n", section);
-    DataTable *tab = kep::listTableOf(mod, section, true);
-    if (!tab) return -4000;
-    KEP_LOG("secName:%s .\n", section);
-    if (kep::isDynamicTable(*tab) || !tab->methodCb[KEP_METHOD_SET]) {
-        KEP_LOG("invalid set request!\n");
-        return -7004;
-    }
+    constexpr Op op = Op::SetSection;
+    Target target;
+    const Miss miss = params ? kep::resolveTarget(op, module, section, __func__, &target) : Miss::Argument;
+    if (miss != Miss::Ready) return kep::missCode(op, miss, module, section);
+    if (target.section) return kep::editSectionNode(target, params, request);
     KEP_LOG("begin  pDataObj:%s .\n", kep::logJson(request));
-    return kep::editTable(mod, tab, params, nullptr, section);
+    return kep::editTable(target.module, target.table, params, nullptr, section);
 }
 
 KEP_API int addSectionByObjJson(const char *module, const char *table, const char *section,
                                 json_object *params, json_object *result) {
-    DataTable *tab = params ? kep::listTableForWrite(module, table) : nullptr;
-    if (!tab) return -7004;
+    constexpr Op op = Op::AddRow;
+    Target target;
+    Miss miss = params ? kep::resolveTarget(op, module, table, __func__, &target) : Miss::Argument;
+    if (miss != Miss::Ready) return kep::missCode(op, miss, module, table);
 
     ModelReqParams req{};
     req.secname = section;
-    req.table = tab->name;
+    req.table = target.table->name;
     req.paraBuf = jsonGetObjectStringOrigin(params);
     req.module = module;
     KEP_LOG("params.paraBuf:%s secVal:%s params.secname:%s\n", req.paraBuf, kep::orNull(section),
             kep::orNull(req.secname));
-    if (!kep::takeSlot(tab->methodCb[KEP_METHOD_ADD], req)) return -7004;  // unserved: refused unsent
+    // Unserved: refused unsent.
+    if ((miss = kep::resolveSlot(op, target, req)) != Miss::Ready)
+        return kep::missCode(op, miss, module, table);
 
     kep::RpcPara set;
     int rc = kep::imiExcuteKepHandle(set.get(), &req);
@@ -142,7 +122,9 @@ KEP_API int addSectionByObjJson(const char *module, const char *table, const cha
     const char *answer = req.outBuf ? req.outBuf : "";
     size_t len = strlen(answer);
     char *buf = static_cast<char *>(malloc(len + 3));
-    if (!buf) return -7004;
+    // A failed allocation is answered like a refused add: the owner has added the
+    // section, but nothing here can say under which name.
+    if (!buf) return KEP_ERR_NOT_REGISTERED;
     buf[0] = '[';
     memcpy(buf + 1, answer, len);
     buf[len + 1] = ']';
@@ -153,62 +135,43 @@ KEP_API int addSectionByObjJson(const char *module, const char *table, const cha
     free(buf);
     jsonObjectObjectAdd(result, "name", names);
     KEP_LOG("pResObj:%s pNameObj:%s.\n", kep::logJson(result), kep::logJson(names));
-    return 0;
+    return KEP_OK;
 }
 
 KEP_API int deleteDataTable(const char *module, const char *table, json_object *filter) {
-    DataTable *tab = kep::listTableForWrite(module, table);
-    if (!tab) return -7004;
+    constexpr Op op = Op::DeleteTable;
+    Target target;
     ModelReqParams params{};
-    if (filter) params.filterBuf = jsonGetObjectStringOrigin(filter);
-    if (!kep::takeSlot(tab->methodCb[KEP_METHOD_DELETE], params)) return -7004;  // unserved: refused unsent
+    Miss miss = kep::resolveTarget(op, module, table, __func__, &target);
+    if (miss == Miss::Ready) {
+        if (filter) params.filterBuf = jsonGetObjectStringOrigin(filter);
+        miss = kep::resolveSlot(op, target, params);  // unserved: refused unsent
+    }
+    if (miss != Miss::Ready) return kep::missCode(op, miss, module, table);
     params.module = module;
-    params.target = tab->name;
+    params.target = target.table->name;
     return kep::invokeCallback(params);
 }
 
 KEP_API int deleteDataSection(const char *module, const char *section) {
-    DataModule *mod = module && section ? getDataModuler(module) : nullptr;
-    if (!mod) return -7004;
-
-    const MethodCbNode *slot;
-    kep::SectionHit hit{};
-    if (kep::findSectionNode(mod, section, kep::WalkTrace::Delete, &hit)) {
-        if (kep::isDynamicTable(*hit.table)) return -8000;
-        KEP_LOG("section:%s .\n", section);
-        if (kep::isListTable(*hit.table)) {
-            KEP_LOG("secName:%s .\n", section);
-            slot = hit.table->methodCb[KEP_METHOD_DELETE];
-        } else {
-            slot = hit.section->methodCb[KEP_METHOD_DELETE];
-        }
-    } else {
-        KEP_LOG("section:%s .\n", section);
-        // A whole name is never taken as a table here: deleting a table goes by "table".
-        DataTable *tab = kep::listTableOf(mod, section, false);
-        if (!tab) return -4000;
-        // Entries of a dynamic list table may go; a dynamic private table keeps its sections.
-        if (kep::isDynamicTable(*tab) && !kep::isListTable(*tab)) return -8000;
-        KEP_LOG("secName:%s .\n", section);
-        slot = tab->methodCb[KEP_METHOD_DELETE];
-    }
-
+    constexpr Op op = Op::DeleteSection;
+    Target target;
     ModelReqParams params{};
-    if (!kep::takeSlot(slot, params)) return -1;
+    Miss miss = kep::resolveTarget(op, module, section, __func__, &target);
+    if (miss == Miss::Ready) {
+        if (target.section && kep::isListTable(*target.table)) KEP_LOG("secName:%s .\n", section);
+        miss = kep::resolveSlot(op, target, params);
+    }
+    if (miss != Miss::Ready) return kep::missCode(op, miss, module, section);
     params.secname = section;
-    params.module = mod->name;
+    params.module = target.module->name;
     return kep::invokeCallback(params);
 }
 
 KEP_API void notifySecdataChanged(const char *path) {
-    if (!path) return;
-    kep::TreePath split;
-    if (!kep::splitTreePath(path, &split)) return;
-    DataTable *table = kep::findPathTable(split, nullptr);
-    if (!table || kep::isDynamicTable(*table)) return;
-    DataSection *section = kep::findSectionInTable(table, split.section);
-    if (!section) return;
-
+    Target target;
+    if (kep::resolveTarget(Op::Notify, nullptr, path, __func__, &target) != Miss::Ready) return;
+    DataSection *section = target.section;
     LST_FOR_EACH(const VerNotifyNode, listener, &section->notList) {
         ModelReqParams params{};
         params.pid = listener->pid;

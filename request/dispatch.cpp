@@ -74,12 +74,12 @@ int dispatchByMethod(const char *method, json_object *request, json_object **res
 }  // namespace kep
 
 KEP_API int makeErrorRspObj(int code, char **response) {
-    if (!response) return -1;
+    if (!response) return KEP_ERR_GENERIC;
     kep::JsonPtr obj(newErrorObject(code));
-    if (!obj) return -1;
+    if (!obj) return KEP_ERR_GENERIC;
     char *text = nullptr;
     jsonObjectToMallocString(obj.get(), &text);
-    if (!text) return -1;
+    if (!text) return KEP_ERR_GENERIC;
     *response = text;
     return 0;
 }

@@ -6,6 +6,7 @@
 #include "base/log.h"
 #include "kep_json.h"
 #include "kep_pf_json.h"
+#include "kep_request.h"
 
 KEP_API json_object *jsonParseStr(const char *text) {
     if (!text) {
@@ -43,14 +44,14 @@ KEP_API const char *getValueFromArrayJsonObj(json_object *array, unsigned int in
 KEP_API int getBoolFromJsonObj(json_object *obj, const char *key, int *value) {
     if (!obj || !key || !value) {
         KEP_LOGJ("jsonObj or name or value is NULL!\n");
-        return -1;
+        return KEP_ERR_GENERIC;
     }
     json_object *member = jsonObjectObjectGet(obj, key);
     int flag = 0;
     // Only a real boolean counts: "true" as a string or 1 as a number does not.
     if (jsonObectIsBool(member) != 1 || jsonObjectGetIntSelf(member, &flag) != 0) {
         KEP_LOGJ("jsonObjectObjectGet failed!\n");
-        return -1;
+        return KEP_ERR_GENERIC;
     }
     *value = flag ? 1 : 0;
     return 0;

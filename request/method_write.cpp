@@ -7,6 +7,7 @@
 #include "base/log.h"
 #include "kep_json.h"
 #include "kep_model.h"
+#include "kep_request.h"
 #include "ops/ops_internal.h"
 #include "request/method_handlers.h"
 
@@ -18,11 +19,11 @@ namespace {
 // "error_code" in whatever object the response then holds.
 template <typename PerModule>
 int walkModules(json_object *request, json_object **response, PerModule perModule) {
-    if (!response) return -10000;
+    if (!response) return KEP_ERR_NULL_ARG;
     const char *key = nullptr;
     if (!jsonObjectNextSubObject(request, nullptr, &key)) return 0;
     *response = jsonObjectNewObject();
-    if (!*response) return -10000;
+    if (!*response) return KEP_ERR_NO_MEMORY;
 
     int rc = 0;
     for (JsonObjCursor *c = jsonObjectNextSubObject(request, nullptr, &key); c && rc == 0;
@@ -30,7 +31,7 @@ int walkModules(json_object *request, json_object **response, PerModule perModul
         json_object *moduleReq = jsonObjectCursorValue(c);
         if (jsonObjectIsObject(moduleReq) == 1) rc = perModule(key, moduleReq, response);
     }
-    if (jsonObjectAddInt(*response, "error_code", rc) != 0 && rc == 0) rc = -10000;
+    if (jsonObjectAddInt(*response, "error_code", rc) != 0 && rc == 0) rc = KEP_ERR_NO_MEMORY;
     return rc;
 }
 
@@ -63,32 +64,32 @@ int setModule(const char *module, json_object *moduleReq, json_object **) {
 int addModule(const char *module, json_object *moduleReq, json_object **response) {
     const char *table = jsonGetObjectString(jsonObjectObjectGet(moduleReq, "table"));
     json_object *para = jsonObjectObjectGet(moduleReq, "para");
-    if (!table || !para) return -10100;
+    if (!table || !para) return KEP_ERR_BAD_JSON;
     const char *section = jsonObjectGetString(moduleReq, "name");
     KEP_LOG("begin  pModelObj:%s.\n", logJson(moduleReq));
     KEP_LOG("tableName:%s pSectionVal:%s.\n", table, orNull(section));
     // Added before the call so that the response shows every module tried.
     json_object *result = jsonObjectNewObject();
-    if (!result || jsonObjectObjectAdd(*response, module, result) != 0) return -10000;
+    if (!result || jsonObjectObjectAdd(*response, module, result) != 0) return KEP_ERR_NO_MEMORY;
     return addSectionByObjJson(module, table, section, para, result);
 }
 
 int kepDelTableOrSection(const char *module, const char *key, json_object *value, json_object *moduleReq) {
-    if (!module || !key) return -10000;
+    if (!module || !key) return KEP_ERR_NULL_ARG;
     if (strncmp(key, "table", 5) == 0) {
         const char *table = jsonGetObjectString(jsonObjectObjectGet(moduleReq, "table"));
-        if (!table) return -10100;
+        if (!table) return KEP_ERR_BAD_JSON;
         return deleteDataTable(module, table, jsonObjectObjectGet(moduleReq, "filter"));
     }
-    if (strcmp(key, "name") != 0) return -10100;
+    if (strcmp(key, "name") != 0) return KEP_ERR_BAD_JSON;
     if (jsonObjectIsArray(value) != 1) {
         const char *section = jsonGetObjectString(value);
-        return section ? deleteDataSection(module, section) : -10100;
+        return section ? deleteDataSection(module, section) : KEP_ERR_BAD_JSON;
     }
     int n = jsonObjectArrayLength(value);
     for (int i = 0; i < n; i++) {
         const char *section = jsonGetObjectString(jsonObjectArrayGetIdx(value, static_cast<unsigned>(i)));
-        if (!section) return -10100;
+        if (!section) return KEP_ERR_BAD_JSON;
         int rc = deleteDataSection(module, section);
         if (rc != 0) return rc;
     }
@@ -102,7 +103,7 @@ int deleteModule(const char *module, json_object *moduleReq, json_object **) {
         rc = kepDelTableOrSection(module, "table", jsonObjectObjectGet(moduleReq, "table"), moduleReq);
     } else if (!jsonObjectGetString(moduleReq, "name")) {
         KEP_LOG("no table and no name, bad json str!\n");
-        rc = -10100;
+        rc = KEP_ERR_BAD_JSON;
     } else {
         json_object *names = firstMember(moduleReq, &first);
         rc = kepDelTableOrSection(module, "name", names, moduleReq);
@@ -124,7 +125,7 @@ int doModule(const char *module, json_object *moduleReq, json_object **response)
     // any other JSON value is refused like a result that is not JSON.
     if (jsonObjectIsObject(result) != 1) {
         jsonObjectObjectDelete(result);
-        return rc != 0 ? rc : -10100;
+        return rc != 0 ? rc : KEP_ERR_BAD_JSON;
     }
     jsonObjectObjectDelete(*response);
     *response = result;

@@ -12,18 +12,18 @@ build=${1:-build}
 case "$build" in /*) ;; *) build="$root/$build" ;; esac
 out="$root/docs/ROBUSTNESS.md"
 
-if [ ! -x "$build/tests/alloc_sweep_test" ] || [ ! -x "$build/tests/faults_test" ] || [ ! -x "$build/tests/host_test" ]; then
+if [ ! -x "$build/tests/internal/alloc_sweep_test" ] || [ ! -x "$build/tests/internal/faults_test" ] || [ ! -x "$build/tests/system/host_test" ]; then
     cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
     cmake --build "$build" -j"${JOBS:-2}" --target alloc_sweep_test faults_test access_test host_test \
         platform_rpc_test
 fi
 export KEP_RUNTIME_DIR="$build/tests/imi-run"
 
-sweep=$("$build/tests/alloc_sweep_test" --gtest_brief=1)
-faults=$("$build/tests/faults_test" --gtest_brief=1)
-access=$("$build/tests/access_test" 2>&1 || true)
+sweep=$("$build/tests/internal/alloc_sweep_test" --gtest_brief=1)
+faults=$("$build/tests/internal/faults_test" --gtest_brief=1)
+access=$("$build/tests/internal/access_test" 2>&1 || true)
 # The attacks on the host and the RPC, each with the test that makes it.
-attacks=$( ("$build/tests/host_test" 2>&1; "$build/tests/platform_rpc_test" --gtest_filter='ImiServe.*:ImiLocal.Refuses*' 2>&1) || true)
+attacks=$( ("$build/tests/system/host_test" 2>&1; "$build/tests/internal/platform_rpc_test" --gtest_filter='ImiServe.*:ImiLocal.Refuses*' 2>&1) || true)
 attack() {  # attack TEST WHAT RESULT
     local outcome="FAILED"
     grep -q "^\[       OK \] $1 " <<<"$attacks" && outcome="$3"
@@ -66,7 +66,7 @@ valgrind_line="not run here (VALGRIND=1 runs it; CI runs it in tools/dev.sh test
 if [ "${VALGRIND:-0}" = 1 ]; then
     start=$SECONDS
     if "$root/tools/valgrind-tests.sh" "$build" >/dev/null 2>&1; then
-        valgrind_line="clean, $(find "$build/tests" -maxdepth 1 -name '*_test' -type f ! -name alloc_sweep_test ! -name host_test | wc -l) executables in $((SECONDS - start)) s (no invalid access, no definite or indirect leak)"
+        valgrind_line="clean, $(find "$build/tests/api" "$build/tests/internal" "$build/tests/system" -maxdepth 1 \( -name '*_test' -o -name '*_ctest' \) -type f ! -name alloc_sweep_test ! -name host_test | wc -l) executables in $((SECONDS - start)) s (no invalid access, no definite or indirect leak)"
     else
         valgrind_line="FAILED (run tools/valgrind-tests.sh for the report)"
     fi
@@ -106,11 +106,11 @@ is written by \`tools/robustness-report.sh\`; do not edit it by hand.
 
 Run on $(date -u +%Y-%m-%d) with $(json_c=$(pkg-config --modversion json-c 2>/dev/null || echo '?'); echo "json-c $json_c").
 
-## Allocation-failure sweep (\`tests/alloc_sweep_test.cpp\`)
+## Allocation-failure sweep (\`tests/internal/alloc_sweep_test.cpp\`)
 
 Each scenario runs with its 1st, 2nd, … k-th allocation failing until a run injects no
 failure. The test executable replaces malloc, calloc, realloc and free
-(\`tests/support/alloc_fault.cpp\`), so the library's allocations, the XML pools, the
+(\`tests/internal/support/alloc_fault.cpp\`), so the library's allocations, the XML pools, the
 platform stand-in's and json-c's are all counted. At every k the run must: not crash;
 give success or the documented error of that operation; leak no block allocated during
 the run; leave the tree unchanged (or as the documented failure leaves it) and every
@@ -160,7 +160,7 @@ $fuzz_rows
 target's program, which holds the whole library and platform stand-in; a target reaches
 the part its input feeds.
 
-## Faults of the world (\`tests/faults_test.cpp\`)
+## Faults of the world (\`tests/internal/faults_test.cpp\`)
 
 - Owner killed in the middle of a request, then restarted: $kills. Every killed call
   answers -20007 at once (well within the 3 s RPC time-out), a call to the dead owner's
@@ -177,11 +177,11 @@ the part its input feeds.
   logs it on debug module 113; a factory reset of a sound file keeps nothing.
 - Model description replaced, broken or removed while running: no effect on the tree
   until it is read again; a broken re-read changes nothing.
-- Host killed during configuration writes (\`tests/config_crash_test.cpp\`): the file holds
+- Host killed during configuration writes (\`tests/internal/config_crash_test.cpp\`): the file holds
   the document before or after the cut write, and the next store removes the temporary
   file the cut one left.
 
-## Attacks on the host (\`tests/host_test.cpp\`, \`tests/platform_rpc_test.cpp\`)
+## Attacks on the host (\`tests/system/host_test.cpp\`, \`tests/internal/platform_rpc_test.cpp\`)
 
 The host (kepd) with the example owners, and the stand-in's RPC, against a hostile process
 of the owners' own user and of other users. Result of the last run:
@@ -190,7 +190,7 @@ of the owners' own user and of other users. Result of the last run:
 |---|---|---|
 $attack_rows
 
-## Access control (\`tests/access_test.cpp\`)
+## Access control (\`tests/internal/access_test.cpp\`)
 
 As root, a forked child drops to uid 65534: the stand-in refuses its call (the socket
 folder is closed to it), and with the folder opened up a hand-made request straight to

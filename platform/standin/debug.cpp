@@ -9,8 +9,7 @@
 #include <unistd.h>
 
 #include "kep_pf_debug.h"
-
-#define PF_API extern "C" __attribute__((visibility("default")))
+#include "pf_api.h"
 
 namespace {
 

@@ -30,6 +30,7 @@
 
 #include "base/guard.h"
 #include "kep_pf_debug.h"
+#include "pf_api.h"
 
 namespace kep_pf {
 namespace {
@@ -219,7 +220,7 @@ int storeAtomically(const char *path, const char *text, size_t len) {
 
 }  // namespace kep_pf
 
-extern "C" __attribute__((visibility("default"))) int jsonObjectSetFileGroup(int gid) {
+PF_API int jsonObjectSetFileGroup(int gid) {
     if (gid < -1) return -1;
     pthread_once(&kep_pf::gGroupOnce, kep_pf::readGroupFromEnvironment);
     __atomic_store_n(&kep_pf::gGroup, gid, __ATOMIC_RELEASE);

@@ -15,6 +15,6 @@ constexpr int kStoreLogMid = 113;
 // narrowed to what a replaced file allowed. What earlier stores of path that were cut
 // short (a killed writer, a power cut) left behind is removed; what a live store
 // holds is left to it. 0, or -1 with the old file intact. Internal to the stand-in.
-__attribute__((visibility("hidden"))) int storeAtomically(const char *path, const char *text, size_t len);
+int storeAtomically(const char *path, const char *text, size_t len);
 
 }  // namespace kep_pf

@@ -18,8 +18,7 @@
 #include "json_match.h"
 #include "kep_pf_debug.h"
 #include "kep_pf_json.h"
-
-#define PF_API extern "C" __attribute__((visibility("default")))
+#include "pf_api.h"
 
 namespace {
 

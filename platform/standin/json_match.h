@@ -21,7 +21,6 @@ constexpr int kJsonReadLevels = 32;
 // nothing, except to ask the reader about a double written outside JSON's grammar (an
 // infinity, or a number such as "1." kept from a hand-edited file); that question,
 // like every other, answers false when memory runs out. Internal to the stand-in.
-__attribute__((visibility("hidden"))) bool jsonTextMatches(const char *text, size_t len, json_object *obj,
-                                                           int levels = kJsonReadLevels);
+bool jsonTextMatches(const char *text, size_t len, json_object *obj, int levels = kJsonReadLevels);
 
 }  // namespace kep_pf

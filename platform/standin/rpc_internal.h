@@ -6,9 +6,8 @@
 #include <sys/un.h>
 
 #include "kep_pf_rpc.h"
+#include "pf_api.h"
 #include "rpc_wire.h"
-
-#define PF_API extern "C" __attribute__((visibility("default")))
 
 namespace kep_pf {
 
@@ -22,28 +21,28 @@ struct Handler {
     void *user;
 };
 
-PF_HIDDEN bool validCb(const char *cb);
+bool validCb(const char *cb);
 // Copies the handler out, so that it runs without the registry's lock held.
-PF_HIDDEN bool findHandler(const char *cb, Handler *out);
-PF_HIDDEN void resetRegistryInChild();
+bool findHandler(const char *cb, Handler *out);
+void resetRegistryInChild();
 
 // ---- runtime folder, sockets, peers (rpc_paths.cpp) ----
 
 // The checked runtime folder in dir (named there also on failure); create makes it
 // when missing. 0, QXRPC_ERR_DIR or QXRPC_ERR_ARG.
-PF_HIDDEN int runtimeDir(char *dir, size_t size, bool create);
+int runtimeDir(char *dir, size_t size, bool create);
 // Fills addr with the socket of pid in the runtime folder. 0 or a QXRPC_ERR_* code.
-PF_HIDDEN int socketAddress(int pid, bool create, sockaddr_un *addr);
+int socketAddress(int pid, bool create, sockaddr_un *addr);
 // Removes the socket file at addr when nobody listens on it and pid is gone.
-PF_HIDDEN void removeIfStale(int pid, const sockaddr_un &addr);
+void removeIfStale(int pid, const sockaddr_un &addr);
 // The kernel's credentials of fd's peer (for a connecting socket: the process that
 // listened). False when they cannot be read.
-PF_HIDDEN bool peerCredentials(int fd, QxImiCaller *out);
+bool peerCredentials(int fd, QxImiCaller *out);
 // The group named by KEP_RPC_GROUP (a name or a number), whose members may call this
 // process besides its own user and root; -1 for none.
-PF_HIDDEN int rpcGroup();
+int rpcGroup();
 // Whether the calling process is a member of group gid, as the kernel lists it now.
-PF_HIDDEN bool peerInGroup(const QxImiCaller &peer, int gid);
+bool peerInGroup(const QxImiCaller &peer, int gid);
 
 // ---- serving context (rpc_serve.cpp) ----
 
@@ -54,14 +53,14 @@ struct ServingContext {
     int64_t deadline;
     int64_t received;
 };
-PF_HIDDEN const ServingContext *currentServing();
+const ServingContext *currentServing();
 // Runs fn with ctx as the thread's serving context, restoring the previous one.
-PF_HIDDEN int runHandler(const Handler &h, QxRpcPara *set, const ServingContext &ctx);
+int runHandler(const Handler &h, QxRpcPara *set, const ServingContext &ctx);
 // This process's pid, kept so that a call to ourselves costs no system call.
-PF_HIDDEN int selfPid();
+int selfPid();
 
 // ---- calling (rpc_call.cpp) ----
 
-PF_HIDDEN void resetCallsInChild();
+void resetCallsInChild();
 
 }  // namespace kep_pf

@@ -3,8 +3,7 @@
 #include <string.h>
 
 #include "kep_pf_rpc.h"
-
-#define PF_API extern "C" __attribute__((visibility("default")))
+#include "pf_api.h"
 
 namespace {
 

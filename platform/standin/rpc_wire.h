@@ -14,8 +14,6 @@
 
 #include "kep_pf_rpc.h"
 
-#define PF_HIDDEN __attribute__((visibility("hidden")))
-
 namespace kep_pf {
 
 enum : uint32_t {
@@ -26,38 +24,36 @@ enum : uint32_t {
 constexpr size_t kFrameHeader = 8;
 
 // Milliseconds of the monotonic clock.
-PF_HIDDEN int64_t nowMs();
+int64_t nowMs();
 
 // 0, or QXRPC_ERR_ARG when a member cannot travel (oversized text, bad name, count,
 // more than a frame holds).
-PF_HIDDEN int checkMembers(const QxRpcPara *set, int from);
+int checkMembers(const QxRpcPara *set, int from);
 
 // The body length of a frame whose 8 header bytes are given; 0 for a header no peer
 // of ours sends (wrong magic, empty or oversized body).
-PF_HIDDEN uint32_t frameBodyLength(const char *header);
+uint32_t frameBodyLength(const char *header);
 
 // Encoders: *frame is malloc'd (caller frees), *len its size. Members from index
 // `from` on are sent. 0 or a QXRPC_ERR_* code.
-PF_HIDDEN int encodeRequest(const char *cb, int64_t deadline, const QxRpcPara *set, char **frame,
-                            size_t *len);
-PF_HIDDEN int encodeReply(int status, const QxRpcPara *set, int from, char **frame, size_t *len);
+int encodeRequest(const char *cb, int64_t deadline, const QxRpcPara *set, char **frame, size_t *len);
+int encodeReply(int status, const QxRpcPara *set, int from, char **frame, size_t *len);
 
 // Decoders over a received body. Members are appended to out, which the caller owns
 // and frees on every path; 0 or QXRPC_ERR_IO for a malformed body.
-PF_HIDDEN int decodeRequest(const char *body, size_t len, char *cb, size_t cbSize, int64_t *deadline,
-                            QxRpcPara *out);
-PF_HIDDEN int decodeReply(const char *body, size_t len, int *status, QxRpcPara *out);
+int decodeRequest(const char *body, size_t len, char *cb, size_t cbSize, int64_t *deadline, QxRpcPara *out);
+int decodeReply(const char *body, size_t len, int *status, QxRpcPara *out);
 
 // Socket I/O on a non-blocking descriptor until the absolute deadline (nowMs()
 // based): 0, QXRPC_ERR_TIMEOUT or QXRPC_ERR_IO. Never raises SIGPIPE.
-PF_HIDDEN int sendAll(int fd, const char *data, size_t len, int64_t deadline);
+int sendAll(int fd, const char *data, size_t len, int64_t deadline);
 // Reads one frame; *body is malloc'd (caller frees).
-PF_HIDDEN int readFrame(int fd, int64_t deadline, char **body, size_t *len);
+int readFrame(int fd, int64_t deadline, char **body, size_t *len);
 // Waits for events on fd; 1 ready, 0 deadline passed (-1: no deadline), <0 error.
-PF_HIDDEN int waitFd(int fd, short events, int64_t deadline);
+int waitFd(int fd, short events, int64_t deadline);
 
 // Moves every member of from (from index `first` on) to the end of to; texts change
 // owner, from keeps only its members before `first`.
-PF_HIDDEN void moveMembers(QxRpcPara *from, int first, QxRpcPara *to);
+void moveMembers(QxRpcPara *from, int first, QxRpcPara *to);
 
 }  // namespace kep_pf

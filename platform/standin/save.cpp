@@ -2,8 +2,7 @@
 // the requests are counted so that tests can see them.
 #include "kep_pf_debug.h"
 #include "kep_pf_sys.h"
-
-#define PF_API extern "C" __attribute__((visibility("default")))
+#include "pf_api.h"
 
 namespace {
 int gSaveRequests;

@@ -1,5 +1,6 @@
 #!/bin/sh
-# Binary-interface checks of libkepHandle, one per subcommand; exit status 0 = pass.
+# Binary-interface checks of libkepHandle and the platform stand-in, one per subcommand;
+# exit status 0 = pass.
 set -eu
 
 # NM and READELF name the target's binutils; KEP_RUN runs a target program (an emulator).
@@ -10,9 +11,9 @@ fail() { echo "FAIL: $*" >&2; exit 1; }
 case "$1" in
 exports)
     # The dynamic symbol table holds exactly the names of the export list.
-    lib=$2 list=$3
+    lib=$2 list=$3 want_soname=${4:-libkepHandle.so.0}
     soname=$("$readelf" -d "$lib" | sed -n 's/.*Library soname: \[\(.*\)\]/\1/p')
-    [ "$soname" = "libkepHandle.so.0" ] || fail "soname is '$soname'"
+    [ "$soname" = "$want_soname" ] || fail "soname is '$soname'"
     want=$(mktemp) have=$(mktemp)
     trap 'rm -f "$want" "$have"' EXIT
     grep -E '^[A-Za-z_]' "$list" | sort -u >"$want"
@@ -35,6 +36,19 @@ needed)
     done
     "$readelf" -d "$lib" | grep -q 'libkepPlatform.so.0' || fail "the platform library is not linked dynamically"
     echo "needed: $("$readelf" -d "$lib" | grep -c NEEDED) libraries, all allowed"
+    ;;
+platform-needed)
+    # Every command-line process loads the stand-in: the C library, the loader, threads
+    # and json-c only; never the C++ runtime.
+    lib=$2
+    "$readelf" -d "$lib" | sed -n 's/.*Shared library: \[\(.*\)\]/\1/p' | while read -r dep; do
+        case "$dep" in
+        libc.so.*|libpthread.so.*|libjson-c.so.*|ld-linux*.so.*|ld.so.*) ;;  # ld.so: thread-local storage
+        libasan.so.*|libubsan.so.*|libtsan.so.*) ;;  # sanitizer builds only
+        *) fail "unexpected run-time dependency $dep" ;;
+        esac
+    done
+    echo "platform-needed: $("$readelf" -d "$lib" | grep -c NEEDED) libraries, all allowed"
     ;;
 headers)
     # Every public header compiles on its own as strict C99.

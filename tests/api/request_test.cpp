@@ -1,5 +1,5 @@
 // Request entry and method dispatch: response texts and codes, the method table
-// walk, delayed saves, log lines, hostile input. (Concurrent callers: e2e_test.)
+// walk, delayed saves, hostile input. (Concurrent callers: e2e_test.)
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 #include <stdlib.h>
@@ -15,11 +15,8 @@
 #include "kep_pf_json.h"
 #include "kep_pf_sys.h"
 #include "kep_request.h"
-#include "log_capture.h"
-#include "request/request_internal.h"
 
 using kep_test::canonicalJson;
-using Messages = std::vector<std::string>;
 
 namespace {
 
@@ -102,8 +99,6 @@ protected:
 
     static void install(int slot, MethodHandler handler) { gPassthroughHandler[slot].handler = handler; }
 
-    kep_test::LogCapture log;
-
 private:
     MethodMsgHandler saved_[methodMsgHandlerNum];
 };
@@ -112,16 +107,11 @@ TEST_F(Request, ArgumentsThatAreNoRequest) {
     char *response = nullptr;
     EXPECT_EQ(standardKepReqHandle(nullptr, &response), -10000);
     EXPECT_EQ(response, nullptr);
-    EXPECT_EQ(log.messages(), (Messages{"para is NULL.\r\n"}));
     EXPECT_EQ(standardKepReqHandle("{\"method\":\"get\"}", nullptr), -10000);
 
-    log.clear();
     EXPECT_EQ(standardKepReqHandle("{\"method\":", &response), -10100);
     EXPECT_EQ(response, nullptr);
-    EXPECT_EQ(log.messages(), (Messages{"Create tokener failed.\n\r\n", "jsonParseStr error\n\r\n"}));
-    log.clear();
     EXPECT_EQ(handle("{}").text, "{\"error_code\":-7000}");
-    EXPECT_TRUE(log.contains("requestDataObj method NULL.\n"));
 }
 
 TEST_F(Request, HandlerResponseShapes) {
@@ -139,7 +129,6 @@ TEST_F(Request, HandlerResponseShapes) {
     EXPECT_EQ(handle("{\"method\":\"get\"}").text, "{\"error_code\":-7004}");
     install(kGet, failWithoutObject);
     EXPECT_EQ(handle("{\"method\":\"get\"}").text, "{\"error_code\":-4000}");
-    EXPECT_TRUE(log.contains("unsupport method failed\n"));
 }
 
 TEST_F(Request, DelayedSaveForEveryMethodButGet) {
@@ -166,7 +155,8 @@ TEST_F(Request, DelayedSaveForEveryMethodButGet) {
 }
 
 // The table is writable by the process, so the handler is read again right before
-// the call: an entry cleared before matching answers -7000, after it -51204.
+// the call: an entry cleared before matching answers -7000, after it -51204. Another
+// thread could clear it there; the debug line written just before the call stands in.
 void clearSetOnMatch(int, const char *line, void *) {
     if (strstr(line, "find method")) gPassthroughHandler[kSet].handler = nullptr;
 }
@@ -177,7 +167,9 @@ TEST_F(Request, ClearedEntry) {
     EXPECT_EQ(ipcSaveConfigDelayCount(), before);
     install(kSet, okWithoutObject);
     debugSetSink(clearSetOnMatch, nullptr);
+    debugFlagSet(-1, 1);
     Answer a = handle("{\"method\":\"set\"}");
+    debugFlagSet(-1, 0);
     debugSetSink(nullptr, nullptr);
     EXPECT_EQ(a.text, "{\"error_code\":-51204}");
     EXPECT_EQ(ipcSaveConfigDelayCount(), before + 1);
@@ -199,40 +191,6 @@ TEST_F(Request, AllSixEntriesAreWalkedAndTheFirstMatchWins) {
     memset(gPassthroughHandler[kSpare].method, 'x', sizeof gPassthroughHandler[kSpare].method);
     std::string name(32, 'x');
     EXPECT_EQ(handle(("{\"method\":\"" + name + "\"}").c_str()).text, "{\"error_code\":-4000}");
-}
-
-TEST_F(Request, LogLinesOfOneDispatch) {
-    install(kSet, okWithObject);
-    handle("{\"method\":\"set\"}");
-    const std::string rsp = "{\"data\":\"rows\",\"error_code\":0}";
-    Messages expected = {
-        "methodMsgHandlerNum:6\n\r\n",
-        "methodMsgHandlerNum:6\n\r\n",  // "get" has no handler
-        "method_buffer is \"set\"\r\n",
-        "method is \"set\"\r\n",
-        "delayed configuration save requested\r\n",
-        "find method \"set\" callback.\n\r\n",
-        "errorCode:0\n\r\n",
-        "testStr:{ \"data\": \"rows\", \"error_code\": 0 }\n\r\n",
-        "response:" + rsp + "\n\r\n",
-    };
-    EXPECT_EQ(log.messages(), expected);
-    EXPECT_NE(log.lines()[0].find(":<kepHandle/dispatchByMethod()/"), std::string::npos) << log.lines()[0];
-    EXPECT_NE(log.lines().back().find(":<kepHandle/standardKepReqHandle()/"), std::string::npos);
-
-    log.clear();
-    install(kSet, nullptr);
-    install(kGet, okWithObject);
-    handle("{\"method\":\"add\"}");
-    expected = {
-        "methodMsgHandlerNum:6\n\r\n",   "method_buffer is \"get\"\r\n",
-        "method is \"add\"\r\n",         "methodMsgHandlerNum:6 method:\"get\" remoteMethod:\"add\"\n\r\n",
-        "methodMsgHandlerNum:6\n\r\n",   "methodMsgHandlerNum:6\n\r\n",
-        "methodMsgHandlerNum:6\n\r\n",   "methodMsgHandlerNum:6\n\r\n",
-        "methodMsgHandlerNum:6\n\r\n",   "errorCode:-7000\n\r\n",
-        "unsupport method failed\n\r\n",
-    };
-    EXPECT_EQ(log.messages(), expected);
 }
 
 TEST_F(Request, RequestTextsAndTheirAnswers) {
@@ -297,24 +255,10 @@ TEST_F(Request, PassthroughAnswersWithAnObject) {
     install(kDo, failAfterPartialObject);
     EXPECT_EQ(passthrough("\"do\"", "{}").text, "{\"error_code\":-7004}");
 
-    log.clear();
     json_object *rsp = nullptr;
     EXPECT_EQ(passthroughHandleMethod(nullptr, nullptr, &rsp), -51207);
     EXPECT_EQ(rsp, nullptr);
-    EXPECT_EQ(log.messages(), (Messages{"runRes\n\r\n"}));
     EXPECT_EQ(passthroughHandleMethod("\"get\"", nullptr, nullptr), -10000);
-}
-
-TEST_F(Request, DispatchStoresOnlyOnSuccess) {
-    json_object *rsp = reinterpret_cast<json_object *>(0x1);
-    EXPECT_EQ(kep::dispatchByMethod(nullptr, nullptr, &rsp), -51207);
-    EXPECT_EQ(rsp, reinterpret_cast<json_object *>(0x1));
-    install(kAdd, failAfterPartialObject);
-    EXPECT_EQ(kep::dispatchByMethod("\"add\"", nullptr, &rsp), -7004);
-    EXPECT_EQ(rsp, reinterpret_cast<json_object *>(0x1));
-    install(kAdd, okWithoutObject);
-    EXPECT_EQ(kep::dispatchByMethod("\"add\"", nullptr, &rsp), 0);
-    EXPECT_EQ(rsp, nullptr);
 }
 
 TEST_F(Request, ErrorText) {
@@ -413,15 +357,7 @@ int withEachAllocationFailing(const std::function<int(char **)> &build,
     return 0;
 }
 
-class RequestOutOfMemory : public Request {
-protected:
-    // The capture's sink allocates: logging stays off here.
-    void SetUp() override {
-        Request::SetUp();
-        debugFlagSet(-1, 0);
-        debugSetSink(nullptr, nullptr);
-    }
-};
+using RequestOutOfMemory = Request;
 
 TEST_F(RequestOutOfMemory, BuildersGiveTheTextOrNull) {
     struct Case {

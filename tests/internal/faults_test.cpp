@@ -24,7 +24,6 @@
 #include "kep_pf_json.h"
 #include "kep_request.h"
 #include "kep_xml.h"
-#include "log_capture.h"
 #include "model/model_internal.h"
 #include "owner_process.h"
 #include "tree_builder.h"
@@ -122,25 +121,19 @@ TEST_F(OwnerFaults, OwnerKilledInTheMiddleOfARequestThenRestarted) {
     fflush(stdout);  // not again from the forked owners
 }
 
-// A silent owner costs one time-out and a debug line naming its pid and callback.
-TEST_F(OwnerFaults, OwnerThatNeverAnswersTimesOutAndIsLogged) {
+// A silent owner costs one time-out per call; a dead one is not waited on.
+TEST_F(OwnerFaults, OwnerThatNeverAnswersTimesOut) {
     OwnerProcess owner({{"hostGet", kep_test::hang()}});
     serve(owner);
     qxImiSetTimeout(300);
-    kep_test::LogCapture log;
     Clock::time_point t0 = Clock::now();
     EXPECT_EQ(handle(R"({"method":"get","m":{"table":"host"}})"), R"({"error_code":-10000})");
     EXPECT_EQ(handle(R"({"method":"set","m":{"host_1":{}}})"), R"({"error_code":-20006})");
     long took = msSince(t0);
     EXPECT_GE(took, 600);
     EXPECT_LT(took, 5000);  // bounded by the time-outs, with room for a slow machine
-    const std::string pid = std::to_string(owner.pid());
-    EXPECT_TRUE(log.contains("qxImiExecute: pid " + pid + " callback hostGet: time-out (-20006)\n"));
-    EXPECT_TRUE(log.contains("qxImiExecute: pid " + pid + " callback hostSet: time-out (-20006)\n"));
     owner.kill();
-    log.clear();
     EXPECT_EQ(handle(R"({"method":"set","m":{"host_1":{}}})"), R"({"error_code":-20005})");
-    EXPECT_TRUE(log.contains("qxImiExecute: pid " + pid + " callback hostSet: no peer (-20005)\n"));
 }
 
 // ---- the configuration store against the file system ----
@@ -225,14 +218,13 @@ TEST_F(StoreFaults, ConfigurationFolderThatDisappears) {
     EXPECT_NE(readText(file).find("back"), std::string::npos);
 }
 
-// Every repair keeps the file it replaces, under a name of its own, and says so in
-// the debug log; a file over the reader's size limit is unreadable and kept alike.
+// Every repair keeps the file it replaces, under a name of its own; a file over the
+// reader's size limit is unreadable and kept alike.
 TEST_F(StoreFaults, StartUpRepairKeepsEveryUnreadableFile) {
     const std::string file = tree_.path("m.json");
     kep::resetTreeForTest();
     DataModule *m = tree_.module("m", "m.json");
     tree_.table(m, "host", true, false, kep_test::recOpr(resetHosts));
-    kep_test::LogCapture log;
     const std::string broken[] = {"{\"host\":[{\"host_1\":", "not json"};
     for (const std::string &text : broken) {
         writeText(file, text);
@@ -254,7 +246,6 @@ TEST_F(StoreFaults, StartUpRepairKeepsEveryUnreadableFile) {
     // The names sort in time order (a second repair within the same second adds "-2").
     EXPECT_EQ(readText(kept[0]), broken[0]);
     EXPECT_EQ(readText(kept[1]), broken[1]);
-    EXPECT_TRUE(log.contains(file + " cannot be read: kept as " + kept[0] + " before it is replaced\n"));
 
     // A sound file over the size limit (which the defaults are not).
     for (const std::string &k : kept) std::filesystem::remove(k);

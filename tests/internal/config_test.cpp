@@ -21,7 +21,6 @@
 #include "config_fixture.h"
 #include "kep_config.h"
 #include "kep_pf_json.h"
-#include "log_capture.h"
 
 using kep_test::canonical;
 using kep_test::ConfigTree;
@@ -285,32 +284,24 @@ TEST_F(ConfigStore, ListSectionsAreAddedUpdatedAndDeletedWithTheirNodes) {
     EXPECT_EQ(canonical(readText(file)), R"({"time":{}})");
     EXPECT_TRUE(sectionNames(list).empty());
 
-    kep_test::LogCapture log;
     EXPECT_EQ(modelWrite("/m/host/host_9", &a, -1), -1);
-    EXPECT_TRUE(log.contains("bufBin can't be null.\r\n"));
 }
 
 TEST_F(ConfigStore, ListWriteFailuresLeaveFileAndTreeAlone) {
     tree.section(list, "host_1", recOpr());
     tree.section(list, "host_7", recOpr());  // a node without an element
     const std::string before = store(R"({"host":[{"host_1":{"text":"a","value":1}}]})");
-    kep_test::LogCapture log;
     Rec r = makeRec("r", 5);
 
     EXPECT_EQ(modelWrite("/m/host/host_7", &r, kRec), -1);
-    EXPECT_TRUE(log.contains("find section host_7 from table host failed.\r\n"));
     EXPECT_EQ(modelWrite("/m/host/host_1", &r, 3), -1);
-    EXPECT_TRUE(log.contains("transfer section host_1 bin to json failed, binToJson = 0x"));
     EXPECT_EQ(modelWrite("/m/host/host_2", &r, 3), -1);
-    EXPECT_TRUE(log.contains("bin to json failed.\r\n"));
 
     tree.verify(list, nullptr);  // registered remotely: no in-process check, skipped
     tree.verify(list, verifyRecord);
     gCalls.verifyResult = 1;
     EXPECT_EQ(modelWrite("/m/host/host_1", &r, kRec), -1);
-    EXPECT_TRUE(log.contains("verify section host_1 failed.\r\n"));
     EXPECT_EQ(modelWrite("/m/host/host_2", &r, kRec), -1);
-    EXPECT_TRUE(log.contains("verify failed.\r\n"));
     EXPECT_EQ(gCalls.existed, (std::vector<int>{1, 0}));
     EXPECT_EQ(readText(file), before);
     EXPECT_EQ(sectionNames(list), (std::vector<std::string>{"host_1", "host_7"}));
@@ -325,12 +316,10 @@ TEST_F(ConfigStore, ListWriteFailuresLeaveFileAndTreeAlone) {
 
     store(R"({"time":{}})");
     EXPECT_EQ(modelWrite("/m/host/host_1", nullptr, 0), -1);
-    EXPECT_TRUE(log.contains("get table host from module m failed.\r\n"));
     EXPECT_EQ(modelWrite("/m/host/host_1", &r, kRec), -1);
     EXPECT_EQ(sectionNames(list).size(), 2u);
     store(R"({"host":{"host_1":{}}})");  // wrong type: no array to append to
     EXPECT_EQ(modelWrite("/m/host/host_5", &r, kRec), -1);
-    EXPECT_TRUE(log.contains("make new element failed.\r\n"));
     EXPECT_EQ(sectionNames(list).size(), 2u);
 }
 
@@ -357,10 +346,7 @@ TEST_F(ConfigStore, LoadRepairsAnUnreadableFileWithDefaults) {
     for (const char *bad : {"{\"host\": [", "not json at all", "[]", "\"text\"", ""}) {
         SCOPED_TRACE(bad);
         store(bad);
-        kep_test::LogCapture log;
         EXPECT_EQ(systemLoadConfigFile(), 0);
-        EXPECT_TRUE(log.contains("module m config data has been destroyed.\r\n"));
-        EXPECT_TRUE(log.contains("Module [m] reset config data to file [" + file + "].\r\n"));
         EXPECT_EQ(
             canonical(readText(file)),
             R"({"time":{"settings":{"text":"settings","value":0}},"host":[{"host_9":{"text":"d","value":9}}]})");
@@ -410,9 +396,7 @@ TEST_F(ConfigStore, LoadStopsWhenTheRepairFails) {
     DataTable *afterList = tree.table(after, "host", true, false, recOpr());
     writeText(tree.path("a.json"), R"({"host":[{"host_1":{}}]})");
     (void)lost;
-    kep_test::LogCapture log;
     EXPECT_EQ(systemLoadConfigFile(), -1);
-    EXPECT_TRUE(log.contains("module lost config data reset error.\r\n"));
     EXPECT_TRUE(sectionNames(afterList).empty());
 }
 
@@ -450,14 +434,12 @@ TEST_F(ConfigStore, ResetBuildsTheDefaultsOfEveryTableKind) {
 
 TEST_F(ConfigStore, AFailingDefaultLeavesTheFileAsItWas) {
     const std::string before = store(kStored);
-    kep_test::LogCapture log;
     gCalls.resetResult = 3;
     json_object *v = nullptr;
     EXPECT_EQ(tableResetConfig(list, &v), 3);
     EXPECT_EQ(v, nullptr);
     EXPECT_EQ(tableResetConfig(named, &v), -1);
     EXPECT_EQ(v, nullptr);
-    EXPECT_TRUE(log.contains("Section settings reset config data failed.\r\n"));
     EXPECT_EQ(modelResetConfigFile(m), -1);
     EXPECT_EQ(readText(file), before);
 

@@ -2,9 +2,9 @@
 # The installed kit as a new user has it: installs the build into a fresh prefix,
 # builds the example owner ntpd against it with pkg-config and with CMake, and runs
 # the installed host and client (no LD_LIBRARY_PATH) with it.
-#   tests/install_test.sh BUILD-DIR
+#   tests/system/install_test.sh BUILD-DIR
 set -euo pipefail
-src=$(cd "$(dirname "$0")/.." && pwd)
+src=$(cd "$(dirname "$0")/../.." && pwd)
 build=$(cd "$1" && pwd)
 work=$(mktemp -d /tmp/kiXXXXXX)
 owner=

@@ -12,7 +12,7 @@
 
 namespace {
 
-const std::string kSource = std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) + "/..";
+const std::string kSource = std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) + "/../..";
 
 std::string rep(char c, size_t n) {
     return std::string(n, c);

@@ -8,17 +8,14 @@
 
 #include "kep_tree.h"
 #include "kep_xml.h"
-#include "log_capture.h"
 #include "model/model_internal.h"
 #include "tree/tree_internal.h"
 #include "tree_builder.h"
 
 namespace {
 
-using Lines = std::vector<std::string>;
 const std::string kExample =
-    std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) + "/../examples/model.xml";
-const Lines kInitLine = {"=======================data module init\r\n\r\n"};
+    std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) + "/../../examples/model.xml";
 
 std::string sections(const char *path) {
     DataTable *t = getTableByFullName(path);
@@ -63,9 +60,7 @@ protected:
 };
 
 TEST_F(ModelTest, SampleDescriptionAtStart) {
-    kep_test::LogCapture log;
     ASSERT_EQ(kep::loadModelFile(kExample.c_str()), 0);
-    EXPECT_EQ(log.messages(), kInitLine);
     EXPECT_EQ(getModuleSize(), 2);
     EXPECT_EQ(isDynamic("/dhcp/host"), 0);
     EXPECT_EQ(isDynamic("/dhcp/client"), 1);
@@ -139,14 +134,10 @@ TEST_F(ModelTest, UnreadableDescriptionsLeaveTreeEmpty) {
         "",
     };
     for (const std::string &text : cases) {
-        kep_test::LogCapture log;
         EXPECT_EQ(load(text), -1) << text.substr(0, 60);
         EXPECT_EQ(getModuleSize(), 0);
-        EXPECT_TRUE(log.contains("data module init failed.\r\n"));
     }
-    kep_test::LogCapture log;
     EXPECT_EQ(kep::loadModelFile("/nonexistent/kep/model.xml"), -1);
-    EXPECT_EQ(log.messages(), (Lines{kInitLine[0], "data module init failed.\r\n\r\n"}));
     if (access(kep::modelPath(), F_OK) != 0) {
         EXPECT_EQ(dataModuleInit(), -1);
         EXPECT_EQ(getModuleSize(), 0);

@@ -7,7 +7,6 @@
 #include <string>
 
 #include "kep_tree.h"
-#include "log_capture.h"
 #include "tree/tree_internal.h"
 #include "tree_builder.h"
 
@@ -16,12 +15,7 @@ namespace {
 using kep_test::addModule;
 using kep_test::addSection;
 using kep_test::addTable;
-using Lines = std::vector<std::string>;
 using TreeTest = kep_test::FreshTree;
-
-MethodCbNode *cbNode() {
-    return static_cast<MethodCbNode *>(kep::newCbNode());
-}
 
 TEST_F(TreeTest, LookupsReturnFirstMatch) {
     EXPECT_EQ(getModuleSize(), 0);
@@ -37,11 +31,8 @@ TEST_F(TreeTest, LookupsReturnFirstMatch) {
     EXPECT_EQ(getDataModuler("M1"), nullptr);
     EXPECT_EQ(getDataModuler("m"), nullptr);
     EXPECT_EQ(getDataTable(nullptr, "t"), t1);
-    kep_test::LogCapture log;
     EXPECT_EQ(getDataTable(m2, "t"), t2);
     EXPECT_EQ(getDataTable(m2, "x"), nullptr);
-    EXPECT_EQ(log.messages(),
-              (Lines{"tableName:t pDataTable->name:t.\n\r\n", "tableName:x pDataTable->name:t.\n\r\n"}));
 }
 
 TEST_F(TreeTest, PathSplittingAndTableByFullName) {
@@ -87,11 +78,8 @@ TEST_F(TreeTest, FindSectionInModule) {
     DataTable *t2 = addTable(m, "t2");
     DataSection *s = addSection(t2, "s");
     DataSection *out = nullptr;
-    kep_test::LogCapture log;
     EXPECT_EQ(findSectionInModule("m", "s", &out), 1);
     EXPECT_EQ(out, s);
-    EXPECT_EQ(log.messages(), (Lines{"table:t1\n\r\n", "section:x secName:s, slen:1 \n\r\n", "table:t2\n\r\n",
-                                     "section:s secName:s, slen:1 \n\r\n"}));
     out = nullptr;
     EXPECT_EQ(findSectionInModule("m", "nope", &out), 0);
     EXPECT_EQ(out, nullptr);
@@ -107,52 +95,6 @@ TEST_F(TreeTest, LastIndexOfChar) {
     EXPECT_EQ(kep::lastIndexOfChar("abc", '_'), -1);
     EXPECT_EQ(kep::lastIndexOfChar("", '_'), 0);
     EXPECT_EQ(kep::lastIndexOfChar(nullptr, '_'), 0);
-}
-
-TEST_F(TreeTest, DelDataModuleDropsActionsAppOpsAndPublicSections) {
-    DataModule *m = addModule("m");
-    DataTable *pub = addTable(m, "pub", 1);
-    DataTable *priv = addTable(m, "priv", 0);
-    addSection(pub, "pub_1")->methodCb[1] = cbNode();
-    addSection(priv, "named");
-    kep_test::addAction(m, "a");
-    m->appOps.reserved[0] = m;
-    delDataModule("m", 0);
-    EXPECT_EQ(lstCount(&m->actions), 0);
-    EXPECT_EQ(m->appOps.reserved[0], nullptr);
-    EXPECT_EQ(lstCount(&pub->sections), 1);
-    delDataModule("m", 1);
-    EXPECT_EQ(lstCount(&pub->sections), 0);
-    EXPECT_EQ(lstCount(&priv->sections), 1);
-    EXPECT_EQ(getTableByFullName("/m/pub"), pub);
-    delDataModule(nullptr, 1);
-}
-
-TEST_F(TreeTest, UnregisterTable) {
-    DataModule *m = addModule("m");
-    DataTable *priv = addTable(m, "priv", 0);
-    DataSection *s = addSection(priv, "s");
-    s->opr.pid = 5;
-    s->methodCb[0] = cbNode();
-    lstAdd(&s->verList, static_cast<LstNode *>(kep::newCbNode()));
-    priv->opr.pid = 6;
-    priv->methodCb[2] = cbNode();
-    lstAdd(&priv->notList, static_cast<LstNode *>(kep::newCbNode()));
-    EXPECT_EQ(unregisterTable("/m/priv"), 0);
-    EXPECT_EQ(s->methodCb[0], nullptr);
-    EXPECT_EQ(priv->methodCb[2], nullptr);
-    EXPECT_EQ(s->opr.pid + priv->opr.pid, 0);
-    EXPECT_EQ(lstCount(&s->verList) + lstCount(&priv->notList), 0);
-    EXPECT_EQ(lstCount(&priv->sections), 1);
-
-    DataTable *pub = addTable(m, "pub", 1);
-    DataSection *entry = addSection(pub, "pub_1");
-    entry->opr.pid = pub->opr.pid = 5;
-    EXPECT_EQ(unregisterTable("/m/pub"), 0);
-    EXPECT_EQ(pub->opr.pid, 0);
-    EXPECT_EQ(entry->opr.pid, 5);  // list entries keep their copies
-    EXPECT_EQ(unregisterTable("/m/x"), -1);
-    EXPECT_EQ(unregisterTable(nullptr), -1);
 }
 
 TEST_F(TreeTest, DeletePluginTable) {
