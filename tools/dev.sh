@@ -14,7 +14,8 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 jobs=${JOBS:-2}
 packages=(build-essential cmake pkg-config clang clang-format libclang-rt-14-dev libjson-c-dev libexpat1-dev
           libgtest-dev libbenchmark-dev binutils valgrind
-          libmicrohttpd-dev libgnutls28-dev libcrypt-dev libcurl4-gnutls-dev curl openssl)
+          libmicrohttpd-dev libgnutls28-dev libcrypt-dev libcurl4-gnutls-dev curl openssl
+          chromium chromium-driver python3-selenium)
 
 deps() {
     local missing=()
