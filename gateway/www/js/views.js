@@ -101,7 +101,7 @@ class TableView {
     this.status = h('p', { class: 'answer', role: 'status' });
     this.tools = h('div', { class: 'tools' });
     this.el = h('section', { class: 'table ' + table.kind + (this.dynamic ? ' dynamic' : ''), 'data-table': table.name, 'aria-labelledby': headingId },
-      h('h3', { id: headingId }, table.name, this.dynamic ? h('span', { class: 'tag' }, 'live') : null, ' ', this.countEl),
+      h('h3', { id: headingId }, table.name, ' ', this.dynamic ? h('span', { class: 'tag' }, 'live') : null, ' ', this.countEl),
       this.tools, this.body, this.status);
     if (this.dynamic) this.addRefresh();
     if (this.writable && table.kind === 'list') {
@@ -123,7 +123,7 @@ class TableView {
     this.page.disposers.push(() => clearInterval(this.poll));
     this.tools.append(
       h('button', { type: 'button', class: 'refresh', onclick: () => this.load() }, 'Refresh'),
-      h('span', { class: 'field check' }, auto, h('label', { for: auto.id }, 'every ' + POLL_MS / 1000 + ' s')));
+      h('span', { class: 'field check' }, h('label', { for: auto.id }, 'every ' + POLL_MS / 1000 + ' s'), auto));
   }
 
   async load(options) {
