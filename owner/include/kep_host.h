@@ -18,6 +18,11 @@
  *   "kepd.reset"     out "errorCode": first failure of the owners' reset callbacks (its
  *                    owner's code or the RPC's), with "cause" naming that owner
  *   "kepd.ping"      out "errorCode" 0: the host is up
+ *   "kepd.watch"     in "path" (a SOCK_SEQPACKET socket the caller itself listens on),
+ *                    "modules" (comma-separated; absent for all), "verbose" (int)  out "errorCode"
+ *                    The host connects to path and sends one packet per request served:
+ *                    "HH:MM:SS.mmm pid P uid U METHOD MODULES error_code C D us", with the
+ *                    request and response texts on two more lines when verbose
  * Its process id is in the pid file (KEPD_PIDFILE, default kepd.pid in the runtime
  * folder), which the host keeps locked while it runs.
  */

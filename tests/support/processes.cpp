@@ -40,7 +40,8 @@ const std::string kEmulator;
 #endif
 const int kSlow = kEmulator.empty() ? 1 : 10;
 
-pid_t spawn(std::vector<std::string> argv, const std::string &log, const std::string &errLog) {
+pid_t spawn(std::vector<std::string> argv, const std::string &log, const std::string &errLog,
+            const std::string &inFile) {
     if (!kEmulator.empty()) {
         std::istringstream words(kEmulator);
         std::vector<std::string> prefix;
@@ -57,6 +58,8 @@ pid_t spawn(std::vector<std::string> argv, const std::string &log, const std::st
             errLog.empty() ? fd : open(errLog.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
         if (fd >= 0) dup2(fd, 1);
         if (errFd >= 0) dup2(errFd, 2);
+        int inFd = inFile.empty() ? -1 : open(inFile.c_str(), O_RDONLY | O_CLOEXEC);
+        if (inFd >= 0) dup2(inFd, 0);
         std::vector<char *> args;
         for (const std::string &a : argv) args.push_back(const_cast<char *>(a.c_str()));
         args.push_back(nullptr);

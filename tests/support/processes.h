@@ -23,8 +23,9 @@ extern const std::string kEmulator;
 extern const int kSlow;
 
 // Starts argv with its output in log (its standard error in errLog when one is
-// given); the child dies with this process.
-pid_t spawn(std::vector<std::string> argv, const std::string &log, const std::string &errLog = "");
+// given, its standard input from inFile when one is); the child dies with this process.
+pid_t spawn(std::vector<std::string> argv, const std::string &log, const std::string &errLog = "",
+            const std::string &inFile = "");
 // Waits for pid to end; its exit status, or -1 when it did not end in time (then it
 // is killed).
 int reap(pid_t pid, int timeoutMs = 10000);

@@ -101,18 +101,19 @@ protected:
     // The response text, or "rpc <code>" when the host could not be asked.
     std::string request(const std::string &text) { return hostRequest(text); }
 
-    // Runs argv to its end.
-    Ran run(const std::vector<std::string> &argv) {
+    // Runs argv to its end, with input (when given) on its standard input.
+    Ran run(const std::vector<std::string> &argv, const std::string &input = "") {
         const std::string log = dir_ + "/ran." + std::to_string(counter_++);
-        int status = reap(spawn(argv, log + ".out", log + ".err"), 20000);
+        if (!input.empty()) writeText(log + ".in", input);
+        int status = reap(spawn(argv, log + ".out", log + ".err", input.empty() ? "" : log + ".in"), 20000);
         const std::string out = readText(log + ".out"), err = readText(log + ".err");
         return {status, out + err, out, err};
     }
 
-    Ran kepctl(const std::vector<std::string> &args) {
+    Ran kepctl(const std::vector<std::string> &args, const std::string &input = "") {
         std::vector<std::string> argv = {KEPCTL_PATH, "-c"};
         argv.insert(argv.end(), args.begin(), args.end());
-        return run(argv);
+        return run(argv, input);
     }
 
     std::string socketOf(pid_t pid) const { return dir_ + "/run/imi-" + std::to_string(pid) + ".sock"; }
@@ -714,6 +715,165 @@ TEST_F(Host, KepctlAndKepdTellHowTheyWereCalled) {
         EXPECT_EQ(none.status, 3) << cmd;
         EXPECT_EQ(none.out, "") << cmd;
         EXPECT_NE(none.err.find("is kepd running?"), npos) << cmd << none.err;
+    }
+}
+
+// ---- operations: requests from pipes and files, backup and restore ----
+
+// A request from standard input or a file is sent as it stands; a batch answers one
+// compact line per request, in order, blank lines skipped, with the worst status.
+TEST_F(Host, RequestsFromPipesFilesAndBatches) {
+    const std::string get = R"({"method":"get","system":{"name":"zone"}})";
+    Ran piped = kepctl({"call", "-"}, get);
+    EXPECT_EQ(piped.status, 0) << piped.err;
+    EXPECT_EQ(piped.out, request(get) + "\n");
+    writeText(dir_ + "/req.json", get);
+    EXPECT_EQ(kepctl({"call", "@" + dir_ + "/req.json"}).out, piped.out);
+    EXPECT_EQ(kepctl({"call", "@" + dir_ + "/none.json"}).status, 2);
+
+    Ran batch =
+        kepctl({"batch"}, get + "\n\n  \nnot json\n" + R"({"method":"get","dhcp":{"table":"nope"}})" + "\n");
+    EXPECT_EQ(batch.status, 1);
+    EXPECT_EQ(batch.out, request(get) + "\n{\"error_code\":-10100}\n{\"error_code\":-10000}\n");
+
+    kill(kepd_, SIGTERM);
+    EXPECT_EQ(reap(kepd_), 0);
+    kepd_ = -1;
+    Ran orphan = kepctl({"batch"}, get + "\n" + get + "\n");
+    EXPECT_EQ(orphan.status, 3);
+    EXPECT_EQ(orphan.out, "{\"error_code\":-20005}\n{\"error_code\":-20005}\n");
+}
+
+// Export, factory reset, import, export gives the same document; a document that does
+// not fit the model is refused before anything changes, and a module whose owner
+// refuses part of it is put back as it was while the others are restored.
+TEST_F(Host, ExportAndImportRoundTripAndRefuseWhatDoesNotFit) {
+    ASSERT_EQ(kepctl({"add", "dhcp", "host", R"({"mac":"02:00:00:00:00:09","ip":"192.168.1.9"})"}).status, 0);
+    ASSERT_EQ(kepctl({"set", "dhcp", "lan", R"({"leaseMinutes":30})"}).status, 0);
+    Ran before = kepctl({"export"});
+    ASSERT_EQ(before.status, 0) << before.err;
+    EXPECT_EQ(before.out.find(R"({"format":1,"modules":["dhcp","system"],"config":{"dhcp":{"host":[)"), 0u)
+        << before.out;
+    EXPECT_EQ(before.out.find("client"), npos) << "dynamic tables are left out";
+    writeText(dir_ + "/backup.json", before.out);
+
+    ASSERT_EQ(kepctl({"reset"}).status, 0);
+    ASSERT_NE(kepctl({"export"}).out, before.out);
+    Ran import = kepctl({"import", dir_ + "/backup.json"});
+    EXPECT_EQ(import.status, 0) << import.err;
+    EXPECT_EQ(import.out, "dhcp: restored\nsystem: restored\n");
+    EXPECT_EQ(kepctl({"export"}).out, before.out);
+
+    const std::pair<const char *, const char *> misfits[] = {
+        {R"({"format":2,"config":{}})", "\"format\""},
+        {R"({"format":1,"config":{"nope":{}}})", "config.nope: no such module"},
+        {R"({"format":1,"config":{"dhcp":{"client":[]}}})", "config.dhcp.client: a dynamic table"},
+        {R"({"format":1,"config":{"dhcp":{"pool":{"wan":{}}}}})", "config.dhcp.pool.wan: no such section"},
+        {R"({"format":1,"config":{"dhcp":{"host":[{"host_1":{}},{"host_1":{}}]}}})", "config.dhcp.host[1]"},
+        {R"({"format":1,"config":{"system":{"time":{"ntp":{}}},"dhcp":{"host":[{"a":1}]}}})",
+         "config.dhcp.host[0]"},
+    };
+    for (const auto &[doc, place] : misfits) {
+        writeText(dir_ + "/misfit.json", doc);
+        Ran refused = kepctl({"import", dir_ + "/misfit.json"});
+        EXPECT_EQ(refused.status, 1) << doc;
+        EXPECT_NE(refused.err.find(std::string("import refused, nothing changed: ") + place), npos)
+            << refused.err;
+        EXPECT_EQ(refused.out, "") << doc;
+    }
+    EXPECT_EQ(kepctl({"export"}).out, before.out);
+
+    // The second new row is refused by its owner after the first was added.
+    std::string partly = before.out;
+    partly.replace(partly.find("\"host\":[") + 8, 0,
+                   R"({"host_7":{"mac":"02:00:00:00:00:07","ip":"192.168.1.7"}},{"host_8":{"bogus":1}},)");
+    partly.replace(partly.find("\"UTC\""), 5, "\"CET\"");
+    writeText(dir_ + "/partly.json", partly);
+    Ran half = kepctl({"import", dir_ + "/partly.json"});
+    EXPECT_EQ(half.status, 1);
+    EXPECT_EQ(half.out, "dhcp: not restored; left as it was\nsystem: restored\n") << half.err;
+    EXPECT_NE(half.err.find("dhcp: add host_8: -31001"), npos) << half.err;
+    Ran after = kepctl({"export"});
+    EXPECT_EQ(after.out.find("host_7"), npos) << after.out;
+    EXPECT_NE(after.out.find("\"CET\""), npos) << after.out;
+}
+
+// kepctl monitor: a line per request served, filtered by module, with the texts under
+// -v. A stopped watcher costs the host nothing and is told how many lines it missed;
+// nobody can point the host at a socket that is not their own.
+TEST_F(Host, MonitorShowsRequestsAndAStoppedWatcherSlowsNobody) {
+    const std::string outAll = dir_ + "/mon.out", outSys = dir_ + "/monsys.out";
+    pid_t all = spawn({KEPCTL_PATH, "monitor"}, outAll, dir_ + "/mon.err");
+    pid_t sys = spawn({KEPCTL_PATH, "-v", "monitor", "system"}, outSys, dir_ + "/monsys.err");
+    auto watching = [&](const std::string &err) {
+        auto until = Clock::now() + std::chrono::milliseconds(5000 * kSlow);
+        while (readText(err).find("watching") == npos && Clock::now() < until)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        return readText(err).find("watching") != npos;
+    };
+    ASSERT_TRUE(watching(dir_ + "/mon.err"));
+    ASSERT_TRUE(watching(dir_ + "/monsys.err"));
+    const std::string zone = R"({"method":"get","system":{"name":"zone"}})";
+    request(R"({"method":"get","dhcp":{"name":"host_99"}})");
+    const std::string answer = request(zone);
+    auto lines = [&](const std::string &out, size_t n) {
+        auto until = Clock::now() + std::chrono::milliseconds(5000 * kSlow);
+        for (;;) {
+            std::string text = readText(out);
+            if (std::count(text.begin(), text.end(), '\n') >= static_cast<long>(n) || Clock::now() >= until)
+                return text;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    };
+    const std::string me = " pid " + std::to_string(getpid()) + " uid " + std::to_string(getuid());
+    std::string seen = lines(outAll, 2);
+    EXPECT_NE(seen.find(me + " get dhcp error_code -10000 "), npos) << seen;
+    EXPECT_NE(seen.find(me + " get system error_code 0 "), npos) << seen;
+    seen = lines(outSys, 3);
+    EXPECT_EQ(seen.find("dhcp"), npos) << "filtered by module: " << seen;
+    EXPECT_NE(seen.find(" us\n  request:  " + zone + "\n  response: " + answer + "\n"), npos) << seen;
+
+    ASSERT_EQ(kill(sys, SIGSTOP), 0);
+    const std::string big(60000, 'x');  // each line cut at 64 KiB: a few fill the watcher's share
+    auto start = Clock::now();
+    for (int i = 0; i < 200; i++)
+        request(R"({"method":"get","system":{"name":"zone"},"pad":")" + big + "\"}");
+    EXPECT_LT(msSince(start), 10000 * kSlow) << "the host waited for a stopped watcher";
+    ASSERT_EQ(kill(sys, SIGCONT), 0);
+    request(zone);
+    auto until = Clock::now() + std::chrono::milliseconds(5000 * kSlow);
+    while ((seen = readText(outSys)).find(" lines dropped before)") == npos && Clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_NE(seen.find(" lines dropped before)"), npos)
+        << seen.substr(seen.size() > 2000 ? seen.size() - 2000 : 0);
+
+    // A socket another process listens on is not the caller's own.
+    const std::string foreign = dir_ + "/run/foreign.sock";
+    pid_t other = fork();
+    if (other == 0) {
+        int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        snprintf(addr.sun_path, sizeof addr.sun_path, "%s", foreign.c_str());
+        if (bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 || listen(fd, 4) != 0) _exit(1);
+        pause();
+        _exit(0);
+    }
+    for (int i = 0; i < 500 && access(foreign.c_str(), F_OK) != 0; i++)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    QxRpcPara set{};
+    qxrpcParaInit(&set);
+    qxrpcAddStringPtr(&set, "path", foreign.c_str());
+    int code = 0;
+    EXPECT_EQ(qxImiExecute(kepHostPid(), "kepd.watch", 0, 0, &set), 0);
+    EXPECT_EQ(qxrpcGetInt(&set, "errorCode", &code), 0);
+    EXPECT_EQ(code, KEP_HOST_ERR_DENIED);
+    qxrpcParaFree(&set);
+    kill(other, SIGKILL);
+    reap(other);
+    for (pid_t p : {all, sys}) {
+        kill(p, SIGTERM);
+        EXPECT_EQ(reap(p), 0);
     }
 }
 

@@ -7,14 +7,18 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <errno.h>
+
 #include <json-c/json.h>
 
 #include "kep_error_meanings.h"
 #include "kep_host.h"
 #include "kep_owner.h"
 #include "kep_pf_rpc.h"
+#include "kepctl.h"
 
-enum { EXIT_CODE = 1, EXIT_USAGE = 2, EXIT_HOST = 3, EXIT_UNKNOWN = 4 };
+/* The host takes a request text of up to 16 MiB: reading less would refuse what it serves. */
+#define REQUEST_LIMIT ((size_t)16 << 20)
 
 static int gCompact;
 static int gVerbose;
@@ -32,7 +36,21 @@ static const char *const kHelp[][2] = {
      "kepctl delete MODULE SECTION...                 delete sections\n"
      "kepctl delete MODULE --table TABLE [--filter JSON]  delete the rows a filter selects\n"},
     {"do", "kepctl do MODULE ACTION [JSON]   run an action with its parameters (default {})\n"},
-    {"call", "kepctl call 'REQUEST-JSON'   send any request as it stands\n"},
+    {"call",
+     "kepctl call 'REQUEST-JSON'   send any request as it stands\n"
+     "kepctl call -                the request from standard input\n"
+     "kepctl call @FILE            the request from FILE\n"},
+    {"batch",
+     "kepctl batch   one request per line of standard input, one compact response per line\n"
+     "               of standard output, in order; exit status of the worst\n"},
+    {"export", "kepctl export        every stored table and section of every module, as one document\n"},
+    {"import",
+     "kepctl import FILE   check FILE against the model, then restore each module through its\n"
+     "                     owner; a module that cannot be restored is put back as it was\n"},
+    {"monitor",
+     "kepctl [-v] monitor [MODULE,...]   a line per request the host serves: time, caller pid and\n"
+     "                                   uid, method, modules, error_code, time taken; with -v the\n"
+     "                                   request and response texts too; Ctrl-C ends\n"},
     {"dump", "kepctl dump    print the host's data module tree\n"},
     {"reset", "kepctl reset   factory reset: every module's configuration back to defaults\n"},
 };
@@ -68,7 +86,7 @@ static int misused(const char *what, const char *word) {
     return EXIT_USAGE;
 }
 
-static const char *meaning(int code) {
+const char *kepctlMeaning(int code) {
     switch (code) {
 #define MEANING_CASE(code, text) \
     case code:                   \
@@ -78,6 +96,47 @@ static const char *meaning(int code) {
         default:
             return KEP_ERROR_MEANING_OTHER;
     }
+}
+
+char *kepctlReadAll(FILE *in, const char *where, size_t limit) {
+    size_t size = 0, cap = 4096;
+    char *text = malloc(cap);
+    while (text) {
+        if (size + 1 == cap) {
+            char *bigger = cap > limit ? NULL : realloc(text, cap * 2);
+            if (!bigger) break;
+            text = bigger;
+            cap *= 2;
+        }
+        size_t got = fread(text + size, 1, cap - 1 - size, in);
+        size += got;
+        if (got == 0) {
+            if (ferror(in)) break;
+            text[size] = '\0';
+            if (size <= limit) return text;
+            break;
+        }
+    }
+    if (ferror(in))
+        fprintf(stderr, "kepctl: cannot read %s: %s\n", where, strerror(errno));
+    else
+        fprintf(stderr, "kepctl: %s is larger than the host takes (%zu bytes)\n", where, limit);
+    free(text);
+    return NULL;
+}
+
+/* The text of "call": as it stands, from standard input ("-") or from a file ("@FILE"). */
+static char *callText(const char *arg) {
+    if (strcmp(arg, "-") == 0) return kepctlReadAll(stdin, "standard input", REQUEST_LIMIT);
+    if (arg[0] != '@') return strdup(arg);
+    FILE *f = fopen(arg + 1, "r");
+    if (!f) {
+        fprintf(stderr, "kepctl: cannot open %s: %s\n", arg + 1, strerror(errno));
+        return NULL;
+    }
+    char *text = kepctlReadAll(f, arg + 1, REQUEST_LIMIT);
+    fclose(f);
+    return text;
 }
 
 static json_object *parseArg(const char *text) {
@@ -135,7 +194,13 @@ static json_object *stringList(const char *const *words, int n) {
 static json_object *buildRequest(const char *cmd, int argc, char **argv) {
     Args a;
     json_object *req, *mod;
-    if (strcmp(cmd, "call") == 0) return argc == 1 ? parseArg(argv[0]) : NULL;
+    if (strcmp(cmd, "call") == 0) {
+        if (argc != 1) return NULL;
+        char *text = callText(argv[0]);
+        json_object *req = text ? parseArg(text) : NULL;
+        free(text);
+        return req;
+    }
     if (parseArgs(cmd, argc, argv, &a) != 0 || a.count < 1) return NULL;
     req = json_object_new_object();
     mod = json_object_new_object();
@@ -215,7 +280,7 @@ static int printResponse(const char *text) {
     }
     c = json_object_get_int(code);
     json_object_put(rsp);
-    if (c != 0) fprintf(stderr, "kepctl: error_code %d: %s\n", c, meaning(c));
+    if (c != 0) fprintf(stderr, "kepctl: error_code %d: %s\n", c, kepctlMeaning(c));
     return c == 0 ? 0 : EXIT_CODE;
 }
 
@@ -223,7 +288,7 @@ static int gWaitMs;
 
 /* The RPC to the host failed, or the host refused this user: EXIT_HOST, or
  * EXIT_UNKNOWN when the request may have reached it. */
-static int hostFailed(int rc) {
+int kepctlHostFailed(int rc) {
     const char *why = qxImiStrError(rc);
     if (rc == QXRPC_ERR_TIMEOUT || rc == QXRPC_ERR_IO) {
         fprintf(stderr,
@@ -233,12 +298,49 @@ static int hostFailed(int rc) {
         return EXIT_UNKNOWN;
     }
     if (rc == KEP_HOST_ERR_DENIED) {
-        fprintf(stderr, "kepctl: the host refused: %s\n", meaning(rc));
+        fprintf(stderr, "kepctl: the host refused: %s\n", kepctlMeaning(rc));
         return EXIT_HOST;
     }
     fprintf(stderr, "kepctl: the host cannot be reached (%d: %s); is kepd running? (pid file %s)\n", rc,
-            why ? why : meaning(rc), kepHostPidFile());
+            why ? why : kepctlMeaning(rc), kepHostPidFile());
     return EXIT_HOST;
+}
+
+/* One request per line, one compact response per line, so that a script can pair them
+ * up: a request the host cannot be asked about gets {"error_code": RPC code}. Blank
+ * lines are skipped. The exit status is the worst of the lines'. */
+static int batch(void) {
+    char *line = NULL;
+    size_t cap = 0;
+    ssize_t len;
+    int status = 0;
+    while ((len = getline(&line, &cap, stdin)) != -1) {
+        while (len > 0 && (line[len - 1] == '\n' || line[len - 1] == '\r')) line[--len] = '\0';
+        if (strspn(line, " \t") == (size_t)len) continue;
+        char *response = NULL;
+        int rc = (size_t)len > REQUEST_LIMIT ? QXRPC_ERR_ARG : kepHostRequest(line, &response);
+        json_object *rsp = rc == 0 ? json_tokener_parse(response) : NULL;
+        json_object *code = NULL;
+        int c = rc;
+        if (rsp && json_object_object_get_ex(rsp, "error_code", &code)) c = json_object_get_int(code);
+        if (rsp) {
+            puts(json_object_to_json_string_ext(rsp, JSON_C_TO_STRING_PLAIN));
+        } else {
+            if (rc == 0) c = -10100; /* the host's answer was not JSON: as for a request that is not */
+            printf("{\"error_code\":%d}\n", c);
+        }
+        fflush(stdout);
+        int lineStatus = c == 0 ? 0 : EXIT_CODE;
+        if (rc == QXRPC_ERR_TIMEOUT || rc == QXRPC_ERR_IO)
+            lineStatus = EXIT_UNKNOWN;
+        else if (rc != 0 && rc != QXRPC_ERR_ARG)
+            lineStatus = EXIT_HOST;
+        if (lineStatus > status) status = lineStatus;
+        json_object_put(rsp);
+        free(response);
+    }
+    free(line);
+    return status;
 }
 
 /* dump and reset: handlers of the host without inputs. The host answering a nonzero
@@ -250,9 +352,9 @@ static int fetch(const char *cmd) {
     int rc = kepHostFetchEx(reset ? "kepd.reset" : "kepd.dump", &text, &cause, &answered);
     int status = 0;
     if (!answered || rc == KEP_HOST_ERR_DENIED) {
-        status = hostFailed(rc);
+        status = kepctlHostFailed(rc);
     } else if (rc != 0) {
-        fprintf(stderr, "kepctl: %s failed: %d: %s\n", cmd, rc, meaning(rc));
+        fprintf(stderr, "kepctl: %s failed: %d: %s\n", cmd, rc, kepctlMeaning(rc));
         if (cause) fprintf(stderr, "kepctl: %s\n", cause);
         status = EXIT_CODE;
     } else {
@@ -304,6 +406,27 @@ int main(int argc, char **argv) {
         return 0;
     }
     if (strcmp(cmd, "dump") == 0 || strcmp(cmd, "reset") == 0) return fetch(cmd);
+    if (strcmp(cmd, "batch") == 0 || strcmp(cmd, "export") == 0) {
+        if (i != argc) {
+            fputs(help, stderr);
+            return EXIT_USAGE;
+        }
+        return cmd[0] == 'b' ? batch() : kepctlExport(gCompact);
+    }
+    if (strcmp(cmd, "monitor") == 0) {
+        if (i + 1 < argc) {
+            fputs(help, stderr);
+            return EXIT_USAGE;
+        }
+        return kepctlMonitor(i < argc ? argv[i] : NULL, gVerbose);
+    }
+    if (strcmp(cmd, "import") == 0) {
+        if (i + 1 != argc) {
+            fputs(help, stderr);
+            return EXIT_USAGE;
+        }
+        return kepctlImport(argv[i]);
+    }
 
     json_object *req = buildRequest(cmd, argc - i, argv + i);
     if (!req) {
@@ -317,7 +440,7 @@ int main(int argc, char **argv) {
     char *response = NULL, *cause = NULL;
     int rc = kepHostRequestEx(text, &response, gVerbose ? &cause : NULL);
     json_object_put(req);
-    if (rc != 0) return hostFailed(rc);
+    if (rc != 0) return kepctlHostFailed(rc);
     if (gVerbose) fputs("response: (standard output)\n", stderr);
     rc = printResponse(response);
     if (cause) fprintf(stderr, "cause:    %s\n", cause);

@@ -6,6 +6,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 
 #include <json-c/json.h>
 
@@ -14,6 +15,7 @@
 #include "kep_host.h"
 #include "kep_platform.h"
 #include "kepd.h"
+#include "monitor.h"
 #include "registry.h"
 #include "runtime.h"
 #include "tree.h"
@@ -88,10 +90,18 @@ static int onRequest(QxRpcPara *set, void *user) {
     (void)user;
     if (!accessMaySend(&c)) return denied(set, &c, "a request");
     kepLastCallFailure(NULL);
+    const int watched = monitorActive();
+    struct timespec start = {0, 0}, end;
+    if (watched) clock_gettime(CLOCK_MONOTONIC, &start);
     int rc = treeRequest(request, &response);
     if (rc != 0 && !response) makeErrorRspObj(rc, &response);
     const char *text = response ? response : "{\"error_code\":-1}";
     answer(set, 0, text);
+    if (watched) {
+        clock_gettime(CLOCK_MONOTONIC, &end);
+        monitorRequest(&c, request, text,
+                       (end.tv_sec - start.tv_sec) * 1000000L + (end.tv_nsec - start.tv_nsec) / 1000);
+    }
     /* Only a failed request has a cause worth telling: the record is looked at, and the
      * texts parsed, on that path alone. */
     if (kepLastCallFailure(&failure)) {
@@ -291,6 +301,16 @@ static int onReset(QxRpcPara *set, void *user) {
     return 0;
 }
 
+/* kepctl monitor: the caller listens on a socket of its own for a line per request. */
+static int onWatch(QxRpcPara *set, void *user) {
+    QxImiCaller c = caller();
+    int verbose = 0;
+    (void)user;
+    if (!accessMaySend(&c)) return denied(set, &c, "watching the requests");
+    qxrpcGetInt(set, "verbose", &verbose);
+    return answer(set, monitorWatch(&c, member(set, "path"), member(set, "modules"), verbose), NULL);
+}
+
 static int onPing(QxRpcPara *set, void *user) {
     (void)user;
     return answer(set, 0, NULL);
@@ -301,7 +321,7 @@ int handlersRegister(void) {
                    qxImiRegister("kepd.register", onRegister, NULL) ||
                    qxImiRegister("kepd.notify", onNotify, NULL) || qxImiRegister("kepd.dump", onDump, NULL) ||
                    qxImiRegister("kepd.tree", onTree, NULL) || qxImiRegister("kepd.reset", onReset, NULL) ||
-                   qxImiRegister("kepd.ping", onPing, NULL)
+                   qxImiRegister("kepd.ping", onPing, NULL) || qxImiRegister("kepd.watch", onWatch, NULL)
                ? -1
                : 0;
 }
