@@ -303,7 +303,7 @@ class AdminPage(PageTest):
             f.write('%s %.0f ms\n' % (self.id(), ms))
 
 
-class ViewerPage(PageTest):
+class RolePage(PageTest):
     def test_read_only_role_sees_no_denied_module_and_no_changes(self):
         self.log_in_as('viewer')
         self.assertEqual(self.find('#who').text, 'viewer · viewer')
@@ -318,6 +318,13 @@ class ViewerPage(PageTest):
         self.wait_text('#module h2', 'ntp')
         self.driver.get(self.url + '/#system')
         self.wait_text('#module h2', 'dhcp')
+
+    def test_role_without_exec_is_offered_no_action(self):
+        self.log_in_as('operator')
+        self.assertEqual([a.text for a in self.finds('nav a')], ['dhcp', 'system', 'ntp'])
+        self.assertTrue(self.finds('section[data-table="host"] button.add'))
+        self.assertTrue(self.finds('form[data-section="lan"] button'))
+        self.assertEqual(self.finds('form.action, section.actions'), [])
 
 
 class SessionEnd(PageTest):

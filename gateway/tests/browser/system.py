@@ -14,9 +14,12 @@ import time
 USERS = {  # name: (password, role)
     'admin': ('admin-pw', 'admin'),
     'viewer': ('viewer-pw', 'viewer'),
+    'operator': ('operator-pw', 'operator'),
 }
-# The viewer reads everything but the system module, and may change nothing.
-RULES = '{"admin": {"*": ["read", "write", "exec"]}, "viewer": {"*": ["read"], "system": []}}'
+# The viewer reads everything but the system module and may change nothing; the
+# operator may change tables but run no action.
+RULES = ('{"admin": {"*": ["read", "write", "exec"]}, "viewer": {"*": ["read"], "system": []},'
+         ' "operator": {"*": ["read", "write"]}}')
 OWNERS = [('dhcpd', 'dhcpd/dhcp'), ('sysd', 'sysd/system'), ('ntpd', 'ntpd/ntp')]
 
 

@@ -33,7 +33,8 @@ function arm(ms) {
 async function check() {
   const r = await call('GET', '/api/session', undefined, { background: true }).catch(() => null);
   if (!r || !r.ok) {
-    if (r === null) arm(5000);  // the gateway is unreachable for now: try again
+    // A 401 has ended the session; anything else (no answer, 503) is tried again soon.
+    if (!r || r.status !== 401) arm(5000);
     return;
   }
   const s = await r.json();
@@ -55,8 +56,11 @@ export async function call(method, path, body, { background = false } = {}) {
     init.body = typeof body === 'string' ? body : JSON.stringify(body);
   }
   const r = await fetch(path, init);
-  if (r.status === 401 && token !== null && path !== '/api/login') end('Your session ended. Please log in again.');
-  else if (!background && token !== null && idleMs) arm(idleMs);
+  if (r.status === 401 && token !== null && path !== '/api/login') {
+    end('Your session ended. Please log in again.');
+  } else if (!background && token !== null && idleMs) {
+    arm(idleMs);
+  }
   return r;
 }
 
@@ -71,7 +75,8 @@ export async function login(username, password) {
     return { ok: true, role: s.role };
   }
   if (r.status === 429) {
-    return { ok: false, message: 'Too many failed logins. Try again in ' + (r.headers.get('Retry-After') || 'a few') + ' s.' };
+    const wait = r.headers.get('Retry-After') || 'a few';
+    return { ok: false, message: 'Too many failed logins. Try again in ' + wait + ' s.' };
   }
   if (r.status === 401) return { ok: false, message: 'Wrong user name or password.' };
   return { ok: false, message: 'The gateway answered ' + r.status + '.' };
@@ -86,8 +91,14 @@ export async function logout() {
 
 // One request of the library; { status, body } with body the parsed response (or
 // the gateway's {"error": ...} for a refusal), null when it was not JSON.
+// Status 0 when the gateway could not be reached at all.
 export async function request(text, options) {
-  const r = await call('POST', '/api/request', text, options);
+  let r;
+  try {
+    r = await call('POST', '/api/request', text, options);
+  } catch (e) {
+    return { status: 0, body: null };
+  }
   let body = null;
   try { body = await r.json(); } catch (e) { body = null; }
   return { status: r.status, body };

@@ -23,6 +23,7 @@ export function forgetMeanings() {
 // "error_code 1002: code passed on from the owner's callback".
 export async function explain(code) {
   await loadMeanings();
-  const meaning = table ? (table.codes[String(code)] || table.other) : 'meaning unknown: the table could not be loaded';
+  const meaning = table ? (table.codes[String(code)] || table.other)
+    : 'meaning unknown: the table could not be loaded';
   return 'error_code ' + code + ': ' + meaning;
 }

@@ -7,7 +7,9 @@ import { h, uid } from './dom.js';
 export function rowsOf(rows) {
   const out = [];
   for (const row of Array.isArray(rows) ? rows : []) {
-    for (const [name, values] of Object.entries(row || {})) out.push([name, values && typeof values === 'object' ? values : {}]);
+    for (const [name, values] of Object.entries(row || {})) {
+      out.push([name, values && typeof values === 'object' ? values : {}]);
+    }
   }
   return out;
 }

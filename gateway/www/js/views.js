@@ -28,10 +28,13 @@ async function answer(el, res, success) {
     text = 'Not allowed for your role: ' + ((res.body && res.body.error) || 'refused by the rules');
   } else if (res.status === 401) {
     text = 'The session ended.';
+  } else if (res.status === 0) {
+    text = 'The gateway cannot be reached.';
   } else if (res.status === 503) {
     text = 'The router\'s configuration service cannot be reached. Try again shortly.';
   } else {
-    text = 'The gateway answered ' + res.status + ((res.body && res.body.error) ? ': ' + res.body.error : '.');
+    const why = res.body && res.body.error;
+    text = 'The gateway answered ' + res.status + (why ? ': ' + why : '.');
   }
   if (el) {
     el.textContent = text;
@@ -100,12 +103,15 @@ class TableView {
     this.body = h('div', { class: 'body' });
     this.status = h('p', { class: 'answer', role: 'status' });
     this.tools = h('div', { class: 'tools' });
-    this.el = h('section', { class: 'table ' + table.kind + (this.dynamic ? ' dynamic' : ''), 'data-table': table.name, 'aria-labelledby': headingId },
-      h('h3', { id: headingId }, table.name, ' ', this.dynamic ? h('span', { class: 'tag' }, 'live') : null, ' ', this.countEl),
+    const kind = 'table ' + table.kind + (this.dynamic ? ' dynamic' : '');
+    this.el = h('section', { class: kind, 'data-table': table.name, 'aria-labelledby': headingId },
+      h('h3', { id: headingId }, table.name, ' ',
+        this.dynamic ? h('span', { class: 'tag' }, 'live') : null, ' ', this.countEl),
       this.tools, this.body, this.status);
     if (this.dynamic) this.addRefresh();
     if (this.writable && table.kind === 'list') {
-      this.tools.append(h('button', { type: 'button', class: 'add', onclick: () => this.addDialog() }, 'Add a row'));
+      const add = h('button', { type: 'button', class: 'add', onclick: () => this.addDialog() }, 'Add a row');
+      this.tools.append(add);
     }
   }
 
@@ -123,7 +129,8 @@ class TableView {
     this.page.disposers.push(() => clearInterval(this.poll));
     this.tools.append(
       h('button', { type: 'button', class: 'refresh', onclick: () => this.load() }, 'Refresh'),
-      h('span', { class: 'field check' }, h('label', { for: auto.id }, 'every ' + POLL_MS / 1000 + ' s'), auto));
+      h('span', { class: 'field check' },
+        h('label', { for: auto.id }, 'every ' + POLL_MS / 1000 + ' s'), auto));
   }
 
   async load(options) {
@@ -139,7 +146,9 @@ class TableView {
     this.count = typeof count === 'number' ? count : this.rows.length;
     const unit = this.table.kind === 'named' ? 'section' : 'row';
     this.countEl.textContent = '(' + this.count + ' ' + unit + (this.count === 1 ? ')' : 's)');
-    if (this.dynamic && !this.status.classList.contains('error')) this.status.textContent = 'Read at ' + new Date().toLocaleTimeString();
+    if (this.dynamic && !this.status.classList.contains('error')) {
+      this.status.textContent = 'Read at ' + new Date().toLocaleTimeString();
+    }
     const render = custom.get(this.module + '/' + this.table.name);
     this.body.replaceChildren();
     if (render) render(this);
@@ -153,14 +162,21 @@ class TableView {
       return;
     }
     const columns = [...columnsOf(this.rows).keys()];
-    const head = h('tr', null, h('th', { scope: 'col' }, 'section'), columns.map((c) => h('th', { scope: 'col' }, c)),
+    const head = h('tr', null, h('th', { scope: 'col' }, 'section'),
+      columns.map((c) => h('th', { scope: 'col' }, c)),
       this.writable ? h('th', { scope: 'col' }, h('span', { class: 'visually-hidden' }, 'changes')) : null);
     const rows = this.rows.map(([name, current]) => h('tr', { 'data-section': name },
       h('th', { scope: 'row' }, name),
       columns.map((c) => h('td', { 'data-option': c, 'data-label': c }, shown(current[c]))),
       this.writable ? h('td', { class: 'row-tools' },
-        h('button', { type: 'button', class: 'edit', 'aria-label': 'Edit ' + name, onclick: () => this.editDialog(name, current) }, 'Edit'),
-        h('button', { type: 'button', class: 'delete danger', 'aria-label': 'Delete ' + name, onclick: () => this.deleteDialog(name) }, 'Delete'))
+        h('button', {
+          type: 'button', class: 'edit', 'aria-label': 'Edit ' + name,
+          onclick: () => this.editDialog(name, current),
+        }, 'Edit'),
+        h('button', {
+          type: 'button', class: 'delete danger', 'aria-label': 'Delete ' + name,
+          onclick: () => this.deleteDialog(name),
+        }, 'Delete'))
         : null));
     this.body.append(h('div', { class: 'scroll' },
       h('table', null, h('caption', { class: 'visually-hidden' }, this.table.name + ' of ' + this.module),
@@ -170,7 +186,8 @@ class TableView {
   renderSections() {
     if (this.rows.length === 0) this.body.append(h('p', { class: 'empty' }, 'No sections.'));
     for (const [name, current] of this.rows) {
-      const fields = Object.entries(current).map(([o, v]) => field(o, kindOf(v), v, { disabled: !this.writable }));
+      const fields = Object.entries(current)
+        .map(([o, v]) => field(o, kindOf(v), v, { disabled: !this.writable }));
       const status = h('p', { class: 'answer', role: 'status' });
       const form = h('form', { class: 'section', 'data-section': name },
         h('fieldset', null, h('legend', null, name), h('div', { class: 'fields' }, fields.map((f) => f.el))),
@@ -211,7 +228,8 @@ class TableView {
       body.append(...fields.map((f) => f.el));
       const list = h('div', { class: 'free-list' });
       addFree(list);
-      body.append(list, h('p', { class: 'hint' }, 'A value that reads as JSON (12, true, "text") is sent as that; anything else as text.'),
+      const hint = 'A value that reads as JSON (12, true, "text") is sent as that; anything else as text.';
+      body.append(list, h('p', { class: 'hint' }, hint),
         h('button', { type: 'button', class: 'secondary', onclick: () => addFree(list).focus() }, 'Another option'));
     }, 'Add', async (status) => {
       const para = readForm(fields, status, (fs) => {
@@ -223,7 +241,9 @@ class TableView {
         return out;
       });
       if (!para) return false;
-      for (const { name, value } of free) if (name.value.trim()) para[name.value.trim()] = freeValue(value.value);
+      for (const { name, value } of free) {
+        if (name.value.trim()) para[name.value.trim()] = freeValue(value.value);
+      }
       const res = await this.send({ method: 'add', [this.module]: { table: this.table.name, para } });
       const added = (b) => {
         const names = b[this.module] && b[this.module].name;
@@ -251,14 +271,14 @@ class TableView {
   }
 
   deleteDialog(name) {
-    dialog('Delete ' + name + '?', (body) => body.append(h('p', null, 'The row ' + name + ' of ' + this.table.name + ' is removed.')),
-      'Delete', async (status) => {
-        const res = await this.send({ method: 'delete', [this.module]: { name } });
-        const ok = await answer(this.status, res, 'Deleted ' + name + '.');
-        if (ok) await this.load();
-        else status.textContent = this.status.textContent;
-        return ok;
-      }, () => this.el.querySelector('button.add, tbody button.edit'));
+    const text = 'The row ' + name + ' of ' + this.table.name + ' is removed.';
+    dialog('Delete ' + name + '?', (body) => body.append(h('p', null, text)), 'Delete', async (status) => {
+      const res = await this.send({ method: 'delete', [this.module]: { name } });
+      const ok = await answer(this.status, res, 'Deleted ' + name + '.');
+      if (ok) await this.load();
+      else status.textContent = this.status.textContent;
+      return ok;
+    }, () => this.el.querySelector('button.add, tbody button.edit'));
   }
 }
 
@@ -270,7 +290,8 @@ function actionView(page, action) {
   const result = h('pre', { class: 'result', hidden: true });
   const run = h('button', { type: 'submit' }, 'Run ' + action.name);
   const form = h('form', { class: 'action', 'data-action': action.name },
-    h('div', { class: 'field' }, h('label', { for: id }, 'Parameters of ' + action.name + ' (JSON)'), params), run, status, result);
+    h('div', { class: 'field' }, h('label', { for: id }, 'Parameters of ' + action.name + ' (JSON)'), params),
+    run, status, result);
   form.addEventListener('submit', async (e) => {
     e.preventDefault();
     let para;
@@ -309,13 +330,17 @@ export async function renderModule(module, main) {
     h('p', { class: 'access' }, 'You may ', module.access.join(', '), ' here.'),
     status,
     ...views.map((v) => v.el),
-    runnable.length ? h('section', { class: 'actions', 'aria-label': 'Actions' }, h('h3', null, 'Actions'), runnable.map((a) => actionView(page, a))) : null);
+    runnable.length ? h('section', { class: 'actions', 'aria-label': 'Actions' },
+      h('h3', null, 'Actions'), runnable.map((a) => actionView(page, a))) : null);
   if (views.length) {
     // One request reads every table of the module.
     main.setAttribute('aria-busy', 'true');
     const res = await request({ method: 'get', [module.name]: { table: module.tables.map((t) => t.name) } });
-    if (res.status === 200 && res.body && res.body.error_code === 0) views.forEach((v) => v.fill(res.body[module.name]));
-    else await answer(status, res);
+    if (res.status === 200 && res.body && res.body.error_code === 0) {
+      views.forEach((v) => v.fill(res.body[module.name]));
+    } else {
+      await answer(status, res);
+    }
     main.removeAttribute('aria-busy');
   }
   return { dispose: () => page.disposers.forEach((d) => d()) };
