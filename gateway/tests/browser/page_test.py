@@ -255,8 +255,11 @@ class AdminPage(PageTest):
         client = self.table('client')
         self.assertGreaterEqual(len(self.row_names('client')), 5)
         self.assertEqual(self.finds('button.add, button.edit, button.delete', client), [])
+        stamp = self.find('.stamp', client).text
+        self.assertTrue(stamp.startswith('read at'))
+        time.sleep(1)  # the stamp has a resolution of a second
         self.find('button.refresh', client).click()
-        self.wait_text('section[data-table="client"] > .answer', 'Read at')
+        self.wait(lambda: self.find('.stamp', client).text != stamp, 'a newer read')
 
     def test_keyboard_alone(self):
         self.log_in('admin', 'admin-pw', keyboard=True)

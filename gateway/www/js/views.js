@@ -78,6 +78,12 @@ function dialog(title, build, submitLabel, submit, refocus) {
   if (first) first.focus();
 }
 
+// Repeats an answer inside a dialog, which hides the page behind it.
+function tell(status, answered) {
+  status.textContent = answered.textContent;
+  status.className = answered.className;
+}
+
 // Reads the values of fields, or says in status why it cannot.
 function readForm(fields, status, read) {
   try {
@@ -127,10 +133,13 @@ class TableView {
       if (auto.checked) this.poll = setInterval(() => this.load({ background: true }), POLL_MS);
     });
     this.page.disposers.push(() => clearInterval(this.poll));
+    // Not a live region: a poll every few seconds would be read out every time.
+    this.stamp = h('span', { class: 'stamp' });
     this.tools.append(
       h('button', { type: 'button', class: 'refresh', onclick: () => this.load() }, 'Refresh'),
       h('span', { class: 'field check' },
-        h('label', { for: auto.id }, 'every ' + POLL_MS / 1000 + ' s'), auto));
+        h('label', { for: auto.id }, 'every ' + POLL_MS / 1000 + ' s'), auto),
+      this.stamp);
   }
 
   async load(options) {
@@ -146,8 +155,10 @@ class TableView {
     this.count = typeof count === 'number' ? count : this.rows.length;
     const unit = this.table.kind === 'named' ? 'section' : 'row';
     this.countEl.textContent = '(' + this.count + ' ' + unit + (this.count === 1 ? ')' : 's)');
-    if (this.dynamic && !this.status.classList.contains('error')) {
-      this.status.textContent = 'Read at ' + new Date().toLocaleTimeString();
+    if (this.dynamic) {
+      this.stamp.textContent = 'read at ' + new Date().toLocaleTimeString();
+      this.status.textContent = '';
+      this.status.className = 'answer';
     }
     const render = custom.get(this.module + '/' + this.table.name);
     this.body.replaceChildren();
@@ -251,7 +262,7 @@ class TableView {
       };
       const ok = await answer(this.status, res, added);
       if (ok) await this.load();
-      else status.textContent = this.status.textContent;
+      else tell(status, this.status);
       return ok;
     });
   }
@@ -265,7 +276,7 @@ class TableView {
       const res = await this.send({ method: 'set', [this.module]: { [name]: para } });
       const ok = await answer(this.status, res, 'Saved ' + name + '.');
       if (ok) await this.load();
-      else status.textContent = this.status.textContent;
+      else tell(status, this.status);
       return ok;
     }, () => this.body.querySelector('tr[data-section="' + CSS.escape(name) + '"] button.edit'));
   }
@@ -276,7 +287,7 @@ class TableView {
       const res = await this.send({ method: 'delete', [this.module]: { name } });
       const ok = await answer(this.status, res, 'Deleted ' + name + '.');
       if (ok) await this.load();
-      else status.textContent = this.status.textContent;
+      else tell(status, this.status);
       return ok;
     }, () => this.el.querySelector('button.add, tbody button.edit'));
   }
