@@ -65,7 +65,10 @@ window.addEventListener('hashchange', () => {
 async function start(username, role) {
   const r = await call('GET', '/api/model');
   if (!r.ok) {
-    if (loggedIn()) $('login-message').textContent = 'The modules could not be read (' + r.status + ').';
+    // Nothing to show: the session is given up rather than left open behind the login form.
+    await logout();
+    $('login-message').textContent = 'The modules could not be read (' + r.status + '). Try again shortly.';
+    $('login-message').className = 'answer error';
     return;
   }
   modules = (await r.json()).modules;
