@@ -331,6 +331,9 @@ function actionView(page, action) {
 
 // Renders a module into main; resolves when its tables are shown. dispose() stops its polls.
 export async function renderModule(module, main) {
+  // One request reads every table of the module, sent before the page is drawn.
+  const reading = module.tables.length
+    ? request({ method: 'get', [module.name]: { table: module.tables.map((t) => t.name) } }) : null;
   const page = { module, writable: module.access.includes('write'), disposers: [] };
   const headingId = uid('m');
   const status = h('p', { class: 'answer', role: 'status' });
@@ -343,10 +346,9 @@ export async function renderModule(module, main) {
     ...views.map((v) => v.el),
     runnable.length ? h('section', { class: 'actions', 'aria-label': 'Actions' },
       h('h3', null, 'Actions'), runnable.map((a) => actionView(page, a))) : null);
-  if (views.length) {
-    // One request reads every table of the module.
+  if (reading) {
     main.setAttribute('aria-busy', 'true');
-    const res = await request({ method: 'get', [module.name]: { table: module.tables.map((t) => t.name) } });
+    const res = await reading;
     if (res.status === 200 && res.body && res.body.error_code === 0) {
       views.forEach((v) => v.fill(res.body[module.name]));
     } else {
