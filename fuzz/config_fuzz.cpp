@@ -13,7 +13,7 @@
 #include <filesystem>
 #include <string>
 
-#include "../tests/support/config_fixture.h"
+#include "../tests/internal/support/config_fixture.h"
 #include "kep_config.h"
 #include "tree/tree_internal.h"
 

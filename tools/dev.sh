@@ -106,9 +106,9 @@ test_all() {
         build build-asan-gw -DKEP_SANITIZE=address,undefined -DKEP_BUILD_TOOLS=ON
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 run_ctest build-asan-gw -R '^Gateway'
     echo "== ThreadSanitizer (threaded tests; the host and owners run under it too)"
-    TARGETS="config_test api_e2e_test platform_rpc_test api_request_test host_test owner_kit_test kepd kepctl dhcpd sysd ntpd" \
+    TARGETS="config_test api_e2e_test platform_rpc_test api_request_test host_test owner_kit_test kepd kepctl dhcpd sysd ntpd gateway_test kepwebd" \
         build build-tsan -DKEP_SANITIZE=thread -DKEP_BUILD_TOOLS=ON
-    TSAN_OPTIONS="halt_on_error=1 exitcode=66" run_ctest build-tsan -R 'Thread|Concurren|ImiServe|^Host\.|^Kit\.'
+    TSAN_OPTIONS="halt_on_error=1 exitcode=66" run_ctest build-tsan -R 'Thread|Concurren|ImiServe|^Host\.|^Kit\.|^Gateway\.'
     if [ "${KEP_MIPS:-1}" != 0 ]; then
         echo "== big-endian MIPS cross build, tests under qemu"
         "$root/tools/cross-mips.sh"
