@@ -321,6 +321,10 @@ class RolePage(PageTest):
         self.wait_text('#module h2', 'ntp')
         self.driver.get(self.url + '/#system')
         self.wait_text('#module h2', 'dhcp')
+        self.find('nav a[data-module="ntp"]').click()
+        self.wait_text('#module h2', 'ntp')
+        self.driver.get(self.url + '/#%zz')  # not an encoding the page makes
+        self.wait_text('#module h2', 'dhcp')
 
     def test_role_without_exec_is_offered_no_action(self):
         self.log_in_as('operator')
@@ -349,6 +353,7 @@ class SessionEnd(PageTest):
         self.log_in_as('admin')
         self.find('#logout').click()
         self.wait_text('#login-message', 'You are logged out.')
+        self.assertNotIn('error', self.find('#login-message').get_attribute('class'))
         self.assertEqual(self.finds('#module section'), [])
 
 

@@ -12,7 +12,7 @@ let modules = [];
 let current = null;  // the shown module's view
 let showing = 0;     // which render is the latest, when renders overlap
 
-function showLogin(message) {
+function showLogin(message, error = true) {
   if (current) current.dispose();
   current = null;
   modules = [];
@@ -24,7 +24,7 @@ function showLogin(message) {
   $('modules').replaceChildren();
   $('login-view').hidden = false;
   $('login-message').textContent = message || '';
-  $('login-message').className = message ? 'answer error' : 'answer';
+  $('login-message').className = message && error ? 'answer error' : 'answer';
   for (const d of document.querySelectorAll('dialog')) d.close();
   $('username').focus();
 }
@@ -32,7 +32,12 @@ function showLogin(message) {
 onSessionEnd((message) => showLogin(message));
 
 function moduleFromHash() {
-  const name = decodeURIComponent(location.hash.replace(/^#/, ''));
+  let name = location.hash.replace(/^#/, '');
+  try {
+    name = decodeURIComponent(name);
+  } catch (e) {
+    // not percent-encoded as this page writes it: taken as it stands
+  }
   return modules.find((m) => m.name === name) || modules[0];
 }
 
@@ -115,5 +120,5 @@ $('login').addEventListener('submit', async (e) => {
 
 $('logout').addEventListener('click', async () => {
   await logout();
-  showLogin('You are logged out.');
+  showLogin('You are logged out.', false);
 });
