@@ -199,11 +199,11 @@ Route routeOf(const std::string &method, const std::string &path, std::string *a
         const char *path, *method;
         Route route;
     };
-    static const Endpoint kEndpoints[] = {{"/api/login", "POST", Route::kLogin},
-                                          {"/api/logout", "POST", Route::kLogout},
-                                          {"/api/session", "GET", Route::kSession},
-                                          {"/api/request", "POST", Route::kRequest},
-                                          {"/api/model", "GET", Route::kModel}};
+    static const Endpoint kEndpoints[] = {
+        {"/api/login", "POST", Route::kLogin},    {"/api/logout", "POST", Route::kLogout},
+        {"/api/session", "GET", Route::kSession}, {"/api/request", "POST", Route::kRequest},
+        {"/api/model", "GET", Route::kModel},     {"/api/errors", "GET", Route::kErrors},
+    };
     if (path == "/api" || path.compare(0, 5, "/api/") == 0) {
         for (const Endpoint &e : kEndpoints) {
             if (path != e.path) continue;

@@ -36,6 +36,7 @@ enum class Route {
     kSession,
     kRequest,
     kModel,
+    kErrors,
     kStatic,
     kApiNotFound,       // under /api/ but no such endpoint
     kMethodNotAllowed,  // an endpoint asked with the wrong HTTP method

@@ -21,6 +21,7 @@
 #include <json-c/json.h>
 #include <microhttpd.h>
 
+#include "kep_error_meanings.h"
 #include "kep_host.h"
 #include "sessions.h"
 
@@ -89,6 +90,7 @@ private:
     MHD_Result session(MHD_Connection *conn, Pending *p);
     MHD_Result request(MHD_Connection *conn, Pending *p);
     MHD_Result model(MHD_Connection *conn, Pending *p);
+    MHD_Result errors(MHD_Connection *conn, Pending *p);
     MHD_Result staticFile(MHD_Connection *conn, Pending *p, const char *url);
 
     MHD_Result send(MHD_Connection *conn, Pending *p, unsigned status, const std::string &body,
@@ -141,7 +143,8 @@ bool isJsonType(const char *type) {
 }
 
 bool needsSession(Route r) {
-    return r == Route::kLogout || r == Route::kSession || r == Route::kRequest || r == Route::kModel;
+    return r == Route::kLogout || r == Route::kSession || r == Route::kRequest || r == Route::kModel ||
+           r == Route::kErrors;
 }
 
 // Compares two texts in a time that depends on their lengths only.
@@ -346,6 +349,8 @@ MHD_Result Server::dispatch(MHD_Connection *conn, Pending *p, const char *url) {
             return request(conn, p);
         case Route::kModel:
             return model(conn, p);
+        case Route::kErrors:
+            return errors(conn, p);
         case Route::kStatic:
             return staticFile(conn, p, url);
         case Route::kMethodNotAllowed:
@@ -494,6 +499,23 @@ MHD_Result Server::model(MHD_Connection *conn, Pending *p) {
     free(tree);
     if (view.empty()) return sendError(conn, p, 503, "the host cannot be reached");
     return send(conn, p, 200, view, "application/json");
+}
+
+// The words kepctl prints for each "error_code", so that the page tells the same.
+MHD_Result Server::errors(MHD_Connection *conn, Pending *p) {
+    Session s;
+    std::string token;
+    if (!authorized(conn, &s, &token)) return sendError(conn, p, 401, "no live session");
+    json_object *o = json_object_new_object(), *codes = json_object_new_object();
+#define ADD_MEANING(code, text) \
+    json_object_object_add(codes, std::to_string(code).c_str(), json_object_new_string(text));
+    KEP_ERROR_MEANINGS(ADD_MEANING)
+#undef ADD_MEANING
+    json_object_object_add(o, "codes", codes);
+    json_object_object_add(o, "other", json_object_new_string(KEP_ERROR_MEANING_OTHER));
+    std::string body = json_object_to_json_string_ext(o, JSON_C_TO_STRING_PLAIN);
+    json_object_put(o);
+    return send(conn, p, 200, body, "application/json");
 }
 
 MHD_Result Server::staticFile(MHD_Connection *conn, Pending *p, const char *url) {

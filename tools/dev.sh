@@ -3,6 +3,7 @@
 #   tools/dev.sh deps    install the Debian packages the build and tests need
 #   tools/dev.sh demo    deps + build + run the demo
 #   tools/dev.sh format  check every C and C++ source against .clang-format (-i rewrites)
+#   tools/dev.sh shots   deps + build + the README's screenshots of the web page (docs/page*.png)
 #   tools/dev.sh test    deps + format check, plain build and tests, the unit tests under valgrind,
 #                        ASan+UBSan build and tests (the gateway's across processes in build-asan-gw),
 #                        ThreadSanitizer run of the threaded tests, MIPS build and tests under
@@ -14,7 +15,8 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 jobs=${JOBS:-2}
 packages=(build-essential cmake pkg-config clang clang-format libclang-rt-14-dev libjson-c-dev libexpat1-dev
           libgtest-dev libbenchmark-dev binutils valgrind
-          libmicrohttpd-dev libgnutls28-dev libcrypt-dev libcurl4-gnutls-dev curl openssl)
+          libmicrohttpd-dev libgnutls28-dev libcrypt-dev libcurl4-gnutls-dev curl openssl
+          chromium chromium-driver python3-selenium)
 
 # The checks of the manual pages (man, groff) and of the service files (systemd-analyze).
 packages+=(groff-base man-db systemd)
@@ -61,6 +63,12 @@ demo() {
         exit "$status"
     fi
     "$root/tools/demo.sh" "$root/build"
+}
+
+shots() {
+    deps
+    TARGETS="kepd kepctl kepwebd dhcpd sysd ntpd" build build
+    /usr/bin/python3 "$root/gateway/tests/browser/readme_shots.py" "$root/build" "$root"
 }
 
 sources() {
@@ -118,6 +126,7 @@ case "${1:-}" in
 deps) deps ;;
 demo) shift; demo "$@" ;;
 format) shift; format "$@" ;;
+shots) shots ;;
 test) test_all ;;
-*) echo "usage: $0 deps|demo|format|test" >&2; exit 2 ;;
+*) echo "usage: $0 deps|demo|format|shots|test" >&2; exit 2 ;;
 esac

@@ -407,6 +407,17 @@ TEST_F(Gateway, ModelShowsWhatTheRoleMayRead) {
     EXPECT_EQ(get("/api/model", "").status, 401);
 }
 
+TEST_F(Gateway, ErrorMeaningsAreKepctlsForALiveSession) {
+    ASSERT_TRUE(startGateway());
+    const Reply r = get("/api/errors", token("viewer"));
+    ASSERT_EQ(r.status, 200);
+    EXPECT_NE(r.body.find(R"("-7004":"module, table, section, action or callback not registered)"),
+              std::string::npos)
+        << r.body;
+    EXPECT_NE(r.body.find(R"("other":"code passed on from the owner's callback")"), std::string::npos);
+    EXPECT_EQ(get("/api/errors", "").status, 401);
+}
+
 TEST_F(Gateway, SessionsEndWhenIdleAtTheirLimitAndOnLogout) {
     ASSERT_TRUE(startGateway({"-i", "2", "-a", "4", "-s", "2"}));
     const std::string busy = token("admin"), idle = token("viewer"), polled = token("dhcpop");

@@ -95,6 +95,7 @@ TEST(GatewayRoutes, EndpointsMethodsAndTheRest) {
     EXPECT_EQ(routeOf("GET", "/api/session", &allow), Route::kSession);
     EXPECT_EQ(routeOf("POST", "/api/request", &allow), Route::kRequest);
     EXPECT_EQ(routeOf("GET", "/api/model", &allow), Route::kModel);
+    EXPECT_EQ(routeOf("GET", "/api/errors", &allow), Route::kErrors);
     EXPECT_EQ(routeOf("GET", "/api/login", &allow), Route::kMethodNotAllowed);
     EXPECT_EQ(allow, "POST");
     EXPECT_EQ(routeOf("OPTIONS", "/api/request", &allow), Route::kPreflight);

@@ -11,6 +11,7 @@
 
 #include <json-c/json.h>
 
+#include "kep_error_meanings.h"
 #include "kep_host.h"
 #include "kep_owner.h"
 #include "kep_pf_rpc.h"
@@ -87,56 +88,13 @@ static int misused(const char *what, const char *word) {
 
 const char *kepctlMeaning(int code) {
     switch (code) {
-        case 0:
-            return "success";
-        case -1:
-            return "generic failure (bad argument, missing member, no memory, empty callback slot)";
-        case -1500:
-            return "the owner's callback answered without \"errorCode\"";
-        case -4000:
-            return "no such table in the module";
-        case -7000:
-            return "no \"method\" or an unknown method";
-        case -7004:
-            return "module, table, section, action or callback not registered, or not allowed";
-        case -8000:
-            return "the section may not be deleted";
-        case -10000:
-            return "null argument, no memory, or a read failed";
-        case -10100:
-            return "not JSON, or a needed member is missing or of the wrong type";
-        case -51204:
-            return "no memory for the response";
-        case -51207:
-            return "null method";
-        case QXRPC_ERR_NO_PEER:
-            return "the owner process is not running";
-        case QXRPC_ERR_TIMEOUT:
-            return "the owner process did not answer in time: a change may or may not have been made";
-        case QXRPC_ERR_IO:
-            return "the connection to the owner broke: a change may or may not have been made";
-        case QXRPC_ERR_NO_HANDLER:
-            return "the owner has no such callback";
-        case KEP_HOST_ERR_DENIED:
-            return "no access rule of the host lets this user do it";
-        case KEP_HOST_ERR_TAKEN:
-            return "another running process serves it";
-        case KEP_HOST_ERR_LIMIT:
-            return "the host's limit was reached";
-        case KEP_OWNER_ERR_INVALID:
-            return "the owner cannot take that value (unknown member, wrong type, too long)";
-        case KEP_OWNER_ERR_NOT_FOUND:
-            return "the owner has no such section";
-        case KEP_OWNER_ERR_STORE:
-            return "the owner could not write its configuration file";
-        case KEP_OWNER_ERR_FULL:
-            return "no section number is left";
-        case KEP_OWNER_ERR_EXISTS:
-            return "a section of that name exists, or the name lacks the table's prefix";
-        case KEP_OWNER_ERR_MEMORY:
-            return "the owner ran out of memory";
+#define MEANING_CASE(code, text) \
+    case code:                   \
+        return text;
+        KEP_ERROR_MEANINGS(MEANING_CASE)
+#undef MEANING_CASE
         default:
-            return "code passed on from the owner's callback";
+            return KEP_ERROR_MEANING_OTHER;
     }
 }
 
