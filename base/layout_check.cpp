@@ -17,7 +17,8 @@ constexpr size_t kName = KEP_NAME_SIZE;
 constexpr size_t kCb = KEP_CALLBACK_SIZE;
 constexpr size_t kSlots = KEP_METHOD_SLOTS;
 // The sizes are part of the layout: naming them must not change them.
-static_assert(kName == 32 && kCb == 68 && kSlots == 4 && KEP_METHOD_NAME_SIZE == 32 && methodMsgHandlerNum == 6,
+static_assert(kName == 32 && kCb == 68 && kSlots == 4 && KEP_METHOD_NAME_SIZE == 32 &&
+                  methodMsgHandlerNum == 6,
               "field sizes");
 constexpr size_t kList = alignUp(2 * P + 4, P);
 constexpr size_t kOpr = alignUp(3 * P + 4 + 4 + kCb, P);
@@ -38,7 +39,8 @@ static_assert(offsetof(VerNotifyNode, verifyFn) == kNode && offsetof(VerNotifyNo
               "VerNotifyNode");
 static_assert(offsetof(VerNotifyNode, cb) == kNode + P + 4, "VerNotifyNode");
 static_assert(sizeof(VerNotifyNode) == alignUp(kNode + P + 4 + kCb, P), "VerNotifyNode");
-static_assert(offsetof(ActionNode, name) == kNode && offsetof(ActionNode, pid) == kNode + kName, "ActionNode");
+static_assert(offsetof(ActionNode, name) == kNode && offsetof(ActionNode, pid) == kNode + kName,
+              "ActionNode");
 static_assert(offsetof(ActionNode, cb) == kNode + kName + 4 &&
                   sizeof(ActionNode) == alignUp(kNode + kName + 4 + kCb, P),
               "ActionNode");

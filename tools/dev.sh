@@ -72,7 +72,7 @@ shots() {
 }
 
 sources() {
-    (cd "$root" && find include request tree model xml ops config text platform owner tools tests bench fuzz examples gateway \
+    (cd "$root" && find base include request tree model xml ops config text platform owner tools tests bench fuzz examples gateway \
         -name '*.[ch]' -o -name '*.cpp' | sort)
 }
 
