@@ -29,6 +29,7 @@
 #include <unistd.h>
 
 #include "base/guard.h"
+#include "env_group.h"
 #include "kep_pf_debug.h"
 #include "pf_api.h"
 
@@ -49,22 +50,12 @@ int gGroup = -2;
 pthread_once_t gGroupOnce = PTHREAD_ONCE_INIT;
 
 void readGroupFromEnvironment() {
-    const char *env = getenv("KEP_CONFIG_GROUP");
-    int gid = -1;
-    if (env && *env) {
-        char *end = nullptr;
-        errno = 0;
-        const long n = strtol(env, &end, 10);
-        struct group entry, *found = nullptr;
-        char buf[4096];
-        if (errno == 0 && *end == '\0' && n >= 0 && n <= INT_MAX) {
-            gid = static_cast<int>(n);
-        } else if (getgrnam_r(env, &entry, buf, sizeof buf, &found) == 0 && found &&
-                   found->gr_gid <= static_cast<gid_t>(INT_MAX)) {
-            gid = static_cast<int>(found->gr_gid);
-        } else if (debugFlagGet(kStoreLogMid)) {
-            debugPrintf(kStoreLogMid, "KEP_CONFIG_GROUP \"%s\" names no group: files stay 0600\n", env);
-        }
+    int gid = groupNamedBy("KEP_CONFIG_GROUP");
+    if (gid == kNoSuchGroup) {
+        if (debugFlagGet(kStoreLogMid))
+            debugPrintf(kStoreLogMid, "KEP_CONFIG_GROUP \"%s\" names no group: files stay 0600\n",
+                        getenv("KEP_CONFIG_GROUP"));
+        gid = -1;
     }
     __atomic_store_n(&gGroup, gid, __ATOMIC_RELEASE);
 }

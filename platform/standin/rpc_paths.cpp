@@ -15,6 +15,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "env_group.h"
 #include "kep_pf_debug.h"
 #include "rpc_internal.h"
 
@@ -87,23 +88,12 @@ int gGroup = -2;
 pthread_once_t gGroupOnce = PTHREAD_ONCE_INIT;
 
 void readGroupFromEnvironment() {
-    const char *env = getenv("KEP_RPC_GROUP");
-    int gid = -1;
-    if (env && *env) {
-        char *end = nullptr;
-        errno = 0;
-        const long n = strtol(env, &end, 10);
-        struct group entry, *found = nullptr;
-        char buf[4096];
-        if (errno == 0 && *end == '\0' && n >= 0 && n <= INT_MAX) {
-            gid = static_cast<int>(n);
-        } else if (getgrnam_r(env, &entry, buf, sizeof buf, &found) == 0 && found &&
-                   found->gr_gid <= static_cast<gid_t>(INT_MAX)) {
-            gid = static_cast<int>(found->gr_gid);
-        } else if (debugFlagGet(kImiLogMid)) {
+    int gid = groupNamedBy("KEP_RPC_GROUP");
+    if (gid == kNoSuchGroup) {
+        if (debugFlagGet(kImiLogMid))
             debugPrintf(kImiLogMid, "KEP_RPC_GROUP \"%s\" names no group: only this user and root may call\n",
-                        env);
-        }
+                        getenv("KEP_RPC_GROUP"));
+        gid = -1;
     }
     __atomic_store_n(&gGroup, gid, __ATOMIC_RELEASE);
 }
