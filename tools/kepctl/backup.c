@@ -221,19 +221,21 @@ static int checkDocument(json_object *doc, json_object *tree) {
             if (json_object_get_int(member(t, "list")) == 1) {
                 if (!json_object_is_type(value, json_type_array))
                     return refuse("config.%s.%s: a list table is an array of rows", module, table);
+                json_object *seen = json_object_new_object();
                 for (size_t i = 0; i < json_object_array_length(value); i++) {
                     const char *name;
                     json_object *v;
-                    if (!oneRow(json_object_array_get_idx(value, i), &name, &v))
-                        return refuse("config.%s.%s[%zu]: a row is {\"NAME\": {values}}", module, table, i);
-                    for (size_t k = 0; k < i; k++) {
-                        const char *other;
-                        json_object *ov;
-                        oneRow(json_object_array_get_idx(value, k), &other, &ov);
-                        if (strcmp(other, name) == 0)
-                            return refuse("config.%s.%s[%zu]: a second row named %s", module, table, i, name);
+                    int bad = !oneRow(json_object_array_get_idx(value, i), &name, &v);
+                    if (bad) refuse("config.%s.%s[%zu]: a row is {\"NAME\": {values}}", module, table, i);
+                    if (!bad && (bad = json_object_object_get_ex(seen, name, NULL)))
+                        refuse("config.%s.%s[%zu]: a second row named %s", module, table, i, name);
+                    if (bad) {
+                        json_object_put(seen);
+                        return EXIT_CODE;
                     }
+                    json_object_object_add(seen, name, NULL);
                 }
+                json_object_put(seen);
             } else {
                 if (!isObject(value)) return refuse("config.%s.%s: not an object of sections", module, table);
                 json_object_object_foreach(value, section, v) {
@@ -257,13 +259,20 @@ static int sendOne(json_object *req, const char *module, const char *what, const
     return rc;
 }
 
-static int listed(json_object *rows, const char *name) {
-    for (size_t i = 0; i < json_object_array_length(rows); i++) {
-        const char *have;
+/* The names of a list table's rows as the keys of an object: looked up without a walk,
+ * so that restoring a large table costs in proportion to its rows. */
+static json_object *rowNames(json_object *rows) {
+    json_object *names = json_object_new_object();
+    for (size_t i = 0; rows && i < json_object_array_length(rows); i++) {
+        const char *name;
         json_object *v;
-        if (oneRow(json_object_array_get_idx(rows, i), &have, &v) && strcmp(have, name) == 0) return 1;
+        if (oneRow(json_object_array_get_idx(rows, i), &name, &v)) json_object_object_add(names, name, NULL);
     }
-    return 0;
+    return names;
+}
+
+static int listed(json_object *names, const char *name) {
+    return json_object_object_get_ex(names, name, NULL);
 }
 
 /* Brings a module's stored tables to want (the document's part for it), given what it
@@ -283,12 +292,13 @@ static int converge(const char *module, json_object *want, json_object *now) {
             continue;
         }
         json_object *have = member(now, table);
+        json_object *haveNames = rowNames(have), *wantNames = rowNames(value);
         for (size_t i = 0; rc == 0 && i < json_object_array_length(value); i++) {
             const char *name;
             json_object *v;
             oneRow(json_object_array_get_idx(value, i), &name, &v);
             json_object *req;
-            if (have && listed(have, name)) {
+            if (listed(haveNames, name)) {
                 req = newRequest("set", module, &body);
                 json_object_object_add(body, name, json_object_get(v));
                 rc = sendOne(req, module, "set", name);
@@ -303,11 +313,13 @@ static int converge(const char *module, json_object *want, json_object *now) {
         for (size_t i = 0; rc == 0 && have && i < json_object_array_length(have); i++) {
             const char *name;
             json_object *v;
-            if (!oneRow(json_object_array_get_idx(have, i), &name, &v) || listed(value, name)) continue;
+            if (!oneRow(json_object_array_get_idx(have, i), &name, &v) || listed(wantNames, name)) continue;
             json_object *req = newRequest("delete", module, &body);
             json_object_object_add(body, "name", json_object_new_string(name));
             rc = sendOne(req, module, "delete", name);
         }
+        json_object_put(haveNames);
+        json_object_put(wantNames);
     }
     if (rc == 0 && json_object_object_length(sections) > 0) {
         rc = sendOne(setAll, module, "set", "sections");
