@@ -177,7 +177,7 @@ class AdminPage(PageTest):
         self.wait_text('section[data-table="host"] > .answer', 'Added host_2.')
         self.wait(lambda: self.row_names('host') == ['host_1', 'host_2'], 'the new row')
         self.assertIn('(2 rows)', self.find('section[data-table="host"] h3').text)
-        self.assertEqual(self.finds('dialog'), [])
+        self.wait(lambda: not self.finds('dialog'), 'the dialog closed')
         added = self.host({'method': 'get', 'dhcp': {'name': 'host_2'}})
         self.assertEqual(added['dhcp']['host_2'], {'mac': '02:00:00:00:00:42', 'ip': '192.168.1.42', 'hostname': 'printer'})
 
@@ -210,7 +210,7 @@ class AdminPage(PageTest):
         self.find('dialog[open] button[type=submit]').click()
         self.wait_text('dialog[open] .answer', 'the owner cannot take that value')
         self.find('dialog[open] button.cancel').click()
-        self.assertEqual(self.finds('dialog'), [])
+        self.wait(lambda: not self.finds('dialog'), 'the dialog closed')
         self.assertEqual(self.row_names('host'), ['host_1'])
         self.assertEqual(self.host({'method': 'get', 'dhcp': {'table': 'host'}})['dhcp']['count'], {'host': 1})
 
