@@ -472,7 +472,7 @@ MHD_Result Server::request(MHD_Connection *conn, Pending *p) {
         return sendError(conn, p, 403, c.reason.c_str());
     }
     char *response = nullptr;
-    const int rc = kepHostRequest(p->body.c_str(), &response);
+    const int rc = kepHostRequestFor(s.user.c_str(), p->body.c_str(), &response);
     const bool changes = permissionOfMethod(c.method) != kRead;
     if (rc != 0 || !response) {
         free(response);

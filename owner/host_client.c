@@ -85,13 +85,14 @@ static int fetchResult(QxRpcPara *set, char **text) {
     return *text ? 0 : QXRPC_ERR_NOMEM;
 }
 
-int kepHostRequestEx(const char *request, char **response, char **cause) {
+static int hostRequest(const char *user, const char *request, char **response, char **cause) {
     QxRpcPara set;
     int rc, answered;
     *response = NULL;
     if (cause) *cause = NULL;
     qxrpcParaInit(&set);
     rc = qxrpcAddStringPtr(&set, "para", request);
+    if (rc == 0 && user && *user) rc = qxrpcAddStringPtr(&set, "user", user);
     if (rc == 0) rc = call("kepd.request", &set, &answered);
     if (rc == 0) rc = fetchResult(&set, response);
     if (rc == 0) fetchCause(&set, cause);
@@ -99,8 +100,16 @@ int kepHostRequestEx(const char *request, char **response, char **cause) {
     return rc;
 }
 
+int kepHostRequestEx(const char *request, char **response, char **cause) {
+    return hostRequest(NULL, request, response, cause);
+}
+
 int kepHostRequest(const char *request, char **response) {
-    return kepHostRequestEx(request, response, NULL);
+    return hostRequest(NULL, request, response, NULL);
+}
+
+int kepHostRequestFor(const char *user, const char *request, char **response) {
+    return hostRequest(user, request, response, NULL);
 }
 
 int kepHostRegister(const char *op, const char *path, int index, const char *cb) {

@@ -60,6 +60,11 @@ int kepHostRequest(const char *request, char **response);
 /* The same; *cause (when cause is not NULL) gets the host's "cause", malloc'd, or NULL
  * when it gave none: why an owner call made the request fail. */
 int kepHostRequestEx(const char *request, char **response, char **cause);
+/* The same, for a process that relays other people's requests (a gateway): user names
+ * whom this one is for, as the relay has checked it. The host shows it beside the
+ * caller's pid to whoever watches its traffic, and trusts it for nothing else. NULL or
+ * "": nobody but the caller. */
+int kepHostRequestFor(const char *user, const char *request, char **response);
 /* One registration for this process; 0 or the host's/RPC's nonzero code. */
 int kepHostRegister(const char *op, const char *path, int index, const char *cb);
 /* Asks the host to tell the section's notify callbacks that its data changed. */

@@ -99,7 +99,7 @@ static int onRequest(QxRpcPara *set, void *user) {
     answer(set, 0, text);
     if (watched) {
         clock_gettime(CLOCK_MONOTONIC, &end);
-        monitorRequest(&c, request, text,
+        monitorRequest(&c, member(set, "user"), request, text,
                        (end.tv_sec - start.tv_sec) * 1000000L + (end.tv_nsec - start.tv_nsec) / 1000);
     }
     /* Only a failed request has a cause worth telling: the record is looked at, and the

@@ -104,6 +104,14 @@ static void describe(const char *request, char *method, size_t methodSize, char 
     json_object_put(req);
 }
 
+/* A text a client chose, fit for one line of one field: printable, no spaces, cut at size. */
+static void fieldOf(const char *text, char *out, size_t size) {
+    size_t n = 0;
+    for (const unsigned char *p = (const unsigned char *)text; p && *p && n + 1 < size; p++)
+        out[n++] = *p > ' ' && *p < 0x7f ? (char)*p : '?';
+    out[n] = '\0';
+}
+
 static int codeOf(const char *response) {
     const char *at = response ? strstr(response, "\"error_code\":") : NULL;
     return at ? atoi(at + 13) : -1;
@@ -123,18 +131,26 @@ static int wanted(const Watcher *w, const char *names) {
     return 0;
 }
 
-void monitorRequest(const QxImiCaller *caller, const char *request, const char *response, long micros) {
-    char method[16], names[512], line[LINE_MAX_BYTES], stamp[16];
+void monitorRequest(const QxImiCaller *caller, const char *user, const char *request, const char *response,
+                    long micros) {
+    char method[16], names[512], line[LINE_MAX_BYTES], stamp[16], who[80] = "";
     struct timespec now;
     struct tm tm;
     describe(request, method, sizeof method, names, sizeof names);
+    fieldOf(method, method, sizeof method);
+    fieldOf(names, names, sizeof names);
+    if (user && *user) {
+        char name[KEP_MONITOR_USER_MAX + 1];
+        fieldOf(user, name, sizeof name);
+        snprintf(who, sizeof who, " user %s", name);
+    }
     clock_gettime(CLOCK_REALTIME, &now);
     localtime_r(&now.tv_sec, &tm);
     strftime(stamp, sizeof stamp, "%H:%M:%S", &tm);
     size_t n = strlen(names);
     if (n) names[n - 1] = '\0'; /* the trailing comma: the line shows "a,b" */
-    int base = snprintf(line, sizeof line, "%s.%03ld pid %d uid %d %s %s error_code %d %ld us", stamp,
-                        now.tv_nsec / 1000000, caller->pid, caller->uid, method, n ? names + 1 : "-",
+    int base = snprintf(line, sizeof line, "%s.%03ld pid %d uid %d%s %s %s error_code %d %ld us", stamp,
+                        now.tv_nsec / 1000000, caller->pid, caller->uid, who, method, n ? names + 1 : "-",
                         codeOf(response), micros);
     if (n) names[n - 1] = ',';
 

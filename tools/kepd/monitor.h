@@ -8,7 +8,10 @@
 
 #include "kep_pf_rpc.h"
 
-enum { MONITOR_MAX_WATCHERS = 8 };
+enum {
+    MONITOR_MAX_WATCHERS = 8,
+    KEP_MONITOR_USER_MAX = 64 /* a relayed user's name is shown up to here */
+};
 
 /* Connects to the caller's own listening socket at path (it must be the caller's by
  * its kernel credentials) and sends it a line per request from now on, of the listed
@@ -19,7 +22,9 @@ int monitorWatch(const QxImiCaller *caller, const char *path, const char *module
 /* Whether anybody watches: the one cost of a request while nobody does. */
 int monitorActive(void);
 
-/* Tells the watchers of one request served for caller in micros microseconds. */
-void monitorRequest(const QxImiCaller *caller, const char *request, const char *response, long micros);
+/* Tells the watchers of one request served for caller in micros microseconds; user:
+ * whom a relaying caller says it is for, or NULL. */
+void monitorRequest(const QxImiCaller *caller, const char *user, const char *request, const char *response,
+                    long micros);
 
 #endif
