@@ -23,16 +23,16 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# The HTTP gateway runs unprivileged: started as root it becomes nobody and reaches
-# kepd through the RPC's group (the runtime folder and sockets are that group's) and
-# a kepd access rule that lets the group send requests.
+# The HTTP gateway runs unprivileged: started as root it becomes nobody, passes through
+# the runtime folder to kepd's socket, and a kepd access rule lets its group send
+# requests. The owners' sockets stay their own user's.
 kepd_access=()
 web_user=()
 if [ "$(id -u)" -eq 0 ] && id nobody >/dev/null 2>&1; then
-    export KEP_RPC_GROUP=$(id -g nobody)
     chmod 711 "$work"
+    mkdir -m 711 "$KEP_RUNTIME_DIR"
     mkdir "$work/access.d"
-    echo "{\"group\": $KEP_RPC_GROUP, \"send\": true}" >"$work/access.d/kepweb.json"
+    echo "{\"group\": $(id -g nobody), \"send\": true}" >"$work/access.d/kepweb.json"
     kepd_access=(-a "$work/access.d")
     web_user=(-U nobody)
 fi

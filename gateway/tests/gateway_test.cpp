@@ -27,6 +27,7 @@
 #include <json-c/json.h>
 
 #include "kep_host.h"
+#include "kep_pf_rpc.h"
 #include "processes.h"
 
 namespace {
@@ -82,13 +83,15 @@ protected:
     void SetUp() override {
         dir_ = systemTestFolder("/tmp/kw");
         ASSERT_FALSE(dir_.empty());
-        // The unprivileged gateway passes through to the runtime folder, whose group it is in.
+        // The unprivileged gateway passes through to the runtime folder and reaches the
+        // host's socket, which the host's access rules guard; the owners' stay private.
         chmod(dir_.c_str(), 0711);
+        std::filesystem::create_directory(dir_ + "/run");
+        chmod((dir_ + "/run").c_str(), 0711);
         if (geteuid() == 0) {
             const passwd *pw = getpwnam("nobody");
             if (!pw) GTEST_SKIP() << "no user nobody to run the gateway as";
             runAs_ = pw->pw_name;
-            setenv("KEP_RPC_GROUP", std::to_string(pw->pw_gid).c_str(), 1);
             std::filesystem::create_directory(dir_ + "/access.d");
             writeText(dir_ + "/access.d/kepweb.json",
                       "{\"group\": " + std::to_string(pw->pw_gid) + ", \"send\": true}");
@@ -124,7 +127,6 @@ protected:
             }
             *p = -1;
         }
-        unsetenv("KEP_RPC_GROUP");
         if (HasFailure()) {
             for (const char *log : {"kepwebd.log", "kepd.log", "dhcpd.log", "sysd.log"})
                 printf("---- %s\n%s", log, readText(dir_ + "/" + log).c_str());
@@ -359,6 +361,30 @@ TEST_F(Gateway, RequestsPassThroughUnchanged) {
     EXPECT_NE(audit.find("request: user=admin addr=127.0.0.1 method=do modules=system error_code="),
               std::string::npos);
     EXPECT_EQ(audit.find("method=get"), std::string::npos);
+}
+
+// The gateway's user reaches the host, whose access rule admits its group, and no owner:
+// every request it relays is the host's to check.
+TEST_F(Gateway, ItsUserReachesTheHostAndNoOwner) {
+    if (runAs_.empty()) GTEST_SKIP() << "the gateway runs as this user";
+    const passwd *pw = getpwnam(runAs_.c_str());
+    ASSERT_NE(pw, nullptr);
+    const uid_t uid = pw->pw_uid;
+    const gid_t gid = pw->pw_gid;
+    auto callAs = [&](pid_t callee, const char *handler) {
+        const pid_t child = fork();
+        if (child == 0) {
+            if (setgroups(0, nullptr) != 0 || setgid(gid) != 0 || setuid(uid) != 0) _exit(99);
+            QxRpcPara set;
+            qxrpcParaInit(&set);
+            const int rc = qxImiExecute(callee, handler, 0, 0, &set);
+            qxrpcParaFree(&set);
+            _exit(rc == 0 ? 0 : 1);
+        }
+        return reap(child, 10000);
+    };
+    EXPECT_EQ(callAs(kepd_, "kepd.ping"), 0);
+    EXPECT_EQ(callAs(dhcpd_, "/dhcp/host:get"), 1);
 }
 
 TEST_F(Gateway, RulesRefuseWholeRequestsPerRoleAndMethod) {

@@ -47,8 +47,9 @@ class System:
     def start(self):
         if os.geteuid() == 0:
             nobody = pwd.getpwnam('nobody')
-            self.env['KEP_RPC_GROUP'] = str(nobody.pw_gid)
             os.chmod(self.dir, 0o711)
+            os.mkdir(self.dir + '/run', 0o711)
+            os.chmod(self.dir + '/run', 0o711)
             os.mkdir(self.dir + '/access.d')
             with open(self.dir + '/access.d/kepweb.json', 'w') as f:
                 f.write('{"group": %d, "send": true}' % nobody.pw_gid)
