@@ -5,6 +5,9 @@
 //   gateway/http_floor      libmicrohttpd in a process of its own answering the same
 //                           response bytes from memory, configured as the gateway is
 //   gateway/through_gateway the same request through kepwebd to the host
+//   gateway/host_then_floor the host path and the floor one after the other: what the two
+//                           hops cost together when nothing joins them, caches shared as
+//                           the gateway shares them
 //   gateway/clients:64      64 kept-alive clients for KEP_GW_SOAK_SECONDS (30): throughput,
 //                           p99, errors, the gateway's resident memory at start and end
 //   gateway/sessions:1000   the gateway's resident memory before and after 1,000 logins
@@ -299,6 +302,21 @@ void httpPath(benchmark::State &state, bool gateway) {
     lat.report(state);
 }
 
+void BM_HostThenFloor(benchmark::State &state) {
+    System &s = shared();
+    if (!s.ok()) return state.SkipWithError("the system did not start");
+    Client c;
+    std::string reply;
+    kep_bench::Latencies lat;
+    for (auto _ : state) {
+        const int64_t t = kep_bench::nowNs();
+        if (System::hostGet().empty()) return state.SkipWithError("the host did not answer");
+        if (c.post(s.floorUrl(), kRequest, "", &reply) != 200) return state.SkipWithError("not 200");
+        lat.add(kep_bench::nowNs() - t);
+    }
+    lat.report(state);
+}
+
 void BM_HttpFloor(benchmark::State &state) {
     httpPath(state, false);
 }
@@ -430,6 +448,7 @@ void BM_WrongLogins(benchmark::State &state) {
 BENCHMARK(BM_HostPath)->Name("gateway/host_path");
 BENCHMARK(BM_HttpFloor)->Name("gateway/http_floor");
 BENCHMARK(BM_ThroughGateway)->Name("gateway/through_gateway");
+BENCHMARK(BM_HostThenFloor)->Name("gateway/host_then_floor");
 BENCHMARK(BM_Clients)->Name("gateway/clients")->Arg(64)->Iterations(1)->Repetitions(1)->UseRealTime();
 BENCHMARK(BM_Sessions)->Name("gateway/sessions")->Arg(1000)->Iterations(1)->Repetitions(1);
 BENCHMARK(BM_WrongLogins)->Name("gateway/wrong_logins")->Arg(1000)->Iterations(1)->Repetitions(1);

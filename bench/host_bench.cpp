@@ -7,6 +7,10 @@
 //                               the entry is deleted again outside the timing
 //   host/memory/sections:N      no timing: the owner's and the host's resident memory
 //                               after a get of the whole table, against the file's size
+//   host/monitor/watchers:W     a get of a 3-lease table through the host, with nobody
+//                               watching its traffic (0), with kepctl monitor reading
+//                               every line (1), and with a watcher that is stopped and
+//                               loses its lines (2)
 //
 // The files live on disk (/tmp here), where the store's flush is real, as on a device.
 #include <signal.h>
@@ -190,6 +194,47 @@ void BM_Memory(benchmark::State &state) {
     state.counters["host_peak_over_file"] = (hostHwm - baseHost) / bytes;
 }
 
+// Latency of the get of a small table, with W watchers as above.
+void BM_Monitor(benchmark::State &state) {
+    System sys(3);
+    if (!sys.ok()) return state.SkipWithError("the system did not start");
+    kep_bench::Child watcher;
+    const std::string err = "/tmp/kep-bench-monitor-" + std::to_string(getpid()) + ".err";
+    if (state.range(0) > 0) {
+        unlink(err.c_str());
+        const bool started =
+            watcher.start([] { return true; },
+                          [err] {
+                              int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+                              int log = open(err.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+                              if (null < 0 || log < 0) _exit(126);
+                              dup2(null, 1);
+                              dup2(log, 2);
+                              execl(KEPCTL_PATH, "kepctl", "monitor", static_cast<char *>(nullptr));
+                              _exit(127);
+                          });
+        bool watching = false;
+        for (int i = 0; started && !watching && i < 1000; i++) {
+            watching = readText(err).find("watching") != std::string::npos;
+            if (!watching) usleep(10000);
+        }
+        unlink(err.c_str());
+        if (!watching) return state.SkipWithError("kepctl monitor did not start");
+        if (state.range(0) == 2) kill(watcher.pid(), SIGSTOP);
+    }
+    kep_bench::Latencies lat;
+    for (auto _ : state) {
+        const int64_t t = kep_bench::nowNs();
+        if (System::request(kGet).find("\"error_code\":0") == std::string::npos) {
+            state.SkipWithError("the get failed");
+            break;
+        }
+        lat.add(kep_bench::nowNs() - t);
+    }
+    lat.report(state);
+    watcher.stop();
+}
+
 BENCHMARK(BM_GetTable)
     ->Name("host/get_table")
     ->ArgName("sections")
@@ -211,6 +256,7 @@ BENCHMARK(BM_Memory)
     ->Arg(50000)
     ->Iterations(1)
     ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Monitor)->Name("host/monitor")->ArgName("watchers")->Arg(0)->Arg(1)->Arg(2);
 
 }  // namespace
 

@@ -9,7 +9,7 @@
 #   KEP_MIPS_BUILD=DIR                 a MIPS build holding libkepHandle.so.0
 #                                      (default build-mips/, see tools/cross-mips.sh)
 # Needs: cmake, a C++ compiler, json-c, Google Benchmark (libbenchmark-dev), python3,
-# binutils; Mini-XML (libmxml-dev) for the XML reference.
+# binutils; Mini-XML (libmxml-dev) for the XML reference; hyperfine for kepctl's cost per call.
 set -eu
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -27,7 +27,7 @@ cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DKEP_BUILD_TESTS=OFF -D
     echo "bench-report: the benchmarks were not configured (is Google Benchmark installed?)" >&2
     exit 1
 }
-cmake --build "$build" -j2 --target kepHandle kepd dhcpd kep_bench_e2e kep_bench_scale kep_bench_xml kep_bench_heap \
+cmake --build "$build" -j2 --target kepHandle kepd dhcpd kepctl kep_bench_e2e kep_bench_scale kep_bench_xml kep_bench_heap \
     kep_bench_host >/dev/null
 # The gateway's benchmark needs libmicrohttpd and libcurl; the report says so when it is missing.
 cmake --build "$build" -j2 --target kep_bench_gateway >/dev/null 2>&1 ||
@@ -66,14 +66,15 @@ if command -v taskset >/dev/null && taskset -c 0 true 2>/dev/null; then
         --benchmark_enable_random_interleaving=true
     [ -x "$build/bench/kep_bench_gateway" ] &&
         run gateway gateway_one_cpu --benchmark_min_time=0.5 \
-            --benchmark_filter='^gateway/(host_path|http_floor|through_gateway)$' --benchmark_enable_random_interleaving=true
+            --benchmark_filter='^gateway/(host_path|http_floor|through_gateway|host_then_floor)$' --benchmark_enable_random_interleaving=true
     pin=
 fi
 # Repetitions of the paths interleaved at random: a stretch in which the scheduler
 # places the processes badly then weighs on every path alike, not on one of them.
 run e2e e2e --benchmark_min_time=0.5 --benchmark_enable_random_interleaving=true
 run scale scale --benchmark_min_time=0.3
-run host host --benchmark_min_time=0.3
+run host host --benchmark_min_time=0.3 --benchmark_filter='^host/(get_table|add|memory)/'
+run host monitor --benchmark_min_time=0.5 --benchmark_filter='^host/monitor/' --benchmark_enable_random_interleaving=true
 [ -x "$build/bench/kep_bench_gateway" ] &&
     run gateway gateway --benchmark_min_time=0.5 --benchmark_enable_random_interleaving=true
 run xml xml --benchmark_min_time=0.3
@@ -83,6 +84,28 @@ GLIBC_TUNABLES=glibc.malloc.trim_threshold=67108864:glibc.malloc.mmap_threshold=
     run xml xml_keepheap --benchmark_min_time=0.3 --benchmark_filter='^xml/(strXmlParse|mxml|pool_blocks)'
 GLIBC_TUNABLES=glibc.malloc.trim_threshold=67108864:glibc.malloc.mmap_threshold=67108864 \
     run scale scale_keepheap --benchmark_min_time=0.3 --benchmark_filter='(store/.*_tmpfs|file_floor/tmpfs)/sections:1000'
+
+# kepctl's whole-process cost against /bin/true, with kepd and dhcpd serving as shipped.
+if command -v hyperfine >/dev/null; then
+    echo "== kepctl ($(date -u +%H:%M:%S))"
+    cli=$(mktemp -d /tmp/kepcliXXXXXX)
+    sed "s|@CONFDIR@|$cli|" "$root/examples/dhcpd/dhcp.xml.in" >"$cli/dhcp.xml"
+    (
+        export KEP_RUNTIME_DIR=$cli/run
+        "$build/examples/dhcpd" "$cli/dhcp.xml" 2>"$cli/dhcpd.log" &
+        owner=$!
+        "$build/tools/kepd" -m "$cli/dhcp.xml" 2>"$cli/kepd.log" &
+        host=$!
+        for _ in $(seq 200); do "$build/tools/kepctl" -c get dhcp host >/dev/null 2>&1 && break; sleep 0.05; done
+        hyperfine -N --warmup 200 --runs 3000 --export-json "$results/kepctl.json" /bin/true \
+            "$build/tools/kepctl -c get dhcp host" >"$results/kepctl.log" 2>&1 || true
+        kill "$host" "$owner"
+        wait
+    )
+    rm -rf "$cli"
+else
+    echo "bench-report: hyperfine not installed: kepctl's cost per call is left out" >&2
+fi
 
 echo "== footprint"
 "$build/bench/kep_bench_heap" >"$results/heap.json"
