@@ -41,14 +41,16 @@ enum {
 };
 
 /* The state file, "kepd.state" beside the pid file: written by the host only, read by
- * clients (mapped) to see, without asking, which host runs and whether any
- * registration changed since they last looked. */
+ * clients (mapped) to see, without asking, which host runs, whether any registration
+ * changed since they last looked, and whether anybody watches the host's traffic. */
 #define KEP_HOST_STATE_FILE "kepd.state"
-#define KEP_HOST_STATE_MAGIC "KEPSTAT1"
+#define KEP_HOST_STATE_MAGIC "KEPSTAT2"
 typedef struct KepHostState {
     char magic[8];
     unsigned int pid;        /* the running host; 0 when none */
     unsigned int generation; /* changes with every registration and every host start */
+    unsigned int watchers;   /* monitors of the host's traffic (kepd.watch); one that has
+                                gone counts until the next request the host serves */
 } KepHostState;
 
 /* Path of the pid file, from KEPD_PIDFILE or the runtime folder. The text is static. */

@@ -344,15 +344,17 @@ int kepDirectOpen(void) {
     return rc;
 }
 
-int kepDirectRequest(const char *request, char **response) {
+int kepDirectRequestFor(const char *user, const char *request, char **response) {
     if (!response) return QXRPC_ERR_ARG;
     *response = NULL;
-    if (!__atomic_load_n(&gOpen, __ATOMIC_ACQUIRE) || !request) return kepHostRequest(request, response);
+    if (!__atomic_load_n(&gOpen, __ATOMIC_ACQUIRE) || !request ||
+        __atomic_load_n(&gState->watchers, __ATOMIC_ACQUIRE) != 0)
+        return kepHostRequestFor(user, request, response);
     if (stateGeneration() != __atomic_load_n(&gGeneration, __ATOMIC_RELAXED) ||
         stateHost() != __atomic_load_n(&gHost, __ATOMIC_RELAXED))
         refresh(0);
     int rc = serveHere(request, response);
-    if (rc == 1) return kepHostRequest(request, response);
+    if (rc == 1) return kepHostRequestFor(user, request, response);
     if (rc == 0 && *response) {
         const int code = responseCode(*response);
         if ((code == QXRPC_ERR_NO_PEER || code == QXRPC_ERR_NO_HANDLER) && repeatable(request)) {
@@ -360,10 +362,14 @@ int kepDirectRequest(const char *request, char **response) {
             *response = NULL;
             refresh(1);
             rc = serveHere(request, response);
-            if (rc == 1) return kepHostRequest(request, response);
+            if (rc == 1) return kepHostRequestFor(user, request, response);
         }
     }
     return rc;
+}
+
+int kepDirectRequest(const char *request, char **response) {
+    return kepDirectRequestFor(NULL, request, response);
 }
 
 unsigned kepDirectRefreshes(void) {

@@ -16,6 +16,7 @@
 
 #include "kep_host.h"
 #include "kepd.h"
+#include "runtime.h"
 
 enum {
     LINE_MAX_BYTES = 65536, /* a verbose line is cut here: one packet each */
@@ -72,7 +73,7 @@ int monitorWatch(const QxImiCaller *caller, const char *path, const char *module
         w->dropped = 0;
         w->modules[0] = '\0';
         if (modules && *modules) snprintf(w->modules, sizeof w->modules, ",%s,", modules);
-        __atomic_add_fetch(&gActive, 1, __ATOMIC_RELAXED);
+        runtimeWatchers(__atomic_add_fetch(&gActive, 1, __ATOMIC_RELAXED));
     }
     pthread_mutex_unlock(&gLock);
     if (!w) {
@@ -173,7 +174,7 @@ void monitorRequest(const QxImiCaller *caller, const char *user, const char *req
         } else {
             close(w->fd);
             w->fd = -1;
-            __atomic_sub_fetch(&gActive, 1, __ATOMIC_RELAXED);
+            runtimeWatchers(__atomic_sub_fetch(&gActive, 1, __ATOMIC_RELAXED));
         }
         line[base] = '\0';
     }

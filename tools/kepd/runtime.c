@@ -94,6 +94,7 @@ int runtimeStateOpen(const char *pidFile) {
     if (memcmp(gState->magic, KEP_HOST_STATE_MAGIC, sizeof gState->magic) == 0)
         last = __atomic_load_n(&gState->generation, __ATOMIC_RELAXED);
     memcpy(gState->magic, KEP_HOST_STATE_MAGIC, sizeof gState->magic);
+    __atomic_store_n(&gState->watchers, 0, __ATOMIC_RELEASE);
     __atomic_store_n(&gState->generation, last + 1, __ATOMIC_RELEASE);
     __atomic_store_n(&gState->pid, (unsigned)getpid(), __ATOMIC_RELEASE);
     return 0;
@@ -103,6 +104,10 @@ void runtimeBump(void) {
     if (gState) __atomic_add_fetch(&gState->generation, 1, __ATOMIC_ACQ_REL);
 }
 
+void runtimeWatchers(int count) {
+    if (gState) __atomic_store_n(&gState->watchers, (unsigned)count, __ATOMIC_RELEASE);
+}
+
 unsigned runtimeGeneration(void) {
     return gState ? __atomic_load_n(&gState->generation, __ATOMIC_ACQUIRE) : 0;
 }
@@ -110,6 +115,7 @@ unsigned runtimeGeneration(void) {
 void runtimeClose(void) {
     if (gState) {
         __atomic_store_n(&gState->pid, 0, __ATOMIC_RELEASE);
+        __atomic_store_n(&gState->watchers, 0, __ATOMIC_RELEASE);
         runtimeBump();
         munmap(gState, sizeof *gState);
         gState = NULL;

@@ -15,6 +15,8 @@ int runtimeWritePid(void);
 int runtimeStateOpen(const char *pidFile);
 /* A registration changed: the counter moves on. Thread-safe. */
 void runtimeBump(void);
+/* Publishes how many watch the host's traffic. */
+void runtimeWatchers(int count);
 /* The counter's current value. */
 unsigned runtimeGeneration(void);
 /* At exit: the state file says no host runs, the pid file goes. */
