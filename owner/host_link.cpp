@@ -26,7 +26,8 @@ volatile sig_atomic_t gStop;
 int gTrimWanted;
 bool gStarted;
 
-// The host the registrations went to, and the one whose refusal was last reported.
+// The host the registrations went to (read by the serving threads too), and the one
+// whose refusal was last reported.
 int gHostRegistered;
 int gHostReported;
 time_t gRetryAt;
@@ -134,7 +135,7 @@ void registerWithHost() {
     if (gHostRegistered > 0)
         fprintf(stderr, "kep owner: a new host runs (pid %d): registering again\n", host);
     if (sendRegistrations(host)) {
-        gHostRegistered = host;
+        __atomic_store_n(&gHostRegistered, host, __ATOMIC_RELAXED);
         return;
     }
     gHostReported = host;
@@ -142,6 +143,10 @@ void registerWithHost() {
 }
 
 }  // namespace
+
+int registeredHost() {
+    return __atomic_load_n(&gHostRegistered, __ATOMIC_RELAXED);
+}
 
 void notifyLater(const char *path) {
     pthread_mutex_lock(&gPendingLock);
@@ -210,7 +215,7 @@ void kepOwnerStop(void) {
     flushNotifications();
     if (gHostRegistered > 0 && kepHostPid() == gHostRegistered)
         kepHostRegister("unregister", nullptr, 0, nullptr);
-    gHostRegistered = 0;
+    __atomic_store_n(&gHostRegistered, 0, __ATOMIC_RELAXED);
     gStarted = false;
 }
 

@@ -97,6 +97,8 @@ void keepEmptyList(const Entry &e);
 
 // The RPC handlers of every entry; 0 or the first failure.
 int registerHandlers();
+// The host this owner registered with: its pid, or 0.
+int registeredHost();
 
 // Asks for the section's listeners to be told once the current call is answered.
 void notifyLater(const char *path);

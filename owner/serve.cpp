@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <json-c/json.h>
 
@@ -37,6 +38,16 @@ int recordFrom(const Entry &e, const char *section, json_object *base, json_obje
         if (json_object_object_add(base, key, json_object_get(value)) != 0) return KEP_OWNER_ERR_MEMORY;
     }
     return jsonToRecord(e, section, base, record) ? 0 : KEP_OWNER_ERR_INVALID;
+}
+
+// Who may change data, run actions, tell listeners or reset: this user, root and the
+// host the owner registered with. Members of the RPC group (a gateway reading over
+// the direct route) are admitted by the socket to the reads alone; their changes go
+// through the host, which checks and orders them.
+bool mayChange() {
+    QxImiCaller c;
+    if (qxImiCaller(&c) != 0) return false;
+    return c.uid == static_cast<int>(geteuid()) || c.uid == 0 || (c.pid > 0 && c.pid == registeredHost());
 }
 
 void changedAfterStore(const Entry &e, const char *path, const void *record) {
@@ -173,6 +184,7 @@ int onGet(QxRpcPara *set, void *user) {
 }
 
 int onSet(QxRpcPara *set, void *user) {
+    if (!mayChange()) return QXRPC_ERR_DENIED;
     const Entry &e = *static_cast<const Entry *>(user);
     const char *name = member(set, "name");
     bool bad = false;
@@ -200,6 +212,7 @@ int onSet(QxRpcPara *set, void *user) {
 }
 
 int onAdd(QxRpcPara *set, void *user) {
+    if (!mayChange()) return QXRPC_ERR_DENIED;
     const Entry &e = *static_cast<const Entry *>(user);
     const char *given = member(set, "name");
     bool bad = false;
@@ -238,6 +251,7 @@ int onAdd(QxRpcPara *set, void *user) {
 }
 
 int onDelete(QxRpcPara *set, void *user) {
+    if (!mayChange()) return QXRPC_ERR_DENIED;
     const Entry &e = *static_cast<const Entry *>(user);
     const char *name = member(set, "name");
     bool bad = false;
@@ -263,6 +277,7 @@ int onDelete(QxRpcPara *set, void *user) {
 }
 
 int onAction(QxRpcPara *set, void *user) {
+    if (!mayChange()) return QXRPC_ERR_DENIED;
     const Entry &e = *static_cast<const Entry *>(user);
     bool bad = false;
     JsonRef para(jsonMember(set, "para", &bad));
@@ -278,12 +293,14 @@ int onAction(QxRpcPara *set, void *user) {
 }
 
 int onNote(QxRpcPara *set, void *user) {
+    if (!mayChange()) return QXRPC_ERR_DENIED;
     const Entry &e = *static_cast<const Entry *>(user);
     e.listen(e.path, e.user);
     return answer(set, 0, nullptr);
 }
 
 int onReset(QxRpcPara *set, void *) {
+    if (!mayChange()) return QXRPC_ERR_DENIED;
     return answer(set, resetOwnedModules(), nullptr);
 }
 
