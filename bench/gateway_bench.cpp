@@ -4,7 +4,8 @@
 //   gateway/host_path       the request through the host alone (kepHostRequest), no HTTP
 //   gateway/http_floor      libmicrohttpd in a process of its own answering the same
 //                           response bytes from memory, configured as the gateway is
-//   gateway/through_gateway the same request through kepwebd to the host
+//   gateway/through_gateway the same request through kepwebd, which reads from the owner
+//                           over the direct route (the host's tree in its own process)
 //   gateway/host_then_floor the host path and the floor one after the other: what the two
 //                           hops cost together when nothing joins them, caches shared as
 //                           the gateway shares them
@@ -141,12 +142,14 @@ public:
         setenv("KEP_RUNTIME_DIR", (dir_ + "/run").c_str(), 1);
         std::string model = readText(std::string(KEP_SOURCE_DIR) + "/examples/dhcpd/dhcp.xml.in");
         for (size_t at; (at = model.find("@CONFDIR@")) != std::string::npos;) model.replace(at, 9, dir_);
-        std::string access;
+        std::string access, group;
         std::vector<std::string> runAs;
         if (geteuid() == 0) {
-            // As on the device: the gateway unprivileged, admitted by the host's access rule.
+            // As on the device: the gateway unprivileged, admitted by the host's access rule
+            // to requests and by the owner's RPC group to reads.
             const passwd *pw = getpwnam("nobody");
             if (!pw) return;
+            group = std::to_string(pw->pw_gid);
             mkdir((dir_ + "/run").c_str(), 0711);
             chmod((dir_ + "/run").c_str(), 0711);
             mkdir((dir_ + "/access.d").c_str(), 0755);
@@ -168,8 +171,9 @@ public:
             return;
         const std::string xml = dir_ + "/dhcp.xml", log = dir_ + "/log", webLog = dir_ + "/kepwebd.log";
         if (!owner_.start([] { return true; },
-                          [xml, log] {
+                          [xml, log, group] {
                               redirect(log);
+                              if (!group.empty()) setenv("KEP_RPC_GROUP", group.c_str(), 1);
                               execl(DHCPD_PATH, "dhcpd", xml.c_str(), static_cast<char *>(nullptr));
                               _exit(127);
                           }) ||

@@ -1,5 +1,6 @@
 // kepwebd: the HTTP gateway to the host. Logs users in, keeps their sessions, checks
-// each request against the user's rules and hands what passes to the host.
+// each request against the user's rules and hands what passes on: reads to the owners
+// over the direct route, everything else to the host.
 #include <crypt.h>
 #include <errno.h>
 #include <fcntl.h>

@@ -5,6 +5,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <stdarg.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -13,6 +14,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -21,6 +23,7 @@
 #include <json-c/json.h>
 #include <microhttpd.h>
 
+#include "kep_direct.h"
 #include "kep_error_meanings.h"
 #include "kep_host.h"
 #include "sessions.h"
@@ -38,6 +41,7 @@ namespace {
 
 constexpr size_t kSmallBody = 4096;   // what endpoints other than /api/request take
 constexpr int kConcurrentHashes = 2;  // a yescrypt check takes megabytes of memory
+constexpr int64_t kDirectRetryMs = 1000;
 
 int64_t monotonicMs() {
     timespec ts;
@@ -104,6 +108,7 @@ private:
     bool authorized(MHD_Connection *conn, Session *out, std::string *token);
     bool originAllowed(MHD_Connection *conn, std::string *origin);
     bool verifyPassword(const std::string &password, const std::string &hash);
+    int forward(const std::string &user, const std::string &request, bool changes, char **response);
 
     Config config_;
     Loaded loaded_;
@@ -111,6 +116,8 @@ private:
     std::mutex lock_;  // sessions_ and throttle_
     Sessions sessions_;
     Throttle throttle_;
+    std::atomic<bool> direct_{false};                  // the direct route is open
+    std::atomic<int64_t> directTried_{INT64_MIN / 2};  // its last try, monotonic ms
     std::mutex hashLock_;
     std::condition_variable hashFree_;
     int hashing_ = 0;
@@ -252,6 +259,23 @@ bool Server::verifyPassword(const std::string &password, const std::string &hash
     }
     hashFree_.notify_one();
     return ok;
+}
+
+// Reads are served in this process over the direct route: one hop to the owner instead
+// of two, with the host's tree and answers. What changes data goes through the host,
+// which orders it with every other client's writes and tells its watchers; reads go
+// there too while anybody watches, or while the route cannot be opened (no host yet).
+int Server::forward(const std::string &user, const std::string &request, bool changes, char **response) {
+    if (changes) return kepHostRequestFor(user.c_str(), request.c_str(), response);
+    if (!direct_.load(std::memory_order_acquire)) {
+        const int64_t now = monotonicMs();
+        int64_t last = directTried_.load(std::memory_order_relaxed);
+        // One thread tries, at most once a second: a host that is down costs one RPC a second.
+        if (now - last >= kDirectRetryMs && directTried_.compare_exchange_strong(last, now) &&
+            kepDirectOpen() == 0)
+            direct_.store(true, std::memory_order_release);
+    }
+    return kepDirectRequestFor(user.c_str(), request.c_str(), response);
 }
 
 MHD_Result Server::first(MHD_Connection *conn, Pending *p, const char *url, const char *method) {
@@ -472,8 +496,8 @@ MHD_Result Server::request(MHD_Connection *conn, Pending *p) {
         return sendError(conn, p, 403, c.reason.c_str());
     }
     char *response = nullptr;
-    const int rc = kepHostRequestFor(s.user.c_str(), p->body.c_str(), &response);
     const bool changes = permissionOfMethod(c.method) != kRead;
+    const int rc = forward(s.user, p->body, changes, &response);
     if (rc != 0 || !response) {
         free(response);
         audit("host unreachable (%d): user=%s addr=%s method=%s modules=%s", rc, s.user.c_str(),
@@ -577,7 +601,11 @@ bool Server::start() {
         config_.timeoutSeconds, MHD_OPTION_CONNECTION_MEMORY_LIMIT, config_.connectionMemory,
         MHD_OPTION_THREAD_STACK_SIZE, static_cast<size_t>(512 * 1024), MHD_OPTION_NOTIFY_COMPLETED,
         &Server::onCompleted, this, MHD_OPTION_STRICT_FOR_CLIENT, 1, MHD_OPTION_ARRAY, tls, MHD_OPTION_END);
-    return daemon_ != nullptr;
+    if (!daemon_) return false;
+    // Taken now rather than by the first read; without a host yet, by a later one.
+    directTried_.store(monotonicMs());
+    direct_.store(kepDirectOpen() == 0);
+    return true;
 }
 
 bool tlsAvailable() {

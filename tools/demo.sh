@@ -25,10 +25,13 @@ trap cleanup EXIT
 
 # The HTTP gateway runs unprivileged: started as root it becomes nobody, passes through
 # the runtime folder to kepd's socket, and a kepd access rule lets its group send
-# requests. The owners' sockets stay their own user's.
+# requests. It reads from the owners directly: their sockets admit its group
+# (KEP_RPC_GROUP), and the owners let that group read and nothing else.
 kepd_access=()
 web_user=()
+owner_env=()
 if [ "$(id -u)" -eq 0 ] && id nobody >/dev/null 2>&1; then
+    owner_env=(KEP_RPC_GROUP="$(id -g nobody)")
     chmod 711 "$work"
     mkdir -m 711 "$KEP_RUNTIME_DIR"
     mkdir "$work/access.d"
@@ -72,9 +75,9 @@ step() {
 # Owners first: each loads its module's file, writing defaults when there is none,
 # then waits for the host to register with it. The waits end as soon as all are up;
 # their bound (20 s) only matters on a heavily loaded machine.
-${KEP_RUN:-} "$bin/examples/dhcpd" "$work/dhcp.xml" 2>"$work/dhcpd.log" & pids+=($!)
+env "${owner_env[@]}" ${KEP_RUN:-} "$bin/examples/dhcpd" "$work/dhcp.xml" 2>"$work/dhcpd.log" & pids+=($!)
 dhcpd=$!
-${KEP_RUN:-} "$bin/examples/sysd" "$work/system.xml" >"$work/sysd.out" 2>"$work/sysd.log" & pids+=($!)
+env "${owner_env[@]}" ${KEP_RUN:-} "$bin/examples/sysd" "$work/system.xml" >"$work/sysd.out" 2>"$work/sysd.log" & pids+=($!)
 for _ in $(seq 400); do [ -f "$work/dhcp.json" ] && [ -f "$work/system.json" ] && break; sleep 0.05; done
 ${KEP_RUN:-} "$bin/tools/kepd" -m "$work/dhcp.xml" -m "$work/system.xml" "${kepd_access[@]}" 2>"$work/kepd.log" & pids+=($!)
 for _ in $(seq 400); do

@@ -107,7 +107,7 @@ test_all() {
     build build-asan -DKEP_SANITIZE=address,undefined -DKEP_BUILD_TOOLS=OFF
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 run_ctest build-asan -E '^abi\.'
     echo "== AddressSanitizer + UndefinedBehaviorSanitizer: the gateway across real processes"
-    TARGETS="gateway_test gateway_policy_test kepwebd kepd dhcpd sysd" \
+    TARGETS="gateway_test gateway_policy_test kepwebd kepd kepctl dhcpd sysd" \
         build build-asan-gw -DKEP_SANITIZE=address,undefined -DKEP_BUILD_TOOLS=ON
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 run_ctest build-asan-gw -R '^Gateway'
     echo "== ThreadSanitizer (threaded tests; the host and owners run under it too)"

@@ -1,7 +1,8 @@
 // kepwebd across real processes: the host daemon, the example owners dhcpd and sysd,
 // and the gateway, driven over HTTP with libcurl and, for what no well-behaved client
-// sends, over a plain socket. As root the gateway runs as "nobody" and reaches the host
-// through the RPC's group, as on the device.
+// sends, over a plain socket. As root the gateway runs as "nobody", as on the device:
+// a host access rule lets its group send requests, and the owners admit the group
+// (KEP_RPC_GROUP) to their reads.
 #include <arpa/inet.h>
 #include <crypt.h>
 #include <curl/curl.h>
@@ -84,7 +85,7 @@ protected:
         dir_ = systemTestFolder("/tmp/kw");
         ASSERT_FALSE(dir_.empty());
         // The unprivileged gateway passes through to the runtime folder and reaches the
-        // host's socket, which the host's access rules guard; the owners' stay private.
+        // host's socket, which the host's access rules guard, and the owners' for reads.
         chmod(dir_.c_str(), 0711);
         std::filesystem::create_directory(dir_ + "/run");
         chmod((dir_ + "/run").c_str(), 0711);
@@ -107,8 +108,11 @@ protected:
         writeText(dir_ + "/www/index.html", "<!doctype html><title>router</title>\n");
         writeText(dir_ + "/www/js/app.js", "console.log(1);\n");
         writeText(dir_ + "/outside.txt", "secret outside the web root\n");
+        if (!runAs_.empty())
+            setenv("KEP_RPC_GROUP", std::to_string(getpwnam(runAs_.c_str())->pw_gid).c_str(), 1);
         dhcpd_ = spawn({DHCPD_PATH, dir_ + "/dhcp.xml"}, dir_ + "/dhcpd.log");
         sysd_ = spawn({SYSD_PATH, dir_ + "/system.xml"}, dir_ + "/sysd.log");
+        unsetenv("KEP_RPC_GROUP");  // for the owners alone
         startHost();
         ASSERT_TRUE(waitServed());
     }
@@ -363,9 +367,9 @@ TEST_F(Gateway, RequestsPassThroughUnchanged) {
     EXPECT_EQ(audit.find("method=get"), std::string::npos);
 }
 
-// The gateway's user reaches the host, whose access rule admits its group, and no owner:
-// every request it relays is the host's to check.
-TEST_F(Gateway, ItsUserReachesTheHostAndNoOwner) {
+// The gateway's user reaches the host, whose access rule admits its group, and reads
+// from the owners directly; every change it relays is the host's to check.
+TEST_F(Gateway, ItsUserReadsFromOwnersAndChangesOnlyThroughTheHost) {
     if (runAs_.empty()) GTEST_SKIP() << "the gateway runs as this user";
     const passwd *pw = getpwnam(runAs_.c_str());
     ASSERT_NE(pw, nullptr);
@@ -377,14 +381,47 @@ TEST_F(Gateway, ItsUserReachesTheHostAndNoOwner) {
             if (setgroups(0, nullptr) != 0 || setgid(gid) != 0 || setuid(uid) != 0) _exit(99);
             QxRpcPara set;
             qxrpcParaInit(&set);
-            const int rc = qxImiExecute(callee, handler, 0, 0, &set);
+            int rc = qxrpcAddStringPtr(&set, "para", R"({"leaseMinutes":1})");
+            if (rc == 0) rc = qxImiExecute(callee, handler, 0, 0, &set);
             qxrpcParaFree(&set);
-            _exit(rc == 0 ? 0 : 1);
+            _exit(rc == 0 ? 0 : rc == QXRPC_ERR_DENIED ? 2 : 1);
         }
         return reap(child, 10000);
     };
+    const std::string lan = hostRequest(R"({"method":"get","dhcp":{"name":"lan"}})");
     EXPECT_EQ(callAs(kepd_, "kepd.ping"), 0);
-    EXPECT_EQ(callAs(dhcpd_, "/dhcp/host:get"), 1);
+    EXPECT_EQ(callAs(dhcpd_, "/dhcp/host:get"), 0);
+    EXPECT_EQ(callAs(dhcpd_, "/dhcp/pool/lan:get"), 0);
+    const std::pair<pid_t, const char *> changes[] = {
+        {dhcpd_, "/dhcp/pool/lan:set"}, {dhcpd_, "/dhcp/host:add"},     {dhcpd_, "/dhcp/host:delete"},
+        {dhcpd_, "/dhcp/restart:do"},   {sysd_, "/dhcp/pool/lan:note"}, {dhcpd_, "kep.reset"}};
+    for (const auto &change : changes) EXPECT_EQ(callAs(change.first, change.second), 2) << change.second;
+    EXPECT_EQ(hostRequest(R"({"method":"get","dhcp":{"name":"lan"}})"), lan);
+}
+
+// Reads over the direct route answer what the host answers, follow every change, and
+// show in the host's monitor while anybody watches.
+TEST_F(Gateway, ReadsFollowChangesAndShowWhileWatched) {
+    ASSERT_TRUE(startGateway());
+    const std::string t = token("admin");
+    const std::string read = R"({"method":"get","dhcp":{"name":"lan"}})";
+    ASSERT_EQ(request(t, R"({"method":"set","dhcp":{"lan":{"leaseMinutes":333}}})").body,
+              R"({"error_code":0})");
+    const Reply after = request(t, read);
+    EXPECT_NE(after.body.find("\"leaseMinutes\":333"), std::string::npos) << after.body;
+    EXPECT_EQ(after.body, hostRequest(read));
+
+    const pid_t watcher = spawn({KEPCTL_PATH, "monitor", "dhcp"}, dir_ + "/monitor.log");
+    auto until = Clock::now() + std::chrono::milliseconds(10000 * kSlow);
+    std::string seen;
+    while (Clock::now() < until && seen.find("user admin get dhcp") == std::string::npos) {
+        request(t, read);  // before the watcher is in, answered directly and not shown
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        seen = readText(dir_ + "/monitor.log");
+    }
+    kill(watcher, SIGTERM);
+    reap(watcher, 3000);
+    EXPECT_NE(seen.find("user admin get dhcp error_code 0"), std::string::npos) << seen;
 }
 
 TEST_F(Gateway, RulesRefuseWholeRequestsPerRoleAndMethod) {

@@ -33,10 +33,11 @@ class System:
         self.env = dict(os.environ, KEP_RUNTIME_DIR=self.dir + '/run', KEP_IMI_TIMEOUT_MS='2000')
         self.run_as = []
         self.access = []
+        self.owner_env = self.env
 
-    def _spawn(self, argv, log):
+    def _spawn(self, argv, log, env=None):
         with open(os.path.join(self.dir, log), 'wb') as out:
-            p = subprocess.Popen(argv, stdout=out, stderr=subprocess.STDOUT, env=self.env)
+            p = subprocess.Popen(argv, stdout=out, stderr=subprocess.STDOUT, env=env or self.env)
         self.procs.append(p)
         return p
 
@@ -55,6 +56,8 @@ class System:
                 f.write('{"group": %d, "send": true}' % nobody.pw_gid)
             self.access = ['-a', self.dir + '/access.d']
             self.run_as = ['-U', 'nobody']
+            # The gateway reads from the owners directly; they admit its group to reads.
+            self.owner_env = dict(self.env, KEP_RPC_GROUP=str(nobody.pw_gid))
         models = []
         for program, example in OWNERS:
             with open(os.path.join(self.source, 'examples', example + '.xml.in')) as f:
@@ -63,7 +66,8 @@ class System:
             with open(model, 'w') as f:
                 f.write(text)
             models += ['-m', model]
-            self._spawn([os.path.join(self.build, 'examples', program), model], program + '.log')
+            self._spawn([os.path.join(self.build, 'examples', program), model], program + '.log',
+                        self.owner_env)
         self._spawn([self.build + '/tools/kepd', *models, *self.access], 'kepd.log')
         deadline = time.monotonic() + 20
         while time.monotonic() < deadline:
