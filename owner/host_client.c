@@ -112,6 +112,32 @@ int kepHostRequestFor(const char *user, const char *request, char **response) {
     return hostRequest(user, request, response, NULL);
 }
 
+int kepHostApply(const char *user, const char *changes, int confirmSeconds, char **answer) {
+    QxRpcPara set;
+    int rc, answered;
+    *answer = NULL;
+    qxrpcParaInit(&set);
+    rc = qxrpcAddStringPtr(&set, "para", changes);
+    if (rc == 0 && confirmSeconds) rc = qxrpcAddInt(&set, "confirm", confirmSeconds);
+    if (rc == 0 && user && *user) rc = qxrpcAddStringPtr(&set, "user", user);
+    if (rc == 0) rc = call("kepd.apply", &set, &answered);
+    if (rc == 0) rc = fetchResult(&set, answer);
+    qxrpcParaFree(&set);
+    return rc;
+}
+
+int kepHostChangeset(const char *handler, const char *user, char **answer) {
+    QxRpcPara set;
+    int rc = 0, answered;
+    *answer = NULL;
+    qxrpcParaInit(&set);
+    if (user && *user) rc = qxrpcAddStringPtr(&set, "user", user);
+    if (rc == 0) rc = call(handler, &set, &answered);
+    if (rc == 0) rc = fetchResult(&set, answer);
+    qxrpcParaFree(&set);
+    return rc;
+}
+
 int kepHostRegister(const char *op, const char *path, int index, const char *cb) {
     QxRpcPara set;
     int rc, answered;

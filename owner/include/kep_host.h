@@ -18,6 +18,18 @@
  *   "kepd.reset"     out "errorCode": first failure of the owners' reset callbacks (its
  *                    owner's code or the RPC's), with "cause" naming that owner
  *   "kepd.ping"      out "errorCode" 0: the host is up
+ *   "kepd.apply"     in "para": a change set (a request object, or an array of them), "confirm"
+ *                    (int seconds, 0 or absent: none), "user" (as for "kepd.request")
+ *                    out "errorCode", "result": the answer, always with "error_code":
+ *                    applied: "responses" (each request's), and "pending" {"id", "expires",
+ *                    "seconds"} with a confirm window; a request failed: "failed" (its
+ *                    index), "response" (its response), "restored" {MODULE: "restored" or
+ *                    why not}; refused before anything ran: "error" (why)
+ *   "kepd.confirm"   in "user"   out "errorCode", "result": {"error_code", "confirmed": id}
+ *   "kepd.cancel"    in "user"   out "errorCode", "result": {"error_code", "restored"}
+ *   "kepd.pending"   out "errorCode", "result": {"error_code": 0, "pending": {"id", "state",
+ *                    "uid", "pid", "user", "modules", "expires", "seconds_left"}} while
+ *                    a change set lives
  *   "kepd.watch"     in "path" (a SOCK_SEQPACKET socket the caller itself listens on),
  *                    "modules" (comma-separated; absent for all), "verbose" (int)  out "errorCode"
  *                    The host connects to path and sends one packet per request served:
@@ -37,7 +49,13 @@ extern "C" {
 enum {
     KEP_HOST_ERR_DENIED = -30001, /* no access rule lets the caller do it */
     KEP_HOST_ERR_TAKEN = -30002,  /* another running process serves that slot or action */
-    KEP_HOST_ERR_LIMIT = -30003   /* the caller holds as many registrations as it may */
+    KEP_HOST_ERR_LIMIT = -30003,  /* the caller holds as many registrations as it may */
+    KEP_HOST_ERR_PENDING = -30004, /* a change set on those modules waits for a confirm, or is being
+                                      applied or undone */
+    KEP_HOST_ERR_UNDOABLE = -30005,    /* the change set cannot be applied as one: it names what cannot be
+                                          undone (an action, a dynamic table) or read first; or a module
+                                          could not be put back */
+    KEP_HOST_ERR_NO_CHANGESET = -30006 /* no change set waits for a confirm */
 };
 
 /* The state file, "kepd.state" beside the pid file: written by the host only, read by
@@ -51,6 +69,8 @@ typedef struct KepHostState {
     unsigned int generation; /* changes with every registration and every host start */
     unsigned int watchers;   /* monitors of the host's traffic (kepd.watch); one that has
                                 gone counts until the next request the host serves */
+    unsigned int changeset;  /* nonzero while a change set is applied, pending or undone:
+                                its writes are the host's to refuse, so ask the host */
 } KepHostState;
 
 /* Path of the pid file, from KEPD_PIDFILE or the runtime folder. The text is static. */
@@ -67,6 +87,13 @@ int kepHostRequestEx(const char *request, char **response, char **cause);
  * caller's pid to whoever watches its traffic, and trusts it for nothing else. NULL or
  * "": nobody but the caller. */
 int kepHostRequestFor(const char *user, const char *request, char **response);
+/* Applies a change set ("kepd.apply"): changes is one request text or a JSON array of
+ * them, confirmSeconds 0 for no confirm window, user as for kepHostRequestFor.
+ * *answer: the host's answer text, malloc'd. 0, or the RPC's code. */
+int kepHostApply(const char *user, const char *changes, int confirmSeconds, char **answer);
+/* "kepd.confirm", "kepd.cancel" or "kepd.pending" for user (NULL: the caller alone);
+ * *answer as for kepHostApply. */
+int kepHostChangeset(const char *handler, const char *user, char **answer);
 /* One registration for this process; 0 or the host's/RPC's nonzero code. */
 int kepHostRegister(const char *op, const char *path, int index, const char *cb);
 /* Asks the host to tell the section's notify callbacks that its data changed. */

@@ -348,7 +348,8 @@ int kepDirectRequestFor(const char *user, const char *request, char **response) 
     if (!response) return QXRPC_ERR_ARG;
     *response = NULL;
     if (!__atomic_load_n(&gOpen, __ATOMIC_ACQUIRE) || !request ||
-        __atomic_load_n(&gState->watchers, __ATOMIC_ACQUIRE) != 0)
+        __atomic_load_n(&gState->watchers, __ATOMIC_ACQUIRE) != 0 ||
+        __atomic_load_n(&gState->changeset, __ATOMIC_ACQUIRE) != 0)
         return kepHostRequestFor(user, request, response);
     if (stateGeneration() != __atomic_load_n(&gGeneration, __ATOMIC_RELAXED) ||
         stateHost() != __atomic_load_n(&gHost, __ATOMIC_RELAXED))

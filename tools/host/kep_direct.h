@@ -13,7 +13,8 @@
  * or the copy cannot be taken, requests go through the host instead.
  *
  * While anybody watches the host's traffic (kepctl monitor), requests go through the
- * host, so that the watchers see them too; the check is one load from the state file.
+ * host, so that the watchers see them too; so they do while a change set lives, whose
+ * modules the host keeps from other writes. Each check is one load from the state file.
  *
  * This process's own tree (getModulerRoot) holds the copy: a process that uses the
  * direct route must not build or register a tree of its own. Thread-safe: requests

@@ -32,6 +32,9 @@
     X(KEP_HOST_ERR_DENIED, "no access rule of the host lets this user do it")                          \
     X(KEP_HOST_ERR_TAKEN, "another running process serves it")                                         \
     X(KEP_HOST_ERR_LIMIT, "the host's limit was reached")                                              \
+    X(KEP_HOST_ERR_PENDING, "a change set on those modules is not finished: confirm or cancel it")     \
+    X(KEP_HOST_ERR_UNDOABLE, "the change set cannot be applied as one (nothing changed), or not undone")\
+    X(KEP_HOST_ERR_NO_CHANGESET, "no change set waits for a confirm")                                  \
     X(KEP_OWNER_ERR_INVALID, "the owner cannot take that value (unknown member, wrong type, too long)") \
     X(KEP_OWNER_ERR_NOT_FOUND, "the owner has no such section")                                        \
     X(KEP_OWNER_ERR_STORE, "the owner could not write its configuration file")                         \

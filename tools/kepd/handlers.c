@@ -11,6 +11,7 @@
 #include <json-c/json.h>
 
 #include "access.h"
+#include "changeset.h"
 #include "kepHandle.h"
 #include "kep_host.h"
 #include "kep_platform.h"
@@ -93,7 +94,9 @@ static int onRequest(QxRpcPara *set, void *user) {
     const int watched = monitorActive();
     struct timespec start = {0, 0}, end;
     if (watched) clock_gettime(CLOCK_MONOTONIC, &start);
-    int rc = treeRequest(request, &response);
+    /* A write to the modules of a change set that is not finished is refused whole. */
+    response = changesetGuard(request);
+    int rc = response ? 0 : treeRequest(request, &response);
     if (rc != 0 && !response) makeErrorRspObj(rc, &response);
     const char *text = response ? response : "{\"error_code\":-1}";
     answer(set, 0, text);
@@ -270,6 +273,14 @@ static int onReset(QxRpcPara *set, void *user) {
     static pthread_mutex_t resetLock = PTHREAD_MUTEX_INITIALIZER;
     (void)user;
     if (!accessMayReset(&c)) return denied(set, &c, "a factory reset");
+    char *refused = changesetGuardAll();
+    if (refused) {
+        kepdLog("refused a factory reset from pid %d: a change set is not finished", c.pid);
+        answer(set, KEP_HOST_ERR_PENDING, NULL);
+        qxrpcAddStringPtr(set, "cause", refused);
+        free(refused);
+        return 0;
+    }
     pthread_mutex_lock(&resetLock);
     int n = registryResetters(pids, cbs, KEPD_MAX_OWNERS);
     for (int i = 0; i < n; i++) {
@@ -311,6 +322,54 @@ static int onWatch(QxRpcPara *set, void *user) {
     return answer(set, monitorWatch(&c, member(set, "path"), member(set, "modules"), verbose), NULL);
 }
 
+/* ---- change sets (changeset.h) ---- */
+
+static int onApply(QxRpcPara *set, void *user) {
+    QxImiCaller c = caller();
+    int confirm = 0;
+    char *result = NULL;
+    (void)user;
+    if (!accessMaySend(&c)) return denied(set, &c, "a change set");
+    qxrpcGetInt(set, "confirm", &confirm);
+    changesetApply(&c, member(set, "user"), member(set, "para"), confirm, &result);
+    answer(set, result ? 0 : -1, result);
+    free(result);
+    return 0;
+}
+
+static int onConfirm(QxRpcPara *set, void *user) {
+    QxImiCaller c = caller();
+    char *result = NULL;
+    (void)user;
+    if (!accessMaySend(&c)) return denied(set, &c, "a confirm");
+    changesetConfirm(&c, member(set, "user"), &result);
+    answer(set, result ? 0 : -1, result);
+    free(result);
+    return 0;
+}
+
+static int onCancel(QxRpcPara *set, void *user) {
+    QxImiCaller c = caller();
+    char *result = NULL;
+    (void)user;
+    if (!accessMaySend(&c)) return denied(set, &c, "a cancel");
+    changesetCancel(&c, member(set, "user"), &result);
+    answer(set, result ? 0 : -1, result);
+    free(result);
+    return 0;
+}
+
+static int onPending(QxRpcPara *set, void *user) {
+    QxImiCaller c = caller();
+    char *result = NULL;
+    (void)user;
+    if (!accessMaySend(&c)) return denied(set, &c, "the pending change set");
+    changesetPending(&result);
+    answer(set, result ? 0 : -1, result);
+    free(result);
+    return 0;
+}
+
 static int onPing(QxRpcPara *set, void *user) {
     (void)user;
     return answer(set, 0, NULL);
@@ -321,7 +380,11 @@ int handlersRegister(void) {
                    qxImiRegister("kepd.register", onRegister, NULL) ||
                    qxImiRegister("kepd.notify", onNotify, NULL) || qxImiRegister("kepd.dump", onDump, NULL) ||
                    qxImiRegister("kepd.tree", onTree, NULL) || qxImiRegister("kepd.reset", onReset, NULL) ||
-                   qxImiRegister("kepd.ping", onPing, NULL) || qxImiRegister("kepd.watch", onWatch, NULL)
+                   qxImiRegister("kepd.ping", onPing, NULL) || qxImiRegister("kepd.watch", onWatch, NULL) ||
+                   qxImiRegister("kepd.apply", onApply, NULL) ||
+                   qxImiRegister("kepd.confirm", onConfirm, NULL) ||
+                   qxImiRegister("kepd.cancel", onCancel, NULL) ||
+                   qxImiRegister("kepd.pending", onPending, NULL)
                ? -1
                : 0;
 }

@@ -19,6 +19,7 @@
 #include <unistd.h>
 
 #include "access.h"
+#include "changeset.h"
 #include "handlers.h"
 #include "kepHandle.h"
 #include "kep_host.h"
@@ -30,7 +31,7 @@
 #include "tree.h"
 
 #define DEFAULT_ACCESS_DIR "/etc/kep/access.d"
-#define OPTIONS "m:p:r:a:t:n:fh"
+#define OPTIONS "m:p:r:a:s:t:n:fh"
 
 static const struct option kLongOptions[] = {{"help", no_argument, NULL, 'h'}, {NULL, 0, NULL, 0}};
 
@@ -80,7 +81,7 @@ static void onSignal(int sig) {
 
 static void usage(FILE *out) {
     fprintf(out,
-            "usage: kepd [-m MODEL.xml]... [-p PIDFILE] [-r DIR] [-a DIR] [-t N] [-n N] [-f]\n"
+            "usage: kepd [-m MODEL.xml]... [-p PIDFILE] [-r DIR] [-a DIR] [-s DIR] [-t N] [-n N] [-f]\n"
             "       kepd -h | --help\n"
             "  Loads the model description compiled into the library, merges every -m file,\n"
             "  reads the modules' configuration files and serves requests until SIGTERM.\n"
@@ -90,6 +91,8 @@ static void usage(FILE *out) {
             "            $XDG_RUNTIME_DIR/kep, else /tmp/kep-<uid>)\n"
             "  -a DIR    access rules, one JSON file per package (default " DEFAULT_ACCESS_DIR
             " when it exists)\n"
+            "  -s DIR    where a change set's record is kept until it is finished (persistent\n"
+            "            storage; default: the folder of the first module's configuration file)\n"
             "  -t N      requests served at once (default %d)\n"
             "  -n N      registrations one owner process may hold (default %d)\n"
             "  -f        log on standard error whatever it is\n"
@@ -130,7 +133,7 @@ static void loadListSections(void) {
 }
 
 int main(int argc, char **argv) {
-    const char *pidFile = NULL, *accessDir = NULL;
+    const char *pidFile = NULL, *accessDir = NULL, *stateDir = NULL;
     int threads = KEPD_DEFAULT_THREADS, limit = KEPD_DEFAULT_REGISTRATIONS, foreground = 0, opt;
     char runDir[256];
 
@@ -146,6 +149,9 @@ int main(int argc, char **argv) {
                 break;
             case 'a':
                 accessDir = optarg;
+                break;
+            case 's':
+                stateDir = optarg;
                 break;
             case 't':
                 if (positive(optarg, &threads) != 0) {
@@ -195,6 +201,9 @@ int main(int argc, char **argv) {
     }
     loadListSections();
     if (treeInit() != 0) return notStarted("not started: no memory for the tree");
+    /* Before anything is served: a change set a stopped host left keeps its modules
+     * from other writes until it is undone. */
+    if (changesetInit(stateDir) != 0) return notStarted("not started: the change sets' folder");
 
     struct sigaction sa;
     memset(&sa, 0, sizeof sa);
@@ -216,6 +225,7 @@ int main(int argc, char **argv) {
         qxImiStopServer();
         return notStarted("not started");
     }
+    runtimeChangeset(changesetLives());
     kepdLog("serving as pid %d with %d modules, up to %d requests at once", (int)getpid(), getModuleSize(),
             threads);
     /* Clients reach the host from here on: the socket listens and the pid file names it. */
@@ -232,7 +242,8 @@ int main(int argc, char **argv) {
         fds[0].events = POLLIN;
         fds[0].revents = 0;
         int n = 1 + registryWatchFds(fds + 1, KEPD_MAX_OWNERS);
-        int ready = poll(fds, (nfds_t)n, 1000);
+        int wait = changesetTick();
+        int ready = poll(fds, (nfds_t)n, wait >= 0 && wait < 1000 ? wait : 1000);
         if (ready < 0 && errno != EINTR) break;
         if (fds[0].revents) break;
         registryPrune();

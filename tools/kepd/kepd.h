@@ -4,8 +4,9 @@
  * Threading model: requests are served by the RPC's background threads, several at
  * once (-t). A request read-locks the modules it names; a registration write-locks
  * the one module it changes, so requests for other modules never wait for it. The
- * main thread handles signals and notices owners that are gone; one more thread runs
- * the notifications owners ask for, so that a slow listener holds up neither.
+ * main thread handles signals, notices owners that are gone and ends change sets whose
+ * confirm window passed; one more thread runs the notifications owners ask for, so
+ * that a slow listener holds up neither; a change set runs on a thread of its own.
  */
 #ifndef KEPD_H
 #define KEPD_H

@@ -95,6 +95,7 @@ int runtimeStateOpen(const char *pidFile) {
         last = __atomic_load_n(&gState->generation, __ATOMIC_RELAXED);
     memcpy(gState->magic, KEP_HOST_STATE_MAGIC, sizeof gState->magic);
     __atomic_store_n(&gState->watchers, 0, __ATOMIC_RELEASE);
+    __atomic_store_n(&gState->changeset, 0, __ATOMIC_RELEASE);
     __atomic_store_n(&gState->generation, last + 1, __ATOMIC_RELEASE);
     __atomic_store_n(&gState->pid, (unsigned)getpid(), __ATOMIC_RELEASE);
     return 0;
@@ -106,6 +107,10 @@ void runtimeBump(void) {
 
 void runtimeWatchers(int count) {
     if (gState) __atomic_store_n(&gState->watchers, (unsigned)count, __ATOMIC_RELEASE);
+}
+
+void runtimeChangeset(int on) {
+    if (gState) __atomic_store_n(&gState->changeset, on ? 1u : 0u, __ATOMIC_RELEASE);
 }
 
 unsigned runtimeGeneration(void) {

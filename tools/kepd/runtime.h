@@ -17,6 +17,8 @@ int runtimeStateOpen(const char *pidFile);
 void runtimeBump(void);
 /* Publishes how many watch the host's traffic. */
 void runtimeWatchers(int count);
+/* Publishes whether a change set lives (see KepHostState). */
+void runtimeChangeset(int on);
 /* The counter's current value. */
 unsigned runtimeGeneration(void);
 /* At exit: the state file says no host runs, the pid file goes. */
