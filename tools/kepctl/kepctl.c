@@ -17,6 +17,10 @@
 #include "kep_pf_rpc.h"
 #include "kepctl.h"
 
+/* How long apply and cancel wait for the host unless -w says: a change set's reads,
+ * writes and undo take many owner calls. */
+#define APPLY_WAIT_MS 120000
+
 /* The host takes a request text of up to 16 MiB: reading less would refuse what it serves. */
 #define REQUEST_LIMIT ((size_t)16 << 20)
 
@@ -51,6 +55,14 @@ static const char *const kHelp[][2] = {
      "kepctl [-v] monitor [MODULE,...]   a line per request the host serves: time, caller pid and\n"
      "                                   uid, method, modules, error_code, time taken; with -v the\n"
      "                                   request and response texts too; Ctrl-C ends\n"},
+    {"apply",
+     "kepctl apply [--confirm [SECONDS]] FILE|-   apply a change set (a request, or a JSON array of\n"
+     "                     them) as one: when a request fails, what the others changed is undone;\n"
+     "                     with --confirm (60 s by default) it is undone unless confirmed in time\n"},
+    {"confirm", "kepctl confirm   keep the change set this user applied with --confirm\n"},
+    {"cancel", "kepctl cancel    undo the change set this user applied with --confirm, now\n"},
+    {"pending",
+     "kepctl pending   the change set that waits for a confirm, if any: whose, on what, until when\n"},
     {"dump", "kepctl dump    print the host's data module tree\n"},
     {"reset", "kepctl reset   factory reset: every module's configuration back to defaults\n"},
 };
@@ -367,7 +379,7 @@ static int fetch(const char *cmd) {
 }
 
 int main(int argc, char **argv) {
-    int i = 1;
+    int i = 1, waitGiven = 0;
     /* The host gives up on a silent owner after its own time-out (the same setting);
      * waiting well beyond it lets the host answer first, with the owner's failure,
      * rather than this client giving up on a request whose outcome the host knows.
@@ -385,6 +397,7 @@ int main(int argc, char **argv) {
                 return EXIT_USAGE;
             }
             gWaitMs = seconds * 1000 < 1 ? 1 : (int)(seconds * 1000);
+            waitGiven = 1;
             i++;
         } else if (strcmp(argv[i], "-h") == 0 || strcmp(argv[i], "--help") == 0) {
             usage(stdout);
@@ -419,6 +432,25 @@ int main(int argc, char **argv) {
             return EXIT_USAGE;
         }
         return kepctlMonitor(i < argc ? argv[i] : NULL, gVerbose);
+    }
+    if (strcmp(cmd, "apply") == 0) {
+        /* A change set may run long (its reads, writes and undo): it finishes in the host
+         * whether or not this client still waits. */
+        if (!waitGiven && gWaitMs < APPLY_WAIT_MS) qxImiSetTimeout(gWaitMs = APPLY_WAIT_MS);
+        int status = kepctlApply(argc - i, argv + i, gCompact);
+        if (status < 0) {
+            fputs(help, stderr);
+            return EXIT_USAGE;
+        }
+        return status;
+    }
+    if (strcmp(cmd, "confirm") == 0 || strcmp(cmd, "cancel") == 0 || strcmp(cmd, "pending") == 0) {
+        if (i != argc) {
+            fputs(help, stderr);
+            return EXIT_USAGE;
+        }
+        if (cmd[1] == 'a' && !waitGiven && gWaitMs < APPLY_WAIT_MS) qxImiSetTimeout(gWaitMs = APPLY_WAIT_MS);
+        return kepctlChangeset(cmd, gCompact);
     }
     if (strcmp(cmd, "import") == 0) {
         if (i + 1 != argc) {

@@ -24,6 +24,11 @@ char *kepctlReadAll(FILE *in, const char *where, size_t limit);
  * (comma-separated; NULL for all), with the texts when verbose. */
 int kepctlMonitor(const char *modules, int verbose);
 
+/* apply ARGS (the words after "apply"): a change set; -1 for a usage error. */
+int kepctlApply(int argc, char **argv, int compact);
+/* confirm, cancel or pending. */
+int kepctlChangeset(const char *cmd, int compact);
+
 /* Backup and restore of every stored table and section, through the owners. */
 int kepctlExport(int compact);
 int kepctlImport(const char *path);
