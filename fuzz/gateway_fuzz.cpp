@@ -83,6 +83,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                 }
             }
             checkRequestText(role, body);
+            std::string changes;
+            int confirm = -1;
+            const Check set = checkChangeSet(rules(), role, body, &changes, &confirm);
+            // What passes is a request or a list of them, every module of which is writable.
+            if (set.status == 200) {
+                json_object *parsed = json_tokener_parse(changes.c_str());
+                if (!parsed || confirm < 0 || confirm > 3600) abort();
+                for (const std::string &m : set.modules)
+                    if (!(permissionsOf(rules(), role, m) & kWrite)) abort();
+                json_object_put(parsed);
+            }
             break;
         }
         case 1: {

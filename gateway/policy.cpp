@@ -2,6 +2,8 @@
 
 #include <string.h>
 
+#include <algorithm>
+
 #include <json-c/json.h>
 
 namespace kepweb {
@@ -13,6 +15,8 @@ constexpr size_t kMaxHash = 512;       // a crypt(3) hash is about 100 character
 constexpr int kMaxDepth = 32;          // JSON nesting a request may have
 constexpr size_t kMaxComponents = 16;  // of a static file's path
 constexpr size_t kMaxStaticPath = 1024;
+constexpr size_t kMaxChangeSet = 256;  // requests in a change set, as the host takes them
+constexpr int kMaxConfirm = 3600;      // the longest confirm window the host takes
 
 std::string at(int line, const std::string &why) {
     return "line " + std::to_string(line) + ": " + why;
@@ -203,6 +207,8 @@ Route routeOf(const std::string &method, const std::string &path, std::string *a
         {"/api/login", "POST", Route::kLogin},    {"/api/logout", "POST", Route::kLogout},
         {"/api/session", "GET", Route::kSession}, {"/api/request", "POST", Route::kRequest},
         {"/api/model", "GET", Route::kModel},     {"/api/errors", "GET", Route::kErrors},
+        {"/api/apply", "POST", Route::kApply},    {"/api/confirm", "POST", Route::kConfirm},
+        {"/api/cancel", "POST", Route::kCancel},  {"/api/pending", "GET", Route::kPending},
     };
     if (path == "/api" || path.compare(0, 5, "/api/") == 0) {
         for (const Endpoint &e : kEndpoints) {
@@ -253,6 +259,56 @@ Check checkRequest(const Rules &rules, const std::string &role, const std::strin
         }
     }
     c.status = 200;
+    return c;
+}
+
+Check checkChangeSet(const Rules &rules, const std::string &role, const std::string &body,
+                     std::string *changes, int *confirm) {
+    Check c;
+    c.method = "apply";
+    json_object *doc = body.find('\0') == std::string::npos ? parseWhole(body, nullptr) : nullptr;
+    json_object *set = nullptr, *window = nullptr;
+    const bool shaped =
+        json_object_is_type(doc, json_type_object) && json_object_object_get_ex(doc, "changes", &set) &&
+        (json_object_is_type(set, json_type_object) || json_object_is_type(set, json_type_array));
+    json_object_object_get_ex(doc, "confirm", &window);
+    const int seconds = window ? json_object_get_int(window) : 0;
+    const size_t count = json_object_is_type(set, json_type_array) ? json_object_array_length(set) : 1;
+    if (!shaped || count == 0 || count > kMaxChangeSet ||
+        (window && !json_object_is_type(window, json_type_int)) || seconds < 0 || seconds > kMaxConfirm) {
+        json_object_put(doc);
+        c.status = 400;
+        c.reason =
+            "the body is {\"changes\": a request or a list of 1 to 256, \"confirm\": 0 to 3600 seconds}";
+        return c;
+    }
+    for (size_t i = 0; i < count && c.status == 0; i++) {
+        json_object *req =
+            json_object_is_type(set, json_type_array) ? json_object_array_get_idx(set, i) : set;
+        if (!json_object_is_type(req, json_type_object)) {
+            c.status = 400;
+            c.reason = "change " + std::to_string(i) + " is not a JSON object";
+            break;
+        }
+        json_object_object_foreach(req, key, value) {
+            (void)value;
+            if (strcmp(key, "method") == 0) continue;
+            if (std::find(c.modules.begin(), c.modules.end(), key) == c.modules.end())
+                c.modules.push_back(key);
+            // Everything a change set names may be changed and undone: all of it must be writable.
+            if (!(permissionsOf(rules, role, key) & kWrite)) {
+                c.status = 403;
+                c.reason = "module \"" + loggable(key) + "\": write is not granted";
+                break;
+            }
+        }
+    }
+    if (c.status == 0) {
+        *changes = json_object_to_json_string_ext(set, JSON_C_TO_STRING_PLAIN);
+        *confirm = seconds;
+        c.status = 200;
+    }
+    json_object_put(doc);
     return c;
 }
 

@@ -37,6 +37,10 @@ enum class Route {
     kRequest,
     kModel,
     kErrors,
+    kApply,    // POST /api/apply: a change set
+    kConfirm,  // POST /api/confirm
+    kCancel,   // POST /api/cancel
+    kPending,  // GET /api/pending
     kStatic,
     kApiNotFound,       // under /api/ but no such endpoint
     kMethodNotAllowed,  // an endpoint asked with the wrong HTTP method
@@ -54,6 +58,13 @@ struct Check {
     std::string reason;                // why it was refused
 };
 Check checkRequest(const Rules &rules, const std::string &role, const std::string &body);
+
+// The body of /api/apply, {"changes": a request object or an array of them,
+// "confirm": seconds}: every module a request names must be writable for the role.
+// On 200, *changes gets the change set's text for the host and *confirm its window
+// (0: none); c.modules every module named, once.
+Check checkChangeSet(const Rules &rules, const std::string &role, const std::string &body,
+                     std::string *changes, int *confirm);
 
 // The part of the host's tree (kepd.tree's answer) a role may read, for a web page:
 // {"modules":[{"name","access":[...],"tables":[{"name","kind":"list"|"named",

@@ -95,6 +95,9 @@ private:
     MHD_Result request(MHD_Connection *conn, Pending *p);
     MHD_Result model(MHD_Connection *conn, Pending *p);
     MHD_Result errors(MHD_Connection *conn, Pending *p);
+    MHD_Result apply(MHD_Connection *conn, Pending *p);
+    MHD_Result changeset(MHD_Connection *conn, Pending *p);
+    MHD_Result hostAnswer(MHD_Connection *conn, Pending *p, int rc, char *answer);
     MHD_Result staticFile(MHD_Connection *conn, Pending *p, const char *url);
 
     MHD_Result send(MHD_Connection *conn, Pending *p, unsigned status, const std::string &body,
@@ -151,7 +154,8 @@ bool isJsonType(const char *type) {
 
 bool needsSession(Route r) {
     return r == Route::kLogout || r == Route::kSession || r == Route::kRequest || r == Route::kModel ||
-           r == Route::kErrors;
+           r == Route::kErrors || r == Route::kApply || r == Route::kConfirm || r == Route::kCancel ||
+           r == Route::kPending;
 }
 
 // Compares two texts in a time that depends on their lengths only.
@@ -281,7 +285,7 @@ int Server::forward(const std::string &user, const std::string &request, bool ch
 MHD_Result Server::first(MHD_Connection *conn, Pending *p, const char *url, const char *method) {
     p->addr = clientAddress(conn);
     p->route = routeOf(method, url, &p->allow);
-    p->limit = p->route == Route::kRequest ? config_.bodyLimit : kSmallBody;
+    p->limit = p->route == Route::kRequest || p->route == Route::kApply ? config_.bodyLimit : kSmallBody;
     if (p->route == Route::kStatic) return MHD_YES;
     std::string origin;
     if (!originAllowed(conn, &origin)) {
@@ -307,7 +311,7 @@ MHD_Result Server::first(MHD_Connection *conn, Pending *p, const char *url, cons
               loggable(url, 128).c_str(), p->addr.c_str());
         return sendError(conn, p, 401, "no live session", {{"WWW-Authenticate", "Bearer"}});
     }
-    if ((p->route == Route::kLogin || p->route == Route::kRequest) &&
+    if ((p->route == Route::kLogin || p->route == Route::kRequest || p->route == Route::kApply) &&
         !isJsonType(header(conn, "Content-Type"))) {
         audit("refused: %s %s without a JSON body, addr=%s", loggable(method, 16).c_str(),
               loggable(url, 128).c_str(), p->addr.c_str());
@@ -375,6 +379,12 @@ MHD_Result Server::dispatch(MHD_Connection *conn, Pending *p, const char *url) {
             return model(conn, p);
         case Route::kErrors:
             return errors(conn, p);
+        case Route::kApply:
+            return apply(conn, p);
+        case Route::kConfirm:
+        case Route::kCancel:
+        case Route::kPending:
+            return changeset(conn, p);
         case Route::kStatic:
             return staticFile(conn, p, url);
         case Route::kMethodNotAllowed:
@@ -523,6 +533,55 @@ MHD_Result Server::model(MHD_Connection *conn, Pending *p) {
     free(tree);
     if (view.empty()) return sendError(conn, p, 503, "the host cannot be reached");
     return send(conn, p, 200, view, "application/json");
+}
+
+// The host's answer to a change-set call, as it stands: 200 with it, 503 without one.
+MHD_Result Server::hostAnswer(MHD_Connection *conn, Pending *p, int rc, char *answer) {
+    if (rc != 0 || !answer) {
+        free(answer);
+        return sendError(conn, p, 503, "the host cannot be reached");
+    }
+    MHD_Response *r = MHD_create_response_from_buffer(strlen(answer), answer, MHD_RESPMEM_MUST_FREE);
+    if (!r) free(answer);
+    if (r) MHD_add_response_header(r, "Content-Type", "application/json");
+    return sendResponse(conn, p, 200, r, true, {});
+}
+
+// A change set, applied by the host as one: under the rules of /api/request, every
+// module it names writable. Whose it is goes with it, so that only that user confirms.
+MHD_Result Server::apply(MHD_Connection *conn, Pending *p) {
+    Session s;
+    std::string token, changes;
+    int confirm = 0;
+    if (!authorized(conn, &s, &token)) return sendError(conn, p, 401, "no live session");
+    const Check c = checkChangeSet(loaded_.rules, s.role, p->body, &changes, &confirm);
+    if (c.status != 200) {
+        audit("refused: user=%s addr=%s apply modules=%s: %s", s.user.c_str(), p->addr.c_str(),
+              joined(c.modules).c_str(), c.reason.c_str());
+        return sendError(conn, p, c.status, c.reason.c_str());
+    }
+    char *answer = nullptr;
+    const int rc = kepHostApply(s.user.c_str(), changes.c_str(), confirm, &answer);
+    audit("apply: user=%s addr=%s modules=%s confirm=%ds error_code=%s", s.user.c_str(), p->addr.c_str(),
+          joined(c.modules).c_str(), confirm,
+          rc == 0 && answer ? errorCodeOf(answer).c_str() : "unreachable");
+    return hostAnswer(conn, p, rc, answer);
+}
+
+// Confirm, cancel and the pending change set: the host checks whose it is.
+MHD_Result Server::changeset(MHD_Connection *conn, Pending *p) {
+    Session s;
+    std::string token;
+    if (!authorized(conn, &s, &token)) return sendError(conn, p, 401, "no live session");
+    const char *handler = p->route == Route::kConfirm  ? "kepd.confirm"
+                          : p->route == Route::kCancel ? "kepd.cancel"
+                                                       : "kepd.pending";
+    char *answer = nullptr;
+    const int rc = kepHostChangeset(handler, s.user.c_str(), &answer);
+    if (p->route != Route::kPending)
+        audit("%s: user=%s addr=%s error_code=%s", handler + 5, s.user.c_str(), p->addr.c_str(),
+              rc == 0 && answer ? errorCodeOf(answer).c_str() : "unreachable");
+    return hostAnswer(conn, p, rc, answer);
 }
 
 // The words kepctl prints for each "error_code", so that the page tells the same.

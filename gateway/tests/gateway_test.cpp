@@ -453,6 +453,63 @@ TEST_F(Gateway, RulesRefuseWholeRequestsPerRoleAndMethod) {
     EXPECT_NE(audit.find("refused: user=viewer addr=127.0.0.1 method=do modules=dhcp"), std::string::npos);
 }
 
+// Change sets under the rules of /api/request, whose to confirm by the user that applied
+// them, every step in the audit log.
+TEST_F(Gateway, ChangeSetsAreTheirUsersToConfirm) {
+    ASSERT_TRUE(startGateway());
+    const std::string admin = token("admin"), op = token("dhcpop"), viewer = token("viewer");
+    auto post = [&](const std::string &t, const char *path, const std::string &body = "") {
+        return http("POST", path, body, {"Authorization: Bearer " + t});
+    };
+    const std::string lan = hostRequest(R"({"method":"get","dhcp":{"name":"lan"}})");
+
+    // Refused by the rules before the host is asked: a module the role may not write.
+    EXPECT_EQ(post(op, "/api/apply", R"({"changes":[{"method":"set","dhcp":{"lan":{"leaseMinutes":1}}},
+                                                    {"method":"set","system":{"zone":{"name":"X"}}}]})")
+                  .status,
+              403);
+    EXPECT_EQ(post(viewer, "/api/apply", R"({"changes":{"method":"set","dhcp":{"lan":{}}}})").status, 403);
+    EXPECT_EQ(post(op, "/api/apply", R"({"changes":[]})").status, 400);
+    EXPECT_EQ(hostRequest(R"({"method":"get","dhcp":{"name":"lan"}})"), lan);
+
+    const Reply applied = post(
+        op, "/api/apply", R"({"changes":{"method":"set","dhcp":{"lan":{"leaseMinutes":99}}},"confirm":60})");
+    ASSERT_EQ(applied.status, 200);
+    EXPECT_NE(applied.body.find("\"pending\":{\"id\":"), std::string::npos) << applied.body;
+    expectHardened(applied, true);
+    // Every user sees it pending and whose it is; only its own user confirms it.
+    const Reply pending = get("/api/pending", viewer);
+    EXPECT_NE(pending.body.find("\"user\":\"dhcpop\""), std::string::npos) << pending.body;
+    EXPECT_NE(post(admin, "/api/confirm").body.find("\"error_code\":-30001"), std::string::npos);
+    EXPECT_NE(request(admin, R"({"method":"set","dhcp":{"lan":{"leaseMinutes":5}}})").body.find("-30004"),
+              std::string::npos);
+    EXPECT_NE(post(op, "/api/confirm").body.find("\"confirmed\""), std::string::npos);
+    EXPECT_NE(hostRequest(R"({"method":"get","dhcp":{"name":"lan"}})").find("\"leaseMinutes\":99"),
+              std::string::npos);
+
+    // Undone on a cancel by its user; a change set the host cannot undo is refused whole.
+    ASSERT_EQ(post(op, "/api/apply",
+                   R"({"changes":{"method":"set","dhcp":{"lan":{"leaseMinutes":7}}},"confirm":60})")
+                  .status,
+              200);
+    EXPECT_NE(post(op, "/api/cancel").body.find("\"dhcp\":\"restored\""), std::string::npos);
+    EXPECT_NE(hostRequest(R"({"method":"get","dhcp":{"name":"lan"}})").find("\"leaseMinutes\":99"),
+              std::string::npos);
+    EXPECT_NE(
+        post(op, "/api/apply", R"({"changes":{"method":"do","dhcp":{"restart":{}}}})").body.find("-30005"),
+        std::string::npos);
+    EXPECT_EQ(get("/api/pending", op).body, R"({"error_code":0})");
+    EXPECT_EQ(http("POST", "/api/cancel").status, 401);
+
+    const std::string audit = log();
+    EXPECT_NE(audit.find("refused: user=dhcpop addr=127.0.0.1 apply modules=dhcp,system"), std::string::npos);
+    EXPECT_NE(audit.find("apply: user=dhcpop addr=127.0.0.1 modules=dhcp confirm=60s error_code=0"),
+              std::string::npos);
+    EXPECT_NE(audit.find("confirm: user=admin addr=127.0.0.1 error_code=-30001"), std::string::npos);
+    EXPECT_NE(audit.find("confirm: user=dhcpop addr=127.0.0.1 error_code=0"), std::string::npos);
+    EXPECT_NE(audit.find("cancel: user=dhcpop addr=127.0.0.1 error_code=0"), std::string::npos);
+}
+
 TEST_F(Gateway, ModelShowsWhatTheRoleMayRead) {
     ASSERT_TRUE(startGateway());
     const Reply all = get("/api/model", token("admin"));

@@ -96,6 +96,11 @@ TEST(GatewayRoutes, EndpointsMethodsAndTheRest) {
     EXPECT_EQ(routeOf("POST", "/api/request", &allow), Route::kRequest);
     EXPECT_EQ(routeOf("GET", "/api/model", &allow), Route::kModel);
     EXPECT_EQ(routeOf("GET", "/api/errors", &allow), Route::kErrors);
+    EXPECT_EQ(routeOf("POST", "/api/apply", &allow), Route::kApply);
+    EXPECT_EQ(routeOf("POST", "/api/confirm", &allow), Route::kConfirm);
+    EXPECT_EQ(routeOf("POST", "/api/cancel", &allow), Route::kCancel);
+    EXPECT_EQ(routeOf("GET", "/api/pending", &allow), Route::kPending);
+    EXPECT_EQ(routeOf("GET", "/api/apply", &allow), Route::kMethodNotAllowed);
     EXPECT_EQ(routeOf("GET", "/api/login", &allow), Route::kMethodNotAllowed);
     EXPECT_EQ(allow, "POST");
     EXPECT_EQ(routeOf("OPTIONS", "/api/request", &allow), Route::kPreflight);
@@ -140,6 +145,37 @@ TEST(GatewayRules, RequestsAreCheckedPerMethodAndEveryModule) {
                            "{\"method\":\"get\",\"d\":" + std::string(40, '[') + std::string(40, ']') + "}")
                   .status,
               400);
+}
+
+// A change set passes only when every module of every request is writable, whatever the
+// methods: all of it may be changed and undone.
+TEST(GatewayRules, ChangeSetsNeedEveryModuleWritable) {
+    const Rules r = rules();
+    std::string changes;
+    int confirm = -1;
+    Check c = checkChangeSet(r, "dhcpop",
+                             R"({"changes":[{"method":"set","dhcp":{"lan":{}}},{"method":"get","dhcp":{}}],
+                                 "confirm":60})",
+                             &changes, &confirm);
+    EXPECT_EQ(c.status, 200) << c.reason;
+    EXPECT_EQ(changes, R"([{"method":"set","dhcp":{"lan":{}}},{"method":"get","dhcp":{}}])");
+    EXPECT_EQ(confirm, 60);
+    EXPECT_EQ(c.modules, (std::vector<std::string>{"dhcp"}));
+    c = checkChangeSet(r, "dhcpop", R"({"changes":{"method":"set","dhcp":{"lan":{}}}})", &changes, &confirm);
+    EXPECT_EQ(c.status, 200);
+    EXPECT_EQ(confirm, 0);
+    c = checkChangeSet(r, "dhcpop",
+                       R"({"changes":[{"method":"set","dhcp":{}},{"method":"get","system":{}}]})", &changes,
+                       &confirm);
+    EXPECT_EQ(c.status, 403);
+    EXPECT_EQ(c.reason, "module \"system\": write is not granted");
+    EXPECT_EQ(
+        checkChangeSet(r, "viewer", R"({"changes":{"method":"get","dhcp":{}}})", &changes, &confirm).status,
+        403);
+    for (const char *bad : {R"({"changes":[]})", R"({"changes":"x"})", R"({"changes":[1]})", R"([])",
+                            R"({"changes":{},"confirm":"60"})", R"({"changes":{},"confirm":3601})",
+                            R"({"changes":{},"confirm":-1})", "{\"changes\":{}} x"})
+        EXPECT_EQ(checkChangeSet(r, "admin", bad, &changes, &confirm).status, 400) << bad;
 }
 
 TEST(GatewayRules, DuplicateKeysAreJudgedAsTheLibraryReadsThem) {
