@@ -406,33 +406,64 @@ static int sendBuilt(json_object *req, Io *io) {
     return rc;
 }
 
-/* A list table's rows by name, read once per table for all the rows a change set names
- * (a row is read through its table: the host's own row nodes answer no reads). */
-static json_object *rowsOf(json_object *cache, json_object *place, Io *io, int *rc) {
-    char key[80];
-    json_object *rows = NULL;
-    snprintf(key, sizeof key, "%s/%s", text(place, "module"), text(place, "table"));
-    if (json_object_object_get_ex(cache, key, &rows)) return rows;
-    KepBackupIo bio = {sendHere, sayFailed, io};
-    json_object *tree = json_object_new_object();
-    json_object_object_add(tree, "name", json_object_new_string(text(place, "table")));
-    json_object_object_add(tree, "list", json_object_new_int(1));
-    json_object *array = kepBackupReadTable(text(place, "module"), tree, 0, &bio, rc);
-    json_object_put(tree);
-    if (!array) return NULL;
-    rows = json_object_new_object();
-    for (size_t i = 0; i < json_object_array_length(array); i++) {
-        json_object_object_foreach(json_object_array_get_idx(array, i), name, value) {
-            json_object_object_add(rows, name, json_object_get(value));
-        }
+/* One list row, asked of the owner that serves its table, with the callback contract's
+ * "table" and "name": 0 with *value (new), 1 when the owner has no such row, or the
+ * code that kept it from being read. The library's get by name cannot be used: the
+ * host's own row nodes, from the files at its start, answer no reads. An owner that
+ * answers the whole table for a name is read from that. */
+static int readRow(const char *module, const char *table, const char *row, json_object **value, Io *io) {
+    const int index = treeModuleIndex(module);
+    DataModule *m = treeModule(index);
+    char cb[KEP_CALLBACK_SIZE] = "";
+    int pid = 0, code = 0;
+    *value = NULL;
+    if (!m) return KEP_ERR_NO_TABLE;
+    treeReadLock(index);
+    DataTable *t = getDataTable(m, table);
+    if (t && t->methodCb[KEP_METHOD_GET] && t->methodCb[KEP_METHOD_GET]->pid > 0) {
+        pid = t->methodCb[KEP_METHOD_GET]->pid;
+        snprintf(cb, sizeof cb, "%s", t->methodCb[KEP_METHOD_GET]->cb);
     }
-    json_object_put(array);
-    json_object_object_add(cache, key, rows);
-    return rows;
+    treeUnlock(index);
+    if (pid <= 0) {
+        if (io) io->absent = 1;
+        return KEP_ERR_NOT_REGISTERED;
+    }
+    QxRpcPara set;
+    char *result = NULL;
+    qxrpcParaInit(&set);
+    int rc = qxrpcAddStringPtr(&set, "table", table);
+    if (rc == 0) rc = qxrpcAddStringPtr(&set, "name", row);
+    if (rc == 0) rc = qxImiExecute(pid, cb, 0, 0, &set);
+    if ((rc == QXRPC_ERR_NO_PEER || rc == QXRPC_ERR_NO_HANDLER) && io) io->absent = 1;
+    if (rc == 0 && qxrpcGetInt(&set, "errorCode", &code) != 0) rc = KEP_ERR_NO_ERRORCODE;
+    if (rc == 0 && code == KEP_OWNER_ERR_NOT_FOUND)
+        rc = 1;
+    else if (rc == 0 && code != 0)
+        rc = code;
+    if (rc == 0 && qxrpcGetStringPtr(&set, "result", &result) == 0 && result) {
+        json_object *got = json_tokener_parse(result);
+        const int whole = json_object_is_type(got, json_type_array);
+        if (json_object_is_type(got, json_type_object)) {
+            *value = json_object_get(got);
+        } else {
+            for (size_t i = 0; json_object_is_type(got, json_type_array) && i < json_object_array_length(got);
+                 i++) {
+                json_object *v = member(json_object_array_get_idx(got, i), row);
+                if (json_object_is_type(v, json_type_object)) *value = json_object_get(v);
+            }
+        }
+        json_object_put(got);
+        if (!*value) rc = whole ? 1 : KEP_ERR_READ_FAILED;
+    } else if (rc == 0) {
+        rc = KEP_ERR_READ_FAILED;
+    }
+    qxrpcParaFree(&set);
+    return rc;
 }
 
 /* Reads what a place held before the change set; 0 or the failing code. */
-static int keepPlace(json_object *place, json_object *cache, Io *io) {
+static int keepPlace(json_object *place, Io *io) {
     const char *module = text(place, "module"), *section = text(place, "section");
     json_object *tree = member(place, "tree"), *value = NULL;
     int rc = 0;
@@ -440,8 +471,8 @@ static int keepPlace(json_object *place, json_object *cache, Io *io) {
         KepBackupIo bio = {sendHere, sayFailed, io};
         value = kepBackupReadTable(module, tree, 0, &bio, &rc);
     } else if (section && member(place, "list")) {
-        json_object *rows = rowsOf(cache, place, io, &rc);
-        if (rows && !(value = json_object_get(member(rows, section)))) {
+        rc = readRow(module, text(place, "table"), section, &value, io);
+        if (rc == 1) {
             json_object_object_add(place, "absent", json_object_new_boolean(1));
             return 0;
         }
@@ -685,16 +716,14 @@ static void applyHere(const QxImiCaller *caller, const char *user, const char *c
 
     /* What the requests will change, read before any of them runs, and kept. */
     Io io = {0};
-    json_object *rows = json_object_new_object();
     for (size_t i = 0; rc == 0 && i < json_object_array_length(plan.places); i++) {
         json_object *place = json_object_array_get_idx(plan.places, i);
-        if ((rc = keepPlace(place, rows, &io)) != 0)
+        if ((rc = keepPlace(place, &io)) != 0)
             *answer = refusal(KEP_HOST_ERR_UNDOABLE,
                               "%s.%s could not be read first (error_code %d); nothing changed",
                               text(place, "module"),
                               text(place, "section") ? text(place, "section") : text(place, "table"), rc);
     }
-    json_object_put(rows);
     if (rc == 0 && storeRecord(record) != 0) {
         rc = -1;
         *answer =
