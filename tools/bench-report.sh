@@ -28,7 +28,7 @@ cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DKEP_BUILD_TESTS=OFF -D
     exit 1
 }
 cmake --build "$build" -j2 --target kepHandle kepd dhcpd kepctl kep_bench_e2e kep_bench_scale kep_bench_xml kep_bench_heap \
-    kep_bench_host >/dev/null
+    kep_bench_host kep_bench_changeset >/dev/null
 # The gateway's benchmark needs libmicrohttpd and libcurl; the report says so when it is missing.
 cmake --build "$build" -j2 --target kep_bench_gateway >/dev/null 2>&1 ||
     echo "bench-report: kep_bench_gateway not built (libmicrohttpd-dev, libcurl4-gnutls-dev?)" >&2
@@ -77,6 +77,7 @@ run host host --benchmark_min_time=0.3 --benchmark_filter='^host/(get_table|add|
 run host monitor --benchmark_min_time=0.5 --benchmark_filter='^host/monitor/' --benchmark_enable_random_interleaving=true
 [ -x "$build/bench/kep_bench_gateway" ] &&
     run gateway gateway --benchmark_min_time=0.5 --benchmark_enable_random_interleaving=true
+run changeset changeset --benchmark_min_time=0.5 --benchmark_enable_random_interleaving=true
 run xml xml --benchmark_min_time=0.3
 # The same parses with glibc keeping freed memory instead of returning it to the
 # kernel: the share of the parse that is the allocator's page traffic.
