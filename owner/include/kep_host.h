@@ -47,11 +47,11 @@ extern "C" {
 
 /* "errorCode" of a registration, notification or request the host refused. */
 enum {
-    KEP_HOST_ERR_DENIED = -30001, /* no access rule lets the caller do it */
-    KEP_HOST_ERR_TAKEN = -30002,  /* another running process serves that slot or action */
-    KEP_HOST_ERR_LIMIT = -30003,  /* the caller holds as many registrations as it may */
-    KEP_HOST_ERR_PENDING = -30004, /* a change set on those modules waits for a confirm, or is being
-                                      applied or undone */
+    KEP_HOST_ERR_DENIED = -30001,      /* no access rule lets the caller do it */
+    KEP_HOST_ERR_TAKEN = -30002,       /* another running process serves that slot or action */
+    KEP_HOST_ERR_LIMIT = -30003,       /* the caller holds as many registrations as it may */
+    KEP_HOST_ERR_PENDING = -30004,     /* a change set on those modules waits for a confirm, or is being
+                                          applied or undone */
     KEP_HOST_ERR_UNDOABLE = -30005,    /* the change set cannot be applied as one: it names what cannot be
                                           undone (an action, a dynamic table) or read first; or a module
                                           could not be put back */

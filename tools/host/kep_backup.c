@@ -127,12 +127,14 @@ json_object *kepBackupReadModule(json_object *mod, const KepBackupIo *io, int *r
 
 /* A row's name and value: an object with one member whose value is an object. */
 static int oneRow(json_object *row, const char **name, json_object **value) {
+    *name = NULL;
+    *value = NULL;
     if (!isObject(row) || json_object_object_length(row) != 1) return 0;
     json_object_object_foreach(row, key, v) {
         *name = key;
         *value = v;
     }
-    return isObject(*value) && strlen(*name) <= NAME_MAX_LEN && (*name)[0];
+    return *name && isObject(*value) && strlen(*name) <= NAME_MAX_LEN && (*name)[0];
 }
 
 /* Sends one request (taken); a failure is told, naming what it was for. */
@@ -152,8 +154,8 @@ static json_object *rowIndex(json_object *rows) {
     json_object *index = json_object_new_object();
     for (size_t i = 0; json_object_is_type(rows, json_type_array) && i < json_object_array_length(rows);
          i++) {
-        const char *name;
-        json_object *v;
+        const char *name = NULL;
+        json_object *v = NULL;
         if (oneRow(json_object_array_get_idx(rows, i), &name, &v))
             json_object_object_add(index, name, json_object_get(v));
     }
@@ -161,8 +163,8 @@ static json_object *rowIndex(json_object *rows) {
 }
 
 static const char *rowName(json_object *rows, size_t i) {
-    const char *name;
-    json_object *v;
+    const char *name = NULL;
+    json_object *v = NULL;
     return oneRow(json_object_array_get_idx(rows, i), &name, &v) ? name : NULL;
 }
 
@@ -194,8 +196,8 @@ static int convergeList(const char *module, const char *table, json_object *want
         if (name && (!member(wantRows, name) || i >= j)) rc = deleteRow(module, name, io);
     }
     for (size_t i = 0; rc == 0 && i < wants; i++) {
-        const char *name;
-        json_object *v, *req;
+        const char *name = NULL;
+        json_object *v = NULL, *req;
         if (!oneRow(json_object_array_get_idx(want, i), &name, &v)) continue;
         if (i < kept) {
             /* A row that already holds its values needs no write (nor a notification). */
@@ -259,8 +261,8 @@ static int checkList(const char *module, const char *table, json_object *value, 
     json_object *seen = json_object_new_object();
     int rc = 0;
     for (size_t i = 0; rc == 0 && i < json_object_array_length(value); i++) {
-        const char *name;
-        json_object *v;
+        const char *name = NULL;
+        json_object *v = NULL;
         if (!oneRow(json_object_array_get_idx(value, i), &name, &v))
             rc = misfit(why, size, "config.%s.%s[%zu]: a row is {\"NAME\": {values}}", module, table, i);
         else if (json_object_object_get_ex(seen, name, NULL))
