@@ -100,6 +100,14 @@ step 0 "Run an action" -- do dhcp restart '{"delay":0}'
 step 1 "An action nobody declared" -- do dhcp reboot
 step 1 "A module the model does not know" -- set nosuch thing '{}'
 step 1 "A request without a method" -- call '{"dhcp":{"table":"host"}}'
+cat >"$work/change.json" <<'JSON'
+[{"method": "set", "dhcp": {"lan": {"leaseMinutes": 60}}},
+ {"method": "set", "system": {"zone": {"name": "UTC", "dst": false}}},
+ {"method": "set", "system": {"ntp": {"intervalMinutes": "often"}}}]
+JSON
+echo; echo "### A change set (two modules): its last request is refused, so none of it holds"; cat "$work/change.json"
+step 1 "Applied as one" -- apply "$work/change.json"
+step 0 "The pool and the zone as they were" -- call '{"method":"get","dhcp":{"name":"lan"},"system":{"name":"zone"}}'
 step 0 "The tree with every registration" -- dump
 echo; echo "### The configuration file of the dhcp module"; cat "$work/dhcp.json"; echo
 step 0 "Factory reset" -- reset
