@@ -171,6 +171,8 @@ TEST_F(ChangeSet, AFailedRequestUndoesEveryModule) {
          "request 1: an action cannot be undone"},
         {R"({"method":"set","dhcp":{"nowhere":{"a":1}}})", "request 0: dhcp.nowhere: no such section"},
         {R"({"method":"set","nomodule":{"lan":{}}})", "request 0: no such module nomodule"},
+        {"{\"method\":\"delete\",\"dhcp\":{\"name\":\"host_1\\nkepd: forged\"}}",
+         "a section name is 1 to 31"},
         {R"([])", "a change set is a request object or an array"},
         {"not json", "a change set is a request object or an array"},
     };

@@ -54,6 +54,21 @@ static unsigned gNextId = 1;
 static long long gReportedAt; /* when a stopped host's wait for owners was last said */
 static json_object *gLeft;    /* a stopped host's modules not yet put back (main thread) */
 
+/* A write is checked and runs under the gate's read side; a change set starts under its
+ * write side, so that no write checked before the change set began is still running
+ * when it reads what it will put back. */
+static pthread_rwlock_t gGate;
+static pthread_once_t gGateOnce = PTHREAD_ONCE_INIT;
+
+static void makeGate(void) {
+    pthread_rwlockattr_t attr;
+    pthread_rwlockattr_init(&attr);
+    /* A change set must not wait for ever behind a stream of requests. */
+    pthread_rwlockattr_setkind_np(&attr, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
+    pthread_rwlock_init(&gGate, &attr);
+    pthread_rwlockattr_destroy(&attr);
+}
+
 /* ---- small helpers ---- */
 
 static json_object *member(json_object *obj, const char *key) {
@@ -259,8 +274,23 @@ static int planTable(Plan *p, size_t index, DataModule *m, const char *name) {
     return 0;
 }
 
+/* A name a section can have: it goes to owners and into the log. */
+static int sectionName(const char *name) {
+    const size_t n = name ? strlen(name) : 0;
+    for (size_t i = 0; i < n; i++) {
+        const unsigned char c = (unsigned char)name[i];
+        if (c < 0x20 || c == 0x7f || c == '/') return 0;
+    }
+    return n > 0 && n < KEP_NAME_SIZE;
+}
+
 static int planSection(Plan *p, size_t index, DataModule *m, const char *name) {
-    DataTable *t = name ? tableOfSection(m, name) : NULL;
+    if (!sectionName(name))
+        return planRefuse(p,
+                          "request %zu: %s: a section name is 1 to %d characters, no control character "
+                          "nor '/'",
+                          index, m->name, KEP_NAME_SIZE - 1);
+    DataTable *t = tableOfSection(m, name);
     char key[120];
     if (!t) return planRefuse(p, "request %zu: %s.%s: no such section", index, m->name, name ? name : "?");
     if (t->isDynamic)
@@ -305,7 +335,8 @@ static int planAdded(Plan *p, size_t index, DataModule *m, const char *name) {
 /* One section a request names; a list row that a delete names is kept with its whole
  * table, since only the table tells the row's place, which an add cannot give back. */
 static int planName(Plan *p, size_t index, DataModule *m, const char *name, int deleting) {
-    DataTable *t = deleting && name ? tableOfSection(m, name) : NULL;
+    if (!sectionName(name)) return planSection(p, index, m, name); /* refused there, with why */
+    DataTable *t = deleting ? tableOfSection(m, name) : NULL;
     if (t && t->optionPublic == 1) return planTable(p, index, m, t->name);
     return planSection(p, index, m, name);
 }
@@ -693,10 +724,13 @@ static void applyHere(const QxImiCaller *caller, const char *user, const char *c
     }
 
     json_object *record = json_object_new_object();
+    pthread_once(&gGateOnce, makeGate);
+    pthread_rwlock_wrlock(&gGate);
     pthread_mutex_lock(&gLock);
     if (gPhase != PHASE_NONE) {
         *answer = pendingRefusal();
         pthread_mutex_unlock(&gLock);
+        pthread_rwlock_unlock(&gGate);
         json_object_put(record);
         goto out;
     }
@@ -713,6 +747,7 @@ static void applyHere(const QxImiCaller *caller, const char *user, const char *c
     json_object_object_add(record, "expires", json_object_new_int64(0));
     beginLocked(record, PHASE_APPLYING);
     pthread_mutex_unlock(&gLock);
+    pthread_rwlock_unlock(&gGate);
 
     /* What the requests will change, read before any of them runs, and kept. */
     Io io = {0};
@@ -936,24 +971,32 @@ void changesetPending(char **answer) {
     *answer = answerText(out);
 }
 
-char *changesetGuard(const char *request) {
+/* Whether request (NULL: a factory reset) is refused for the change set that lives.
+ * The lock is held. */
+static int refusedLocked(json_object *req) {
+    if (gPhase == PHASE_NONE) return 0;
+    if (!req) return 1;
+    const char *method = text(req, "method");
+    if (!method || strcmp(method, "get") == 0 || !json_object_is_type(req, json_type_object)) return 0;
+    json_object_object_foreach(req, key, value) {
+        (void)value;
+        int m = treeModuleIndex(key);
+        if (m >= 0 && gGuarded[m]) return 1;
+    }
+    return 0;
+}
+
+char *changesetEnter(const char *request) {
+    pthread_once(&gGateOnce, makeGate);
+    pthread_rwlock_rdlock(&gGate);
     if (__atomic_load_n(&gPhase, __ATOMIC_ACQUIRE) == PHASE_NONE) return NULL;
     json_object *req = request ? json_tokener_parse(request) : NULL;
-    const char *method = text(req, "method");
     char *refused = NULL;
-    if (method && strcmp(method, "get") != 0 && json_object_is_type(req, json_type_object)) {
-        pthread_mutex_lock(&gLock);
-        json_object_object_foreach(req, key, value) {
-            (void)value;
-            int m = treeModuleIndex(key);
-            if (gPhase != PHASE_NONE && m >= 0 && gGuarded[m]) {
-                refused = pendingRefusal();
-                break;
-            }
-        }
-        pthread_mutex_unlock(&gLock);
-    }
+    pthread_mutex_lock(&gLock);
+    if ((request == NULL || req) && refusedLocked(req)) refused = pendingRefusal();
+    pthread_mutex_unlock(&gLock);
     json_object_put(req);
+    if (refused) pthread_rwlock_unlock(&gGate);
     return refused;
 }
 
@@ -961,13 +1004,8 @@ int changesetLives(void) {
     return __atomic_load_n(&gPhase, __ATOMIC_ACQUIRE) != PHASE_NONE;
 }
 
-char *changesetGuardAll(void) {
-    char *refused = NULL;
-    if (__atomic_load_n(&gPhase, __ATOMIC_ACQUIRE) == PHASE_NONE) return NULL;
-    pthread_mutex_lock(&gLock);
-    if (gPhase != PHASE_NONE) refused = pendingRefusal();
-    pthread_mutex_unlock(&gLock);
-    return refused;
+void changesetLeave(void) {
+    pthread_rwlock_unlock(&gGate);
 }
 
 static int slotServed(MethodCbNode *const *slots, int index) {

@@ -45,11 +45,14 @@ void changesetCancel(const QxImiCaller *caller, const char *user, char **answer)
 /* kepd.pending: {"error_code": 0} and, while there is one, "pending": what and whose. */
 void changesetPending(char **answer);
 
-/* Whether a write request must be refused for a change set: NULL, or the malloc'd
- * refusal (KEP_HOST_ERR_PENDING). One atomic load while there is none. */
-char *changesetGuard(const char *request);
-/* Whether a factory reset must be refused: the same. */
-char *changesetGuardAll(void);
+/* Around every request and factory reset (request NULL) the host serves: NULL, and the
+ * request runs and changesetLeave follows it; or the malloc'd refusal
+ * (KEP_HOST_ERR_PENDING) of a write to a module of a change set that is not finished (of
+ * any reset while one is not), and nothing runs. A request checked here ends before a
+ * change set that starts later reads anything. One uncontended read lock and one atomic
+ * load while no change set lives. */
+char *changesetEnter(const char *request);
+void changesetLeave(void);
 
 /* Whether a change set lives (applied, pending, undone, or a stopped host's). */
 int changesetLives(void);

@@ -95,8 +95,12 @@ static int onRequest(QxRpcPara *set, void *user) {
     struct timespec start = {0, 0}, end;
     if (watched) clock_gettime(CLOCK_MONOTONIC, &start);
     /* A write to the modules of a change set that is not finished is refused whole. */
-    response = changesetGuard(request);
-    int rc = response ? 0 : treeRequest(request, &response);
+    response = changesetEnter(request);
+    int rc = 0;
+    if (!response) {
+        rc = treeRequest(request, &response);
+        changesetLeave();
+    }
     if (rc != 0 && !response) makeErrorRspObj(rc, &response);
     const char *text = response ? response : "{\"error_code\":-1}";
     answer(set, 0, text);
@@ -273,7 +277,7 @@ static int onReset(QxRpcPara *set, void *user) {
     static pthread_mutex_t resetLock = PTHREAD_MUTEX_INITIALIZER;
     (void)user;
     if (!accessMayReset(&c)) return denied(set, &c, "a factory reset");
-    char *refused = changesetGuardAll();
+    char *refused = changesetEnter(NULL);
     if (refused) {
         kepdLog("refused a factory reset from pid %d: a change set is not finished", c.pid);
         answer(set, KEP_HOST_ERR_PENDING, NULL);
@@ -309,6 +313,7 @@ static int onReset(QxRpcPara *set, void *user) {
     answer(set, first, NULL);
     if (first != 0) qxrpcAddStringPtr(set, "cause", cause);
     pthread_mutex_unlock(&resetLock);
+    changesetLeave();
     return 0;
 }
 
