@@ -106,14 +106,14 @@ test_all() {
     echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
     build build-asan -DKEP_SANITIZE=address,undefined -DKEP_BUILD_TOOLS=OFF
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 run_ctest build-asan -E '^abi\.'
-    echo "== AddressSanitizer + UndefinedBehaviorSanitizer: the gateway across real processes"
-    TARGETS="gateway_test gateway_policy_test kepwebd kepd kepctl dhcpd sysd" \
+    echo "== AddressSanitizer + UndefinedBehaviorSanitizer: the gateway and change sets across real processes"
+    TARGETS="gateway_test gateway_policy_test changeset_test kepwebd kepd kepctl dhcpd sysd ntpd" \
         build build-asan-gw -DKEP_SANITIZE=address,undefined -DKEP_BUILD_TOOLS=ON
-    ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 run_ctest build-asan-gw -R '^Gateway'
+    ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 run_ctest build-asan-gw -R '^(Gateway|ChangeSet)'
     echo "== ThreadSanitizer (threaded tests; the host and owners run under it too)"
-    TARGETS="config_test api_e2e_test platform_rpc_test api_request_test host_test owner_kit_test kepd kepctl dhcpd sysd ntpd gateway_test kepwebd" \
+    TARGETS="config_test api_e2e_test platform_rpc_test api_request_test host_test owner_kit_test changeset_test kepd kepctl dhcpd sysd ntpd gateway_test kepwebd" \
         build build-tsan -DKEP_SANITIZE=thread -DKEP_BUILD_TOOLS=ON
-    TSAN_OPTIONS="halt_on_error=1 exitcode=66" run_ctest build-tsan -R 'Thread|Concurren|ImiServe|^Host\.|^Kit\.|^Gateway\.'
+    TSAN_OPTIONS="halt_on_error=1 exitcode=66" run_ctest build-tsan -R 'Thread|Concurren|ImiServe|^Host\.|^Kit\.|^Gateway\.|^ChangeSet\.'
     if [ "${KEP_MIPS:-1}" != 0 ]; then
         echo "== big-endian MIPS cross build, tests under qemu"
         "$root/tools/cross-mips.sh"
