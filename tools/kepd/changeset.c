@@ -49,7 +49,7 @@ static int gPhase;              /* Phase; read without the lock by the guard's f
 static unsigned char *gGuarded; /* per module index: named by the change set */
 static json_object *gRecord;    /* the change set's record while it lives */
 static char gPath[PATH_MAX];    /* the record's file; "" when there is no folder for it */
-static long long gExpires;      /* wall-clock second its window ends; 0: none */
+static long long gExpiresMs;    /* wall-clock millisecond its window ends; 0: none */
 static unsigned gNextId = 1;
 static long long gReportedAt; /* when a stopped host's wait for owners was last said */
 static json_object *gLeft;    /* a stopped host's modules not yet put back (main thread) */
@@ -79,6 +79,17 @@ static json_object *member(json_object *obj, const char *key) {
 static const char *text(json_object *obj, const char *key) {
     json_object *v = member(obj, key);
     return json_object_is_type(v, json_type_string) ? json_object_get_string(v) : NULL;
+}
+
+static long long wallMs(void) {
+    struct timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    return (long long)now.tv_sec * 1000 + now.tv_nsec / 1000000;
+}
+
+/* The second a window ends, as clients are told it: rounded up, never before its end. */
+static long long expiresSeconds(void) {
+    return (gExpiresMs + 999) / 1000;
 }
 
 static long long wallSeconds(void) {
@@ -132,8 +143,8 @@ static char *pendingRefusal(void) {
     char modules[256], owner[160], until[48] = "";
     moduleList(gRecord, modules, sizeof modules);
     ownerText(gRecord, owner, sizeof owner);
-    if (gPhase == PHASE_PENDING && gExpires) {
-        time_t at = (time_t)gExpires;
+    if (gPhase == PHASE_PENDING && gExpiresMs) {
+        time_t at = (time_t)expiresSeconds();
         struct tm tm;
         gmtime_r(&at, &tm);
         strftime(until, sizeof until, " until %H:%M:%S UTC", &tm);
@@ -633,7 +644,7 @@ static json_object *undoAll(json_object *record, int ran, const char *why) {
 static void endLocked(void) {
     json_object_put(gRecord);
     gRecord = NULL;
-    gExpires = 0;
+    gExpiresMs = 0;
     memset(gGuarded, 0, (size_t)treeModuleCount());
     __atomic_store_n(&gPhase, PHASE_NONE, __ATOMIC_RELEASE);
     runtimeChangeset(0);
@@ -807,8 +818,8 @@ static void applyHere(const QxImiCaller *caller, const char *user, const char *c
         end();
     } else if (confirmSeconds) {
         pthread_mutex_lock(&gLock);
-        gExpires = wallSeconds() + confirmSeconds;
-        json_object_object_add(record, "expires", json_object_new_int64(gExpires));
+        gExpiresMs = wallMs() + (long long)confirmSeconds * 1000;
+        json_object_object_add(record, "expires", json_object_new_int64(expiresSeconds()));
         __atomic_store_n(&gPhase, PHASE_PENDING, __ATOMIC_RELEASE);
         pthread_mutex_unlock(&gLock);
         storeRecord(record);
@@ -816,7 +827,7 @@ static void applyHere(const QxImiCaller *caller, const char *user, const char *c
                 confirmSeconds);
         json_object *pending = json_object_new_object();
         json_object_object_add(pending, "id", json_object_new_int(id));
-        json_object_object_add(pending, "expires", json_object_new_int64(gExpires));
+        json_object_object_add(pending, "expires", json_object_new_int64(expiresSeconds()));
         json_object_object_add(pending, "seconds", json_object_new_int(confirmSeconds));
         json_object_object_add(out, "responses", responses);
         json_object_object_add(out, "pending", pending);
@@ -960,9 +971,9 @@ void changesetPending(char **answer) {
         if (member(gRecord, "user"))
             json_object_object_add(p, "user", json_object_get(member(gRecord, "user")));
         json_object_object_add(p, "modules", json_object_get(member(gRecord, "modules")));
-        if (gExpires) {
-            json_object_object_add(p, "expires", json_object_new_int64(gExpires));
-            long long left = gExpires - wallSeconds();
+        if (gExpiresMs) {
+            json_object_object_add(p, "expires", json_object_new_int64(expiresSeconds()));
+            long long left = (gExpiresMs - wallMs() + 999) / 1000;
             json_object_object_add(p, "seconds_left", json_object_new_int64(left > 0 ? left : 0));
         }
         json_object_object_add(out, "pending", p);
@@ -1080,7 +1091,7 @@ static void recover(void) {
 int changesetTick(void) {
     pthread_mutex_lock(&gLock);
     const int phase = gPhase;
-    long long left = gExpires - wallSeconds();
+    long long left = gExpiresMs - wallMs();
     if (phase == PHASE_PENDING && left <= 0) __atomic_store_n(&gPhase, PHASE_UNDOING, __ATOMIC_RELEASE);
     pthread_mutex_unlock(&gLock);
     if (phase == PHASE_RECOVERING) {
@@ -1088,13 +1099,7 @@ int changesetTick(void) {
         return RECOVER_RETRY_MS;
     }
     if (phase != PHASE_PENDING) return -1;
-    if (left > 0) {
-        /* To the second: the window ends when the wall clock passes expires. */
-        struct timespec now;
-        clock_gettime(CLOCK_REALTIME, &now);
-        long long ms = left * 1000 - now.tv_nsec / 1000000;
-        return ms > 1000 ? 1000 : ms < 1 ? 1 : (int)ms;
-    }
+    if (left > 0) return left > 1000 ? 1000 : (int)left;
     kepdLog("change set %d: its confirm window ended: undoing it",
             json_object_get_int(member(gRecord, "id")));
     free(undoNow("window ended"));

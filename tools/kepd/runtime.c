@@ -84,46 +84,56 @@ int runtimeStateOpen(const char *pidFile) {
         close(fd);
         return -1;
     }
-    gState = mmap(NULL, sizeof *gState, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    KepHostState *mapped = mmap(NULL, sizeof *mapped, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     close(fd);
-    if (gState == MAP_FAILED) {
-        gState = NULL;
-        return -1;
-    }
+    if (mapped == MAP_FAILED) return -1;
     /* The counter goes on from the last host's, so a client never sees a value again. */
-    if (memcmp(gState->magic, KEP_HOST_STATE_MAGIC, sizeof gState->magic) == 0)
-        last = __atomic_load_n(&gState->generation, __ATOMIC_RELAXED);
-    memcpy(gState->magic, KEP_HOST_STATE_MAGIC, sizeof gState->magic);
-    __atomic_store_n(&gState->watchers, 0, __ATOMIC_RELEASE);
-    __atomic_store_n(&gState->changeset, 0, __ATOMIC_RELEASE);
-    __atomic_store_n(&gState->generation, last + 1, __ATOMIC_RELEASE);
-    __atomic_store_n(&gState->pid, (unsigned)getpid(), __ATOMIC_RELEASE);
+    if (memcmp(mapped->magic, KEP_HOST_STATE_MAGIC, sizeof mapped->magic) == 0)
+        last = __atomic_load_n(&mapped->generation, __ATOMIC_RELAXED);
+    memcpy(mapped->magic, KEP_HOST_STATE_MAGIC, sizeof mapped->magic);
+    __atomic_store_n(&mapped->watchers, 0, __ATOMIC_RELEASE);
+    __atomic_store_n(&mapped->changeset, 0, __ATOMIC_RELEASE);
+    __atomic_store_n(&mapped->generation, last + 1, __ATOMIC_RELEASE);
+    __atomic_store_n(&mapped->pid, (unsigned)getpid(), __ATOMIC_RELEASE);
+    /* Published last: the serving threads may already look for it. */
+    __atomic_store_n(&gState, mapped, __ATOMIC_RELEASE);
     return 0;
 }
 
+/* The state file once it is open, else NULL; the serving threads start before it is. */
+static KepHostState *state(void) {
+    return __atomic_load_n(&gState, __ATOMIC_ACQUIRE);
+}
+
 void runtimeBump(void) {
-    if (gState) __atomic_add_fetch(&gState->generation, 1, __ATOMIC_ACQ_REL);
+    KepHostState *s = state();
+    if (s) __atomic_add_fetch(&s->generation, 1, __ATOMIC_ACQ_REL);
 }
 
 void runtimeWatchers(int count) {
-    if (gState) __atomic_store_n(&gState->watchers, (unsigned)count, __ATOMIC_RELEASE);
+    KepHostState *s = state();
+    if (s) __atomic_store_n(&s->watchers, (unsigned)count, __ATOMIC_RELEASE);
 }
 
 void runtimeChangeset(int on) {
-    if (gState) __atomic_store_n(&gState->changeset, on ? 1u : 0u, __ATOMIC_RELEASE);
+    KepHostState *s = state();
+    if (s) __atomic_store_n(&s->changeset, on ? 1u : 0u, __ATOMIC_RELEASE);
 }
 
 unsigned runtimeGeneration(void) {
-    return gState ? __atomic_load_n(&gState->generation, __ATOMIC_ACQUIRE) : 0;
+    KepHostState *s = state();
+    return s ? __atomic_load_n(&s->generation, __ATOMIC_ACQUIRE) : 0;
 }
 
 void runtimeClose(void) {
-    if (gState) {
-        __atomic_store_n(&gState->pid, 0, __ATOMIC_RELEASE);
-        __atomic_store_n(&gState->watchers, 0, __ATOMIC_RELEASE);
-        runtimeBump();
-        munmap(gState, sizeof *gState);
-        gState = NULL;
+    KepHostState *s = state();
+    if (s) {
+        __atomic_store_n(&s->pid, 0, __ATOMIC_RELEASE);
+        __atomic_store_n(&s->watchers, 0, __ATOMIC_RELEASE);
+        __atomic_store_n(&s->changeset, 0, __ATOMIC_RELEASE);
+        __atomic_add_fetch(&s->generation, 1, __ATOMIC_ACQ_REL);
+        __atomic_store_n(&gState, NULL, __ATOMIC_RELEASE);
+        munmap(s, sizeof *s);
     }
     if (gPidFd >= 0) {
         /* Removed while still locked, so that no starting host takes a file that is
