@@ -3,7 +3,7 @@
 // only, and the actions the user may run. Nothing here knows any module by name.
 import { h, uid } from './dom.js';
 import { request } from './api.js';
-import { explain } from './errors.js';
+import { describe } from './errors.js';
 import { changes, columnsOf, field, freeValue, kindOf, rowsOf, shown } from './values.js';
 
 const POLL_MS = 5000;
@@ -17,25 +17,7 @@ export function registerTableView(module, table, render) {
 
 // Shows what the gateway or the owner answered in el; true when the request succeeded.
 async function answer(el, res, success) {
-  let text;
-  let ok = false;
-  if (res.status === 200 && res.body && res.body.error_code === 0) {
-    ok = true;
-    text = typeof success === 'function' ? success(res.body) : success;
-  } else if (res.status === 200 && res.body && typeof res.body.error_code === 'number') {
-    text = 'Refused: ' + await explain(res.body.error_code);
-  } else if (res.status === 403) {
-    text = 'Not allowed for your role: ' + ((res.body && res.body.error) || 'refused by the rules');
-  } else if (res.status === 401) {
-    text = 'The session ended.';
-  } else if (res.status === 0) {
-    text = 'The gateway cannot be reached.';
-  } else if (res.status === 503) {
-    text = 'The router\'s configuration service cannot be reached. Try again shortly.';
-  } else {
-    const why = res.body && res.body.error;
-    text = 'The gateway answered ' + res.status + (why ? ': ' + why : '.');
-  }
+  const { ok, text } = await describe(res, success);
   if (el) {
     el.textContent = text;
     el.className = 'answer ' + (ok ? 'ok' : 'error');
