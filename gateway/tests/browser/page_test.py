@@ -79,9 +79,9 @@ class PageTest(unittest.TestCase):
         self.addCleanup(self.check_console)
         self.addCleanup(self.screenshot)
 
-    def screenshot(self):
+    def screenshot(self, suffix=''):
         os.makedirs(SHOTS, exist_ok=True)
-        self.driver.save_screenshot(os.path.join(SHOTS, self.id().split('.', 1)[1] + '.png'))
+        self.driver.save_screenshot(os.path.join(SHOTS, self.id().split('.', 1)[1] + suffix + '.png'))
 
     def check_console(self):
         bad = []
@@ -355,6 +355,55 @@ class SessionEnd(PageTest):
         self.wait_text('#login-message', 'You are logged out.')
         self.assertNotIn('error', self.find('#login-message').get_attribute('class'))
         self.assertEqual(self.finds('#module section'), [])
+
+
+class ChangeSetPage(PageTest):
+    """Changes to several modules collected on the page and applied as one change set.
+    Each test starts from whatever the one before left, read from the host."""
+
+    def stored(self):
+        """The DHCP range and the time zone as the host has them."""
+        lan = self.host({'method': 'get', 'dhcp': {'name': 'lan'}})['dhcp']['lan']
+        zone = self.host({'method': 'get', 'system': {'name': 'zone'}})['system']['zone']
+        return lan['start'], lan['end'], zone['name']
+
+    def section(self, name):
+        return self.wait(lambda: self.finds('#module:not([aria-busy]) form[data-section="%s"]' % name),
+                         'the %s form' % name)[0]
+
+    def collect(self, module, section, values):
+        """Edits a section's form in its module's view and adds it to the change set."""
+        self.find('nav a[data-module="%s"]' % module).click()
+        form = self.section(section)
+        for option, value in values.items():
+            box = self.find('input[name="%s"]' % option, form)
+            box.clear()
+            box.send_keys(value)
+        self.find('button.collect', form).click()
+        self.wait_text('form[data-section="%s"] .answer' % section, 'In the change set')
+
+    def test_refused_change_undoes_the_others_and_is_named(self):
+        before = self.stored()
+        self.log_in_as('admin')
+        self.collect('system', 'zone', {'name': 'Africa/Cairo'})
+        self.collect('dhcp', 'lan', {'start': '192.168.1.999'})  # the owner takes no such address
+        self.find('#apply-changes button[type=submit]').click()
+        outcome = self.wait_text('#outcome', 'Change 2 of 2 (dhcp · lan) was refused: error_code ').text
+        self.assertIn('Undoing all of them: everything was put back (', outcome)
+        self.assertEqual(self.stored(), before)
+        # The set stays, to be put right, the refused change marked.
+        self.assertEqual([e.text for e in self.finds('#change-list li .tag')], ['refused'])
+        self.assertTrue(self.finds('#change-list li:nth-child(2) .tag'))
+        self.screenshot('-refused')
+        # The refused change discarded by keyboard, the rest goes through alone.
+        discard = self.find('#change-list li:nth-child(2) button.discard')
+        discard.send_keys(Keys.ENTER)
+        self.wait(lambda: len(self.finds('#change-list li')) == 1, 'one change left')
+        self.assertEqual(self.driver.switch_to.active_element.get_attribute('aria-label'), 'Discard system · zone')
+        self.find('#apply-changes button[type=submit]').click()
+        self.wait_text('#outcome', 'Applied 1 change together.')
+        self.assertEqual(self.stored(), (before[0], before[1], 'Africa/Cairo'))
+        self.assertFalse(self.find('#changes').is_displayed())
 
 
 if __name__ == '__main__':

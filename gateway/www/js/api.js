@@ -92,14 +92,23 @@ export async function logout() {
 // One request of the library; { status, body } with body the parsed response (or
 // the gateway's {"error": ...} for a refusal), null when it was not JSON.
 // Status 0 when the gateway could not be reached at all.
-export async function request(text, options) {
+export function request(text, options) {
+  return answerOf('POST', '/api/request', text, options);
+}
+
+// Requests applied by the host as one: all of them, or none when one is refused.
+export function applyChanges(requests) {
+  return answerOf('POST', '/api/apply', { changes: requests });
+}
+
+async function answerOf(method, path, body, options) {
   let r;
   try {
-    r = await call('POST', '/api/request', text, options);
+    r = await call(method, path, body, options);
   } catch (e) {
     return { status: 0, body: null };
   }
-  let body = null;
-  try { body = await r.json(); } catch (e) { body = null; }
-  return { status: r.status, body };
+  let parsed = null;
+  try { parsed = await r.json(); } catch (e) { parsed = null; }
+  return { status: r.status, body: parsed };
 }

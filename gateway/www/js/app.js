@@ -2,6 +2,7 @@
 // at a time, chosen by the address's fragment (#dhcp), so that the browser's back
 // button and a bookmark work.
 import { call, loggedIn, login, logout, onSessionEnd } from './api.js';
+import { clearChanges, initChanges } from './changes.js';
 import { forgetMeanings, loadMeanings } from './errors.js';
 import { h } from './dom.js';
 import { renderModule } from './views.js';
@@ -13,6 +14,7 @@ let current = null;  // the shown module's view
 let showing = 0;     // which render is the latest, when renders overlap
 
 function showLogin(message, error = true) {
+  clearChanges();
   if (current) current.dispose();
   current = null;
   modules = [];
@@ -62,6 +64,14 @@ async function show(focus) {
   current = view;
   if (focus) $('module').querySelector('h2').focus();
 }
+
+// The shown module is read again when a change set changed its values, or changes
+// collected for it were discarded.
+function reread(names) {
+  const module = moduleFromHash();
+  if (loggedIn() && module && names.includes(module.name)) show(false);
+}
+initChanges(reread);
 
 window.addEventListener('hashchange', () => {
   if (loggedIn()) show(true);
