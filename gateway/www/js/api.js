@@ -96,9 +96,23 @@ export function request(text, options) {
   return answerOf('POST', '/api/request', text, options);
 }
 
-// Requests applied by the host as one: all of them, or none when one is refused.
-export function applyChanges(requests) {
-  return answerOf('POST', '/api/apply', { changes: requests });
+// Requests applied by the host as one: all of them or none. With a confirm window
+// (seconds) they are undone when it ends unless confirmChanges() comes first.
+export function applyChanges(requests, confirm) {
+  return answerOf('POST', '/api/apply', { changes: requests, confirm });
+}
+
+export function confirmChanges() {
+  return answerOf('POST', '/api/confirm');
+}
+
+export function cancelChanges() {
+  return answerOf('POST', '/api/cancel');
+}
+
+// The change set the host holds, if any; polled, so sent as background.
+export function pendingChanges() {
+  return answerOf('GET', '/api/pending', undefined, { background: true });
 }
 
 async function answerOf(method, path, body, options) {

@@ -1,10 +1,11 @@
 // The change set: changes to sections and rows of any modules, collected instead of
 // sent one by one, then applied by the host as one (all of them, or none when one is
-// refused). Only this page knows them until they are applied: a reload or a logout
-// discards them.
+// refused), with a window after which they are undone unless confirmed. Only this page
+// knows them until they are applied: a reload or a logout discards them.
 import { applyChanges } from './api.js';
 import { h } from './dom.js';
 import { describe } from './errors.js';
+import { checkPending, expectPending, restoredText, say } from './pending.js';
 import { shown } from './values.js';
 
 const $ = (id) => document.getElementById(id);
@@ -15,21 +16,6 @@ let reread = () => {};
 // reread(modules) is called when the values of those modules may differ from the shown ones.
 export function initChanges(onChanged) {
   reread = onChanged;
-}
-
-// The outcome of an apply, above the module.
-export function say(text, kind = '') {
-  $('outcome').textContent = text;
-  $('outcome').className = 'answer ' + kind;
-}
-
-// {"dhcp": "restored", "system": "not restored: ..."} in words: { ok, text }.
-function restoredText(restored) {
-  const all = Object.entries(restored || {});
-  const bad = all.filter(([, how]) => how !== 'restored');
-  if (all.length === 0) return { ok: true, text: 'nothing had been changed.' };
-  if (bad.length === 0) return { ok: true, text: 'everything was put back (' + all.map(([m]) => m).join(', ') + ').' };
-  return { ok: false, text: 'not everything could be put back: ' + bad.map(([m, how]) => m + ' ' + how).join('; ') + '.' };
 }
 
 function values(para) {
@@ -130,6 +116,10 @@ function render() {
   $('change-list').replaceChildren(...[...entries].map(([key, e]) => item(key, e)));
 }
 
+$('confirm-on').addEventListener('change', (e) => {
+  $('confirm-seconds').disabled = !e.target.checked;
+});
+
 $('discard-changes').addEventListener('click', () => {
   discard([...entries.keys()]);
   say('The change set was discarded; nothing was sent.');
@@ -139,6 +129,7 @@ $('discard-changes').addEventListener('click', () => {
 $('apply-changes').addEventListener('submit', async (e) => {
   e.preventDefault();
   const form = e.target;
+  const seconds = $('confirm-on').checked ? Number($('confirm-seconds').value) : 0;
   const keys = [...entries.keys()];
   const list = keys.map((k) => entries.get(k));
   const modules = [...new Set(list.map((c) => c.module))];
@@ -146,19 +137,26 @@ $('apply-changes').addEventListener('submit', async (e) => {
   form.querySelector('button[type=submit]').disabled = true;
   let res;
   try {
-    res = await applyChanges(list.map((c) => c.request));
+    res = await applyChanges(list.map((c) => c.request), seconds);
   } finally {
     form.classList.remove('busy');
     form.querySelector('button[type=submit]').disabled = false;
   }
   const b = res.body;
+  if (!(res.status === 200 && b && b.pending)) checkPending();
   const count = list.length + (list.length === 1 ? ' change' : ' changes');
   list.forEach((c) => { c.failed = false; });
   if (res.status === 200 && b && b.error_code === 0) {
     keys.forEach((k) => entries.delete(k));  // not what was collected meanwhile
     render();
-    say('Applied ' + count + ' together.', 'ok');
-    $('outcome').focus();
+    if (b.pending) {
+      say('Applied ' + count + ' together. They are undone in ' + b.pending.seconds
+        + ' s unless you confirm them.', 'ok');
+      expectPending(b.pending.id);  // the banner takes the focus with its Confirm
+    } else {
+      say('Applied ' + count + ' together.', 'ok');
+      $('outcome').focus();
+    }
     reread(modules);
   } else if (res.status === 200 && b && typeof b.failed === 'number' && list[b.failed]) {
     // Everything ran up to the refused request and was put back: the entries stay, to be
@@ -173,7 +171,7 @@ $('apply-changes').addEventListener('submit', async (e) => {
       + 'Undoing all of them: ' + back.text, 'error');
     reread(modules);
   } else {
-    // Refused before anything ran: the rules, an unreachable host.
+    // Refused before anything ran: another change set, the rules, an unreachable host.
     const why = await describe(res);
     say('Nothing was applied. ' + why.text, 'error');
   }

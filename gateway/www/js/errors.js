@@ -29,7 +29,9 @@ export async function explain(code) {
 }
 
 // What the gateway or the host answered, in words: { ok, text }. success is the text
-// for an answer with "error_code" 0, or a function of that answer giving it.
+// for an answer with "error_code" 0, or a function of that answer giving it. A refusal
+// that says why in "error" (a pending change set names itself and whose it is) is shown
+// in its own words.
 export async function describe(res, success) {
   const b = res.body;
   if (res.status === 200 && b && b.error_code === 0) {
@@ -37,7 +39,8 @@ export async function describe(res, success) {
   }
   let text;
   if (res.status === 200 && b && typeof b.error_code === 'number') {
-    text = 'Refused: ' + await explain(b.error_code);
+    text = 'Refused: ' + (typeof b.error === 'string' ? b.error + ' (error_code ' + b.error_code + ')'
+      : await explain(b.error_code));
   } else if (res.status === 403) {
     text = 'Not allowed for your role: ' + ((b && b.error) || 'refused by the rules');
   } else if (res.status === 401) {
