@@ -5,8 +5,10 @@ than the HTTP statuses it provokes on purpose.
 
     page_test.py BUILD-DIR SOURCE-DIR [TestClass ...]
 """
+import contextlib
 import json
 import os
+import re
 import shutil
 import sys
 import tempfile
@@ -79,9 +81,9 @@ class PageTest(unittest.TestCase):
         self.addCleanup(self.check_console)
         self.addCleanup(self.screenshot)
 
-    def screenshot(self):
+    def screenshot(self, suffix=''):
         os.makedirs(SHOTS, exist_ok=True)
-        self.driver.save_screenshot(os.path.join(SHOTS, self.id().split('.', 1)[1] + '.png'))
+        self.driver.save_screenshot(os.path.join(SHOTS, self.id().split('.', 1)[1] + suffix + '.png'))
 
     def check_console(self):
         bad = []
@@ -94,6 +96,33 @@ class PageTest(unittest.TestCase):
         self.assertEqual(bad, [], 'errors in the browser console')
 
     # ---- helpers
+
+    @contextlib.contextmanager
+    def using(self, driver):
+        """The helpers below drive another browser meanwhile."""
+        saved = self.driver
+        self.driver = driver
+        try:
+            yield
+        finally:
+            self.driver = saved
+
+    def second_browser(self, user, size=DESKTOP):
+        """Another browser with a profile of its own, logged in as user; checked like the first."""
+        profile = tempfile.mkdtemp(prefix='kep-chromium-')
+        self.addCleanup(shutil.rmtree, profile, ignore_errors=True)
+        driver = browser(profile)
+        self.addCleanup(driver.quit)
+        driver.set_window_size(*size)
+        driver.get(self.url + '/')
+        with self.using(driver):
+            self.log_in_as(user)
+
+        def check():
+            with self.using(driver):
+                self.check_console()
+        self.addCleanup(check)
+        return driver
 
     def find(self, css, within=None):
         return (within or self.driver).find_element(By.CSS_SELECTOR, css)
@@ -355,6 +384,175 @@ class SessionEnd(PageTest):
         self.wait_text('#login-message', 'You are logged out.')
         self.assertNotIn('error', self.find('#login-message').get_attribute('class'))
         self.assertEqual(self.finds('#module section'), [])
+
+
+class ChangeSetPage(PageTest):
+    """Changes to several modules collected on the page and applied as one change set;
+    the banner every logged-in user sees while it waits for a confirm; Confirm and Undo.
+    Each test starts from whatever the one before left, read from the host."""
+
+    def setUp(self):
+        # Registered first, so it runs last: after the screenshot of a failure.
+        self.addCleanup(self.undo_left_over)
+        super().setUp()
+
+    def undo_left_over(self):
+        """A test that failed inside a confirm window leaves the next one a host free of it."""
+        for button in self.finds('#pending button.undo'):
+            button.click()
+            self.wait(lambda: not self.finds('#pending *'), 'the change set undone')
+
+    def stored(self):
+        """The DHCP range and the time zone as the host has them."""
+        lan = self.host({'method': 'get', 'dhcp': {'name': 'lan'}})['dhcp']['lan']
+        zone = self.host({'method': 'get', 'system': {'name': 'zone'}})['system']['zone']
+        return lan['start'], lan['end'], zone['name']
+
+    def hostname(self):
+        """host_1's, read with its table: read by name, a row the file held at the start answers -10000."""
+        rows = self.host({'method': 'get', 'dhcp': {'table': 'host'}})['dhcp']['host']
+        return next(r['host_1'] for r in rows if 'host_1' in r)['hostname']
+
+    def section(self, name):
+        return self.wait(lambda: self.finds('#module:not([aria-busy]) form[data-section="%s"]' % name),
+                         'the %s form' % name)[0]
+
+    def collect(self, module, section, values):
+        """Edits a section's form in its module's view and adds it to the change set."""
+        self.find('nav a[data-module="%s"]' % module).click()
+        form = self.section(section)
+        for option, value in values.items():
+            box = self.find('input[name="%s"]' % option, form)
+            box.clear()
+            box.send_keys(value)
+        self.find('button.collect', form).click()
+        self.wait_text('form[data-section="%s"] .answer' % section, 'In the change set')
+
+    def apply(self, seconds):
+        box = self.find('#confirm-seconds')
+        box.clear()
+        box.send_keys(str(seconds))
+        self.find('#apply-changes button[type=submit]').click()
+
+    def seconds_left(self):
+        m = re.search(r'Undone in (\d+) s', self.find('#pending .left').text)
+        return int(m.group(1)) if m else None
+
+    def test_refused_change_undoes_the_others_and_is_named(self):
+        before = self.stored()
+        self.log_in_as('admin')
+        self.collect('system', 'zone', {'name': 'Africa/Cairo'})
+        self.collect('dhcp', 'lan', {'start': '192.168.1.999'})  # the owner takes no such address
+        self.find('#confirm-on').click()  # no window: applied or refused at once
+        self.find('#apply-changes button[type=submit]').click()
+        outcome = self.wait_text('#outcome', 'Change 2 of 2 (dhcp · lan) was refused: error_code ').text
+        self.assertIn('Undoing all of them: everything was put back (', outcome)
+        self.assertEqual(self.stored(), before)
+        # The banner of its applying goes, and leaves the outcome standing.
+        self.wait(lambda: not self.finds('#pending *'), 'the banner gone')
+        self.assertEqual(self.find('#outcome').text, outcome)
+        # The set stays, to be put right, the refused change marked.
+        self.assertEqual([e.text for e in self.finds('#change-list li .tag')], ['refused'])
+        self.assertTrue(self.finds('#change-list li:nth-child(2) .tag'))
+        self.screenshot('-refused')
+        # The refused change discarded by keyboard, the rest goes through alone.
+        discard = self.find('#change-list li:nth-child(2) button.discard')
+        discard.send_keys(Keys.ENTER)
+        self.wait(lambda: len(self.finds('#change-list li')) == 1, 'one change left')
+        self.assertEqual(self.driver.switch_to.active_element.get_attribute('aria-label'), 'Discard system · zone')
+        self.find('#apply-changes button[type=submit]').click()
+        self.wait_text('#outcome', 'Applied 1 change together.')
+        self.assertEqual(self.stored(), (before[0], before[1], 'Africa/Cairo'))
+        self.assertFalse(self.find('#changes').is_displayed())
+        self.assertEqual(self.finds('#pending *'), [])  # nothing waits for a confirm
+
+    def test_unconfirmed_window_undoes_both_then_confirmed_keeps_both(self):
+        before = self.stored()
+        self.log_in_as('admin')
+        self.collect('dhcp', 'lan', {'start': '192.168.1.60', 'end': '192.168.1.90'})
+        self.collect('system', 'zone', {'name': 'Asia/Tokyo'})
+        self.assertEqual([e.text for e in self.finds('#change-list .what')], ['dhcp · lan', 'system · zone'])
+        self.assertIn('(2 changes)', self.find('#changes h2').text)
+        self.assertEqual(self.stored(), before)  # collected only
+        self.screenshot('-collected')
+
+        self.apply(4)
+        applied = time.monotonic()
+        self.wait_text('#pending .what', 'Your change set')
+        self.assertIn(' on dhcp, system is applied and waits for a confirm.', self.find('#pending .what').text)
+        self.assertEqual(self.driver.switch_to.active_element.text, 'Confirm')
+        self.assertEqual(self.stored(), ('192.168.1.60', '192.168.1.90', 'Asia/Tokyo'))
+        self.assertFalse(self.find('#changes').is_displayed())
+        first = self.seconds_left()
+        self.assertIn(first, (3, 4))
+        self.screenshot('-banner')
+        self.wait(lambda: (self.seconds_left() or 0) < first, 'the countdown going down')
+        # Not confirmed: both modules back when the window ends, the page reading them again.
+        self.wait_text('#outcome', 'was not confirmed in time and has been undone.', seconds=8)
+        self.assertLess(time.monotonic() - applied, 4 + 2.5)
+        self.assertEqual(self.finds('#pending *'), [])
+        self.assertEqual(self.stored(), before)
+        self.wait(lambda: self.find('input[name="name"]', self.section('zone')).get_attribute('value') == before[2],
+                  'the zone form showing the old name')
+
+        # Again, and confirmed after a reload, which ends the session but not the change set:
+        # its user may still confirm it.
+        self.collect('dhcp', 'lan', {'start': '192.168.1.60', 'end': '192.168.1.90'})
+        self.collect('system', 'zone', {'name': 'Asia/Tokyo'})
+        self.apply(30)
+        self.wait_text('#pending .what', 'Your change set')
+        self.driver.get(self.url + '/')
+        self.log_in_as('admin')
+        self.wait_text('#pending .what', 'Your change set')
+        self.find('#pending button.confirm').send_keys(Keys.ENTER)
+        self.wait_text('#outcome', 'is confirmed: its changes stay.')
+        self.assertEqual(self.finds('#pending *'), [])
+        self.assertEqual(self.stored(), ('192.168.1.60', '192.168.1.90', 'Asia/Tokyo'))
+        pending = json.loads(self.system._kepctl('pending').stdout or '{}')
+        self.assertNotIn('pending', pending)
+
+    def test_undo_restores_at_once_and_others_see_the_banner_only(self):
+        other = self.second_browser('operator', PHONE)
+        hostname = self.hostname()
+        zone = self.stored()[2]
+        self.log_in_as('admin')
+        # A row's edit goes into the change set from its dialog.
+        self.find('tr[data-section="host_1"] button.edit').click()
+        self.fill_dialog({'hostname': 'nas-moved'})
+        self.find('dialog[open] button.collect').click()
+        self.wait(lambda: not self.finds('dialog'), 'the dialog closed')
+        self.wait_text('tr[data-section="host_1"] th .tag', 'in change set')
+        self.collect('system', 'zone', {'name': 'America/Lima'})
+        self.apply(60)
+        what = self.wait_text('#pending .what', 'Your change set').text
+        change_set = re.search(r'change set (\d+)', what).group(1)
+
+        with self.using(other):
+            self.wait_text('#pending .what', 'Change set %s of admin on dhcp, system' % change_set)
+            self.assertEqual(self.finds('#pending button'), [])
+            self.assertIn('unless admin confirms it', self.find('#pending .left').text)
+            # The view shown was read again: it has the change set's values.
+            self.wait_text('tr[data-section="host_1"] td[data-option="hostname"]', 'nas-moved')
+            # A write to a module of the change set is refused, and the page says why.
+            lease = self.find('form[data-section="lan"] input[name="leaseMinutes"]')
+            lease.clear()
+            lease.send_keys('99')
+            self.find('form[data-section="lan"] button[type=submit]').click()
+            refused = self.wait_text('form[data-section="lan"] .answer', 'Refused: change set %s of ' % change_set)
+            self.assertIn('user admin is pending', refused.text)
+            self.assertLessEqual(self.driver.execute_script('return document.documentElement.scrollWidth'),
+                                 self.driver.execute_script('return window.innerWidth'))
+            self.screenshot('-other-user')
+
+        self.find('#pending button.undo').click()
+        self.wait_text('#outcome', 'Change set %s is undone: everything was put back (' % change_set)
+        self.assertEqual(self.finds('#pending *'), [])
+        self.assertEqual(self.hostname(), hostname)
+        self.assertEqual(self.stored()[2], zone)
+        with self.using(other):
+            self.wait_text('#outcome', 'Change set %s of admin has ' % change_set)  # ended, or been undone
+            self.assertEqual(self.finds('#pending *'), [])
+            self.wait_text('tr[data-section="host_1"] td[data-option="hostname"]', hostname)
 
 
 if __name__ == '__main__':

@@ -92,14 +92,37 @@ export async function logout() {
 // One request of the library; { status, body } with body the parsed response (or
 // the gateway's {"error": ...} for a refusal), null when it was not JSON.
 // Status 0 when the gateway could not be reached at all.
-export async function request(text, options) {
+export function request(text, options) {
+  return answerOf('POST', '/api/request', text, options);
+}
+
+// Requests applied by the host as one: all of them or none. With a confirm window
+// (seconds) they are undone when it ends unless confirmChanges() comes first.
+export function applyChanges(requests, confirm) {
+  return answerOf('POST', '/api/apply', { changes: requests, confirm });
+}
+
+export function confirmChanges() {
+  return answerOf('POST', '/api/confirm');
+}
+
+export function cancelChanges() {
+  return answerOf('POST', '/api/cancel');
+}
+
+// The change set the host holds, if any; polled, so sent as background.
+export function pendingChanges() {
+  return answerOf('GET', '/api/pending', undefined, { background: true });
+}
+
+async function answerOf(method, path, body, options) {
   let r;
   try {
-    r = await call('POST', '/api/request', text, options);
+    r = await call(method, path, body, options);
   } catch (e) {
     return { status: 0, body: null };
   }
-  let body = null;
-  try { body = await r.json(); } catch (e) { body = null; }
-  return { status: r.status, body };
+  let parsed = null;
+  try { parsed = await r.json(); } catch (e) { parsed = null; }
+  return { status: r.status, body: parsed };
 }

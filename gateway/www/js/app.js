@@ -2,8 +2,10 @@
 // at a time, chosen by the address's fragment (#dhcp), so that the browser's back
 // button and a bookmark work.
 import { call, loggedIn, login, logout, onSessionEnd } from './api.js';
+import { clearChanges, initChanges } from './changes.js';
 import { forgetMeanings, loadMeanings } from './errors.js';
 import { h } from './dom.js';
+import { stopWatching, watchPending } from './pending.js';
 import { renderModule } from './views.js';
 import './extensions.js';
 
@@ -13,6 +15,8 @@ let current = null;  // the shown module's view
 let showing = 0;     // which render is the latest, when renders overlap
 
 function showLogin(message, error = true) {
+  stopWatching();
+  clearChanges();
   if (current) current.dispose();
   current = null;
   modules = [];
@@ -63,6 +67,14 @@ async function show(focus) {
   if (focus) $('module').querySelector('h2').focus();
 }
 
+// The shown module is read again when a change set changed or undid its values, or
+// changes collected for it were discarded.
+function reread(names) {
+  const module = moduleFromHash();
+  if (loggedIn() && module && names.includes(module.name)) show(false);
+}
+initChanges(reread);
+
 window.addEventListener('hashchange', () => {
   if (loggedIn()) show(true);
 });
@@ -87,6 +99,7 @@ async function start(username, role) {
   await show(false);
   $('module').querySelector('h2, p').focus();
   performance.mark('kep-first-view');
+  watchPending(username, reread);
   loadMeanings();  // after the first view: needed only when something fails
 }
 

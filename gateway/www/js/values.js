@@ -49,22 +49,25 @@ export function freeValue(text) {
 
 // A labelled control for one option; read() gives its value, undefined when left empty
 // where that means "not given" (an empty number, or any empty field of a new row).
-export function field(name, kind, value, { blankMeansUnset = false, disabled = false } = {}) {
+// A draft (the value a change set holds for it) is shown instead of the value, which
+// stays what changed() compares with.
+export function field(name, kind, value, { blankMeansUnset = false, disabled = false, draft } = {}) {
   const id = uid('f');
+  const showing = draft === undefined ? value : draft;
   let input;
   if (kind === 'boolean') {
     input = h('input', { id, type: 'checkbox', name, disabled });
-    input.checked = value === true;
+    input.checked = showing === true;
   } else if (kind === 'json') {
     input = h('textarea', { id, name, rows: 2, spellcheck: 'false', disabled });
-    input.value = value === undefined ? '' : JSON.stringify(value);
+    input.value = showing === undefined ? '' : JSON.stringify(showing);
   } else {
     const number = kind === 'number';
     input = h('input', {
       id, name, type: number ? 'number' : 'text', step: number ? 'any' : null, disabled,
       autocomplete: 'off', spellcheck: 'false',
     });
-    input.value = value === undefined ? '' : String(value);
+    input.value = showing === undefined ? '' : String(showing);
   }
   const label = h('label', { for: id }, name);
   const wrap = h('div', { class: kind === 'boolean' ? 'field check' : 'field' }, label, input);

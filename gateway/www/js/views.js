@@ -3,7 +3,8 @@
 // only, and the actions the user may run. Nothing here knows any module by name.
 import { h, uid } from './dom.js';
 import { request } from './api.js';
-import { explain } from './errors.js';
+import { collectAdd, collectDelete, collectSet, draftOf, forgetSet, isCollected } from './changes.js';
+import { describe } from './errors.js';
 import { changes, columnsOf, field, freeValue, kindOf, rowsOf, shown } from './values.js';
 
 const POLL_MS = 5000;
@@ -17,25 +18,7 @@ export function registerTableView(module, table, render) {
 
 // Shows what the gateway or the owner answered in el; true when the request succeeded.
 async function answer(el, res, success) {
-  let text;
-  let ok = false;
-  if (res.status === 200 && res.body && res.body.error_code === 0) {
-    ok = true;
-    text = typeof success === 'function' ? success(res.body) : success;
-  } else if (res.status === 200 && res.body && typeof res.body.error_code === 'number') {
-    text = 'Refused: ' + await explain(res.body.error_code);
-  } else if (res.status === 403) {
-    text = 'Not allowed for your role: ' + ((res.body && res.body.error) || 'refused by the rules');
-  } else if (res.status === 401) {
-    text = 'The session ended.';
-  } else if (res.status === 0) {
-    text = 'The gateway cannot be reached.';
-  } else if (res.status === 503) {
-    text = 'The router\'s configuration service cannot be reached. Try again shortly.';
-  } else {
-    const why = res.body && res.body.error;
-    text = 'The gateway answered ' + res.status + (why ? ': ' + why : '.');
-  }
+  const { ok, text } = await describe(res, success);
   if (el) {
     el.textContent = text;
     el.className = 'answer ' + (ok ? 'ok' : 'error');
@@ -43,20 +26,30 @@ async function answer(el, res, success) {
   return ok;
 }
 
-// A modal form; submit(status) answers true to close it. Escape or Cancel closes it
-// without sending; the focus goes back where it was, or to what refocus() names.
-function dialog(title, build, submitLabel, submit, refocus) {
+// Says in status that a change went into the change set rather than to the router.
+function collected(status, count) {
+  status.textContent = 'In the change set (' + count + (count === 1 ? ' change' : ' changes')
+    + '), not yet applied.';
+  status.className = 'answer';
+}
+
+// A modal form; submit(status) answers true to close it, and so does collect(status),
+// which puts the change into the change set instead, when given. Escape or Cancel
+// closes it without sending; the focus goes back where it was, or to what refocus() names.
+function dialog(title, build, submitLabel, submit, refocus, collect) {
   const titleId = uid('d');
   const status = h('p', { class: 'answer', role: 'alert' });
   const body = h('div', { class: 'fields' });
   const cancel = h('button', { type: 'button', class: 'secondary cancel' }, 'Cancel');
+  const later = collect ? h('button', { type: 'button', class: 'secondary collect' }, 'Add to change set') : null;
   const form = h('form', { method: 'dialog' },
     h('h2', { id: titleId }, title), body, status,
-    h('div', { class: 'buttons' }, h('button', { type: 'submit' }, submitLabel), cancel));
+    h('div', { class: 'buttons' }, h('button', { type: 'submit' }, submitLabel), later, cancel));
   const d = h('dialog', { 'aria-labelledby': titleId }, form);
   const back = document.activeElement;
   build(body);
   cancel.addEventListener('click', () => d.close());
+  if (later) later.addEventListener('click', () => { if (collect(status)) d.close(); });
   d.addEventListener('close', () => {
     d.remove();
     // The opener may have been drawn anew meanwhile: then its successor gets the focus.
@@ -160,6 +153,11 @@ class TableView {
       this.status.textContent = '';
       this.status.className = 'answer';
     }
+    this.redraw();
+  }
+
+  // Renders the rows read last again: after a change went into the change set.
+  redraw() {
     const render = custom.get(this.module + '/' + this.table.name);
     this.body.replaceChildren();
     if (render) render(this);
@@ -177,7 +175,9 @@ class TableView {
       columns.map((c) => h('th', { scope: 'col' }, c)),
       this.writable ? h('th', { scope: 'col' }, h('span', { class: 'visually-hidden' }, 'changes')) : null);
     const rows = this.rows.map(([name, current]) => h('tr', { 'data-section': name },
-      h('th', { scope: 'row' }, name),
+      h('th', { scope: 'row' }, name,
+        this.writable && isCollected(this.module, name) ? [' ', h('span', { class: 'tag draft' }, 'in change set')]
+          : null),
       columns.map((c) => h('td', { 'data-option': c, 'data-label': c }, shown(current[c]))),
       this.writable ? h('td', { class: 'row-tools' },
         h('button', {
@@ -197,12 +197,35 @@ class TableView {
   renderSections() {
     if (this.rows.length === 0) this.body.append(h('p', { class: 'empty' }, 'No sections.'));
     for (const [name, current] of this.rows) {
+      const draft = this.writable ? draftOf(this.module, name) : undefined;
       const fields = Object.entries(current)
-        .map(([o, v]) => field(o, kindOf(v), v, { disabled: !this.writable }));
+        .map(([o, v]) => field(o, kindOf(v), v, { disabled: !this.writable, draft: draft && draft[o] }));
       const status = h('p', { class: 'answer', role: 'status' });
+      const tag = h('span', { class: 'tag draft', hidden: !draft }, 'in change set');
+      const later = h('button', { type: 'button', class: 'secondary collect' }, 'Add ' + name + ' to change set');
       const form = h('form', { class: 'section', 'data-section': name },
-        h('fieldset', null, h('legend', null, name), h('div', { class: 'fields' }, fields.map((f) => f.el))),
-        this.writable ? h('button', { type: 'submit' }, 'Save ' + name) : null, status);
+        h('fieldset', null, h('legend', null, name, ' ', tag), h('div', { class: 'fields' }, fields.map((f) => f.el))),
+        this.writable ? h('div', { class: 'buttons' }, h('button', { type: 'submit' }, 'Save ' + name), later) : null,
+        status);
+      // The form keeps what was typed; the change set holds it until it is applied or discarded.
+      later.addEventListener('click', () => {
+        const para = readForm(fields, status, changes);
+        if (!para) return;
+        const empty = Object.keys(para).length === 0;
+        if (empty && !draftOf(this.module, name)) {
+          status.textContent = 'Nothing changed.';
+          status.className = 'answer';
+          return;
+        }
+        const count = collectSet(this.module, name, para);
+        tag.hidden = empty;
+        if (empty) {
+          status.textContent = 'Taken out of the change set.';
+          status.className = 'answer';
+        } else {
+          collected(status, count);
+        }
+      });
       form.addEventListener('submit', async (e) => {
         e.preventDefault();
         const para = readForm(fields, status, changes);
@@ -214,7 +237,11 @@ class TableView {
         }
         const res = await this.send({ method: 'set', [this.module]: { [name]: para } });
         // The form stays as it is, with the focus where it was; what was sent is now the value.
-        if (await answer(status, res, 'Saved ' + name + '.')) fields.forEach((f) => f.saved());
+        if (await answer(status, res, 'Saved ' + name + '.')) {
+          fields.forEach((f) => f.saved());
+          forgetSet(this.module, name);  // what it held is what was saved
+          tag.hidden = true;
+        }
       });
       this.body.append(form);
     }
@@ -235,14 +262,15 @@ class TableView {
         h('div', { class: 'field' }, h('label', { for: valueId }, 'its value'), value)));
       return name;
     };
-    dialog('Add a row to ' + this.table.name, (body) => {
+    const build = (body) => {
       body.append(...fields.map((f) => f.el));
       const list = h('div', { class: 'free-list' });
       addFree(list);
       const hint = 'A value that reads as JSON (12, true, "text") is sent as that; anything else as text.';
       body.append(list, h('p', { class: 'hint' }, hint),
         h('button', { type: 'button', class: 'secondary', onclick: () => addFree(list).focus() }, 'Another option'));
-    }, 'Add', async (status) => {
+    };
+    const read = (status) => {
       const para = readForm(fields, status, (fs) => {
         const out = {};
         for (const f of fs) {
@@ -251,10 +279,14 @@ class TableView {
         }
         return out;
       });
-      if (!para) return false;
-      for (const { name, value } of free) {
+      for (const { name, value } of para ? free : []) {
         if (name.value.trim()) para[name.value.trim()] = freeValue(value.value);
       }
+      return para;
+    };
+    dialog('Add a row to ' + this.table.name, build, 'Add', async (status) => {
+      const para = read(status);
+      if (!para) return false;
       const res = await this.send({ method: 'add', [this.module]: { table: this.table.name, para } });
       const added = (b) => {
         const names = b[this.module] && b[this.module].name;
@@ -264,21 +296,41 @@ class TableView {
       if (ok) await this.load();
       else tell(status, this.status);
       return ok;
+    }, null, (status) => {
+      const para = read(status);
+      if (para) collected(this.status, collectAdd(this.module, this.table.name, para));
+      return para !== null;
     });
   }
 
   editDialog(name, current) {
-    const fields = Object.entries(current).map(([o, v]) => field(o, kindOf(v), v));
+    const draft = draftOf(this.module, name);
+    const fields = Object.entries(current).map(([o, v]) => field(o, kindOf(v), v, { draft: draft && draft[o] }));
+    const refocus = () => this.body.querySelector('tr[data-section="' + CSS.escape(name) + '"] button.edit');
     dialog('Edit ' + name, (body) => body.append(...fields.map((f) => f.el)), 'Save', async (status) => {
       const para = readForm(fields, status, changes);
       if (!para) return false;
-      if (Object.keys(para).length === 0) return true;
+      if (Object.keys(para).length === 0) {
+        if (forgetSet(this.module, name)) this.redraw();  // the row as it is is what is wanted
+        return true;
+      }
       const res = await this.send({ method: 'set', [this.module]: { [name]: para } });
       const ok = await answer(this.status, res, 'Saved ' + name + '.');
-      if (ok) await this.load();
-      else tell(status, this.status);
+      if (ok) {
+        forgetSet(this.module, name);
+        await this.load();
+      } else {
+        tell(status, this.status);
+      }
       return ok;
-    }, () => this.body.querySelector('tr[data-section="' + CSS.escape(name) + '"] button.edit'));
+    }, refocus, (status) => {
+      const para = readForm(fields, status, changes);
+      if (!para) return false;
+      const count = collectSet(this.module, name, para);
+      if (Object.keys(para).length) collected(this.status, count);
+      this.redraw();
+      return true;
+    });
   }
 
   deleteDialog(name) {
@@ -289,7 +341,11 @@ class TableView {
       if (ok) await this.load();
       else tell(status, this.status);
       return ok;
-    }, () => this.el.querySelector('button.add, tbody button.edit'));
+    }, () => this.el.querySelector('button.add, tbody button.edit'), () => {
+      collected(this.status, collectDelete(this.module, name));
+      this.redraw();
+      return true;
+    });
   }
 }
 
