@@ -130,12 +130,15 @@ static void moduleList(json_object *record, char *out, size_t size) {
     }
 }
 
-/* Who a record belongs to: "uid U (pid P)", with "user NAME" when relayed. */
+/* Who a record belongs to: "uid U (pid P)", or "user NAME (through pid P)" for a
+ * change set a gateway relayed for that user. */
 static void ownerText(json_object *record, char *out, size_t size) {
     const char *user = text(record, "user");
-    int n = snprintf(out, size, "uid %d (pid %d)", json_object_get_int(member(record, "uid")),
-                     json_object_get_int(member(record, "pid")));
-    if (user && n >= 0 && (size_t)n < size) snprintf(out + n, size - (size_t)n, ", user %s", user);
+    if (user)
+        snprintf(out, size, "user %s (through pid %d)", user, json_object_get_int(member(record, "pid")));
+    else
+        snprintf(out, size, "uid %d (pid %d)", json_object_get_int(member(record, "uid")),
+                 json_object_get_int(member(record, "pid")));
 }
 
 /* The refusal for a write while a change set lives. The lock is held. */

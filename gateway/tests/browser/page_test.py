@@ -539,7 +539,7 @@ class ChangeSetPage(PageTest):
             lease.send_keys('99')
             self.find('form[data-section="lan"] button[type=submit]').click()
             refused = self.wait_text('form[data-section="lan"] .answer', 'Refused: change set %s of ' % change_set)
-            self.assertIn('user admin is pending', refused.text)
+            self.assertIn('of user admin (through pid', refused.text)
             self.assertLessEqual(self.driver.execute_script('return document.documentElement.scrollWidth'),
                                  self.driver.execute_script('return window.innerWidth'))
             self.screenshot('-other-user')
