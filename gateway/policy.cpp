@@ -312,6 +312,31 @@ Check checkChangeSet(const Rules &rules, const std::string &role, const std::str
     return c;
 }
 
+std::string pendingView(const Rules &rules, const std::string &role, const std::string &answer) {
+    json_object *doc = json_tokener_parse(answer.c_str()), *pending = nullptr, *modules = nullptr;
+    if (!json_object_object_get_ex(doc, "pending", &pending) ||
+        !json_object_object_get_ex(pending, "modules", &modules) ||
+        !json_object_is_type(modules, json_type_array)) {
+        json_object_put(doc);
+        return answer;
+    }
+    json_object *shown = json_object_new_array();
+    int hidden = 0;
+    for (size_t i = 0; i < json_object_array_length(modules); i++) {
+        json_object *m = json_object_array_get_idx(modules, i);
+        if (json_object_is_type(m, json_type_string) &&
+            (permissionsOf(rules, role, json_object_get_string(m)) & kRead))
+            json_object_array_add(shown, json_object_get(m));
+        else
+            hidden++;
+    }
+    json_object_object_add(pending, "modules", shown);
+    if (hidden) json_object_object_add(pending, "hidden", json_object_new_int(hidden));
+    std::string out = json_object_to_json_string_ext(doc, JSON_C_TO_STRING_PLAIN);
+    json_object_put(doc);
+    return out;
+}
+
 namespace {
 
 json_object *accessList(unsigned bits) {

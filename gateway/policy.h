@@ -72,6 +72,11 @@ Check checkChangeSet(const Rules &rules, const std::string &role, const std::str
 // serves what. "" when the tree is not what the host sends.
 std::string modelView(const Rules &rules, const std::string &role, const std::string &tree);
 
+// The host's answer to "kepd.pending" as a role may see it: of the modules the change set
+// names, those the role may read, and "hidden": how many others. The answer itself when
+// it is not what the host sends.
+std::string pendingView(const Rules &rules, const std::string &role, const std::string &answer);
+
 // The method's permission; 0 for a method the gateway does not know.
 unsigned permissionOfMethod(const std::string &method);
 

@@ -578,6 +578,12 @@ MHD_Result Server::changeset(MHD_Connection *conn, Pending *p) {
                                                        : "kepd.pending";
     char *answer = nullptr;
     const int rc = kepHostChangeset(handler, s.user.c_str(), &answer);
+    if (p->route == Route::kPending && rc == 0 && answer) {
+        // Every user sees that a change set is pending, but only the modules it may read.
+        const std::string view = pendingView(loaded_.rules, s.role, answer);
+        free(answer);
+        return send(conn, p, 200, view, "application/json");
+    }
     if (p->route != Route::kPending)
         audit("%s: user=%s addr=%s error_code=%s", handler + 5, s.user.c_str(), p->addr.c_str(),
               rc == 0 && answer ? errorCodeOf(answer).c_str() : "unreachable");

@@ -178,6 +178,17 @@ TEST(GatewayRules, ChangeSetsNeedEveryModuleWritable) {
         EXPECT_EQ(checkChangeSet(r, "admin", bad, &changes, &confirm).status, 400) << bad;
 }
 
+TEST(GatewayRules, PendingChangeSetsShowOnlyReadableModules) {
+    const Rules r = rules();
+    const std::string answer =
+        R"({"error_code":0,"pending":{"id":3,"user":"admin","modules":["dhcp","secret"]}})";
+    EXPECT_EQ(pendingView(r, "locked", answer),
+              R"({"error_code":0,"pending":{"id":3,"user":"admin","modules":["dhcp"],"hidden":1}})");
+    EXPECT_EQ(pendingView(r, "admin", answer),
+              R"({"error_code":0,"pending":{"id":3,"user":"admin","modules":["dhcp","secret"]}})");
+    EXPECT_EQ(pendingView(r, "viewer", R"({"error_code":0})"), R"({"error_code":0})");
+}
+
 TEST(GatewayRules, DuplicateKeysAreJudgedAsTheLibraryReadsThem) {
     // json-c keeps the last of two equal keys, as the library does: the method
     // judged is the one that runs.

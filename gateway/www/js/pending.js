@@ -181,7 +181,9 @@ function render() {
   }
   const { p } = shown;
   const mine = isMine(p);
-  const modules = p.modules.join(', ');
+  // Modules this user may not read are only counted by the gateway.
+  const modules = p.modules.concat(p.hidden ? [p.hidden + ' other module' + (p.hidden > 1 ? 's' : '')] : [])
+    .join(', ');
   const state = {
     applying: ' is being applied.',
     pending: ' is applied and waits for a confirm.',
