@@ -16,11 +16,56 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <fstream>
 #include <functional>
+#include <sstream>
 #include <string>
 #include <vector>
 
 namespace kep_bench {
+
+// A whole file's text; "" when it cannot be read.
+inline std::string readText(const std::string &path) {
+    std::ifstream in(path);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+// This process's standard output and error to the end of log (a forked server's).
+inline void redirect(const std::string &log) {
+    const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    if (fd >= 0) {
+        dup2(fd, 1);
+        dup2(fd, 2);
+    }
+}
+
+#ifdef KEP_SOURCE_DIR
+// An example's model description (examples/NAME.xml.in) with its files in dir.
+inline std::string exampleModel(const std::string &name, const std::string &dir) {
+    std::string model = readText(std::string(KEP_SOURCE_DIR) + "/examples/" + name + ".xml.in");
+    for (size_t at; (at = model.find("@CONFDIR@")) != std::string::npos;) model.replace(at, 9, dir);
+    return model;
+}
+#endif
+
+// The dhcp module's file as its owner keeps it: n static leases, each with an address
+// and a MAC of its own, and the pool.
+inline std::string dhcpFile(int n) {
+    std::string text = R"({"host":[)";
+    char entry[160];
+    for (int i = 1; i <= n; i++) {
+        snprintf(
+            entry, sizeof entry,
+            R"(%s{"host_%d":{"mac":"02:00:%02x:%02x:%02x:%02x","ip":"10.%d.%d.%d","hostname":"host-%d"}})",
+            i > 1 ? "," : "", i, (i >> 24) & 255, (i >> 16) & 255, (i >> 8) & 255, i & 255, (i >> 16) & 255,
+            (i >> 8) & 255, i & 255, i);
+        text += entry;
+    }
+    return text +
+           R"(],"pool":{"lan":{"start":"192.168.1.100","end":"192.168.1.199","leaseMinutes":1440,"enabled":true}}})";
+}
 
 inline int64_t nowNs() {
     struct timespec ts;

@@ -14,45 +14,12 @@
 // two together cost at most what the floor does.
 #include <sys/stat.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "bench_support.h"
 #include "kep_host.h"
 
 namespace {
-
-std::string readText(const std::string &path) {
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-void redirect(const std::string &log) {
-    int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-    if (fd >= 0) {
-        dup2(fd, 1);
-        dup2(fd, 2);
-    }
-}
-
-// The dhcp module's file: n leases, and its pool.
-std::string dhcpFile(int n) {
-    std::string text = R"({"host":[)";
-    char entry[160];
-    for (int i = 1; i <= n; i++) {
-        snprintf(
-            entry, sizeof entry,
-            R"(%s{"host_%d":{"mac":"02:00:%02x:%02x:%02x:%02x","ip":"10.%d.%d.%d","hostname":"host-%d"}})",
-            i > 1 ? "," : "", i, (i >> 24) & 255, (i >> 16) & 255, (i >> 8) & 255, i & 255, (i >> 16) & 255,
-            (i >> 8) & 255, i & 255, i);
-        text += entry;
-    }
-    return text +
-           R"(],"pool":{"lan":{"start":"192.168.1.100","end":"192.168.1.199","leaseMinutes":1440,"enabled":true}}})";
-}
 
 class System {
 public:
@@ -65,18 +32,17 @@ public:
         } owners[] = {{"dhcpd/dhcp", DHCPD_PATH}, {"sysd/system", SYSD_PATH}, {"ntpd/ntp", NTPD_PATH}};
         std::vector<std::string> models;
         for (const auto &o : owners) {
-            std::string model = readText(std::string(KEP_SOURCE_DIR) + "/examples/" + o.example + ".xml.in");
-            for (size_t at; (at = model.find("@CONFDIR@")) != std::string::npos;) model.replace(at, 9, dir_);
+            const std::string model = kep_bench::exampleModel(o.example, dir_);
             models.push_back(dir_ + "/" + std::string(strchr(o.example, '/') + 1) + ".xml");
             if (!kep_bench::writeFile(models.back(), model)) return;
         }
-        if (!kep_bench::writeFile(dir_ + "/dhcp.json", dhcpFile(leases))) return;
+        if (!kep_bench::writeFile(dir_ + "/dhcp.json", kep_bench::dhcpFile(leases))) return;
         const std::string log = dir_ + "/log";
         for (size_t i = 0; i < 3; i++) {
             const std::string program = owners[i].program, model = models[i];
             if (!owners_[i].start([] { return true; },
                                   [program, model, log] {
-                                      redirect(log);
+                                      kep_bench::redirect(log);
                                       execl(program.c_str(), program.c_str(), model.c_str(),
                                             static_cast<char *>(nullptr));
                                       _exit(127);
@@ -85,7 +51,7 @@ public:
         }
         ok_ = host_.start([] { return true; },
                           [models, log] {
-                              redirect(log);
+                              kep_bench::redirect(log);
                               execl(KEPD_PATH, "kepd", "-m", models[0].c_str(), "-m", models[1].c_str(), "-m",
                                     models[2].c_str(), static_cast<char *>(nullptr));
                               _exit(127);

@@ -37,25 +37,10 @@ namespace {
 
 const char kRequest[] = R"({"method":"get","dhcp":{"table":"host"}})";
 
-std::string readText(const std::string &path) {
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
 long rssKb(pid_t pid) {
-    const std::string status = readText("/proc/" + std::to_string(pid) + "/status");
+    const std::string status = kep_bench::readText("/proc/" + std::to_string(pid) + "/status");
     const size_t at = status.find("VmRSS:");
     return at == std::string::npos ? -1 : atol(status.c_str() + at + 6);
-}
-
-void redirect(const std::string &log) {
-    const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-    if (fd >= 0) {
-        dup2(fd, 1);
-        dup2(fd, 2);
-    }
 }
 
 size_t collect(char *data, size_t size, size_t n, void *out) {
@@ -140,8 +125,7 @@ public:
         if (dir_.empty()) return;
         chmod(dir_.c_str(), 0711);
         setenv("KEP_RUNTIME_DIR", (dir_ + "/run").c_str(), 1);
-        std::string model = readText(std::string(KEP_SOURCE_DIR) + "/examples/dhcpd/dhcp.xml.in");
-        for (size_t at; (at = model.find("@CONFDIR@")) != std::string::npos;) model.replace(at, 9, dir_);
+        const std::string model = kep_bench::exampleModel("dhcpd/dhcp", dir_);
         std::string access, group;
         std::vector<std::string> runAs;
         if (geteuid() == 0) {
@@ -172,14 +156,14 @@ public:
         const std::string xml = dir_ + "/dhcp.xml", log = dir_ + "/log", webLog = dir_ + "/kepwebd.log";
         if (!owner_.start([] { return true; },
                           [xml, log, group] {
-                              redirect(log);
+                              kep_bench::redirect(log);
                               if (!group.empty()) setenv("KEP_RPC_GROUP", group.c_str(), 1);
                               execl(DHCPD_PATH, "dhcpd", xml.c_str(), static_cast<char *>(nullptr));
                               _exit(127);
                           }) ||
             !host_.start([] { return true; },
                          [xml, log, access] {
-                             redirect(log);
+                             kep_bench::redirect(log);
                              if (access.empty())
                                  execl(KEPD_PATH, "kepd", "-m", xml.c_str(), static_cast<char *>(nullptr));
                              execl(KEPD_PATH, "kepd", "-m", xml.c_str(), "-a", access.c_str(),
@@ -196,7 +180,7 @@ public:
         argv.insert(argv.end(), gatewayArgs.begin(), gatewayArgs.end());
         if (!gateway_.start([] { return true; },
                             [argv, webLog] {
-                                redirect(webLog);
+                                kep_bench::redirect(webLog);
                                 std::vector<char *> args;
                                 for (const std::string &a : argv)
                                     args.push_back(const_cast<char *>(a.c_str()));
@@ -223,14 +207,14 @@ public:
                 }))
             return;
         for (int i = 0; i < 1000 && port_ == 0; i++) {
-            const std::string text = readText(webLog);
+            const std::string text = kep_bench::readText(webLog);
             const size_t at = text.find("listening on 127.0.0.1:");
             if (at != std::string::npos && text.find("serving with") != std::string::npos)
                 port_ = atoi(text.c_str() + at + 23);
             else
                 usleep(10000);
         }
-        floorPort_ = atoi(readText(portFile).c_str());
+        floorPort_ = atoi(kep_bench::readText(portFile).c_str());
         ok_ = port_ > 0 && floorPort_ > 0 && !gFloorBody.empty();
     }
     ~System() {

@@ -26,13 +26,6 @@
 
 namespace {
 
-std::string readText(const std::string &path) {
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
 // One owner and one host serving a dhcp file of n leases, for as long as it lives.
 class System {
 public:
@@ -40,21 +33,20 @@ public:
         dir_ = kep_bench::makeTempDir("/tmp");
         if (dir_.empty()) return;
         setenv("KEP_RUNTIME_DIR", (dir_ + "/run").c_str(), 1);
-        std::string model = readText(std::string(KEP_SOURCE_DIR) + "/examples/dhcpd/dhcp.xml.in");
-        for (size_t at; (at = model.find("@CONFDIR@")) != std::string::npos;) model.replace(at, 9, dir_);
+        const std::string model = kep_bench::exampleModel("dhcpd/dhcp", dir_);
         if (!kep_bench::writeFile(dir_ + "/dhcp.xml", model) ||
-            !kep_bench::writeFile(dir_ + "/dhcp.json", file(n)))
+            !kep_bench::writeFile(dir_ + "/dhcp.json", kep_bench::dhcpFile(n)))
             return;
         const std::string xml = dir_ + "/dhcp.xml", log = dir_ + "/log";
         ok_ = owner_.start([] { return true; },
                            [xml, log] {
-                               redirect(log);
+                               kep_bench::redirect(log);
                                execl(DHCPD_PATH, "dhcpd", xml.c_str(), static_cast<char *>(nullptr));
                                _exit(127);
                            }) &&
               host_.start([] { return true; },
                           [xml, log] {
-                              redirect(log);
+                              kep_bench::redirect(log);
                               execl(KEPD_PATH, "kepd", "-m", xml.c_str(), static_cast<char *>(nullptr));
                               _exit(127);
                           }) &&
@@ -82,27 +74,6 @@ public:
     }
 
 private:
-    static void redirect(const std::string &log) {
-        int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-        if (fd >= 0) dup2(fd, 2);
-    }
-
-    // The file dhcpd keeps: n leases, each with an address and a MAC of its own.
-    static std::string file(int n) {
-        std::string text = R"({"host":[)";
-        char entry[160];
-        for (int i = 1; i <= n; i++) {
-            snprintf(
-                entry, sizeof entry,
-                R"(%s{"host_%d":{"mac":"02:00:%02x:%02x:%02x:%02x","ip":"10.%d.%d.%d","hostname":"host-%d"}})",
-                i > 1 ? "," : "", i, (i >> 24) & 255, (i >> 16) & 255, (i >> 8) & 255, i & 255,
-                (i >> 16) & 255, (i >> 8) & 255, i & 255, i);
-            text += entry;
-        }
-        return text +
-               R"(],"pool":{"lan":{"start":"192.168.1.100","end":"192.168.1.199","leaseMinutes":1440,"enabled":true}}})";
-    }
-
     bool waitServed() {
         for (int i = 0; i < 3000; i++) {
             char *dump = nullptr;
@@ -153,7 +124,7 @@ void BM_Add(benchmark::State &state) {
 
 // VmRSS and VmHWM of a process, in bytes.
 void memoryOf(pid_t pid, double *rss, double *hwm) {
-    std::istringstream status(readText("/proc/" + std::to_string(pid) + "/status"));
+    std::istringstream status(kep_bench::readText("/proc/" + std::to_string(pid) + "/status"));
     std::string line;
     *rss = *hwm = 0;
     while (std::getline(status, line)) {
@@ -215,7 +186,7 @@ void BM_Monitor(benchmark::State &state) {
                           });
         bool watching = false;
         for (int i = 0; started && !watching && i < 1000; i++) {
-            watching = readText(err).find("watching") != std::string::npos;
+            watching = kep_bench::readText(err).find("watching") != std::string::npos;
             if (!watching) usleep(10000);
         }
         unlink(err.c_str());

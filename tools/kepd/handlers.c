@@ -342,34 +342,25 @@ static int onApply(QxRpcPara *set, void *user) {
     return 0;
 }
 
-static int onConfirm(QxRpcPara *set, void *user) {
-    QxImiCaller c = caller();
-    char *result = NULL;
-    (void)user;
-    if (!accessMaySend(&c)) return denied(set, &c, "a confirm");
-    changesetConfirm(&c, member(set, "user"), &result);
-    answer(set, result ? 0 : -1, result);
-    free(result);
-    return 0;
+/* confirm, cancel and pending: by the caller (and the user it relays for); what the
+ * host answers goes in "result". */
+typedef struct ChangesetCall {
+    void (*run)(const QxImiCaller *caller, const char *user, char **answer);
+} ChangesetCall;
+
+static void pendingFor(const QxImiCaller *caller, const char *user, char **answer) {
+    (void)caller, (void)user;
+    changesetPending(answer);
 }
 
-static int onCancel(QxRpcPara *set, void *user) {
-    QxImiCaller c = caller();
-    char *result = NULL;
-    (void)user;
-    if (!accessMaySend(&c)) return denied(set, &c, "a cancel");
-    changesetCancel(&c, member(set, "user"), &result);
-    answer(set, result ? 0 : -1, result);
-    free(result);
-    return 0;
-}
+static const ChangesetCall kConfirm = {changesetConfirm}, kCancel = {changesetCancel},
+                           kPending = {pendingFor};
 
-static int onPending(QxRpcPara *set, void *user) {
+static int onChangesetCall(QxRpcPara *set, void *user) {
     QxImiCaller c = caller();
     char *result = NULL;
-    (void)user;
-    if (!accessMaySend(&c)) return denied(set, &c, "the pending change set");
-    changesetPending(&result);
+    if (!accessMaySend(&c)) return denied(set, &c, "a change set's confirm, cancel or state");
+    ((const ChangesetCall *)user)->run(&c, member(set, "user"), &result);
     answer(set, result ? 0 : -1, result);
     free(result);
     return 0;
@@ -387,9 +378,9 @@ int handlersRegister(void) {
                    qxImiRegister("kepd.tree", onTree, NULL) || qxImiRegister("kepd.reset", onReset, NULL) ||
                    qxImiRegister("kepd.ping", onPing, NULL) || qxImiRegister("kepd.watch", onWatch, NULL) ||
                    qxImiRegister("kepd.apply", onApply, NULL) ||
-                   qxImiRegister("kepd.confirm", onConfirm, NULL) ||
-                   qxImiRegister("kepd.cancel", onCancel, NULL) ||
-                   qxImiRegister("kepd.pending", onPending, NULL)
+                   qxImiRegister("kepd.confirm", onChangesetCall, (void *)&kConfirm) ||
+                   qxImiRegister("kepd.cancel", onChangesetCall, (void *)&kCancel) ||
+                   qxImiRegister("kepd.pending", onChangesetCall, (void *)&kPending)
                ? -1
                : 0;
 }
