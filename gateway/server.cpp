@@ -119,8 +119,11 @@ private:
     std::mutex lock_;  // sessions_ and throttle_
     Sessions sessions_;
     Throttle throttle_;
-    std::atomic<bool> direct_{false};                  // the direct route is open
-    std::atomic<int64_t> directTried_{INT64_MIN / 2};  // its last try, monotonic ms
+    std::atomic<bool> direct_{false};  // the direct route is open
+    // Its last try, monotonic ms. Guarded by a lock, not atomic: the device's 32-bit
+    // MIPS has no 64-bit atomics, and the route is tried only while it is not open.
+    std::mutex directLock_;
+    int64_t directTried_ = INT64_MIN / 2;
     std::mutex hashLock_;
     std::condition_variable hashFree_;
     int hashing_ = 0;
@@ -272,12 +275,13 @@ bool Server::verifyPassword(const std::string &password, const std::string &hash
 int Server::forward(const std::string &user, const std::string &request, bool changes, char **response) {
     if (changes) return kepHostRequestFor(user.c_str(), request.c_str(), response);
     if (!direct_.load(std::memory_order_acquire)) {
-        const int64_t now = monotonicMs();
-        int64_t last = directTried_.load(std::memory_order_relaxed);
         // One thread tries, at most once a second: a host that is down costs one RPC a second.
-        if (now - last >= kDirectRetryMs && directTried_.compare_exchange_strong(last, now) &&
-            kepDirectOpen() == 0)
-            direct_.store(true, std::memory_order_release);
+        std::unique_lock<std::mutex> hold(directLock_, std::try_to_lock);
+        const int64_t now = monotonicMs();
+        if (hold.owns_lock() && now - directTried_ >= kDirectRetryMs) {
+            directTried_ = now;
+            if (kepDirectOpen() == 0) direct_.store(true, std::memory_order_release);
+        }
     }
     return kepDirectRequestFor(user.c_str(), request.c_str(), response);
 }
@@ -668,8 +672,11 @@ bool Server::start() {
         &Server::onCompleted, this, MHD_OPTION_STRICT_FOR_CLIENT, 1, MHD_OPTION_ARRAY, tls, MHD_OPTION_END);
     if (!daemon_) return false;
     // Taken now rather than by the first read; without a host yet, by a later one.
-    directTried_.store(monotonicMs());
-    direct_.store(kepDirectOpen() == 0);
+    {
+        std::lock_guard<std::mutex> hold(directLock_);
+        directTried_ = monotonicMs();
+        direct_.store(kepDirectOpen() == 0);
+    }
     return true;
 }
 
