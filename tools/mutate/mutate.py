@@ -1,0 +1,570 @@
+#!/usr/bin/env python3
+"""Mutation testing of the library: does the plain suite notice a one-token fault?
+
+Each mutant changes one token of one source file of the library or of the stand-in's
+RPC and file store (a comparison flipped, && and || swapped, + and - swapped, a "!"
+dropped, an integer or character constant moved by one, true and false swapped). It
+is built incrementally and the plain suite runs against it: every test of tests/api
+and tests/internal, as ctest runs them, each test with a time limit. A mutant is
+killed (a test failed), survived (every test passed), timed out (a test ran past its
+limit and none failed otherwise) or did not build.
+
+The tool never writes to the sources it is run from: it mutates a copy of them in
+BUILD/src (synchronised with the working tree at every start, so a copy left mutated
+by a killed run is mended then) and builds it in BUILD/build without the tools, the
+gateway and the benchmarks, and without debug information.
+
+    tools/mutate/mutate.py --seed 7 --sample 12 --min-score 90   # what CI runs
+    tools/mutate/mutate.py --file text/encode.cpp               # every mutant of a file
+    tools/mutate/mutate.py --only xml/xml_parse.cpp:512:22      # chosen mutants
+    tools/mutate/mutate.py --seed 7 --sample 12 --list          # the mutants, not run
+    tools/mutate/mutate.py --kills BUILD/last-run.json          # which tests kill what
+
+A seed and a sample size choose the same mutants on every machine for the same
+sources. The results go to BUILD/last-run.json (--out). While the file named by
+--wait-for exists (default /tmp/kep-quiet: someone is measuring), no build or test
+run starts; the tool polls every 10 s.
+"""
+
+import argparse
+import json
+import os
+import random
+import re
+import shutil
+import signal
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[2]
+
+# The sources whose tokens are mutated. Headers are left out: their code is a few
+# inline helpers and constants, and a change there rebuilds most of the library.
+SCOPE = ["request/*.cpp", "tree/*.cpp", "model/*.cpp", "xml/*.cpp", "ops/*.cpp", "config/*.cpp",
+         "text/*.cpp", "platform/standin/rpc_*.cpp", "platform/standin/file_store.cpp",
+         "platform/standin/json*.cpp"]
+# The plain suite: the library's unit tests, fast and self-contained.
+SUITE = ["tests/api", "tests/internal"]
+EQUIVALENT = ROOT / "tools" / "mutate" / "equivalent.txt"
+
+# ---------------------------------------------------------------------------------
+# Finding mutants
+
+TOKEN = re.compile(r"""
+    (?P<space>\s+)
+  | (?P<comment>//[^\n]*|/\*.*?\*/)
+  | (?P<string>(?:u8|[uUL])?R"(?P<delim>[^(\s]*)\(.*?\)(?P=delim)"|(?:u8|[uUL])?"(?:\\.|[^"\\\n])*")
+  | (?P<char>(?:u8|[uUL])?'(?:\\.|[^'\\\n])+')
+  | (?P<number>\.?\d(?:[\w.']|[eEpP][+-])*)
+  | (?P<ident>[A-Za-z_]\w*)
+  | (?P<op>->\*?|\+\+|--|<<=|>>=|<<|>>|<=|>=|==|!=|&&|\|\||[-+*/%&|^]=|::|\.\.\.|\S)
+""", re.S | re.X)
+
+# Token replacements: one mutant per token, so that file:line:column names a mutant.
+SWAP = {"<": "<=", "<=": "<", ">": ">=", ">=": ">", "==": "!=", "!=": "==",
+        "&&": "||", "||": "&&", "+": "-", "-": "+", "++": "--", "--": "++",
+        "+=": "-=", "-=": "+=", "!": "", "true": "false", "false": "true"}
+TEMPLATE_OPENERS = {"template", "static_cast", "reinterpret_cast", "const_cast", "dynamic_cast"}
+
+
+def tokens(text):
+    """(kind, text, offset) of every token outside comments and preprocessor lines."""
+    out, pos, line_start = [], 0, True
+    while pos < len(text):
+        if line_start and text[pos] == "#":  # a directive, with its continuation lines
+            while True:
+                end = text.find("\n", pos)
+                if end < 0:
+                    return out
+                if text[end - 1] != "\\":
+                    break
+                pos = end + 1
+            pos = end
+            continue
+        m = TOKEN.match(text, pos)
+        kind = m.lastgroup if m.lastgroup != "delim" else "string"
+        if kind == "space":
+            if "\n" in m.group():
+                line_start = True
+        elif kind != "comment":
+            line_start = False
+            out.append((kind, m.group(), pos))
+        pos = m.end()
+    return out
+
+
+def bump_number(text):
+    """An integer literal moved by one (0 and 1 swapped), or None for other numbers."""
+    m = re.fullmatch(r"(0[xX][0-9a-fA-F]+|[1-9]\d*|0[0-7]*)([uUlL]*)", text.replace("'", ""))
+    if not m:
+        return None
+    digits, suffix = m.groups()
+    if digits.lower().startswith("0x"):
+        value = int(digits, 16)
+    elif digits.startswith("0") and len(digits) > 1:
+        value = int(digits, 8)
+    else:
+        value = int(digits)
+    new = {0: 1, 1: 0}.get(value, value + 1)
+    if digits.lower().startswith("0x"):
+        body = format(new, "X" if digits[2:].isupper() else "x").rjust(len(digits) - 2, "0")
+        return digits[:2] + body + suffix
+    return str(new) + suffix
+
+
+def bump_char(text):
+    """A plain character constant moved to the next character, or None."""
+    m = re.fullmatch(r"'(.)'", text)
+    if not m or not (32 <= ord(m.group(1)) < 126) or m.group(1) in "'\\":
+        return None
+    nxt = chr(ord(m.group(1)) + 1)
+    return "'\\''" if nxt == "'" else "'\\\\'" if nxt == "\\" else f"'{nxt}'"
+
+
+def template_brackets(toks):
+    """Offsets of the < and > that enclose template arguments, not comparisons."""
+    skip = set()
+    for i, (kind, text, _) in enumerate(toks):
+        if text == "<" and i and toks[i - 1][1] in TEMPLATE_OPENERS:
+            depth = 0
+            for kind2, text2, off2 in toks[i:]:
+                if text2 == "<":
+                    depth += 1
+                elif text2 in (">", ">>"):
+                    depth -= len(text2)
+                skip.add(off2) if text2 in ("<", ">") else None
+                if depth <= 0:
+                    break
+    return skip
+
+
+# Calls whose arguments are not mutated: static_assert (the compiler checks it) and the
+# library's debug trace, whose texts and arguments only a developer reads (its format
+# and its switch are tested in log_lines_test).
+UNMUTATED_CALLS = {"static_assert", "KEP_LOG", "KEP_LOGJ", "KEP_LOG_AS", "KEP_LOG_MID"}
+
+
+def unmutated_calls(toks):
+    """Offsets of the tokens inside the argument lists of UNMUTATED_CALLS."""
+    skip, i = set(), 0
+    while i < len(toks):
+        if toks[i][1] in UNMUTATED_CALLS and i + 1 < len(toks) and toks[i + 1][1] == "(":
+            depth = 0
+            for j in range(i + 1, len(toks)):
+                skip.add(toks[j][2])
+                depth += {"(": 1, ")": -1}.get(toks[j][1], 0)
+                if depth == 0:
+                    break
+            i = j
+        i += 1
+    return skip
+
+
+def file_mutants(rel):
+    text = (ROOT / rel).read_text()
+    toks = tokens(text)
+    skip = template_brackets(toks) | unmutated_calls(toks)
+    line_starts = [0] + [m.end() for m in re.finditer("\n", text)]
+    found = []
+    for kind, tok, off in toks:
+        if off in skip:
+            continue
+        new = None
+        if kind in ("op", "ident"):
+            new = SWAP.get(tok)
+        elif kind == "number":
+            new = bump_number(tok)
+        elif kind == "char":
+            new = bump_char(tok)
+        if new is None:
+            continue
+        line = _line_of(line_starts, off)
+        col = off - line_starts[line - 1] + 1
+        found.append({"file": rel, "line": line, "col": col, "offset": off, "old": tok, "new": new,
+                      "id": f"{rel}:{line}:{col}"})
+    return found
+
+
+def _line_of(line_starts, off):
+    lo, hi = 0, len(line_starts)
+    while hi - lo > 1:
+        mid = (lo + hi) // 2
+        if line_starts[mid] <= off:
+            lo = mid
+        else:
+            hi = mid
+    return lo + 1
+
+
+def scope_files():
+    files = set()
+    for pattern in SCOPE:
+        files.update(str(p.relative_to(ROOT)) for p in ROOT.glob(pattern))
+    return sorted(files)
+
+
+def all_mutants(files=None):
+    found = []
+    for rel in files or scope_files():
+        found.extend(file_mutants(rel))
+    return found
+
+
+def choose(mutants, seed, sample):
+    """The first sample mutants of an order fixed by the seed, then in source order
+    (mutants of one file one after another rebuild the fewest objects)."""
+    order = list(range(len(mutants)))
+    random.Random(seed).shuffle(order)
+    picked = sorted(order[:sample]) if sample else range(len(mutants))
+    return [mutants[i] for i in picked]
+
+
+def load_equivalent():
+    """Survivors judged equivalent, "FILE:LINE:COL OLD -> NEW  reason" a line; an entry
+    whose token is no longer there (the source changed) is reported and left out."""
+    known = {}
+    if not EQUIVALENT.exists():
+        return known
+    found = {}
+    for raw in EQUIVALENT.read_text().splitlines():
+        if not raw.strip() or raw.startswith("#"):
+            continue
+        key, change, reason = re.fullmatch(r"(\S+)\s+(.+?\s->\s\S*)\s{2,}(.+)", raw.strip()).groups()
+        rel = key.rsplit(":", 2)[0]
+        if rel not in found:
+            found[rel] = {m["id"]: change_text(m) for m in file_mutants(rel)} if (ROOT / rel).exists() else {}
+        if found[rel].get(key) != change:
+            print(f"mutate: {EQUIVALENT.name}: {key} {change} no longer matches the source", file=sys.stderr)
+            continue
+        known[key] = (change, reason)
+    return known
+
+
+def change_text(m):
+    return f"{m['old']} -> {m['new']}" if m["new"] else f"{m['old']} -> (removed)"
+
+# ---------------------------------------------------------------------------------
+# Building and running
+
+
+class Runner:
+    def __init__(self, args):
+        self.args = args
+        self.work = Path(args.build_dir).resolve()
+        self.src = self.work / "src"
+        self.build = self.work / "build"
+        self.targets = []
+        self.limit = args.limit
+        self.suite_seconds = 0
+
+    def wait_quiet(self):
+        path = self.args.wait_for
+        if not path or not os.path.exists(path):
+            return
+        print(f"waiting: {path} exists (someone is measuring)", flush=True)
+        while os.path.exists(path):
+            time.sleep(10)
+
+    def sync(self):
+        """Makes BUILD/src a copy of the working tree's files; only changed files are
+        written, so the incremental build stays incremental."""
+        listed = subprocess.run(["git", "-C", str(ROOT), "ls-files", "-z", "--cached", "--others",
+                                 "--exclude-standard"], check=True, capture_output=True).stdout
+        wanted = {p for p in listed.decode().split("\0") if p and (ROOT / p).is_file()}
+        mended = 0
+        for rel in wanted:
+            src, dst = ROOT / rel, self.src / rel
+            data = src.read_bytes()
+            if not dst.exists() or dst.read_bytes() != data:
+                dst.parent.mkdir(parents=True, exist_ok=True)
+                dst.write_bytes(data)
+                shutil.copymode(src, dst)
+                mended += 1
+        for dst in self.src.rglob("*") if self.src.exists() else []:
+            if dst.is_file() and str(dst.relative_to(self.src)) not in wanted:
+                dst.unlink()
+        print(f"sources copied to {self.src} ({mended} files updated)", flush=True)
+
+    def configure(self):
+        self.wait_quiet()
+        gen = ["-G", "Ninja"] if shutil.which("ninja") and not (self.build / "Makefile").exists() else []
+        flags = "-O2 -DNDEBUG"  # the plain build's optimisation, without debug information
+        subprocess.run(["cmake", "-S", str(self.src), "-B", str(self.build), *gen,
+                        "-DCMAKE_BUILD_TYPE=RelWithDebInfo", f"-DCMAKE_C_FLAGS_RELWITHDEBINFO={flags}",
+                        f"-DCMAKE_CXX_FLAGS_RELWITHDEBINFO={flags}", "-DKEP_BUILD_TOOLS=OFF",
+                        "-DKEP_BUILD_GATEWAY=OFF", "-DKEP_BUILD_BENCH=OFF"],
+                       check=True, stdout=subprocess.DEVNULL)
+
+    def compile(self, targets=None, quiet=True):
+        self.wait_quiet()
+        cmd = ["cmake", "--build", str(self.build), "-j", str(self.args.jobs)]
+        for t in targets or []:
+            cmd += ["--target", t]
+        out = subprocess.run(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        if out.returncode and not quiet:
+            print(out.stdout[-4000:])
+        return out.returncode == 0
+
+    def suite_targets(self):
+        """The executables the suite runs, by their target names."""
+        names = set()
+        for d in SUITE:
+            listed = subprocess.run(["ctest", "--test-dir", str(self.build / d), "--show-only=json-v1"],
+                                    check=True, capture_output=True, text=True).stdout
+            names.update(Path(t["command"][0]).name for t in json.loads(listed)["tests"])
+        return sorted(names)
+
+    def run_suite(self, stop_early=True, only=None):
+        """(outcome, failed tests): outcome is killed, timed out or survived. only: run
+        just the tests of these names."""
+        self.wait_quiet()
+        failed = []
+        deadline = time.monotonic() + self.limit if self.limit else None
+        for d in SUITE:
+            cmd = ["ctest", "--test-dir", str(self.build / d), "-j", str(self.args.jobs),
+                   "--timeout", str(self.args.test_timeout)]
+            if stop_early:
+                cmd.append("--stop-on-failure")
+            if only:
+                cmd += ["-R", "^(" + "|".join(only) + ")$"]
+            proc = subprocess.Popen(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                                    start_new_session=True)
+            try:
+                left = None if deadline is None else max(1.0, deadline - time.monotonic())
+                out, _ = proc.communicate(timeout=left)
+            except subprocess.TimeoutExpired:
+                os.killpg(proc.pid, signal.SIGKILL)
+                proc.communicate()
+                return "timed out", failed + [f"{d} (the mutant's {self.limit} s)"]
+            except BaseException:
+                os.killpg(proc.pid, signal.SIGKILL)
+                proc.wait()
+                raise
+            # "  12 - Suite.Name (Failed)" under "The following tests FAILED:"
+            failed += [f"{n} ({why})" for n, why in re.findall(r"^\s+\d+ - (\S+) \((.+)\)$", out, re.M)]
+            if proc.returncode and not failed:
+                failed.append(f"{d} (ctest: {out.strip().splitlines()[-1] if out.strip() else 'no output'})")
+            if failed and stop_early:
+                break
+        if not failed:
+            return "survived", []
+        if all(f.endswith("(Timeout)") for f in failed):
+            return "timed out", failed
+        return "killed", failed
+
+    def judge(self, stop_early=True):
+        """(outcome, failed tests, flaky tests). A test failure counts only when the test
+        fails again at once: a test that a busy machine upset (one that measures time)
+        kills nothing. After such a failure the suite runs once more."""
+        flaky = []
+        for _ in range(2):
+            outcome, failed = self.run_suite(stop_early)
+            if outcome == "survived" or any("the mutant's" in f for f in failed):
+                return outcome, failed, flaky
+            names = [f.rsplit(" (", 1)[0] for f in failed]
+            again = self.run_suite(False, only=names) if all("." in n for n in names) else self.run_suite(False)
+            if again[0] != "survived":
+                return again[0], again[1], flaky
+            flaky += failed
+        return "survived", [], flaky
+
+    def prepare(self):
+        self.sync()
+        self.configure()
+        print("building the unmutated sources", flush=True)
+        if not self.compile(quiet=False):
+            sys.exit("mutate: the unmutated sources do not build")
+        self.targets = self.suite_targets()
+        start = time.monotonic()
+        outcome, failed = self.run_suite(stop_early=False)
+        took = time.monotonic() - start
+        if outcome != "survived":
+            sys.exit("mutate: the suite fails without a mutant: " + ", ".join(failed))
+        self.suite_seconds = round(took)
+        if not self.limit:
+            self.limit = max(120, int(5 * took))
+        print(f"suite passes unmutated in {took:.0f} s; {len(self.targets)} test programs; "
+              f"each mutant's suite run is cut after {self.limit} s", flush=True)
+
+    def run_mutant(self, m):
+        path = self.src / m["file"]
+        original = path.read_bytes()
+        text = original.decode()
+        if text[m["offset"]:m["offset"] + len(m["old"])] != m["old"]:
+            raise RuntimeError(f"{m['id']}: the copy does not hold {m['old']!r} there")
+        start = time.monotonic()
+        try:
+            path.write_text(text[:m["offset"]] + m["new"] + text[m["offset"] + len(m["old"]):])
+            if not self.compile(self.targets):
+                return {"outcome": "did not build", "failed": [], "seconds": round(time.monotonic() - start)}
+            outcome, failed, flaky = self.judge(stop_early=not self.args.all_tests)
+            return {"outcome": outcome, "failed": failed, "flaky": flaky,
+                    "seconds": round(time.monotonic() - start)}
+        finally:
+            path.write_bytes(original)
+
+    def restore_build(self):
+        """Rebuilds the copy's restored sources so that the folder holds no mutant's objects."""
+        self.compile(self.targets)
+
+# ---------------------------------------------------------------------------------
+# Reporting
+
+OUTCOMES = ["killed", "survived", "timed out", "did not build"]
+
+
+def summarise(results):
+    count = {o: sum(r["outcome"] == o for r in results) for o in OUTCOMES}
+    built = len(results) - count["did not build"]
+    # A hang the suite's time limit stops is a fault noticed, as a failed test is.
+    score = 100.0 * (count["killed"] + count["timed out"]) / built if built else 0.0
+    return {"generated": len(results), "built": built, **count, "score": round(score, 1)}
+
+
+def print_report(run, equivalent):
+    s = run["summary"]
+    print(f"\nseed {run['seed']}, {s['generated']} mutants: {s['built']} built, {s['killed']} killed, "
+          f"{s['survived']} survived, {s['timed out']} timed out, {s['did not build']} did not build; "
+          f"score {s['score']} % of those built (killed or timed out)")
+    survivors = [r for r in run["mutants"] if r["outcome"] == "survived"]
+    for r in survivors:
+        note = equivalent.get(r["id"])
+        tag = f"equivalent: {note[1]}" if note else "not known to be equivalent"
+        print(f"  survived  {r['id']}  {change_text(r)}  [{tag}]\n            {r['source'].strip()}")
+
+
+def markdown_report(path, equivalent):
+    """The figures and survivors of a run as the robustness report shows them."""
+    run = json.loads(Path(path).read_text())
+    s = run["summary"]
+    built_not_equivalent = s["built"] - sum(r["id"] in equivalent for r in run["mutants"]
+                                             if r["outcome"] == "survived")
+    caught = s["killed"] + s["timed out"]
+    lines = [
+        "| seed | mutants | built | killed | timed out | survived | did not build | score | run on |",
+        "|---|---|---|---|---|---|---|---|---|",
+        f"| {run['seed']} | {s['generated']} | {s['built']} | {s['killed']} | {s['timed out']} | "
+        f"{s['survived']} | {s['did not build']} | **{s['score']} %** | {run['date']} (`{run['commit']}`), "
+        f"{run['minutes']} min |",
+        "",
+        f"Score: killed or timed out, of the mutants that built. Leaving out the survivors "
+        f"judged equivalent below: {100.0 * caught / built_not_equivalent if built_not_equivalent else 0:.1f} %.",
+        "",
+    ]
+    survivors = [r for r in run["mutants"] if r["outcome"] == "survived"]
+    if survivors:
+        lines += ["| survivor | change | line | why it is equivalent |", "|---|---|---|---|"]
+        for r in survivors:
+            reason = equivalent.get(r["id"], (None, "**not known to be equivalent**"))[1]
+            code = r["source"].strip().replace("|", "\\|")
+            lines.append(f"| `{r['id']}` | `{change_text(r)}` | `{code}` | {reason} |")
+    print("\n".join(lines))
+
+
+def kills_report(path):
+    """For each test: the mutants it kills, and those no other test kills. Needs a run
+    made with --all-tests, so that every failing test is recorded."""
+    run = json.loads(Path(path).read_text())
+    if not run.get("all_tests"):
+        sys.exit("mutate: --kills needs the results of a run made with --all-tests")
+    by_test = {}
+    for r in run["mutants"]:
+        if r["outcome"] in ("killed", "timed out"):
+            names = {f.rsplit(" (", 1)[0] for f in r["failed"]}
+            for n in names:
+                by_test.setdefault(n, []).append((r["id"], len(names)))
+    print(f"{'test':60} kills  only-killer")
+    for n in sorted(by_test, key=lambda n: (sum(k == 1 for _, k in by_test[n]), len(by_test[n]))):
+        only = [i for i, k in by_test[n] if k == 1]
+        print(f"{n:60} {len(by_test[n]):5}  {len(only):4}  {' '.join(only)}")
+
+
+def main():
+    p = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    p.add_argument("--seed", type=int, default=1, help="chooses the sample (default 1)")
+    p.add_argument("--sample", type=int, default=0, help="how many mutants (default: all that are chosen)")
+    p.add_argument("--file", action="append", default=[], help="only this source file (repeatable)")
+    p.add_argument("--only", action="append", default=[], help="only the mutant FILE:LINE:COL (repeatable)")
+    p.add_argument("--list", action="store_true", help="list the chosen mutants and stop")
+    p.add_argument("--all-tests", action="store_true", help="run every test against each mutant, "
+                   "not just until one fails (for --kills)")
+    p.add_argument("--kills", metavar="RESULTS", help="which tests kill which mutants, from a run's results")
+    p.add_argument("--markdown", metavar="RESULTS", help="a run's figures and survivors as tables "
+                   "(tools/robustness-report.sh puts them in docs/ROBUSTNESS.md)")
+    p.add_argument("--min-score", type=float, help="exit 1 when fewer per cent of the built mutants are killed")
+    p.add_argument("--build-dir", default=str(ROOT / "build-mutate"), help="default: build-mutate")
+    p.add_argument("--out", help="results file (default: BUILD/last-run.json)")
+    p.add_argument("--jobs", type=int, default=int(os.environ.get("JOBS", 2)), help="build and test jobs (default 2)")
+    p.add_argument("--test-timeout", type=int, default=15, help="seconds for each test (default 15; "
+                   "the slowest takes about 2)")
+    p.add_argument("--limit", type=int, default=0, help="seconds for a mutant's whole suite run "
+                   "(default: 5 times the unmutated run, at least 120)")
+    p.add_argument("--wait-for", default="/tmp/kep-quiet", help="start no build or test while this file "
+                   "exists (default /tmp/kep-quiet; '' waits for nothing)")
+    args = p.parse_args()
+
+    if args.kills:
+        kills_report(args.kills)
+        return 0
+    if args.markdown:
+        markdown_report(args.markdown, load_equivalent())
+        return 0
+
+    mutants = all_mutants(args.file or None)
+    if args.only:
+        wanted = set(args.only)
+        mutants = [m for m in mutants if m["id"] in wanted]
+        missing = wanted - {m["id"] for m in mutants}
+        if missing:
+            sys.exit("mutate: no such mutant: " + ", ".join(sorted(missing)))
+    else:
+        mutants = choose(mutants, args.seed, args.sample)
+    sources = {}
+    for m in mutants:
+        lines = sources.setdefault(m["file"], (ROOT / m["file"]).read_text().splitlines())
+        m["source"] = lines[m["line"] - 1]
+    if args.list:
+        for m in mutants:
+            print(f"{m['id']}  {change_text(m)}\n    {m['source'].strip()}")
+        print(f"{len(mutants)} mutants")
+        return 0
+
+    equivalent = load_equivalent()
+    runner = Runner(args)
+    out = Path(args.out) if args.out else runner.work / "last-run.json"
+    # A signal ends the run through the same clean-up as an error: the copy is restored.
+    for sig in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(sig, lambda *_: sys.exit(130))
+    runner.prepare()
+    commit = subprocess.run(["git", "-C", str(ROOT), "describe", "--always", "--dirty"],
+                            capture_output=True, text=True).stdout.strip()
+    run = {"seed": args.seed, "sample": args.sample, "files": args.file, "only": args.only,
+           "all_tests": args.all_tests, "commit": commit, "date": time.strftime("%Y-%m-%d", time.gmtime()),
+           "suite_seconds": runner.suite_seconds, "limit": runner.limit, "test_timeout": args.test_timeout}
+    results = []
+    started = time.monotonic()
+    for i, m in enumerate(mutants, 1):
+        r = dict(m, **runner.run_mutant(m))
+        results.append(r)
+        why = f"  ({', '.join(r['failed'][:2])})" if r["failed"] else ""
+        if r.get("flaky"):
+            why += f"  [failed once, passed again: {', '.join(r['flaky'][:2])}]"
+        print(f"[{i}/{len(mutants)}] {r['outcome']:13} {r['id']}  {change_text(r)}  {r['seconds']} s{why}",
+              flush=True)
+        # Written after every mutant, so that a run cut short still tells what it found.
+        run.update(minutes=round((time.monotonic() - started) / 60, 1), complete=i == len(mutants),
+                   summary=summarise(results), mutants=results)
+        out.write_text(json.dumps(run, indent=1) + "\n")
+    runner.restore_build()
+    print_report(run, equivalent)
+    print(f"results: {out}; {run['minutes']} min")
+    if args.min_score is not None and run["summary"]["score"] < args.min_score:
+        print(f"mutate: score {run['summary']['score']} % is below {args.min_score} %", file=sys.stderr)
+        return 1
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
