@@ -466,6 +466,23 @@ TEST(JsonMatch, AgreesWithReadingTheTextBack) {
     kep::JsonPtr nan(json_object_new_double(NAN));
     EXPECT_TRUE(matches(json_object_to_json_string(nan.get()), nan.get()));
     EXPECT_FALSE(matches("1.5", nan.get()));
+
+    // "\u" escapes of a hand-edited file, which json-c reads but never writes: digits
+    // of either case, and the ones it would read as something else or not at all.
+    const std::pair<const char *, std::string> escaped[] = {
+        {R"("\u004a\u004A\u0039\u006f\u006F")", "JJ9oo"},
+        {R"("\u00zz")", "\x11"},
+        {R"("\u00z")", std::string("\x01")},
+        {R"("\u00z")", std::string(1, '\0')},
+        {R"("\u003:")", ":"},
+        {R"("\u0080")", "\x80"},
+        {R"("\u0080")", std::string(1, '\0')},
+    };
+    for (const auto &[text, want] : escaped) {
+        kep::JsonPtr s(json_object_new_string_len(want.data(), static_cast<int>(want.size())));
+        EXPECT_EQ(matches(text, s.get()), readsBackAs(text, s.get())) << text;
+    }
+    EXPECT_TRUE(matches(escaped[0].first, kep::JsonPtr(json_object_new_string("JJ9oo")).get()));
 }
 
 // The reader refuses values nested deeper than its depth; a file it cannot read back
