@@ -163,6 +163,11 @@ TEST_F(ConfigStore, RefusedReadsAndWritesStoreNothing) {
         Rec *buf = c.buffer ? two : nullptr;
         EXPECT_EQ(c.write ? modelWrite(c.path, buf, c.size) : modelRead(c.path, buf, c.size), -1);
     }
+    // Nothing of a good path's lookup carries over to a malformed one right after it.
+    for (const char *bad : {"m/time/zone", "/m"}) {
+        EXPECT_EQ(modelRead("/m/time/zone", two, kRec), kRec);
+        EXPECT_EQ(modelRead(bad, two, kRec), -1) << bad;
+    }
     EXPECT_EQ(readText(file), before);
     EXPECT_EQ(sectionNames(list), (std::vector<std::string>{"host_1", "host_2", "host_3", "host_4"}));
 }
@@ -597,6 +602,30 @@ TEST_F(KeptDocument, ReadingEverySectionParsesTheFileOnce) {
     EXPECT_EQ(read("/m/host/host_2").value, 20);
     EXPECT_EQ(read("/m/host/host_2").value, 20);
     EXPECT_EQ(reads(), 2u);
+
+    // Old enough is two ticks of the coarsest clock (20 ms) past the time, or two
+    // seconds past a time of whole seconds (a file system that keeps no more).
+    // (A whole-seconds time is that many seconds and the part of the current second old,
+    // which is kept below 0.9 s.)
+    auto readTwiceAged = [&](long long ns, bool wholeSeconds) {
+        struct timespec t[2];
+        clock_gettime(CLOCK_REALTIME, &t[0]);
+        if (wholeSeconds && t[0].tv_nsec > 900000000) {
+            usleep(150000);
+            clock_gettime(CLOCK_REALTIME, &t[0]);
+        }
+        const long long at = t[0].tv_sec * 1000000000LL + t[0].tv_nsec - ns;
+        t[0] = {static_cast<time_t>(at / 1000000000LL), wholeSeconds ? 0 : at % 1000000000LL | 1};
+        t[1] = t[0];
+        EXPECT_EQ(utimensat(AT_FDCWD, file.c_str(), t, 0), 0);
+        reads();
+        EXPECT_EQ(read("/m/host/host_2").value, 20);
+        EXPECT_EQ(read("/m/host/host_2").value, 20);
+        return reads();
+    };
+    EXPECT_EQ(readTwiceAged(20200000, false), 1u);
+    EXPECT_EQ(readTwiceAged(2000000000, true), 1u);
+    EXPECT_EQ(readTwiceAged(1000000000, true), 2u);
 }
 
 TEST_F(KeptDocument, FileChangedByAnotherWriterIsReadAgain) {
