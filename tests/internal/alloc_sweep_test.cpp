@@ -775,6 +775,24 @@ TEST_F(AllocSweep, FactoryResetKeepsEachFileWholeOrReset) {
                EXPECT_TRUE(file == kep_test::canonical(stored) || file == *reference)
                    << "k=" << k << ": " << file;
            }});
+
+    // One module's reset tells its caller what became of the file: 0 with the defaults
+    // stored, -1 with the file as it was.
+    sweep({"module reset",
+           [=] {
+               wire();
+               writeText(file_, stored);
+               removeKept();
+           },
+           [] { return modelResetConfigFile(getDataModuler("dhcp")); },
+           [=] { return kep_test::canonical(readText(file_)); },
+           [=](int rc, const std::string &file, bool injected, long k) {
+               EXPECT_TRUE(rc == 0 || rc == -1) << "k=" << k << ": " << rc;
+               EXPECT_EQ(file, rc == 0 ? *reference : kep_test::canonical(stored)) << "k=" << k;
+               if (!injected) {
+                   EXPECT_EQ(rc, 0);
+               }
+           }});
 }
 
 }  // namespace
