@@ -74,6 +74,7 @@ protected:
         kep_test::addSection(host, "host_1");  // a list entry: no callbacks of its own
         slot(kep_test::addTable(m, "host_guest")->methodCb[KEP_METHOD_GET], "guestGet");
         slot(kep_test::addTable(m, "both")->methodCb[KEP_METHOD_GET], "bothGet");
+        slot(kep_test::addTable(m, "")->methodCb[KEP_METHOD_GET], "unnamedGet");  // a description's name=""
         DataTable *sys = kep_test::addTable(m, "sys", 0);
         slot(sys->methodCb[KEP_METHOD_SET], "sysSet");
         DataSection *time = kep_test::addSection(sys, "time");
@@ -93,8 +94,8 @@ protected:
         leases->opr.pid = self();
         snprintf(leases->opr.cb, sizeof leases->opr.cb, "leaseRead");
         for (const char *cb :
-             {"hostGet", "hostSet", "hostDel", "guestGet", "bothGet", "sysSet", "timeGet", "timeSet",
-              "timeDel", "secBothGet", "dynSet", "dynDel", "leaseDel", "leaseRead"})
+             {"hostGet", "hostSet", "hostDel", "guestGet", "bothGet", "unnamedGet", "sysSet", "timeGet",
+              "timeSet", "timeDel", "secBothGet", "dynSet", "dynDel", "leaseDel", "leaseRead"})
             callee(cb);
     }
 };
@@ -113,6 +114,7 @@ TEST_F(Resolution, SectionNamesReachTheirCallback) {
         {Get, "host_1", -1, ""},
         {Get, "plain", -1, ""},
         {Get, "nothing_1", -1, ""},
+        {Get, "_1", -1, ""},  // no table's entry, not even of the one without a name
         {Get, "leases_3", 0, "leaseRead"},
         {Set, "host_1", 0, "hostSet"},
         {Set, "time", 0, "timeSet"},
@@ -219,6 +221,11 @@ TEST_F(Resolution, AFailedOwnerCallLeavesItsCauseToThisThread) {
     EXPECT_EQ(lastFailure(), "-7004 0  m/host_1");
     EXPECT_EQ(getTableObjJson("m", "sys", req.get(), out.out()), -1);
     EXPECT_EQ(lastFailure(), "-7004 0  m/sys");
+    // A null name is refused before any lookup: there is nothing to name.
+    EXPECT_EQ(getSectionObjJson(nullptr, "host_1", out.out()), -1);
+    EXPECT_EQ(getSectionObjJson("m", nullptr, out.out()), -1);
+    EXPECT_EQ(getTableObjJson("m", nullptr, req.get(), out.out()), -1);
+    EXPECT_EQ(lastFailure(), "none");
 
     // Writes and actions name what they were for too; a later success keeps the
     // failure that ended the request.
@@ -252,6 +259,9 @@ TEST_F(OpsTest, TransferTurnsSectionsIntoRows) {
     EXPECT_EQ(transferJsonTable(&v), 0);
     EXPECT_EQ(v, same);
     jsonObjectObjectDelete(v);
+    json_object *none = nullptr;
+    EXPECT_EQ(transferJsonTable(&none), -1);
+    EXPECT_EQ(transferJsonTable(nullptr), -1);
 }
 
 TEST_F(OpsTest, AddAnswersTheOwnersNamesAsArray) {
@@ -331,6 +341,8 @@ TEST_F(OpsTest, RecordFromRequestMergesStoredValues) {
     EXPECT_EQ(modelReadFromReqObj("/m/sys/time", bad.get(), buf, sizeof buf), -1);
     EXPECT_EQ(modelReadFromReqObj("/m/sys/date", req.get(), buf, sizeof buf), -1);
     EXPECT_EQ(modelReadEx("/m/sys/time", req.get(), buf, 0), -1);
+    for (const char *path : {"/m/sys/date", "/m/nosuch/time", "/m/sys", "/m/sys/"})
+        EXPECT_EQ(modelReadEx(path, req.get(), buf, sizeof buf), -1) << path;
     unlink(path);
 }
 
