@@ -34,7 +34,31 @@ using kep_test::readText;
 using kep_test::Rec;
 using kep_test::writeText;
 
+// The clock of the stand-in's repair stamps: time() of this program comes before the
+// C library's, so that a test can set the instant a repair happens at.
 namespace {
+bool gClockSet;
+time_t gClock;
+}  // namespace
+
+extern "C" time_t time(time_t *out) noexcept {
+    struct timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    const time_t t = gClockSet ? gClock : now.tv_sec;
+    if (out) *out = t;
+    return t;
+}
+
+namespace {
+
+// Sets the clock for as long as it lives.
+struct ClockSet {
+    explicit ClockSet(time_t t) {
+        gClock = t;
+        gClockSet = true;
+    }
+    ~ClockSet() { gClockSet = false; }
+};
 
 // How many times an owner is killed in the middle of a request and restarted;
 // KEP_KILL_ITERATIONS lowers it for slow runs (valgrind).
@@ -226,26 +250,38 @@ TEST_F(StoreFaults, StartUpRepairKeepsEveryUnreadableFile) {
     DataModule *m = tree_.module("m", "m.json");
     tree_.table(m, "host", true, false, kep_test::recOpr(resetHosts));
     const std::string broken[] = {"{\"host\":[{\"host_1\":", "not json"};
-    for (const std::string &text : broken) {
+    auto repair = [&](const std::string &text) {
         writeText(file, text);
         ASSERT_EQ(systemLoadConfigFile(), 0);
         EXPECT_EQ(kep_test::canonical(readText(file)),
                   R"({"host":[{"host_1":{"text":"default","value":0}}]})");
+    };
+    // Stamped with the time of the repair in UTC; a second repair within the same second
+    // adds "-2", so that the names sort in time order.
+    {
+        const ClockSet leapDay(1709251199);  // 2024-02-29T23:59:59Z
+        for (const std::string &text : broken) repair(text);
     }
     std::vector<std::string> kept = kep_test::keptUnreadable(file);
     ASSERT_EQ(kept.size(), 2u);
-    // Stamped with the time of the repair, in UTC.
-    bool stampedNow = false;
-    for (time_t t = time(nullptr) - 5; t <= time(nullptr); t++) {
+    EXPECT_EQ(kept[0], file + ".unreadable-20240229T235959Z");
+    EXPECT_EQ(kept[1], file + ".unreadable-20240229T235959Z-2");
+    EXPECT_EQ(readText(kept[0]), broken[0]);
+    EXPECT_EQ(readText(kept[1]), broken[1]);
+    // Around the epoch, leap days of century years and the ends of 32-bit time.
+    std::vector<long long> instants = {0, -1, 951868799, 951868800, 2147483647, -2147483648LL};
+    if (sizeof(time_t) > 4) instants.insert(instants.end(), {4107542399LL, 4107542400LL});
+    for (long long at : instants) {
+        for (const std::string &k : kep_test::keptUnreadable(file)) std::filesystem::remove(k);
+        const time_t t = static_cast<time_t>(at);
+        const ClockSet clock(t);
+        repair(broken[1]);
         struct tm utc;
         char stamp[32];
         strftime(stamp, sizeof stamp, "%Y%m%dT%H%M%SZ", gmtime_r(&t, &utc));
-        stampedNow = stampedNow || kept[0].find(std::string(".unreadable-") + stamp) != std::string::npos;
+        EXPECT_EQ(kep_test::keptUnreadable(file), std::vector<std::string>{file + ".unreadable-" + stamp});
     }
-    EXPECT_TRUE(stampedNow) << kept[0];
-    // The names sort in time order (a second repair within the same second adds "-2").
-    EXPECT_EQ(readText(kept[0]), broken[0]);
-    EXPECT_EQ(readText(kept[1]), broken[1]);
+    kept = kep_test::keptUnreadable(file);
 
     // A sound file over the size limit (which the defaults are not).
     for (const std::string &k : kept) std::filesystem::remove(k);
@@ -259,6 +295,8 @@ TEST_F(StoreFaults, StartUpRepairKeepsEveryUnreadableFile) {
     ASSERT_EQ(kept.size(), 1u);
     EXPECT_EQ(readText(kept[0]), large);
     EXPECT_EQ(jsonObjectSetFileLimit(0), -1);
+    EXPECT_EQ(jsonObjectSetFileLimit(1), 0);
+    ASSERT_EQ(jsonObjectSetFileLimit(64L * 1024 * 1024), 0);
 
     // A sound file replaced by a factory reset is not kept.
     std::filesystem::remove(kept[0]);
