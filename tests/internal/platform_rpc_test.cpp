@@ -119,7 +119,9 @@ TEST(ImiRemote, MembersArriveInOrderAndAnswersComeBack) {
 }
 
 TEST(ImiRemote, HungCalleeTimesOutWithinBounds) {
-    TimeoutGuard timeout(300);
+    TimeoutGuard timeout(1);
+    EXPECT_EQ(qxImiGetTimeout(), 1);
+    qxImiSetTimeout(300);
     EXPECT_EQ(qxImiGetTimeout(), 300);
     OwnerProcess hung({{"cb", kep_test::hang()}});
     kep_test::OwnerOptions silent;
@@ -300,6 +302,96 @@ TEST(ImiRemote, RequestArrivingInPiecesIsAnswered) {
 
 namespace {
 
+// A callee that answers every request with the bytes of reply and hangs up: a peer
+// whose replies arrive damaged. A process of its own, as the caller talks only to the
+// process a socket is named after.
+class RawCallee {
+public:
+    explicit RawCallee(const std::string &reply) {
+        int ready[2];
+        if (pipe(ready) != 0) return;
+        pid_ = fork();
+        if (pid_ == 0) {
+            const std::string path = kep_test::imiSocketPath(getpid());
+            sockaddr_un addr{};
+            addr.sun_family = AF_UNIX;
+            snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+            const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            if (bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 || listen(fd, 8) != 0 ||
+                write(ready[1], "r", 1) != 1)
+                _exit(1);
+            for (;;) {
+                const int c = accept(fd, nullptr, nullptr);
+                char request[4096];
+                if (c < 0 || recv(c, request, sizeof request, 0) <= 0) continue;
+                send(c, reply.data(), reply.size(), MSG_NOSIGNAL);
+                close(c);
+            }
+        }
+        close(ready[1]);
+        char c;
+        ready_ = pid_ > 0 && read(ready[0], &c, 1) == 1;
+        close(ready[0]);
+    }
+    ~RawCallee() {
+        if (pid_ <= 0) return;
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+        unlink(kep_test::imiSocketPath(pid_).c_str());
+    }
+    pid_t pid() const { return pid_; }
+    bool ready() const { return ready_; }
+
+private:
+    pid_t pid_ = -1;
+    bool ready_ = false;
+};
+
+// A frame around body: magic and big-endian length.
+std::string frame(const std::string &body, const char *magic = "KIM2") {
+    const uint32_t n = static_cast<uint32_t>(body.size());
+    const char length[] = {static_cast<char>(n >> 24), static_cast<char>(n >> 16), static_cast<char>(n >> 8),
+                           static_cast<char>(n)};
+    return std::string(magic, 4) + std::string(length, 4) + body;
+}
+
+}  // namespace
+
+// A reply is taken only whole and well-formed; anything else fails the call with
+// QXRPC_ERR_IO (a callee's own nonzero status is passed on) and leaves the set as it was.
+TEST(ImiRemote, DamagedRepliesFailTheCall) {
+    const std::string ok = std::string("\x02\0\0\0\0\x01\x01\x06result\0\0\0\x02ok", 20);
+    const struct {
+        std::string reply;
+        int rc;
+    } cases[] = {
+        {frame(ok), 0},
+        {frame(ok) + "trailing", 0},  // bytes past the frame are dropped
+        {frame(std::string("\x02\xff\xff\xff\xf7\0", 6)), -9},
+        {frame(std::string("\x02\0\0\0\0\0", 6), "KIM1"), QXRPC_ERR_IO},
+        {frame(std::string("\x01\0\0\0\0\0", 6)), QXRPC_ERR_IO},       // a request's kind
+        {frame(std::string("\x02\0\0\0\0", 5)), QXRPC_ERR_IO},         // no member count
+        {frame(ok).substr(0, 20), QXRPC_ERR_IO},                       // cut short
+        {frame(std::string(ok).replace(5, 1, "\x02")), QXRPC_ERR_IO},  // more members than sent
+        {frame(std::string(ok).replace(18, 1, std::string(1, '\0'))), QXRPC_ERR_IO},  // NUL in a text
+        {frame(ok + "x"), QXRPC_ERR_IO},  // a byte after the members
+        {frame(""), QXRPC_ERR_IO},
+        {"", QXRPC_ERR_IO},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(testing::PrintToString(c.reply));
+        RawCallee callee(c.reply);
+        ASSERT_TRUE(callee.ready());
+        kep::RpcPara set;
+        qxrpcAddStringPtr(set.get(), "table", "t");
+        EXPECT_EQ(qxImiExecute(callee.pid(), "cb", 0, 0, set.get()), c.rc);
+        EXPECT_EQ(getText(set.get(), c.rc == 0 ? "result" : "table"), c.rc == 0 ? "ok" : "t");
+        EXPECT_EQ(set.get()->count, 1);
+    }
+}
+
+namespace {
+
 // This process's descriptors connected to pid's socket.
 std::vector<int> connectionsTo(pid_t pid) {
     const std::string path = kep_test::imiSocketPath(pid);
@@ -377,6 +469,49 @@ int selfHandler(QxRpcPara *set, void *user) {
 }
 
 }  // namespace
+
+TEST(ImiLocal, ParameterSetsHoldNamedMembers) {
+    kep::RpcPara set;
+    const std::string longest(QXRPC_NAME_MAX - 1, 'n');
+    EXPECT_EQ(qxrpcAddInt(set.get(), "i", -3), 0);
+    EXPECT_EQ(qxrpcAddStringPtr(set.get(), longest.c_str(), "t"), 0);
+    EXPECT_EQ(qxrpcAddInt(set.get(), (longest + "n").c_str(), 1), QXRPC_ERR_ARG);
+    EXPECT_EQ(qxrpcAddInt(set.get(), "", 1), QXRPC_ERR_ARG);
+    EXPECT_EQ(qxrpcAddInt(set.get(), nullptr, 1), QXRPC_ERR_ARG);
+    EXPECT_EQ(qxrpcAddStringPtr(set.get(), "s", nullptr), QXRPC_ERR_ARG);
+    EXPECT_EQ(qxrpcAddInt(nullptr, "i", 1), QXRPC_ERR_ARG);
+    EXPECT_EQ(qxrpcAddStringPtr(nullptr, "s", "t"), QXRPC_ERR_ARG);
+
+    int v = 0;
+    char *text = nullptr;
+    EXPECT_EQ(qxrpcGetInt(set.get(), "i", &v), 0);
+    EXPECT_EQ(v, -3);
+    EXPECT_EQ(qxrpcGetStringPtr(set.get(), longest.c_str(), &text), 0);
+    EXPECT_STREQ(text, "t");
+    // A member of the other type, or none, is absent and nothing is stored.
+    EXPECT_EQ(qxrpcGetInt(set.get(), longest.c_str(), &v), QXRPC_ERR_ABSENT);
+    EXPECT_EQ(qxrpcGetStringPtr(set.get(), "i", &text), QXRPC_ERR_ABSENT);
+    EXPECT_EQ(qxrpcGetInt(set.get(), "x", &v), QXRPC_ERR_ABSENT);
+    EXPECT_EQ(qxrpcGetInt(set.get(), "i", nullptr), QXRPC_ERR_ABSENT);
+    EXPECT_EQ(qxrpcGetStringPtr(set.get(), longest.c_str(), nullptr), QXRPC_ERR_ABSENT);
+    EXPECT_EQ(qxrpcGetInt(nullptr, "i", &v), QXRPC_ERR_ABSENT);
+    EXPECT_EQ(qxrpcGetInt(set.get(), nullptr, &v), QXRPC_ERR_ABSENT);
+    EXPECT_EQ(v, -3);
+    EXPECT_STREQ(text, "t");
+
+    // Full at QXRPC_MAX_MEMBERS; of two members of one name the first is read.
+    for (int i = 2; i < QXRPC_MAX_MEMBERS; i++) EXPECT_EQ(qxrpcAddInt(set.get(), "i", i), 0);
+    EXPECT_EQ(qxrpcAddInt(set.get(), "j", 1), QXRPC_ERR_FULL);
+    EXPECT_EQ(qxrpcAddStringPtr(set.get(), "j", "x"), QXRPC_ERR_FULL);
+    EXPECT_EQ(set.get()->count, QXRPC_MAX_MEMBERS);
+    EXPECT_EQ(qxrpcGetInt(set.get(), "i", &v), 0);
+    EXPECT_EQ(v, -3);
+    qxrpcParaFree(set.get());
+    EXPECT_EQ(set.get()->count, 0);
+    EXPECT_EQ(qxrpcGetInt(set.get(), "i", &v), QXRPC_ERR_ABSENT);
+    qxrpcParaFree(nullptr);
+    qxrpcParaInit(nullptr);
+}
 
 TEST(ImiLocal, SelfCallRunsTheHandlerDirectly) {
     std::atomic<int> calls{0};
@@ -622,6 +757,21 @@ TEST(ImiServe, HandlersSeeTheCallersCredentials) {
     ASSERT_EQ(qxImiExecute(getpid(), "selfWho", 0, 0, self.get()), 0);
     EXPECT_EQ(getText(self.get(), "result"), me);
     qxImiUnregister("selfWho");
+
+    // A caller the peer check refuses is told so at once, also when the callee hangs up
+    // while a large request is still being sent.
+    kep_test::OwnerOptions closed;
+    closed.setup = [] { qxImiSetPeerCheck([](const QxImiCaller *, void *) { return 0; }, nullptr); };
+    OwnerProcess refusing({{"who", who}}, closed);
+    ASSERT_TRUE(refusing.ready());
+    for (size_t size : {size_t{1}, size_t{4} << 20}) {
+        kep::RpcPara big;
+        qxrpcAddStringPtr(big.get(), "text", std::string(size, 'x').c_str());
+        const auto start = Clock::now();
+        EXPECT_EQ(qxImiExecute(refusing.pid(), "who", 0, 0, big.get()), QXRPC_ERR_DENIED) << size;
+        EXPECT_LT(msSince(start), 1000) << size;
+    }
+    EXPECT_TRUE(refusing.calls().empty());
 }
 
 // A caller that gave up was told the call failed: the callee must not run it later,
