@@ -580,7 +580,7 @@ std::string readsThroughTheStore() {
     return out;
 }
 
-TEST_F(AllocSweep, ListSectionWritesThroughTheStore) {
+TEST_F(AllocSweep, SectionWritesThroughTheStore) {
     const Rec added = makeRec("new", 3), changed = makeRec("changed", 4);
     const struct {
         const char *name;
@@ -590,6 +590,7 @@ TEST_F(AllocSweep, ListSectionWritesThroughTheStore) {
         {"list section add", "/dhcp/host/host_3", &added},
         {"list section update", "/dhcp/host/host_1", &changed},
         {"list section delete", "/dhcp/host/host_2", nullptr},
+        {"named section write", "/dhcp/pool/lan", &changed},
     };
     const std::string stored =
         R"({"host":[{"host_1":{"text":"one","value":1}},{"host_2":{"text":"two","value":2}}],)"

@@ -1,5 +1,6 @@
 // The stand-in IMI across real processes: forked owners serve handlers, this
 // process calls them.
+#include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -27,6 +28,7 @@
 #include "base/guard.h"
 #include "kep_pf_rpc.h"
 #include "owner_process.h"
+#include "rerun.h"
 
 using kep_test::OwnerProcess;
 
@@ -138,6 +140,24 @@ TEST(ImiRemote, HungCalleeTimesOutWithinBounds) {
         EXPECT_GE(took, 250);
         EXPECT_LT(took, 1500);
         EXPECT_EQ(getText(set.get(), "table"), "t");
+    }
+}
+
+// KEP_IMI_TIMEOUT_MS, read once: each value in a fresh run of this program.
+TEST(ImiRemote, TimeOutFromTheEnvironment) {
+    if (const char *want = getenv("KEP_TEST_TIMEOUT")) {
+        EXPECT_EQ(qxImiGetTimeout(), atoi(want));
+        return;
+    }
+    const std::pair<const char *, const char *> cases[] = {
+        {nullptr, "5000"}, {"250", "250"}, {"3600000", "3600000"}, {"3600001", "5000"},
+        {"0", "5000"},     {"-5", "5000"}, {"12x", "5000"},        {"", "5000"},
+    };
+    for (const auto &[env, want] : cases) {
+        EXPECT_EQ(kep_test::rerunAlone("ImiRemote.TimeOutFromTheEnvironment",
+                                       {{"KEP_IMI_TIMEOUT_MS", env}, {"KEP_TEST_TIMEOUT", want}}),
+                  0)
+            << (env ? env : "(unset)");
     }
 }
 
@@ -355,6 +375,41 @@ std::string frame(const std::string &body, const char *magic = "KIM2") {
     return std::string(magic, 4) + std::string(length, 4) + body;
 }
 
+// A request for cb with no deadline and one integer member "n".
+std::string requestFrame(const std::string &cb, int n) {
+    const char value[] = {static_cast<char>(n >> 24), static_cast<char>(n >> 16), static_cast<char>(n >> 8),
+                          static_cast<char>(n)};
+    return frame(std::string("\x01", 1) + std::string(8, '\0') + static_cast<char>(cb.size()) + cb +
+                 std::string("\x01\x00\x01n", 4) + std::string(value, 4));
+}
+
+// Whether the peer has closed fd, waiting up to waitMs for it.
+bool closedByPeer(int fd, int waitMs) {
+    pollfd p = {fd, POLLIN, 0};
+    char c;
+    return poll(&p, 1, waitMs) == 1 && recv(fd, &c, 1, MSG_DONTWAIT) == 0;
+}
+
+// Sends request on fd and reads the whole reply frame; false when none comes.
+bool roundTrip(int fd, const std::string &request) {
+    if (send(fd, request.data(), request.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(request.size()))
+        return false;
+    timeval limit{5, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    std::string reply;
+    auto whole = [&reply] {
+        uint32_t body = 0;
+        if (reply.size() >= 8) memcpy(&body, &reply[4], 4);
+        return reply.size() >= 8 && reply.size() >= 8 + ntohl(body);
+    };
+    char buf[4096];
+    for (ssize_t n; !whole();) {
+        if ((n = recv(fd, buf, sizeof buf, 0)) <= 0) return false;
+        reply.append(buf, static_cast<size_t>(n));
+    }
+    return true;
+}
+
 }  // namespace
 
 // A reply is taken only whole and well-formed; anything else fails the call with
@@ -533,6 +588,35 @@ TEST(ImiLocal, SelfCallRunsTheHandlerDirectly) {
     EXPECT_EQ(qxImiUnregister("selfCb"), QXRPC_ERR_NO_HANDLER);
 }
 
+// qxImiServeOnce tells whether it answered a request: one whose caller hung up before
+// it was served is dropped unrun and counts for nothing; garbage is refused, and counts.
+TEST(ImiLocal, ServeOnceCountsOnlyWhatItAnswered) {
+    std::atomic<int> calls{0};
+    ASSERT_EQ(qxImiRegister("selfCb", selfHandler, &calls), 0);
+    ASSERT_GE(qxImiListen(), 0);
+    const std::string request = requestFrame("selfCb", 4);
+    int fd = rawConnect(getpid());
+    ASSERT_EQ(send(fd, request.data(), request.size(), MSG_NOSIGNAL), static_cast<ssize_t>(request.size()));
+    close(fd);
+    EXPECT_EQ(qxImiServeOnce(200), 0);
+    EXPECT_EQ(calls, 0);
+
+    fd = rawConnect(getpid());
+    std::thread caller([&] { EXPECT_TRUE(roundTrip(fd, request)); });
+    EXPECT_EQ(qxImiServeOnce(3000), 1);
+    caller.join();
+    close(fd);
+    EXPECT_EQ(calls, 1);
+
+    fd = rawConnect(getpid());
+    ASSERT_EQ(send(fd, "GET / HTTP/1.0\r\n\r\n", 18, MSG_NOSIGNAL), 18);
+    EXPECT_EQ(qxImiServeOnce(3000), 1);
+    EXPECT_TRUE(closedByPeer(fd, 1000));
+    close(fd);
+    qxImiStopServer();
+    qxImiUnregister("selfCb");
+}
+
 TEST(ImiLocal, BackgroundServerAnswersOtherProcesses) {
     std::atomic<int> calls{0};
     ASSERT_EQ(qxImiRegister("selfCb", selfHandler, &calls), 0);
@@ -625,6 +709,13 @@ TEST(ImiLocal, RefusesAnUnsafeRuntimeFolder) {
             if (qxImiRuntimeDir(named, sizeof named) != QXRPC_ERR_DIR || dir != named || qxImiListen() >= 0)
                 bad++;
         }
+        // A name that does not fit a socket's path, and none at all.
+        setenv("KEP_RUNTIME_DIR", (std::string(base) + "/" + std::string(107 - strlen(base), 'd')).c_str(),
+               1);
+        if (qxImiRuntimeDir(named, sizeof named) != QXRPC_ERR_ARG) bad++;
+        if (qxImiRuntimeDir(nullptr, sizeof named) != QXRPC_ERR_ARG ||
+            qxImiRuntimeDir(named, 0) != QXRPC_ERR_ARG)
+            bad++;
         chmod(open.c_str(), 0700);
         setenv("KEP_RUNTIME_DIR", open.c_str(), 1);
         int accepted = qxImiListen() >= 0;
@@ -650,12 +741,6 @@ int stalledClient(pid_t pid, size_t bytes) {
                               "echoCb";
     if (fd >= 0) send(fd, start.data(), bytes < start.size() ? bytes : start.size(), MSG_NOSIGNAL);
     return fd;
-}
-
-bool closedByPeer(int fd, int waitMs) {
-    pollfd p = {fd, POLLIN, 0};
-    char c;
-    return poll(&p, 1, waitMs) == 1 && recv(fd, &c, 1, MSG_DONTWAIT) == 0;
 }
 
 int64_t monotonicMs() {
@@ -693,6 +778,35 @@ TEST(ImiServe, StalledCallersCostOnlyTheirOwnConnection) {
     }
     EXPECT_GE(msSince(start), 300);
     EXPECT_EQ(owner.calls().size(), 20u);
+
+    // Also when nothing else happens meanwhile.
+    OwnerProcess quiet({{"echoCb", kep_test::echoMembers()}}, options);
+    ASSERT_TRUE(quiet.ready());
+    const int lone = stalledClient(quiet.pid(), 12);
+    EXPECT_TRUE(closedByPeer(lone, 3000)) << "a lone stalled caller is dropped after the time-out";
+    close(lone);
+}
+
+// With every place taken by idle callers a new caller is still served: the idle
+// connection used least recently makes room, and its caller is hung up on.
+TEST(ImiServe, IdleCallersMakeRoomForNewOnes) {
+    OwnerProcess owner({{"echoCb", kep_test::echoMembers()}});
+    ASSERT_TRUE(owner.ready());
+    constexpr int kPlaces = 256;
+    std::vector<int> idle;
+    for (int i = 0; i < kPlaces; i++) {
+        idle.push_back(rawConnect(owner.pid()));
+        ASSERT_TRUE(roundTrip(idle.back(), requestFrame("echoCb", i))) << i;
+        if (i == 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    kep::RpcPara set;
+    qxrpcAddInt(set.get(), "n", 1000);
+    EXPECT_EQ(qxImiExecute(owner.pid(), "echoCb", 0, 0, set.get()), 0);
+    EXPECT_EQ(getText(set.get(), "result"), "{\"n\":1000}");
+    EXPECT_TRUE(closedByPeer(idle[0], 2000));
+    for (int i = 1; i < kPlaces; i++) EXPECT_FALSE(closedByPeer(idle[i], 0)) << i;
+    EXPECT_TRUE(roundTrip(idle[1], requestFrame("echoCb", 1)));
+    for (int fd : idle) close(fd);
 }
 
 // With several serving threads, a handler that takes long holds up nobody else.
