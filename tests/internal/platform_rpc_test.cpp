@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -726,6 +727,77 @@ TEST(ImiLocal, RefusesAnUnsafeRuntimeFolder) {
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     EXPECT_TRUE(std::filesystem::is_empty(target)) << "nothing is made through the link";
+    std::filesystem::remove_all(base);
+}
+
+// KEP_RPC_GROUP, read once, checked in fresh runs of this program: the group's members
+// may enter the runtime folder (0750) and connect (0660); a member of another user is
+// admitted by its supplementary groups. A name that is no group leaves both private.
+TEST(ImiLocal, AGroupFromTheEnvironmentMayCall) {
+    if (const char *want = getenv("KEP_TEST_GROUP")) {
+        const int gid = atoi(want);
+        char dir[256];
+        ASSERT_EQ(qxImiRuntimeDir(dir, sizeof dir), 0);
+        ASSERT_GE(qxImiListen(), 0);
+        struct stat folder, socket;
+        ASSERT_EQ(stat(dir, &folder), 0);
+        ASSERT_EQ(stat(kep_test::imiSocketPath(getpid()).c_str(), &socket), 0);
+        EXPECT_EQ(folder.st_mode & 0777, gid >= 0 ? 0750u : 0700u);
+        EXPECT_EQ(socket.st_mode & 0777, gid >= 0 ? 0660u : 0600u);
+        EXPECT_EQ(socket.st_uid, geteuid());
+        if (gid >= 0) {
+            EXPECT_EQ(folder.st_gid, static_cast<gid_t>(gid));
+            EXPECT_EQ(socket.st_gid, static_cast<gid_t>(gid));
+        }
+        if (gid > 0 && geteuid() == 0) {
+            std::atomic<int> calls{0};
+            ASSERT_EQ(qxImiRegister("selfCb", selfHandler, &calls), 0);
+            ASSERT_EQ(qxImiStartServer(), 0);
+            const pid_t server = getpid();
+            const pid_t child = fork();
+            if (child == 0) {
+                const gid_t groups[] = {100, static_cast<gid_t>(gid)};
+                kep::RpcPara set;
+                qxrpcAddInt(set.get(), "n", 1);
+                _exit(setgroups(2, groups) == 0 && setgid(65533) == 0 && setuid(65534) == 0 &&
+                              qxImiExecute(server, "selfCb", 0, 0, set.get()) == 0
+                          ? 0
+                          : 1);
+            }
+            int status = -1;
+            ASSERT_EQ(waitpid(child, &status, 0), child);
+            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the member was not served";
+            EXPECT_EQ(calls, 1);
+            qxImiStopServer();
+        }
+        return;
+    }
+    char base[] = "/tmp/kep-grp-XXXXXX";
+    ASSERT_NE(mkdtemp(base), nullptr);
+    ASSERT_EQ(chmod(base, 0755), 0);
+    // As root any group, and root's own; else a supplementary group, if there is one.
+    std::vector<std::pair<std::string, int>> cases = {{"kep-no-such-group", -1}};
+    if (geteuid() == 0) {
+        cases.insert(cases.end(), {{"65534", 65534}, {"0", 0}});
+        if (const struct group *g = getgrgid(65534)) cases.emplace_back(g->gr_name, 65534);
+    } else {
+        gid_t groups[64];
+        const int n = getgroups(64, groups);
+        for (int i = 0; i < n && cases.size() == 1; i++)
+            if (groups[i] != getegid())
+                cases.emplace_back(std::to_string(groups[i]), static_cast<int>(groups[i]));
+    }
+    int run = 0;
+    for (const auto &[name, gid] : cases) {
+        const std::string dir = std::string(base) + "/run" + std::to_string(run++),
+                          want = std::to_string(gid);
+        EXPECT_EQ(kep_test::rerunAlone("ImiLocal.AGroupFromTheEnvironmentMayCall",
+                                       {{"KEP_RPC_GROUP", name.c_str()},
+                                        {"KEP_RUNTIME_DIR", dir.c_str()},
+                                        {"KEP_TEST_GROUP", want.c_str()}}),
+                  0)
+            << name;
+    }
     std::filesystem::remove_all(base);
 }
 
