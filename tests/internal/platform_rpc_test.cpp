@@ -621,24 +621,27 @@ TEST(ImiLocal, ServeOnceCountsOnlyWhatItAnswered) {
 TEST(ImiLocal, BackgroundServerAnswersOtherProcesses) {
     std::atomic<int> calls{0};
     ASSERT_EQ(qxImiRegister("selfCb", selfHandler, &calls), 0);
-    ASSERT_EQ(qxImiStartServer(), 0);
-    pid_t server = getpid();
-    pid_t child = fork();
-    if (child == 0) {
-        kep::RpcPara set;
-        qxrpcAddInt(set.get(), "n", 4);
-        int rc = qxImiExecute(server, "selfCb", 0, 0, set.get());
-        char *text = nullptr;
-        qxrpcGetStringPtr(set.get(), "result", &text);
-        _exit(rc == 0 && text && strcmp(text, "8") == 0 ? 0 : 1);
+    const pid_t server = getpid();
+    // Served, stopped (the socket goes), and served again.
+    for (int round = 1; round <= 2; round++) {
+        ASSERT_EQ(qxImiStartServer(), 0);
+        pid_t child = fork();
+        if (child == 0) {
+            kep::RpcPara set;
+            qxrpcAddInt(set.get(), "n", 4);
+            int rc = qxImiExecute(server, "selfCb", 0, 0, set.get());
+            char *text = nullptr;
+            qxrpcGetStringPtr(set.get(), "result", &text);
+            _exit(rc == 0 && text && strcmp(text, "8") == 0 ? 0 : 1);
+        }
+        int status = -1;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        EXPECT_EQ(calls, round);
+        qxImiStopServer();
+        struct stat st;
+        EXPECT_NE(stat(kep_test::imiSocketPath(server).c_str(), &st), 0);
     }
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    EXPECT_EQ(calls, 1);
-    qxImiStopServer();
-    struct stat st;
-    EXPECT_NE(stat(kep_test::imiSocketPath(server).c_str(), &st), 0);
     qxImiUnregister("selfCb");
 }
 
@@ -710,6 +713,9 @@ TEST(ImiLocal, RefusesAnUnsafeRuntimeFolder) {
             if (qxImiRuntimeDir(named, sizeof named) != QXRPC_ERR_DIR || dir != named || qxImiListen() >= 0)
                 bad++;
         }
+        // A folder in which no socket can be made.
+        setenv("KEP_RUNTIME_DIR", "/proc", 1);
+        if (qxImiListen() != -1) bad++;
         // A name that does not fit a socket's path, and none at all.
         setenv("KEP_RUNTIME_DIR", (std::string(base) + "/" + std::string(107 - strlen(base), 'd')).c_str(),
                1);
