@@ -505,9 +505,14 @@ TEST(ImiRemote, KeptConnections) {
     EXPECT_EQ(failed, 0);
 
     // The child holds none of the parent's connections (checked by peer, not by the
-    // descriptor number, which the parent may have reused since).
+    // descriptor number, which the parent may have reused since). Without standard input
+    // its own connection is descriptor 0, kept all the same.
     pid_t child = fork();
-    if (child == 0) _exit(connectionsTo(owner.pid()).empty() && call(7) && call(8) ? 0 : 1);
+    if (child == 0) {
+        const bool none = connectionsTo(owner.pid()).empty();
+        close(0);
+        _exit(none && call(7) && call(8) && connectionsTo(owner.pid()) == std::vector<int>{0} ? 0 : 1);
+    }
     int status = -1;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
