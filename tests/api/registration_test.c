@@ -92,7 +92,7 @@ static void methodCallbacks(void) {
     char longName[71];
     memset(longName, 'c', 70);
     longName[70] = '\0';
-    CHECK_INT(registerMethodCb("/m/t", KEP_METHOD_GET, "first", 1), 0);
+    CHECK_INT(registerMethodCb("/m/t", KEP_METHOD_GET, "first", 0), 0); /* pid 0 is a pid */
     CHECK_INT(registerMethodCb("/m/t", KEP_METHOD_GET, longName, 2), 0);
     CHECK_INT(t->methodCb[KEP_METHOD_GET]->pid, 2); /* replaced */
     CHECK_INT(strlen(t->methodCb[KEP_METHOD_GET]->cb), 64);
@@ -163,11 +163,11 @@ static void verifyAndNotify(void) {
     CHECK_INT(unRegisterVerNotify("/m/t", KEP_SELECT_NOTIFY, "n", 5), 0);
     CHECK_INT(lstCount(&t->notList), 0);
 
-    CHECK_INT(registerVerNotify("/m/p/s", KEP_SELECT_VERIFY, "v", 1), 0);
+    CHECK_INT(registerVerNotify("/m/p/s", KEP_SELECT_VERIFY, "v", 0), 0);
     CHECK_INT(lstCount(&s->verList), 1);
     CHECK_INT(registerVerNotify("/m/t/nope", KEP_SELECT_VERIFY, "v", 1), -1);
     CHECK_INT(unRegisterVerNotify("/m/p/x", KEP_SELECT_NOTIFY, "v", 1), -1);
-    CHECK_INT(unRegisterVerNotify("/m/p/s", KEP_SELECT_VERIFY, "v", 1), 0);
+    CHECK_INT(unRegisterVerNotify("/m/p/s", KEP_SELECT_VERIFY, "v", 0), 0);
     CHECK_INT(lstCount(&s->verList), 0);
 
     CHECK_INT(registerVerNotify("/m/zz", 1, "v", 1), -1);
@@ -186,8 +186,10 @@ static void removal(void) {
     CHECK_INT(regOprInterface("/m/p/s", &o), 0);
     CHECK_INT(registerMethodCb("/m/p/s", KEP_METHOD_GET, "g", 6), 0);
     CHECK_INT(registerVerNotify("/m/p", KEP_SELECT_NOTIFY, "n", 6), 0);
+    CHECK_INT(registerMethodCb("/m/p", KEP_METHOD_ADD, "a", 6), 0);
     CHECK_INT(unregisterTable("/m/p"), 0);
     CHECK(s->methodCb[KEP_METHOD_GET] == NULL);
+    CHECK(p->methodCb[KEP_METHOD_ADD] == NULL);
     CHECK_INT(s->opr.pid + p->opr.pid, 0);
     CHECK_INT(lstCount(&p->notList), 0);
     CHECK(section(p, "s") == s);

@@ -112,10 +112,12 @@ TEST(XmlParse, AcceptedInputs) {
         {"<a>" + rep('x', 40) + "<b/>" + rep('y', 40) + "</a>", "a[" + rep('x', 40) + rep('y', 23) + "] (b)"},
         {"<a>x &lt; y&amp;&apos;&gt;&quot;&#65;&#x41;&ampx;</a>", "a[x < y&'>\"AA&]"},
         {"<a>b&#X41;c</a>", "a[b]"},  // only a lower-case x is hexadecimal: "#X41" is byte 0
-        {"<a>&#321;</a>", "a[A]"},    // the low eight bits
+        {"<a>&#x4a;&#x4A;&#x6F;&#x6f;&#x39;</a>", "a[JJoo9]"},  // digits of either case
+        {"<a>&#321;</a>", "a[A]"},                              // the low eight bits
         {"<a&#x62; k&amp;='&lt;v&gt;' u=&quot;/>", "ab[] u=\" k&=<v>"},
         {"<a>&amp" + rep('z', 28) + ";</a>", "*"},  // 31 entity-name characters
         {"<a>  <![CDATA[<b>&amp;]]]></a>", "a[<b>&amp;]]"},
+        {"<a><![CDATA[]]></a>", "a[]"},
         {"<?xml version=\"1.0\"?>\n<!DOCTYPE a>\n<!-- c -> - <x> -->"
          "<a><!-- inner --><?pi data?><!x></a><!-- after -->",
          "a[]"},
