@@ -6,8 +6,10 @@ RPC and file store (a comparison flipped, && and || swapped, + and - swapped, a 
 dropped, an integer or character constant moved by one, true and false swapped). It
 is built incrementally and the plain suite runs against it: every test of tests/api
 and tests/internal, as ctest runs them, each test with a time limit. A mutant is
-killed (a test failed), survived (every test passed), timed out (a test ran past its
-limit and none failed otherwise) or did not build.
+killed (a test failed, and failed again when run once more), survived (every test
+passed), timed out (a test ran past its limit and none failed otherwise) or did not
+build. Headers, the debug trace (KEP_LOG and friends, and ifs that only trace) and
+static_assert are left alone.
 
 The tool never writes to the sources it is run from: it mutates a copy of them in
 BUILD/src (synchronised with the working tree at every start, so a copy left mutated
@@ -142,23 +144,57 @@ def template_brackets(toks):
 
 # Calls whose arguments are not mutated: static_assert (the compiler checks it) and the
 # library's debug trace, whose texts and arguments only a developer reads (its format
-# and its switch are tested in log_lines_test).
+# and its switch are tested in log_lines_test). Nor is the condition of an if whose
+# only statement is such a trace: it decides no more than whether a line is written.
 UNMUTATED_CALLS = {"static_assert", "KEP_LOG", "KEP_LOGJ", "KEP_LOG_AS", "KEP_LOG_MID"}
+TRACE_CALLS = UNMUTATED_CALLS - {"static_assert"}
+
+
+def closing(toks, i):
+    """Index of the bracket that closes the one at toks[i]."""
+    opening, depth = toks[i][1], 0
+    pair = {"(": ")", "{": "}", "[": "]"}[opening]
+    for j in range(i, len(toks)):
+        depth += 1 if toks[j][1] == opening else -1 if toks[j][1] == pair else 0
+        if depth == 0:
+            return j
+    return len(toks) - 1
+
+
+def trace_statement(toks, i):
+    """The index just past the statement at toks[i] when it is a trace call or a block of
+    them, else None."""
+    if toks[i][1] in TRACE_CALLS and toks[i + 1][1] == "(":
+        return closing(toks, i + 1) + 2  # past ")" and ";"
+    if toks[i][1] != "{":
+        return None
+    end, j = closing(toks, i), i + 1
+    while j < end:
+        if toks[j][1] not in TRACE_CALLS or toks[j + 1][1] != "(":
+            return None
+        j = closing(toks, j + 1) + 2
+    return end + 1 if j == end and end > i + 1 else None
+
+
+def only_traces(toks, i):
+    """Whether an if's statement at toks[i], and its else when it has one, only trace."""
+    after = trace_statement(toks, i)
+    if after is None:
+        return False
+    return after >= len(toks) or toks[after][1] != "else" or trace_statement(toks, after + 1) is not None
 
 
 def unmutated_calls(toks):
-    """Offsets of the tokens inside the argument lists of UNMUTATED_CALLS."""
-    skip, i = set(), 0
-    while i < len(toks):
-        if toks[i][1] in UNMUTATED_CALLS and i + 1 < len(toks) and toks[i + 1][1] == "(":
-            depth = 0
-            for j in range(i + 1, len(toks)):
-                skip.add(toks[j][2])
-                depth += {"(": 1, ")": -1}.get(toks[j][1], 0)
-                if depth == 0:
-                    break
-            i = j
-        i += 1
+    """Offsets of the tokens inside the argument lists of UNMUTATED_CALLS, and of the
+    conditions of ifs that only trace."""
+    skip = set()
+    for i, (kind, text, _) in enumerate(toks):
+        if text in UNMUTATED_CALLS and i + 1 < len(toks) and toks[i + 1][1] == "(":
+            skip.update(t[2] for t in toks[i + 1:closing(toks, i + 1) + 1])
+        elif text == "if" and i + 1 < len(toks) and toks[i + 1][1] == "(":
+            end = closing(toks, i + 1)
+            if end + 1 < len(toks) and only_traces(toks, end + 1):
+                skip.update(t[2] for t in toks[i + 1:end + 1])
     return skip
 
 
