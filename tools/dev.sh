@@ -4,11 +4,13 @@
 #   tools/dev.sh demo    deps + build + run the demo
 #   tools/dev.sh format  check every C and C++ source against .clang-format (-i rewrites)
 #   tools/dev.sh shots   deps + build + the README's screenshots of the web page (docs/page*.png)
-#   tools/dev.sh test    deps + format check, plain build and tests, the unit tests under valgrind,
+#   tools/dev.sh test    deps + format check, plain build and tests, a seeded sample of mutants
+#                        (tools/mutate/mutate.py), the unit tests under valgrind,
 #                        ASan+UBSan build and tests (the gateway's across processes in build-asan-gw),
 #                        ThreadSanitizer run of the threaded tests, MIPS build and tests under
 #                        qemu (tools/cross-mips.sh), short fuzz runs
 # FUZZ_SECONDS (default 60) sets each fuzz target's run; 0 skips fuzzing. KEP_MIPS=0 skips MIPS.
+# MUTATE_SAMPLE (default 12) and MUTATE_SEED (default 7) choose the mutants; 0 skips them.
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -101,6 +103,11 @@ test_all() {
     echo "== plain build"
     build build
     run_ctest build
+    if [ "${MUTATE_SAMPLE:-12}" != 0 ]; then
+        echo "== mutants: ${MUTATE_SAMPLE:-12} of seed ${MUTATE_SEED:-7}, at least 90 % of those that build killed"
+        "$root/tools/mutate/mutate.py" --seed "${MUTATE_SEED:-7}" --sample "${MUTATE_SAMPLE:-12}" --jobs "$jobs" \
+            --min-score 90
+    fi
     echo "== valgrind memcheck (unit-test executables)"
     "$root/tools/valgrind-tests.sh" build
     echo "== AddressSanitizer + UndefinedBehaviorSanitizer"

@@ -5,6 +5,9 @@
 # figures are those tools/run-fuzz.sh recorded last (FUZZ_SUMMARY, default
 # build-fuzz/summary.tsv); a long run first:
 #   FUZZ_RUNS=10000000 tools/run-fuzz.sh 3600
+# The mutation figures are those of the full run tools/mutate/mutate.py recorded
+# (MUTATE_RESULTS, default build-mutate/full-run.json); the run first:
+#   tools/mutate/mutate.py --seed 2026 --sample 360 --out build-mutate/full-run.json
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -95,6 +98,13 @@ if [ -s "$summary" ]; then
     done <"$summary")
 else
     fuzz_rows="| (no run recorded: \`tools/run-fuzz.sh\` writes $summary) | | | | | | | |"
+fi
+
+mutate_results=${MUTATE_RESULTS:-$root/build-mutate/full-run.json}
+if [ -s "$mutate_results" ]; then
+    mutate_tables=$(python3 "$root/tools/mutate/mutate.py" --markdown "$mutate_results")
+else
+    mutate_tables="(no run recorded: \`tools/mutate/mutate.py --seed 2026 --sample 360 --out $mutate_results\` writes it)"
 fi
 
 mkdir -p "$root/docs"
@@ -205,6 +215,28 @@ Last run: $access_line.
 \`tools/dev.sh test\` runs it after the plain build. Left out: the allocation sweep and
 the other helpers' out-of-memory cases (they replace the allocator) and the system demo
 (its processes are covered by the unit tests). Last run: $valgrind_line.
+
+## Mutation testing (\`tools/mutate/mutate.py\`)
+
+Whether the plain suite notices a fault: a mutant changes one token of one source file
+of the library (request/, tree/, model/, xml/, ops/, config/, text/) or of the
+stand-in's RPC and file store (platform/standin/rpc_*.cpp, file_store.cpp,
+json*.cpp): a comparison flipped, \`&&\` and \`||\` swapped, \`+\` and \`-\` swapped, a
+\`!\` dropped, an integer or character constant moved by one, \`true\` and \`false\`
+swapped. Left alone: headers, static_assert and the debug trace (the KEP_LOG calls
+and the ifs that only decide whether a trace line is written). Each mutant is built
+and the plain suite runs against it: every test of tests/api and tests/internal, each
+in a process of its own as ctest runs them, each limited to 15 s. A mutant is killed
+when a test fails and fails again when run once more (a test that measures time may
+fail once on a busy machine), timed out when a test ran past its limit. The sample is
+fixed by its seed; \`tools/dev.sh test\` runs a small one of its own (12 mutants, at
+least 90 % of those that build killed).
+
+The last full run, after which every survivor was either killed by a test written
+for it or found equivalent (nothing can tell it from the source, for the reason
+given):
+
+$mutate_tables
 
 ## Known limits
 

@@ -650,6 +650,38 @@ TEST(ImiLocal, BackgroundServerAnswersOtherProcesses) {
     qxImiUnregister("selfCb");
 }
 
+// A handler may stop the server it runs in: its caller is still answered, listening
+// again is refused until the last serving thread is out, and then the socket goes.
+TEST(ImiLocal, AHandlerStopsItsOwnServer) {
+    static std::atomic<int> listened{0};
+    ASSERT_EQ(qxImiRegister(
+                  "stopCb",
+                  [](QxRpcPara *set, void *) {
+                      qxImiStopServer();
+                      listened = qxImiListen();
+                      return qxrpcAddInt(set, "errorCode", 0);
+                  },
+                  nullptr),
+              0);
+    ASSERT_EQ(qxImiStartServerThreads(2), 0);
+    const pid_t server = getpid();
+    const pid_t child = fork();
+    if (child == 0) {
+        kep::RpcPara set;
+        _exit(qxImiExecute(server, "stopCb", 0, 0, set.get()) == 0 ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(listened, -1);
+    struct stat st;
+    const auto start = Clock::now();
+    while (stat(kep_test::imiSocketPath(server).c_str(), &st) == 0 && msSince(start) < 3000)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_NE(stat(kep_test::imiSocketPath(server).c_str(), &st), 0);
+    qxImiUnregister("stopCb");
+}
+
 // Serving stopped while a caller keeps its connection: the caller's next call finds
 // nobody at once instead of waiting out its time-out.
 TEST(ImiLocal, StoppedServingClosesKeptConnections) {
@@ -718,6 +750,14 @@ TEST(ImiLocal, RefusesAnUnsafeRuntimeFolder) {
             if (qxImiRuntimeDir(named, sizeof named) != QXRPC_ERR_DIR || dir != named || qxImiListen() >= 0)
                 bad++;
         }
+        // The parents of a folder named in the environment are made, each open to this
+        // user alone.
+        const std::string deep = std::string(base) + "/made/for/run";
+        setenv("KEP_RUNTIME_DIR", deep.c_str(), 1);
+        struct stat made;
+        if (qxImiRuntimeDir(named, sizeof named) != 0 || deep != named ||
+            stat((std::string(base) + "/made/for").c_str(), &made) != 0 || (made.st_mode & 0777) != 0700)
+            bad++;
         // A folder in which no socket can be made.
         setenv("KEP_RUNTIME_DIR", "/proc", 1);
         if (qxImiListen() != -1) bad++;
@@ -868,6 +908,37 @@ TEST(ImiServe, StalledCallersCostOnlyTheirOwnConnection) {
     const int lone = stalledClient(quiet.pid(), 12);
     EXPECT_TRUE(closedByPeer(lone, 3000)) << "a lone stalled caller is dropped after the time-out";
     close(lone);
+}
+
+// Requests still being received hold 64 MiB at most, all callers together: a caller
+// whose request would take more is dropped, the others keep theirs. Here two callers
+// each stop one byte short of the largest body a frame may have.
+TEST(ImiServe, HalfReceivedRequestsHoldBoundedMemory) {
+    kep_test::OwnerOptions options;
+    options.setup = [] { qxImiSetTimeout(10000); };
+    OwnerProcess owner({{"echoCb", kep_test::echoMembers()}}, options);
+    ASSERT_TRUE(owner.ready());
+    const std::string body(32u << 20, 'x');
+    const std::string almost = frame(body).substr(0, 8 + body.size() - 1);
+    auto sendAll = [&almost](int fd) {
+        for (size_t at = 0; at < almost.size();) {
+            const ssize_t n = send(fd, almost.data() + at, almost.size() - at, MSG_NOSIGNAL);
+            if (n <= 0) return false;
+            at += static_cast<size_t>(n);
+        }
+        return true;
+    };
+    const int first = rawConnect(owner.pid()), second = rawConnect(owner.pid());
+    ASSERT_TRUE(first >= 0 && second >= 0);
+    EXPECT_TRUE(sendAll(first));
+    EXPECT_FALSE(sendAll(second));
+    EXPECT_TRUE(closedByPeer(second, 3000));
+    EXPECT_FALSE(closedByPeer(first, 0));
+    kep::RpcPara set;
+    qxrpcAddInt(set.get(), "n", 3);
+    EXPECT_EQ(qxImiExecute(owner.pid(), "echoCb", 0, 0, set.get()), 0);
+    close(first);
+    close(second);
 }
 
 // With every place taken by idle callers a new caller is still served: the idle

@@ -130,6 +130,7 @@ TEST(XmlParse, AcceptedInputs) {
         {"<a>x\xffy</a>", "a[]"},  // byte FF ends the input
         {"<a>\xc3\xa9</a>", "a[\xc3\xa9]"},
         {"<a x='1' y=\"2\" z=3/>", "a[] z=3 y=2 x=1"},  // reverse document order
+        {"<a k@='v'/>", "a[] k@=v"},                    // a name ends only at a blank, "=", "/", ">" or "?"
         {"<a  x = '1'\ty\n=\r\"2\"></a>", "a[] y=2 x=1"},
         {"<a 'q r'='v'/>", "a[] q r'=v"},
         {"<a k=''/>", "a[] k="},
@@ -196,6 +197,8 @@ TEST(XmlParse, RejectedInputs) {
         {"<a x='1/>"},
         {"<a x='1' <b/>"},
         {"<a x='1' / >"},
+        {"<a k=v=w/>"},  // an unquoted value ends at "="
+        {"<a>&#[;</a>"},
         {"<a/ >"},
         {"<a x=1"},
         {"<a x="},
@@ -257,6 +260,8 @@ TEST(XmlPool, DeepNestingParsesAndReleases) {
 TEST(XmlPool, NodeLimitAndExhaustedPoolGiveNoElement) {
     kep::XmlParseCtx ctx;
     memset(&ctx, 0, sizeof ctx);
+    EXPECT_EQ(kep::xmlMemPoolInit(&ctx.pool, 0), 0);  // an empty pool
+    EXPECT_EQ(kep::mxmlParseStartElt(nullptr, "a", &ctx), nullptr);
     ASSERT_EQ(kep::xmlMemPoolInit(&ctx.pool, 1), 0);
     ctx.count = kep::kXmlMaxNodes;
     EXPECT_EQ(kep::mxmlParseStartElt(nullptr, "a", &ctx), nullptr);
