@@ -360,7 +360,7 @@ class Runner:
         deadline = time.monotonic() + self.limit if self.limit else None
         for d in SUITE:
             cmd = ["ctest", "--test-dir", str(self.build / d), "-j", str(self.args.jobs),
-                   "--timeout", str(self.args.test_timeout)]
+                   "--timeout", str(self.args.test_timeout), "--output-on-failure"]
             if stop_early:
                 cmd.append("--stop-on-failure")
             if only:
@@ -380,6 +380,10 @@ class Runner:
                 raise
             # "  12 - Suite.Name (Failed)" under "The following tests FAILED:"
             failed += [f"{n} ({why})" for n, why in re.findall(r"^\s+\d+ - (\S+) \((.+)\)$", out, re.M)]
+            if proc.returncode:
+                # Kept for the failures that do not come back when the test runs again.
+                with open(self.work / "failures.log", "a") as log:
+                    log.write(f"==== {time.strftime('%H:%M:%S')} {' '.join(cmd)}\n{out}\n")
             if proc.returncode and not failed:
                 failed.append(f"{d} (ctest: {out.strip().splitlines()[-1] if out.strip() else 'no output'})")
             if failed and stop_early:
