@@ -21,6 +21,7 @@ gateway and the benchmarks, and without debug information.
     tools/mutate/mutate.py --only xml/xml_parse.cpp:512:22      # chosen mutants
     tools/mutate/mutate.py --seed 7 --sample 12 --list          # the mutants, not run
     tools/mutate/mutate.py --kills BUILD/last-run.json          # which tests kill what
+    tools/mutate/mutate.py --recheck BUILD/full-run.json        # its survivors, after new tests
 
 A seed and a sample size choose the same mutants on every machine for the same
 sources. The results go to BUILD/last-run.json (--out). While the file named by
@@ -455,19 +456,27 @@ class Runner:
 OUTCOMES = ["killed", "survived", "timed out", "did not build"]
 
 
-def summarise(results):
+def summarise(results, equivalent):
+    """The counts of a run. The score is of the mutants that built and can be told
+    apart from the source: survivors judged equivalent are left out of it (the raw
+    score keeps them)."""
     count = {o: sum(r["outcome"] == o for r in results) for o in OUTCOMES}
     built = len(results) - count["did not build"]
+    same = sum(r["outcome"] == "survived" and r["id"] in equivalent for r in results)
     # A hang the suite's time limit stops is a fault noticed, as a failed test is.
-    score = 100.0 * (count["killed"] + count["timed out"]) / built if built else 0.0
-    return {"generated": len(results), "built": built, **count, "score": round(score, 1)}
+    caught = count["killed"] + count["timed out"]
+    score = 100.0 * caught / (built - same) if built > same else 0.0
+    raw = 100.0 * caught / built if built else 0.0
+    return {"generated": len(results), "built": built, **count, "equivalent": same,
+            "score": round(score, 1), "raw score": round(raw, 1)}
 
 
 def print_report(run, equivalent):
     s = run["summary"]
     print(f"\nseed {run['seed']}, {s['generated']} mutants: {s['built']} built, {s['killed']} killed, "
-          f"{s['survived']} survived, {s['timed out']} timed out, {s['did not build']} did not build; "
-          f"score {s['score']} % of those built (killed or timed out)")
+          f"{s['survived']} survived ({s['equivalent']} of them equivalent), {s['timed out']} timed out, "
+          f"{s['did not build']} did not build; score {s['score']} % of those built and not equivalent "
+          f"(raw {s['raw score']} %)")
     survivors = [r for r in run["mutants"] if r["outcome"] == "survived"]
     for r in survivors:
         note = equivalent.get(r["id"])
@@ -478,29 +487,63 @@ def print_report(run, equivalent):
 def markdown_report(path, equivalent):
     """The figures and survivors of a run as the robustness report shows them."""
     run = json.loads(Path(path).read_text())
-    s = run["summary"]
-    built_not_equivalent = s["built"] - sum(r["id"] in equivalent for r in run["mutants"]
-                                             if r["outcome"] == "survived")
-    caught = s["killed"] + s["timed out"]
+    first = run.get("first", {})
+
+    def row(what, s, when):
+        return (f"| {what} | {s['generated']} | {s['built']} | {s['killed']} | {s['timed out']} | "
+                f"{s['survived']} | {s['equivalent']} | {s['did not build']} | **{s['score']} %** | "
+                f"{s['raw score']} % | {when} |")
+
     lines = [
-        "| seed | mutants | built | killed | timed out | survived | did not build | score | run on |",
-        "|---|---|---|---|---|---|---|---|---|",
-        f"| {run['seed']} | {s['generated']} | {s['built']} | {s['killed']} | {s['timed out']} | "
-        f"{s['survived']} | {s['did not build']} | **{s['score']} %** | {run['date']} (`{run['commit']}`), "
-        f"{run['minutes']} min |",
+        "| | mutants | built | killed | timed out | survived | of them equivalent | did not build | score "
+        "| raw score | run on |",
+        "|---|---|---|---|---|---|---|---|---|---|---|",
+    ]
+    if first:
+        lines.append(row(f"seed {run['seed']}, the run", summarise(first["mutants"], equivalent),
+                         f"{run['date']} (`{run['commit']}`), {run['minutes']} min"))
+        lines.append(row("its survivors run again", summarise(run["mutants"], equivalent),
+                         f"{first['recheck_date']} (`{first['recheck_commit']}`)"))
+    else:
+        lines.append(row(f"seed {run['seed']}", summarise(run["mutants"], equivalent),
+                         f"{run['date']} (`{run['commit']}`), {run['minutes']} min"))
+    lines += [
         "",
-        f"Score: killed or timed out, of the mutants that built. Leaving out the survivors "
-        f"judged equivalent below: {100.0 * caught / built_not_equivalent if built_not_equivalent else 0:.1f} %.",
+        "Score: killed or timed out, of the mutants that built, leaving out the survivors judged "
+        "equivalent below; the raw score keeps them in.",
         "",
     ]
+    later = [r for r in run["mutants"] if r.get("first_outcome") == "survived" and r["outcome"] != "survived"]
+    if later:
+        lines += ["Survivors of the run killed by the tests written for them:", "",
+                  "| mutant | change | line | killed by |", "|---|---|---|---|"]
+        for r in later:
+            code = r["source"].strip().replace("|", "\\|")
+            by = ", ".join(f.rsplit(" (", 1)[0] for f in r["failed"][:2]) or r["outcome"]
+            lines.append(f"| `{r['id']}` | `{change_text(r)}` | `{code}` | {by} |")
+        lines.append("")
     survivors = [r for r in run["mutants"] if r["outcome"] == "survived"]
     if survivors:
-        lines += ["| survivor | change | line | why it is equivalent |", "|---|---|---|---|"]
+        lines += ["| survivor | change | line | why the suite cannot tell it from the source |", "|---|---|---|---|"]
         for r in survivors:
             reason = equivalent.get(r["id"], (None, "**not known to be equivalent**"))[1]
             code = r["source"].strip().replace("|", "\\|")
             lines.append(f"| `{r['id']}` | `{change_text(r)}` | `{code}` | {reason} |")
     print("\n".join(lines))
+
+
+def record_recheck(path, run, results, commit, equivalent):
+    """Puts what became of a run's survivors into its results, keeping the run's own
+    outcomes under "first"."""
+    first = run.setdefault("first", {"mutants": [dict(r) for r in run["mutants"]]})
+    first.update(recheck_commit=commit, recheck_date=time.strftime("%Y-%m-%d", time.gmtime()))
+    again = {r["id"]: r for r in results}
+    for i, r in enumerate(first["mutants"]):
+        if r["id"] in again:
+            run["mutants"][i] = dict(again[r["id"]], first_outcome=r["outcome"])
+    run["summary"] = summarise(run["mutants"], equivalent)
+    path.write_text(json.dumps(run, indent=1) + "\n")
+    print(f"recorded in {path}: score {run['summary']['score']} % after the survivors ran again")
 
 
 def kills_report(path):
@@ -533,6 +576,9 @@ def main():
     p.add_argument("--kills", metavar="RESULTS", help="which tests kill which mutants, from a run's results")
     p.add_argument("--markdown", metavar="RESULTS", help="a run's figures and survivors as tables "
                    "(tools/robustness-report.sh puts them in docs/ROBUSTNESS.md)")
+    p.add_argument("--recheck", metavar="RESULTS", help="run the survivors of a run again (those not "
+                   "judged equivalent), against the tests as they are now, and record what became of "
+                   "them in RESULTS")
     p.add_argument("--min-score", type=float, help="exit 1 when fewer per cent of the built mutants are killed")
     p.add_argument("--build-dir", default=str(ROOT / "build-mutate"), help="default: build-mutate")
     p.add_argument("--out", help="results file (default: BUILD/last-run.json)")
@@ -552,7 +598,16 @@ def main():
         markdown_report(args.markdown, load_equivalent())
         return 0
 
+    equivalent = load_equivalent()
     mutants = all_mutants(args.file or None)
+    earlier = None
+    if args.recheck:
+        earlier = json.loads(Path(args.recheck).read_text())
+        first = earlier.get("first", {}).get("mutants", earlier["mutants"])
+        args.only = [r["id"] for r in first if r["outcome"] == "survived" and r["id"] not in equivalent]
+        if not args.only:
+            print("mutate: every survivor is judged equivalent; nothing to run again")
+            return 0
     if args.only:
         wanted = set(args.only)
         mutants = [m for m in mutants if m["id"] in wanted]
@@ -571,7 +626,6 @@ def main():
         print(f"{len(mutants)} mutants")
         return 0
 
-    equivalent = load_equivalent()
     runner = Runner(args)
     out = Path(args.out) if args.out else runner.work / "last-run.json"
     # A signal ends the run through the same clean-up as an error: the copy is restored.
@@ -595,10 +649,12 @@ def main():
               flush=True)
         # Written after every mutant, so that a run cut short still tells what it found.
         run.update(minutes=round((time.monotonic() - started) / 60, 1), complete=i == len(mutants),
-                   summary=summarise(results), mutants=results)
+                   summary=summarise(results, equivalent), mutants=results)
         out.write_text(json.dumps(run, indent=1) + "\n")
     runner.restore_build()
     print_report(run, equivalent)
+    if earlier is not None:
+        record_recheck(Path(args.recheck), earlier, results, run["commit"], equivalent)
     print(f"results: {out}; {run['minutes']} min")
     if args.min_score is not None and run["summary"]["score"] < args.min_score:
         print(f"mutate: score {run['summary']['score']} % is below {args.min_score} %", file=sys.stderr)
