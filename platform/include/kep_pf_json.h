@@ -52,8 +52,9 @@ int jsonObjectToFileMem(const char *path, json_object *obj);
  * nor a member) writes it 0600. 0, or -1 for gid below -1.
  */
 int jsonObjectSetFileGroup(int gid);
-/* *text: malloc'd copy of the JSON text, released with free(); NULL on failure (also
- * when json-c, short of memory, wrote a text that does not match the object). */
+/* *text: malloc'd copy of the JSON text, released with free(); 0, or -1 and NULL on
+ * failure (also when json-c, short of memory, wrote a text that does not match the
+ * object). */
 int jsonObjectToMallocString(json_object *obj, char **text);
 
 json_object *jsonObjectObjectGet(json_object *obj, const char *key); /* borrowed, or NULL */

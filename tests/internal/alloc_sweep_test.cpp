@@ -645,6 +645,32 @@ TEST_F(AllocSweep, SectionWritesThroughTheStore) {
     }
 }
 
+// A response text is whole, or there is none and the call says -1.
+TEST_F(AllocSweep, ResponseTextWholeOrNone) {
+    auto obj = std::make_shared<json_object *>(nullptr);
+    auto text = std::make_shared<char *>(nullptr);
+    sweep(
+        {"response text",
+         [=] { *obj = jsonObjectFromString(R"({"error_code":0,"dhcp":{"host":[{"host_1":{"value":1}}]}})"); },
+         [=] { return jsonObjectToMallocString(*obj, text.get()); },
+         [=] {
+             const std::string out = *text ? *text : "(none)";
+             free(*text);
+             *text = nullptr;
+             json_object_put(*obj);
+             return out;
+         },
+         [](int rc, const std::string &out, bool injected, long k) {
+             if (rc == 0) {
+                 EXPECT_EQ(out, R"({"error_code":0,"dhcp":{"host":[{"host_1":{"value":1}}]}})") << k;
+             } else {
+                 EXPECT_TRUE(injected) << k;
+                 EXPECT_EQ(rc, -1) << k;
+                 EXPECT_EQ(out, "(none)") << k;
+             }
+         }});
+}
+
 // Reads: the record of the reference run, or -1 (a read failed); never a document
 // left changed or half kept.
 TEST_F(AllocSweep, SectionReadsThroughTheStore) {

@@ -1,4 +1,5 @@
 // The stand-in JSON object layer and debug log.
+#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <grp.h>
@@ -70,7 +71,19 @@ bool releasedOnce(json_object *heldTwice) {
     return json_object_put(heldTwice) == 1;
 }
 
+// Fails the next read once with this errno (0: none): a signal, or a failing disk.
+std::atomic<int> gReadFault{0};
+
 }  // namespace
+
+extern "C" ssize_t read(int fd, void *buf, size_t n) {
+    static const auto real = reinterpret_cast<ssize_t (*)(int, void *, size_t)>(dlsym(RTLD_NEXT, "read"));
+    if (const int e = gReadFault.exchange(0)) {
+        errno = e;
+        return -1;
+    }
+    return real(fd, buf, n);
+}
 
 TEST(JsonText, ParsesWholeTextsOnly) {
     EXPECT_EQ(parsed("{\"a\":[1,\"x\"]}"), "{\"a\":[1,\"x\"]}");
@@ -111,6 +124,12 @@ TEST(JsonFile, FromFileRejectsMissingAndBrokenFiles) {
     ASSERT_EQ(mkfifo((dir / "fifo.json").c_str(), 0600), 0);
     kep::JsonPtr good(jsonObjectFromFile((dir / "good.json").c_str()));
     EXPECT_EQ(text(good.get()), "{\"k\":\"v\"}");
+    // A read a signal interrupted is made again; one that failed leaves no object.
+    gReadFault = EINTR;
+    kep::JsonPtr again(jsonObjectFromFile((dir / "good.json").c_str()));
+    EXPECT_EQ(text(again.get()), text(good.get()));
+    gReadFault = EIO;
+    EXPECT_EQ(jsonObjectFromFile((dir / "good.json").c_str()), nullptr);
     for (const char *name : {"missing.json", "broken.json", "trailing.json", "nul.json", "empty.json",
                              "cut.json", "fifo.json"}) {
         EXPECT_EQ(jsonObjectFromFile((dir / name).c_str()), nullptr) << name;
@@ -367,6 +386,17 @@ TEST(JsonFile, StoreRemovesTheTemporaryFilesOfStoresCutShort) {
     ASSERT_EQ(mkdir((dir / "cfg.json.tmp").c_str(), 0700), 0);
     ASSERT_EQ(jsonObjectToFile(path.c_str(), obj.get()), 0);
     EXPECT_EQ(readText(path), "{\"a\":1}");
+    EXPECT_EQ(sorted(dir.entries()), sorted(kept));
+    // Also when the name of its own comes with descriptor 0: a daemon has no standard
+    // input.
+    const int in = dup(0);
+    close(0);
+    EXPECT_EQ(jsonObjectToFile(path.c_str(), next.get()), 0);
+    if (in >= 0) {
+        dup2(in, 0);
+        close(in);
+    }
+    EXPECT_EQ(readText(path), "{\"a\":2}");
     EXPECT_EQ(sorted(dir.entries()), sorted(kept));
 }
 

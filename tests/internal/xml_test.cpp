@@ -459,6 +459,10 @@ TEST(XmlPool, GrowingMovesAndFallsBack) {
         XmlDoc doc = parse(s);
         ASSERT_TRUE(doc);
         EXPECT_GE(gReallocs, failAt ? failAt : 2);
+        // The context, the refused reserve and the first pool's two blocks: a pool that
+        // grows never starts the parse again; one that cannot grow starts it once more
+        // with a new pool of that size.
+        EXPECT_EQ(gAllocs, failAt ? 6 : 4);
         EXPECT_EQ(everything(doc.root()), expected);
         EXPECT_STREQ(doc.root()->lastChild->attrs->value, "x");
         EXPECT_EQ(doc.root()->lastChild->firstChild->parent, doc.root()->lastChild);
@@ -490,6 +494,9 @@ TEST(XmlFd, AFileIsReadFromItsStartOnEveryAttempt) {
     EXPECT_EQ(childNames(doc.root()).size(), 300u);
     fd = inputFd(kModel, true);
     EXPECT_FALSE(XmlDoc(fdXmlParse(fd, 0)));  // nothing of the model is a device element
+    close(fd);
+    fd = inputFd(flatDoc(850), true);  // one element more than the largest pool holds
+    EXPECT_FALSE(XmlDoc(fdXmlParse(fd, 1)));
     close(fd);
 }
 
