@@ -384,11 +384,15 @@ std::string requestFrame(const std::string &cb, int n) {
                  std::string("\x01\x00\x01n", 4) + std::string(value, 4));
 }
 
-// Whether the peer has closed fd, waiting up to waitMs for it.
+// Whether the peer has closed fd, waiting up to waitMs for it. A peer that closes
+// with bytes of ours unread resets the connection, which the first read reports
+// unless a send that was waiting for room in the socket did so already.
 bool closedByPeer(int fd, int waitMs) {
     pollfd p = {fd, POLLIN, 0};
     char c;
-    return poll(&p, 1, waitMs) == 1 && recv(fd, &c, 1, MSG_DONTWAIT) == 0;
+    if (poll(&p, 1, waitMs) != 1) return false;
+    const ssize_t n = recv(fd, &c, 1, MSG_DONTWAIT);
+    return n == 0 || (n < 0 && errno == ECONNRESET);
 }
 
 // Sends request on fd and reads the whole reply frame; false when none comes.
