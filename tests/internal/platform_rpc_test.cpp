@@ -216,10 +216,19 @@ TEST(ImiRemote, BadArgumentsAndLimits) {
     big += 'x';
     ASSERT_EQ(qxrpcAddStringPtr(tooBig.get(), "text", big.c_str()), 0);
     EXPECT_EQ(qxImiExecute(owner.pid(), "len", 0, 0, tooBig.get()), QXRPC_ERR_ARG);
-    kep::RpcPara tooMuch;
-    big.resize(12u << 20);
-    for (const char *name : {"text", "b", "c"})
-        ASSERT_EQ(qxrpcAddStringPtr(tooMuch.get(), name, big.c_str()), 0);
+    // Each member costs its name, its text and 6 bytes; the frame keeps 256 bytes for
+    // the kind, deadline and callback name. Filled to the byte, a call is let through
+    // to look for its callee (here: none).
+    big.pop_back();
+    const std::string rest((16u << 20) - 280, 'b');
+    kep::RpcPara full, tooMuch;
+    for (QxRpcPara *s : {full.get(), tooMuch.get()}) {
+        ASSERT_EQ(qxrpcAddStringPtr(s, "text", big.c_str()), 0);
+        ASSERT_EQ(qxrpcAddInt(s, "n", 1), 0);
+    }
+    ASSERT_EQ(qxrpcAddStringPtr(full.get(), "b", rest.c_str()), 0);
+    ASSERT_EQ(qxrpcAddStringPtr(tooMuch.get(), "b", (rest + "b").c_str()), 0);
+    EXPECT_EQ(qxImiExecute(999999999, "len", 0, 0, full.get()), QXRPC_ERR_NO_PEER);
     EXPECT_EQ(qxImiExecute(owner.pid(), "len", 0, 0, tooMuch.get()), QXRPC_ERR_ARG);
     EXPECT_EQ(owner.calls().size(), 1u);
 
@@ -384,17 +393,19 @@ std::string requestFrame(const std::string &cb, int n) {
                  std::string("\x01\x00\x01n", 4) + std::string(value, 4));
 }
 
-// Whether the peer has closed fd, waiting up to waitMs for it.
+// Whether the peer has closed fd, waiting up to waitMs for it. A peer that closes
+// with bytes of ours unread resets the connection, which the first read reports
+// unless a send that was waiting for room in the socket did so already.
 bool closedByPeer(int fd, int waitMs) {
     pollfd p = {fd, POLLIN, 0};
     char c;
-    return poll(&p, 1, waitMs) == 1 && recv(fd, &c, 1, MSG_DONTWAIT) == 0;
+    if (poll(&p, 1, waitMs) != 1) return false;
+    const ssize_t n = recv(fd, &c, 1, MSG_DONTWAIT);
+    return n == 0 || (n < 0 && errno == ECONNRESET);
 }
 
-// Sends request on fd and reads the whole reply frame; false when none comes.
-bool roundTrip(int fd, const std::string &request) {
-    if (send(fd, request.data(), request.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(request.size()))
-        return false;
+// Reads a whole reply frame from fd; false when none comes.
+bool readReply(int fd) {
     timeval limit{5, 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     std::string reply;
@@ -409,6 +420,15 @@ bool roundTrip(int fd, const std::string &request) {
         reply.append(buf, static_cast<size_t>(n));
     }
     return true;
+}
+
+bool sendRequest(int fd, const std::string &request) {
+    return send(fd, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size());
+}
+
+// Sends request on fd and reads the whole reply frame; false when none comes.
+bool roundTrip(int fd, const std::string &request) {
+    return sendRequest(fd, request) && readReply(fd);
 }
 
 }  // namespace
@@ -765,6 +785,14 @@ TEST(ImiLocal, RefusesAnUnsafeRuntimeFolder) {
         setenv("KEP_RUNTIME_DIR", (std::string(base) + "/" + std::string(107 - strlen(base), 'd')).c_str(),
                1);
         if (qxImiRuntimeDir(named, sizeof named) != QXRPC_ERR_ARG) bad++;
+        // A caller makes no folder: a missing one means nobody serves, also under a
+        // name that would leave no room for a socket's.
+        const std::string missing = std::string(base) + "/" + std::string(100 - strlen(base), 'm');
+        setenv("KEP_RUNTIME_DIR", missing.c_str(), 1);
+        kep::RpcPara none;
+        if (qxImiExecute(getppid(), "cb", 0, 0, none.get()) != QXRPC_ERR_NO_PEER ||
+            access(missing.c_str(), F_OK) == 0)
+            bad++;
         if (qxImiRuntimeDir(nullptr, sizeof named) != QXRPC_ERR_ARG ||
             qxImiRuntimeDir(named, 0) != QXRPC_ERR_ARG)
             bad++;
@@ -942,25 +970,64 @@ TEST(ImiServe, HalfReceivedRequestsHoldBoundedMemory) {
 }
 
 // With every place taken by idle callers a new caller is still served: the idle
-// connection used least recently makes room, and its caller is hung up on.
+// connection used least recently makes room. A request already waiting in it is
+// answered first, and counts as served; then its caller is hung up on. Served by
+// qxImiServeOnce, so that all of it has arrived before the server looks.
 TEST(ImiServe, IdleCallersMakeRoomForNewOnes) {
-    OwnerProcess owner({{"echoCb", kep_test::echoMembers()}});
-    ASSERT_TRUE(owner.ready());
+    std::atomic<int> calls{0};
+    ASSERT_EQ(qxImiRegister("selfCb", selfHandler, &calls), 0);
+    ASSERT_EQ(qxImiRegister(
+                  "bigCb",
+                  [](QxRpcPara *set, void *) {
+                      static const std::string big(1u << 20, 'y');
+                      qxrpcAddInt(set, "errorCode", 0);
+                      return qxrpcAddStringPtr(set, "result", big.c_str());
+                  },
+                  nullptr),
+              0);
+    ASSERT_GE(qxImiListen(), 0);
     constexpr int kPlaces = 256;
     std::vector<int> idle;
     for (int i = 0; i < kPlaces; i++) {
-        idle.push_back(rawConnect(owner.pid()));
-        ASSERT_TRUE(roundTrip(idle.back(), requestFrame("echoCb", i))) << i;
-        if (i == 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        idle.push_back(rawConnect(getpid()));
+        ASSERT_TRUE(sendRequest(idle.back(), requestFrame("selfCb", i)));
+        ASSERT_EQ(qxImiServeOnce(3000), 1) << i;
+        ASSERT_TRUE(readReply(idle.back())) << i;
+        if (i < 5) std::this_thread::sleep_for(std::chrono::milliseconds(3));  // the oldest, in order
     }
-    kep::RpcPara set;
-    qxrpcAddInt(set.get(), "n", 1000);
-    EXPECT_EQ(qxImiExecute(owner.pid(), "echoCb", 0, 0, set.get()), 0);
-    EXPECT_EQ(getText(set.get(), "result"), "{\"n\":1000}");
-    EXPECT_TRUE(closedByPeer(idle[0], 2000));
+    // The newcomer connects before the oldest caller's next request arrives.
+    const int first = rawConnect(getpid());
+    ASSERT_TRUE(sendRequest(idle[0], requestFrame("selfCb", 1)));
+    EXPECT_EQ(qxImiServeOnce(3000), 1);
+    EXPECT_TRUE(readReply(idle[0]));
+    EXPECT_TRUE(closedByPeer(idle[0], 1000));
     for (int i = 1; i < kPlaces; i++) EXPECT_FALSE(closedByPeer(idle[i], 0)) << i;
-    EXPECT_TRUE(roundTrip(idle[1], requestFrame("echoCb", 1)));
+    ASSERT_TRUE(sendRequest(first, requestFrame("selfCb", 2)));
+    EXPECT_EQ(qxImiServeOnce(3000), 1);
+    EXPECT_TRUE(readReply(first));
+
+    // Replies too large to send at once keep their places taken until they are out:
+    // after four such tries the newcomer is hung up on, and each reply arrives whole.
+    const int second = rawConnect(getpid());
+    for (int i = 1; i <= 4; i++) ASSERT_TRUE(sendRequest(idle[i], requestFrame("bigCb", i)));
+    EXPECT_EQ(qxImiServeOnce(3000), 1);
+    EXPECT_TRUE(closedByPeer(second, 1000));
+    std::atomic<bool> serving{true};
+    std::thread loop([&] {
+        while (serving) qxImiServeOnce(20);
+    });
+    for (int i = 1; i <= 4; i++) {
+        EXPECT_TRUE(readReply(idle[i])) << i;
+        EXPECT_TRUE(closedByPeer(idle[i], 2000)) << i;
+    }
+    serving = false;
+    loop.join();
     for (int fd : idle) close(fd);
+    close(first);
+    close(second);
+    qxImiStopServer();
+    qxImiUnregister("selfCb");
+    qxImiUnregister("bigCb");
 }
 
 // With several serving threads, a handler that takes long holds up nobody else.
