@@ -8,6 +8,8 @@
 # The mutation figures are those of the full run tools/mutate/mutate.py recorded
 # (MUTATE_RESULTS, default build-mutate/full-run.json); the run first:
 #   tools/mutate/mutate.py --seed 2026 --sample 360 --out build-mutate/full-run.json
+# and, once tests are written for its survivors,
+#   tools/mutate/mutate.py --recheck build-mutate/full-run.json
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -230,11 +232,14 @@ in a process of its own as ctest runs them, each limited to 15 s. A mutant is ki
 when a test fails and fails again when run once more (a test that measures time may
 fail once on a busy machine), timed out when a test ran past its limit. The sample is
 fixed by its seed; \`tools/dev.sh test\` runs a small one of its own (12 mutants, at
-least 90 % of those that build killed).
+least 90 % of those that build and are not judged equivalent killed).
 
-The last full run, after which every survivor was either killed by a test written
-for it or found equivalent (nothing can tell it from the source, for the reason
-given):
+The last full run. Its survivors were then either killed by a test written for them
+(\`mutate.py --recheck\` ran them again against the sharpened suite: the second row)
+or listed in tools/mutate/equivalent.txt with the reason the plain suite cannot tell
+them from the source. That list says plainly which of them are memory errors that only
+the AddressSanitizer run would see. The score leaves the listed ones out; the raw score
+keeps them in.
 
 $mutate_tables
 

@@ -196,6 +196,16 @@ TEST_F(ConfigStore, ReadsOfSectionsAndWholeTables) {
     tree.section(list, "host_4", OprInterface{});
     store(R"({"host":[{"host_4":{"text":"x","value":1}}]})");
     EXPECT_EQ(modelRead("/m/host/host_4", two, kRec), -1);
+    // A record of one byte is a record.
+    OprInterface flag = recOpr();
+    flag.jsonToBin.config = [](const char *, json_object *, void *buf, int size) {
+        if (size < 1) return -1;
+        *static_cast<char *>(buf) = 'f';
+        return 1;
+    };
+    tree.section(list, "host_5", flag);
+    store(R"({"host":[{"host_5":{}}]})");
+    EXPECT_EQ(modelRead("/m/host/host_5", two, kRec), 1);
 
     // Names are cut to 31 characters, in the path and in the file's members alike.
     std::string longModule(40, 'M'), longTable(40, 'T');
@@ -426,6 +436,7 @@ TEST_F(ConfigStore, ResetBuildsTheDefaultsOfEveryTableKind) {
     EXPECT_STREQ(json_object_to_json_string_ext(v, JSON_C_TO_STRING_PLAIN), "{}");
     json_object_put(v);
     EXPECT_EQ(tableResetConfig(nullptr, &v), -1);
+    EXPECT_EQ(tableResetConfig(noDefaults, nullptr), -1);
 
     EXPECT_EQ(modelResetConfigFile(m), 0);
     EXPECT_EQ(

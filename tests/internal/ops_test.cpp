@@ -249,6 +249,16 @@ TEST_F(Resolution, AFailedOwnerCallLeavesItsCauseToThisThread) {
     }).join();
     EXPECT_EQ(there, "77 self leaseRead m/leases_1");
     EXPECT_EQ(lastFailure(), "none");
+
+    // An interface that names no callback, or no process, has nobody to ask.
+    DataTable *leases = getDataTable(getDataModuler("m"), "leases");
+    leases->opr.cb[0] = '\0';
+    EXPECT_EQ(getSectionObjJson("m", "leases_1", out.out()), -1);
+    EXPECT_EQ(lastFailure(), "-7004 0  m/leases_1");
+    snprintf(leases->opr.cb, sizeof leases->opr.cb, "leaseRead");
+    leases->opr.pid = -1;
+    EXPECT_EQ(getSectionObjJson("m", "leases_1", out.out()), -1);
+    EXPECT_EQ(lastFailure(), "-7004 0  m/leases_1");
 }
 
 TEST_F(OpsTest, TransferTurnsSectionsIntoRows) {
@@ -314,6 +324,8 @@ TEST_F(OpsTest, ActionUsesFirstClaimedNodeOfItsName) {
     EXPECT_EQ(doActionToModel("m", "reboot", params.get(), res.out()), 9);
     EXPECT_EQ(doActionToModel("m", "reset", params.get(), res.out()), -7004);
     EXPECT_EQ(doActionToModel("x", "reboot", params.get(), res.out()), -7004);
+    EXPECT_EQ(doActionToModel("m", nullptr, params.get(), res.out()), -7004);
+    EXPECT_EQ(doActionToModel(nullptr, "reboot", params.get(), res.out()), -7004);
     EXPECT_EQ(calls("laterCb"), 0u);
 }
 

@@ -456,13 +456,19 @@ class Runner:
 OUTCOMES = ["killed", "survived", "timed out", "did not build"]
 
 
+def is_equivalent(equivalent, mutant_id):
+    """Listed, and not as a mutant that changes what can be observed ("not killed:")."""
+    entry = equivalent.get(mutant_id)
+    return entry is not None and not entry[1].startswith("not killed:")
+
+
 def summarise(results, equivalent):
     """The counts of a run. The score is of the mutants that built and can be told
     apart from the source: survivors judged equivalent are left out of it (the raw
     score keeps them)."""
     count = {o: sum(r["outcome"] == o for r in results) for o in OUTCOMES}
     built = len(results) - count["did not build"]
-    same = sum(r["outcome"] == "survived" and r["id"] in equivalent for r in results)
+    same = sum(r["outcome"] == "survived" and is_equivalent(equivalent, r["id"]) for r in results)
     # A hang the suite's time limit stops is a fault noticed, as a failed test is.
     caught = count["killed"] + count["timed out"]
     score = 100.0 * caught / (built - same) if built > same else 0.0
@@ -480,7 +486,10 @@ def print_report(run, equivalent):
     survivors = [r for r in run["mutants"] if r["outcome"] == "survived"]
     for r in survivors:
         note = equivalent.get(r["id"])
-        tag = f"equivalent: {note[1]}" if note else "not known to be equivalent"
+        if not note:
+            tag = "not known to be equivalent"
+        else:
+            tag = f"equivalent: {note[1]}" if is_equivalent(equivalent, r["id"]) else note[1]
         print(f"  survived  {r['id']}  {change_text(r)}  [{tag}]\n            {r['source'].strip()}")
 
 
@@ -604,7 +613,7 @@ def main():
     if args.recheck:
         earlier = json.loads(Path(args.recheck).read_text())
         first = earlier.get("first", {}).get("mutants", earlier["mutants"])
-        args.only = [r["id"] for r in first if r["outcome"] == "survived" and r["id"] not in equivalent]
+        args.only = [r["id"] for r in first if r["outcome"] == "survived" and not is_equivalent(equivalent, r["id"])]
         if not args.only:
             print("mutate: every survivor is judged equivalent; nothing to run again")
             return 0
