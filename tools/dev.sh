@@ -22,6 +22,8 @@ packages=(build-essential cmake pkg-config clang clang-format libclang-rt-14-dev
 
 # The checks of the manual pages (man, groff) and of the service files (systemd-analyze).
 packages+=(groff-base man-db systemd)
+# The mutation sample's incremental builds.
+packages+=(ninja-build)
 # The benchmark report's whole-process timing of kepctl.
 packages+=(hyperfine)
 

@@ -366,8 +366,9 @@ class Runner:
                 cmd.append("--stop-on-failure")
             if only:
                 cmd += ["-R", "^(" + "|".join(only) + ")$"]
+            # A test may print any byte (the XML tests feed the parser 0xFF).
             proc = subprocess.Popen(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                                    start_new_session=True)
+                                    errors="replace", start_new_session=True)
             try:
                 left = None if deadline is None else max(1.0, deadline - time.monotonic())
                 out, _ = proc.communicate(timeout=left)
@@ -376,7 +377,8 @@ class Runner:
                 proc.communicate()
                 return "timed out", failed + [f"{d} (the mutant's {self.limit} s)"]
             except BaseException:
-                os.killpg(proc.pid, signal.SIGKILL)
+                if proc.poll() is None:
+                    os.killpg(proc.pid, signal.SIGKILL)
                 proc.wait()
                 raise
             # "  12 - Suite.Name (Failed)" under "The following tests FAILED:"
@@ -588,6 +590,8 @@ def main():
     p.add_argument("--recheck", metavar="RESULTS", help="run the survivors of a run again (those not "
                    "judged equivalent), against the tests as they are now, and record what became of "
                    "them in RESULTS")
+    p.add_argument("--resume", action="store_true", help="go on with the run recorded in the results "
+                   "file (same seed and sample): the mutants it holds are not run again")
     p.add_argument("--min-score", type=float, help="exit 1 when fewer per cent of the built mutants are killed")
     p.add_argument("--build-dir", default=str(ROOT / "build-mutate"), help="default: build-mutate")
     p.add_argument("--out", help="results file (default: BUILD/last-run.json)")
@@ -647,8 +651,23 @@ def main():
            "all_tests": args.all_tests, "commit": commit, "date": time.strftime("%Y-%m-%d", time.gmtime()),
            "suite_seconds": runner.suite_seconds, "limit": runner.limit, "test_timeout": args.test_timeout}
     results = []
+    before = 0.0
+    if args.resume and out.exists():
+        done = json.loads(out.read_text())
+        if (done["seed"], done["sample"], done["only"]) != (args.seed, args.sample, args.only):
+            sys.exit(f"mutate: {out} holds another run (seed {done['seed']}, sample {done['sample']})")
+        held = {(r["id"], r["new"]): r for r in done["mutants"]}
+        results = [held[(m["id"], m["new"])] for m in mutants if (m["id"], m["new"]) in held]
+        before = done.get("minutes", 0.0)
+        # Each part of the run names the sources and tests it ran with.
+        run.update(date=done["date"], commit=done["commit"],
+                   resumed=done.get("resumed", []) + [{"after": len(results), "commit": commit}])
+        print(f"resuming after {len(results)} mutants", flush=True)
+    ran = {(r["id"], r["new"]) for r in results}
     started = time.monotonic()
     for i, m in enumerate(mutants, 1):
+        if (m["id"], m["new"]) in ran:
+            continue
         r = dict(m, **runner.run_mutant(m))
         results.append(r)
         why = f"  ({', '.join(r['failed'][:2])})" if r["failed"] else ""
@@ -657,7 +676,7 @@ def main():
         print(f"[{i}/{len(mutants)}] {r['outcome']:13} {r['id']}  {change_text(r)}  {r['seconds']} s{why}",
               flush=True)
         # Written after every mutant, so that a run cut short still tells what it found.
-        run.update(minutes=round((time.monotonic() - started) / 60, 1), complete=i == len(mutants),
+        run.update(minutes=round(before + (time.monotonic() - started) / 60, 1), complete=i == len(mutants),
                    summary=summarise(results, equivalent), mutants=results)
         out.write_text(json.dumps(run, indent=1) + "\n")
     runner.restore_build()
