@@ -130,6 +130,15 @@ TEST(JsonFile, FromFileRejectsMissingAndBrokenFiles) {
     EXPECT_EQ(text(again.get()), text(good.get()));
     gReadFault = EIO;
     EXPECT_EQ(jsonObjectFromFile((dir / "good.json").c_str()), nullptr);
+    // Without standard input the file may come as descriptor 0.
+    const int in = dup(0);
+    close(0);
+    kep::JsonPtr onZero(jsonObjectFromFile((dir / "good.json").c_str()));
+    if (in >= 0) {
+        dup2(in, 0);
+        close(in);
+    }
+    EXPECT_EQ(text(onZero.get()), text(good.get()));
     for (const char *name : {"missing.json", "broken.json", "trailing.json", "nul.json", "empty.json",
                              "cut.json", "fifo.json"}) {
         EXPECT_EQ(jsonObjectFromFile((dir / name).c_str()), nullptr) << name;
@@ -296,6 +305,15 @@ TEST(JsonFile, SettingsFromTheEnvironment) {
         kep::JsonPtr big(jsonObjectFromString(("{\"a\":\"" + std::string(93, 'x') + "\"}").c_str()));
         EXPECT_EQ(jsonObjectToFile(path.c_str(), big.get()) != 0, limited);
         EXPECT_EQ(jsonObjectToFileMem(path.c_str(), big.get()) != 0, limited);
+        // A text of exactly the limit is stored, plain or laid out.
+        EXPECT_EQ(jsonObjectToFile(path.c_str(), at.get()), 0);
+        kep::JsonPtr laidOut(jsonObjectNewObject());
+        jsonObjectAddString(laidOut.get(), "a", "");
+        const size_t room =
+            100 - strlen(json_object_to_json_string_ext(laidOut.get(), JSON_C_TO_STRING_PRETTY));
+        jsonObjectAddString(laidOut.get(), "a", std::string(room, 'x').c_str());
+        ASSERT_EQ(strlen(json_object_to_json_string_ext(laidOut.get(), JSON_C_TO_STRING_PRETTY)), 100u);
+        EXPECT_EQ(jsonObjectToFileMem(path.c_str(), laidOut.get()), 0);
         return;
     }
     struct Run {
@@ -609,6 +627,8 @@ TEST(JsonObject, AddTakesOwnershipEvenOnFailure) {
     json_object *first = jsonObjectArrayGetIdx(array.get(), 0);
     kep::JsonPtr stranger(json_object_new_int(1));
     EXPECT_NE(jsonObjectArrayDel(array.get(), stranger.get()), 0);
+    EXPECT_NE(jsonObjectArrayDel(obj.get(), stranger.get()), 0);  // not an array
+    EXPECT_NE(jsonObjectArrayDel(array.get(), nullptr), 0);
     EXPECT_EQ(jsonObjectArrayDel(array.get(), first), 0);
     EXPECT_EQ(text(array.get()), "[2]");
     EXPECT_EQ(jsonObjectArrayGetIdx(array.get(), 1), nullptr);
@@ -621,6 +641,23 @@ TEST(JsonObject, AddTakesOwnershipEvenOnFailure) {
     EXPECT_EQ(jsonObjectObjectGet(obj.get(), "k"), nullptr);
     EXPECT_EQ(jsonGetObjFromObj(obj.get(), "k"), nullptr);
     EXPECT_NE(jsonObjectObjectDel(obj.get(), "k"), 0);
+}
+
+TEST(JsonObject, TypeTestsSayOneForTheirOwnTypeOnly) {
+    kep::JsonPtr doc(jsonObjectFromString(R"({"o":{},"a":[],"b":true,"i":1,"s":"1","d":1.5})"));
+    ASSERT_TRUE(doc);
+    using Test = int (*)(json_object *);
+    const std::pair<const char *, Test> tests[] = {{"o", jsonObjectIsObject},
+                                                   {"a", jsonObjectIsArray},
+                                                   {"b", jsonObectIsBool},
+                                                   {"i", jsonObectIsInt},
+                                                   {"s", jsonObectIsString}};
+    for (const auto &[own, test] : tests) {
+        for (const char *member : {"o", "a", "b", "i", "s", "d"})
+            EXPECT_EQ(test(jsonObjectObjectGet(doc.get(), member)), strcmp(own, member) == 0 ? 1 : 0)
+                << own << " of " << member;
+        EXPECT_EQ(test(nullptr), 0) << own;
+    }
 }
 
 TEST(JsonObject, IntegersReadOnlyWhenTheyFit) {
