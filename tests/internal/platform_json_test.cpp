@@ -528,6 +528,8 @@ TEST(JsonMatch, AgreesWithReadingTheTextBack) {
         {R"("\u0080")", "\x80"},
         {R"("\u0080")", std::string(1, '\0')},
         {R"("\u0080")", "\x01"},
+        {R"("\u004G")", "P"},               // G is no digit, though 4 * 16 + 16 would be P
+        {R"("\q")", std::string(1, '\0')},  // nor is q an escape
     };
     for (const auto &[text, want] : escaped) {
         kep::JsonPtr s(json_object_new_string_len(want.data(), static_cast<int>(want.size())));
