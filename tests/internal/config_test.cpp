@@ -203,9 +203,9 @@ TEST_F(ConfigStore, ReadsOfSectionsAndWholeTables) {
         *static_cast<char *>(buf) = 'f';
         return 1;
     };
-    tree.section(list, "host_5", flag);
-    store(R"({"host":[{"host_5":{}}]})");
-    EXPECT_EQ(modelRead("/m/host/host_5", two, kRec), 1);
+    tree.section(named, "flag", flag);
+    store(R"({"time":{"flag":{}}})");
+    EXPECT_EQ(modelRead("/m/time/flag", two, kRec), 1);
 
     // Names are cut to 31 characters, in the path and in the file's members alike.
     std::string longModule(40, 'M'), longTable(40, 'T');

@@ -405,17 +405,6 @@ TEST(JsonFile, StoreRemovesTheTemporaryFilesOfStoresCutShort) {
     ASSERT_EQ(jsonObjectToFile(path.c_str(), obj.get()), 0);
     EXPECT_EQ(readText(path), "{\"a\":1}");
     EXPECT_EQ(sorted(dir.entries()), sorted(kept));
-    // Also when the name of its own comes with descriptor 0: a daemon has no standard
-    // input.
-    const int in = dup(0);
-    close(0);
-    EXPECT_EQ(jsonObjectToFile(path.c_str(), next.get()), 0);
-    if (in >= 0) {
-        dup2(in, 0);
-        close(in);
-    }
-    EXPECT_EQ(readText(path), "{\"a\":2}");
-    EXPECT_EQ(sorted(dir.entries()), sorted(kept));
 }
 
 // Two processes with several threads each store one file at once, so that every
