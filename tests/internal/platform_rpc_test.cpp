@@ -670,7 +670,9 @@ TEST(ImiLocal, ServeOnceCountsOnlyWhatItAnswered) {
     EXPECT_EQ(qxImiServeOnce(200), 0);
     EXPECT_EQ(calls, 0);
 
+    // Without standard input the connection accepted is descriptor 0, served all the same.
     fd = rawConnect(getpid());
+    close(0);
     std::thread caller([&] { EXPECT_TRUE(roundTrip(fd, request)); });
     EXPECT_EQ(qxImiServeOnce(3000), 1);
     caller.join();
@@ -714,15 +716,20 @@ TEST(ImiLocal, BackgroundServerAnswersOtherProcesses) {
 }
 
 // A handler may stop the server it runs in: its caller is still answered, listening
-// again is refused until the last serving thread is out, and then the socket goes.
+// again is refused until the last serving thread is out, and then the socket goes. A
+// stop from another thread meanwhile returns at once, leaving it to that thread too.
 TEST(ImiLocal, AHandlerStopsItsOwnServer) {
     static std::atomic<int> listened{0};
+    static std::atomic<bool> stopping{false}, stoppedOutside{false};
     ASSERT_EQ(qxImiRegister(
                   "stopCb",
                   [](QxRpcPara *set, void *) {
                       qxImiStopServer();
                       listened = qxImiListen();
-                      return qxrpcAddInt(set, "errorCode", 0);
+                      stopping = true;
+                      for (int i = 0; i < 2000 && !stoppedOutside; i++)
+                          std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                      return stoppedOutside ? qxrpcAddInt(set, "errorCode", 0) : 5;
                   },
                   nullptr),
               0);
@@ -733,6 +740,9 @@ TEST(ImiLocal, AHandlerStopsItsOwnServer) {
         kep::RpcPara set;
         _exit(qxImiExecute(server, "stopCb", 0, 0, set.get()) == 0 ? 0 : 1);
     }
+    for (int i = 0; i < 5000 && !stopping; i++) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    qxImiStopServer();
+    stoppedOutside = true;
     int status = -1;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
@@ -1009,7 +1019,8 @@ TEST(ImiServe, StalledCallersCostOnlyTheirOwnConnection) {
 
 // Requests still being received hold 64 MiB at most, all callers together: a caller
 // whose request would take more is dropped, the others keep theirs. Here two callers
-// each stop one byte short of the largest body a frame may have.
+// each stop one byte short of the largest body a frame may have, and a third short of
+// the body that fills the 64 MiB exactly.
 TEST(ImiServe, HalfReceivedRequestsHoldBoundedMemory) {
     kep_test::OwnerOptions options;
     options.setup = [] { qxImiSetTimeout(10000); };
@@ -1017,9 +1028,9 @@ TEST(ImiServe, HalfReceivedRequestsHoldBoundedMemory) {
     ASSERT_TRUE(owner.ready());
     const std::string body(32u << 20, 'x');
     const std::string almost = frame(body).substr(0, 8 + body.size() - 1);
-    auto sendAll = [&almost](int fd) {
-        for (size_t at = 0; at < almost.size();) {
-            const ssize_t n = send(fd, almost.data() + at, almost.size() - at, MSG_NOSIGNAL);
+    auto sendAll = [](int fd, const std::string &data) {
+        for (size_t at = 0; at < data.size();) {
+            const ssize_t n = send(fd, data.data() + at, data.size() - at, MSG_NOSIGNAL);
             if (n <= 0) return false;
             at += static_cast<size_t>(n);
         }
@@ -1027,10 +1038,16 @@ TEST(ImiServe, HalfReceivedRequestsHoldBoundedMemory) {
     };
     const int first = rawConnect(owner.pid()), second = rawConnect(owner.pid());
     ASSERT_TRUE(first >= 0 && second >= 0);
-    EXPECT_TRUE(sendAll(first));
-    EXPECT_FALSE(sendAll(second));
+    EXPECT_TRUE(sendAll(first, almost));
+    EXPECT_FALSE(sendAll(second, almost));
     EXPECT_TRUE(closedByPeer(second, 3000));
     EXPECT_FALSE(closedByPeer(first, 0));
+    // One that takes exactly the rest keeps it, until it hangs up (the owner serves in
+    // one thread, so the hang-up is handled before the call after it).
+    const int rest = rawConnect(owner.pid());
+    const std::string fill = frame(std::string((32u << 20) - 16, 'x'));
+    EXPECT_TRUE(sendAll(rest, fill.substr(0, fill.size() - 1)));
+    close(rest);
     kep::RpcPara set;
     qxrpcAddInt(set.get(), "n", 3);
     EXPECT_EQ(qxImiExecute(owner.pid(), "echoCb", 0, 0, set.get()), 0);
@@ -1091,6 +1108,29 @@ TEST(ImiServe, IdleCallersMakeRoomForNewOnes) {
     }
     serving = false;
     loop.join();
+
+    // A caller that hangs up while its reply is going out gives its place up at once,
+    // not when the reply's time runs out.
+    TimeoutGuard patient(60000);
+    auto ownSockets = [] {
+        const std::string path = kep_test::imiSocketPath(getpid());
+        size_t n = 0;
+        for (const auto &e : std::filesystem::directory_iterator("/proc/self/fd")) {
+            sockaddr_un name{};
+            socklen_t len = sizeof name;
+            n += getsockname(std::stoi(e.path().filename().string()), reinterpret_cast<sockaddr *>(&name),
+                             &len) == 0 &&
+                 name.sun_family == AF_UNIX && path == name.sun_path;
+        }
+        return n;
+    };
+    const int quitter = rawConnect(getpid());
+    ASSERT_TRUE(sendRequest(quitter, requestFrame("bigCb", 5)));
+    EXPECT_EQ(qxImiServeOnce(3000), 1);
+    const size_t before = ownSockets();
+    close(quitter);
+    EXPECT_EQ(qxImiServeOnce(200), 0);
+    EXPECT_EQ(ownSockets(), before - 1);
     for (int fd : idle) close(fd);
     close(first);
     close(second);
