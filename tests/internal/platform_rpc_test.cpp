@@ -330,8 +330,9 @@ TEST(ImiRemote, GarbageAndSilentClientsDoNotStopTheServer) {
 TEST(ImiRemote, RequestArrivingInPiecesIsAnswered) {
     OwnerProcess owner({{"echoCb", kep_test::echoMembers()}});
     ASSERT_TRUE(owner.ready());
-    // Member "a" = "x"; the header is split, the body follows a byte at a time.
-    const std::string frame = std::string("KIM2\0\0\0\x19\x01", 9) + std::string(8, '\0') +
+    // Member "a" = "x", by the latest deadline a request may carry (2^62 ms); the header
+    // is split, the body follows a byte at a time.
+    const std::string frame = std::string("KIM2\0\0\0\x19\x01\x40", 10) + std::string(7, '\0') +
                               std::string(
                                   "\x06"
                                   "echoCb\x01\x01\x01"
