@@ -8,6 +8,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/fsuid.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -21,6 +22,7 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <list>
 #include <string>
 #include <thread>
 #include <utility>
@@ -179,6 +181,33 @@ TEST(ImiRemote, DeadCalleeFailsAtOnce) {
     EXPECT_NE(stat(kep_test::imiSocketPath(pid).c_str(), &st), 0)
         << "the caller removes a dead process's socket";
 
+    // One that refuses while its process lives (bound, not yet listening) is left
+    // alone, and so is the process: it exits with the number of the first signal it
+    // gets, all of them blocked from its start so that none is lost or ignored.
+    sigset_t all, was;
+    sigfillset(&all);
+    sigprocmask(SIG_BLOCK, &all, &was);
+    const pid_t early = fork();
+    if (early == 0) {
+        siginfo_t info;
+        _exit(sigwaitinfo(&all, &info));
+    }
+    sigprocmask(SIG_SETMASK, &was, nullptr);
+    const std::string path = kep_test::imiSocketPath(early);
+    const int bound = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+    ASSERT_EQ(bind(bound, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+    EXPECT_EQ(qxImiExecute(early, "cb", 0, 0, set.get()), QXRPC_ERR_NO_PEER);
+    EXPECT_EQ(stat(path.c_str(), &st), 0);
+    kill(early, SIGUSR1);
+    int status = -1;
+    ASSERT_EQ(waitpid(early, &status, 0), early);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == SIGUSR1) << "the process was signalled";
+    close(bound);
+    unlink(path.c_str());
+
     // A clean stop takes the file away.
     OwnerProcess stopped({{"cb", kep_test::answer(0)}});
     ASSERT_TRUE(stopped.ready());
@@ -301,8 +330,9 @@ TEST(ImiRemote, GarbageAndSilentClientsDoNotStopTheServer) {
 TEST(ImiRemote, RequestArrivingInPiecesIsAnswered) {
     OwnerProcess owner({{"echoCb", kep_test::echoMembers()}});
     ASSERT_TRUE(owner.ready());
-    // Member "a" = "x"; the header is split, the body follows a byte at a time.
-    const std::string frame = std::string("KIM2\0\0\0\x19\x01", 9) + std::string(8, '\0') +
+    // Member "a" = "x", by the latest deadline a request may carry (2^62 ms); the header
+    // is split, the body follows a byte at a time.
+    const std::string frame = std::string("KIM2\0\0\0\x19\x01\x40", 10) + std::string(7, '\0') +
                               std::string(
                                   "\x06"
                                   "echoCb\x01\x01\x01"
@@ -444,6 +474,7 @@ TEST(ImiRemote, DamagedRepliesFailTheCall) {
         {frame(ok), 0},
         {frame(ok) + "trailing", 0},  // bytes past the frame are dropped
         {frame(std::string("\x02\xff\xff\xff\xf7\0", 6)), -9},
+        {frame(std::string("\x02\0\0\0\x01\0", 6)), 1},
         {frame(std::string("\x02\0\0\0\0\0", 6), "KIM1"), QXRPC_ERR_IO},
         {frame(std::string("\x01\0\0\0\0\0", 6)), QXRPC_ERR_IO},       // a request's kind
         {frame(std::string("\x02\0\0\0\0", 5)), QXRPC_ERR_IO},         // no member count
@@ -488,16 +519,18 @@ std::vector<int> connectionsTo(pid_t pid) {
 
 // A thread's calls to one callee share one connection; a callee that closes it (here:
 // more callers than it keeps connections for) costs its caller a reconnect, not an
-// error; a forked child never writes on its parent's connections.
+// error; a forked child never writes on its parent's connections; a thread keeps
+// connections to four callees at most.
 TEST(ImiRemote, KeptConnections) {
     OwnerProcess owner({{"echoCb", kep_test::echoMembers()}});
     ASSERT_TRUE(owner.ready());
-    auto call = [&](int n) {
+    auto callAt = [](pid_t pid, int n) {
         kep::RpcPara set;
         qxrpcAddInt(set.get(), "n", n);
-        return qxImiExecute(owner.pid(), "echoCb", 0, 0, set.get()) == 0 &&
+        return qxImiExecute(pid, "echoCb", 0, 0, set.get()) == 0 &&
                getText(set.get(), "result") == "{\"n\":" + std::to_string(n) + "}";
     };
+    auto call = [&](int n) { return callAt(owner.pid(), n); };
     ASSERT_TRUE(call(1));
     const std::vector<int> kept = connectionsTo(owner.pid());
     ASSERT_EQ(kept.size(), 1u);
@@ -537,6 +570,17 @@ TEST(ImiRemote, KeptConnections) {
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     EXPECT_TRUE(call(9));
+
+    // Four callees at most: a fifth takes the place of one of them.
+    std::list<OwnerProcess> more;
+    for (int i = 0; i < 4; i++) {
+        more.emplace_back(kep_test::OwnerHandlers{{"echoCb", kep_test::echoMembers()}});
+        ASSERT_TRUE(more.back().ready());
+        EXPECT_TRUE(callAt(more.back().pid(), i));
+    }
+    size_t held = connectionsTo(owner.pid()).size();
+    for (const OwnerProcess &o : more) held += connectionsTo(o.pid()).size();
+    EXPECT_EQ(held, 4u);
 }
 
 namespace {
@@ -627,7 +671,9 @@ TEST(ImiLocal, ServeOnceCountsOnlyWhatItAnswered) {
     EXPECT_EQ(qxImiServeOnce(200), 0);
     EXPECT_EQ(calls, 0);
 
+    // Without standard input the connection accepted is descriptor 0, served all the same.
     fd = rawConnect(getpid());
+    close(0);
     std::thread caller([&] { EXPECT_TRUE(roundTrip(fd, request)); });
     EXPECT_EQ(qxImiServeOnce(3000), 1);
     caller.join();
@@ -671,15 +717,20 @@ TEST(ImiLocal, BackgroundServerAnswersOtherProcesses) {
 }
 
 // A handler may stop the server it runs in: its caller is still answered, listening
-// again is refused until the last serving thread is out, and then the socket goes.
+// again is refused until the last serving thread is out, and then the socket goes. A
+// stop from another thread meanwhile returns at once, leaving it to that thread too.
 TEST(ImiLocal, AHandlerStopsItsOwnServer) {
     static std::atomic<int> listened{0};
+    static std::atomic<bool> stopping{false}, stoppedOutside{false};
     ASSERT_EQ(qxImiRegister(
                   "stopCb",
                   [](QxRpcPara *set, void *) {
                       qxImiStopServer();
                       listened = qxImiListen();
-                      return qxrpcAddInt(set, "errorCode", 0);
+                      stopping = true;
+                      for (int i = 0; i < 2000 && !stoppedOutside; i++)
+                          std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                      return stoppedOutside ? qxrpcAddInt(set, "errorCode", 0) : 5;
                   },
                   nullptr),
               0);
@@ -690,6 +741,9 @@ TEST(ImiLocal, AHandlerStopsItsOwnServer) {
         kep::RpcPara set;
         _exit(qxImiExecute(server, "stopCb", 0, 0, set.get()) == 0 ? 0 : 1);
     }
+    for (int i = 0; i < 5000 && !stopping; i++) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    qxImiStopServer();
+    stoppedOutside = true;
     int status = -1;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
@@ -745,7 +799,8 @@ TEST(ImiLocal, StoppedServingClosesKeptConnections) {
 }
 
 // The runtime folder is refused, never followed or repaired, when it is a link, when
-// another user made it first, or when others may write to it.
+// another user made it first, or when others may write to it (unless it is root's and
+// sticky).
 TEST(ImiLocal, RefusesAnUnsafeRuntimeFolder) {
     char base[] = "/tmp/kep-rt-XXXXXX";
     ASSERT_NE(mkdtemp(base), nullptr);
@@ -757,8 +812,13 @@ TEST(ImiLocal, RefusesAnUnsafeRuntimeFolder) {
     ASSERT_EQ(chmod(open.c_str(), 0777), 0);
     ASSERT_EQ(mkdir(foreign.c_str(), 0700), 0);
     const bool root = geteuid() == 0;
+    // The runtime folder of a session (XDG_RUNTIME_DIR), here of user 1 when run as root.
+    const std::string xdg = std::string(base) + "/xdg";
+    ASSERT_EQ(mkdir(xdg.c_str(), 0700), 0);
     if (root) {
         ASSERT_EQ(chown(foreign.c_str(), 65534, 65534), 0);
+        ASSERT_EQ(chown(xdg.c_str(), 1, 1), 0);
+        ASSERT_EQ(chmod(base, 0711), 0);
     }
     pid_t child = fork();
     if (child == 0) {
@@ -796,10 +856,20 @@ TEST(ImiLocal, RefusesAnUnsafeRuntimeFolder) {
         if (qxImiRuntimeDir(nullptr, sizeof named) != QXRPC_ERR_ARG ||
             qxImiRuntimeDir(named, 0) != QXRPC_ERR_ARG)
             bad++;
+        // Root's sticky folder is safe to share: nobody can take another's name in it.
+        setenv("KEP_RUNTIME_DIR", "/tmp", 1);
+        if (qxImiRuntimeDir(named, sizeof named) != 0) bad++;
         chmod(open.c_str(), 0700);
         setenv("KEP_RUNTIME_DIR", open.c_str(), 1);
         int accepted = qxImiListen() >= 0;
         qxImiStopServer();
+        // Named by nobody, a user's folder is made in its session's, open to it alone.
+        unsetenv("KEP_RUNTIME_DIR");
+        setenv("XDG_RUNTIME_DIR", xdg.c_str(), 1);
+        umask(022);
+        if ((root && setuid(1) != 0) || qxImiRuntimeDir(named, sizeof named) != 0 || xdg + "/kep" != named ||
+            stat(named, &made) != 0 || (made.st_mode & 0777) != 0700)
+            bad++;
         _exit(bad == 0 && accepted ? 0 : 1);
     }
     int status = -1;
@@ -811,13 +881,14 @@ TEST(ImiLocal, RefusesAnUnsafeRuntimeFolder) {
 
 // KEP_RPC_GROUP, read once, checked in fresh runs of this program: the group's members
 // may enter the runtime folder (0750) and connect (0660); a member of another user is
-// admitted by its supplementary groups. A name that is no group leaves both private.
+// admitted by its supplementary groups, one outside the group is refused also when it
+// reaches the socket. A name that is no group leaves both private.
 TEST(ImiLocal, AGroupFromTheEnvironmentMayCall) {
     if (const char *want = getenv("KEP_TEST_GROUP")) {
         const int gid = atoi(want);
         char dir[256];
+        ASSERT_GE(qxImiListen(), 0);  // which makes the folder
         ASSERT_EQ(qxImiRuntimeDir(dir, sizeof dir), 0);
-        ASSERT_GE(qxImiListen(), 0);
         struct stat folder, socket;
         ASSERT_EQ(stat(dir, &folder), 0);
         ASSERT_EQ(stat(kep_test::imiSocketPath(getpid()).c_str(), &socket), 0);
@@ -833,19 +904,28 @@ TEST(ImiLocal, AGroupFromTheEnvironmentMayCall) {
             ASSERT_EQ(qxImiRegister("selfCb", selfHandler, &calls), 0);
             ASSERT_EQ(qxImiStartServer(), 0);
             const pid_t server = getpid();
-            const pid_t child = fork();
-            if (child == 0) {
-                const gid_t groups[] = {100, static_cast<gid_t>(gid)};
-                kep::RpcPara set;
-                qxrpcAddInt(set.get(), "n", 1);
-                _exit(setgroups(2, groups) == 0 && setgid(65533) == 0 && setuid(65534) == 0 &&
-                              qxImiExecute(server, "selfCb", 0, 0, set.get()) == 0
-                          ? 0
-                          : 1);
-            }
-            int status = -1;
-            ASSERT_EQ(waitpid(child, &status, 0), child);
-            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the member was not served";
+            // The answer to a call of user 65534 with these supplementary groups. Its
+            // file-system group is the configured one: the server, not the folder's
+            // mode, must tell a member from another.
+            auto callAs = [&](std::vector<gid_t> groups) {
+                const pid_t child = fork();
+                if (child == 0) {
+                    kep::RpcPara set;
+                    qxrpcAddInt(set.get(), "n", 1);
+                    if (setgroups(groups.size(), groups.data()) != 0 || setresgid(65533, 65533, gid) != 0 ||
+                        setuid(65534) != 0)
+                        _exit(100);
+                    setfsgid(gid);
+                    const int rc = qxImiExecute(server, "selfCb", 0, 0, set.get());
+                    _exit(rc == 0 ? 0 : rc == QXRPC_ERR_DENIED ? 1 : 2);
+                }
+                int status = -1;
+                waitpid(child, &status, 0);
+                const int code = WIFEXITED(status) ? WEXITSTATUS(status) : 2;
+                return std::string(code == 0 ? "served" : code == 1 ? "denied" : "failed");
+            };
+            EXPECT_EQ(callAs({100, static_cast<gid_t>(gid)}), "served");
+            EXPECT_EQ(callAs({100}), "denied") << "a user outside the group";
             EXPECT_EQ(calls, 1);
             qxImiStopServer();
         }
@@ -940,7 +1020,8 @@ TEST(ImiServe, StalledCallersCostOnlyTheirOwnConnection) {
 
 // Requests still being received hold 64 MiB at most, all callers together: a caller
 // whose request would take more is dropped, the others keep theirs. Here two callers
-// each stop one byte short of the largest body a frame may have.
+// each stop one byte short of the largest body a frame may have, and a third short of
+// the body that fills the 64 MiB exactly.
 TEST(ImiServe, HalfReceivedRequestsHoldBoundedMemory) {
     kep_test::OwnerOptions options;
     options.setup = [] { qxImiSetTimeout(10000); };
@@ -948,9 +1029,9 @@ TEST(ImiServe, HalfReceivedRequestsHoldBoundedMemory) {
     ASSERT_TRUE(owner.ready());
     const std::string body(32u << 20, 'x');
     const std::string almost = frame(body).substr(0, 8 + body.size() - 1);
-    auto sendAll = [&almost](int fd) {
-        for (size_t at = 0; at < almost.size();) {
-            const ssize_t n = send(fd, almost.data() + at, almost.size() - at, MSG_NOSIGNAL);
+    auto sendAll = [](int fd, const std::string &data) {
+        for (size_t at = 0; at < data.size();) {
+            const ssize_t n = send(fd, data.data() + at, data.size() - at, MSG_NOSIGNAL);
             if (n <= 0) return false;
             at += static_cast<size_t>(n);
         }
@@ -958,10 +1039,16 @@ TEST(ImiServe, HalfReceivedRequestsHoldBoundedMemory) {
     };
     const int first = rawConnect(owner.pid()), second = rawConnect(owner.pid());
     ASSERT_TRUE(first >= 0 && second >= 0);
-    EXPECT_TRUE(sendAll(first));
-    EXPECT_FALSE(sendAll(second));
+    EXPECT_TRUE(sendAll(first, almost));
+    EXPECT_FALSE(sendAll(second, almost));
     EXPECT_TRUE(closedByPeer(second, 3000));
     EXPECT_FALSE(closedByPeer(first, 0));
+    // One that takes exactly the rest keeps it, until it hangs up (the owner serves in
+    // one thread, so the hang-up is handled before the call after it).
+    const int rest = rawConnect(owner.pid());
+    const std::string fill = frame(std::string((32u << 20) - 16, 'x'));
+    EXPECT_TRUE(sendAll(rest, fill.substr(0, fill.size() - 1)));
+    close(rest);
     kep::RpcPara set;
     qxrpcAddInt(set.get(), "n", 3);
     EXPECT_EQ(qxImiExecute(owner.pid(), "echoCb", 0, 0, set.get()), 0);
@@ -1022,6 +1109,29 @@ TEST(ImiServe, IdleCallersMakeRoomForNewOnes) {
     }
     serving = false;
     loop.join();
+
+    // A caller that hangs up while its reply is going out gives its place up at once,
+    // not when the reply's time runs out.
+    TimeoutGuard patient(60000);
+    auto ownSockets = [] {
+        const std::string path = kep_test::imiSocketPath(getpid());
+        size_t n = 0;
+        for (const auto &e : std::filesystem::directory_iterator("/proc/self/fd")) {
+            sockaddr_un name{};
+            socklen_t len = sizeof name;
+            n += getsockname(std::stoi(e.path().filename().string()), reinterpret_cast<sockaddr *>(&name),
+                             &len) == 0 &&
+                 name.sun_family == AF_UNIX && path == name.sun_path;
+        }
+        return n;
+    };
+    const int quitter = rawConnect(getpid());
+    ASSERT_TRUE(sendRequest(quitter, requestFrame("bigCb", 5)));
+    EXPECT_EQ(qxImiServeOnce(3000), 1);
+    const size_t before = ownSockets();
+    close(quitter);
+    EXPECT_EQ(qxImiServeOnce(200), 0);
+    EXPECT_EQ(ownSockets(), before - 1);
     for (int fd : idle) close(fd);
     close(first);
     close(second);
@@ -1148,24 +1258,45 @@ TEST(ImiServe, RequestsOfCallersThatGaveUpAreNotRun) {
 }
 
 // A handler's own calls end before its caller's deadline, so that it can still
-// answer: here with the code its hung callee gave.
+// answer: here with the code its hung callee gave. With no time left, a further call
+// fails at once, without looking for its callee. A handler called in-process from
+// outside any handler has no caller's deadline to keep.
 TEST(ImiServe, NestedCallsEndBeforeTheCallersDeadline) {
     OwnerProcess hung({{"cb", kep_test::hang()}});
     ASSERT_TRUE(hung.ready());
     const int hungPid = hung.pid();
-    OwnerProcess relay({{"relay", [hungPid](QxRpcPara *set) {
+    OwnerProcess relay({{"relay",
+                         [hungPid](QxRpcPara *set) {
                              kep::RpcPara inner;
                              const int rc = qxImiExecute(hungPid, "cb", 0, 0, inner.get());
+                             const int late = qxImiExecute(999999999, "cb", 0, 0, inner.get());
                              qxrpcAddInt(set, "errorCode", 0);
-                             return qxrpcAddStringPtr(set, "result", std::to_string(rc).c_str());
-                         }}});
+                             return qxrpcAddStringPtr(
+                                 set, "result", (std::to_string(rc) + " " + std::to_string(late)).c_str());
+                         }},
+                        {"echoCb", kep_test::echoMembers()}});
     ASSERT_TRUE(relay.ready());
     TimeoutGuard timeout(800);  // the relay's own time-out stays the default 5 s
     kep::RpcPara set;
     auto start = Clock::now();
     ASSERT_EQ(qxImiExecute(relay.pid(), "relay", 0, 0, set.get()), 0);
-    EXPECT_EQ(getText(set.get(), "result"), std::to_string(QXRPC_ERR_TIMEOUT));
+    const std::string timedOut = std::to_string(QXRPC_ERR_TIMEOUT);
+    EXPECT_EQ(getText(set.get(), "result"), timedOut + " " + timedOut);
     EXPECT_LT(msSince(start), 800);
+
+    static pid_t relayPid;
+    relayPid = relay.pid();
+    ASSERT_EQ(qxImiRegister(
+                  "selfRelay",
+                  [](QxRpcPara *, void *) {
+                      kep::RpcPara inner;
+                      return qxImiExecute(relayPid, "echoCb", 0, 0, inner.get());
+                  },
+                  nullptr),
+              0);
+    kep::RpcPara self;
+    EXPECT_EQ(qxImiExecute(getpid(), "selfRelay", 0, 0, self.get()), 0);
+    qxImiUnregister("selfRelay");
 }
 
 // Only the process a socket is named after is talked to: a socket planted under a
