@@ -147,6 +147,7 @@ static void lineBreaksBecomeHtmlBreaks(void) {
     CHECK_STR(encode(modelEncodeOtherLine, "\n\n", 13).out, "<br /><br />");
     /* The break does not fit: the line feed is copied as it is. */
     CHECK_STR(encode(modelEncodeOtherLine, "a\nb", 4).out, "a\nb");
+    CHECK_STR(encode(modelEncodeOtherLine, "a\nb", 6).out, "a\nb"); /* five bytes left of six */
     CHECK_STR(encode(modelEncodeOtherLine, "\n", 6).out, "<br />");
     /* Output that runs out is cut and left unterminated; the result is still 0. */
     e = encode(modelEncodeOtherLine, "a\nbcd", 3);

@@ -438,7 +438,7 @@ TEST(XmlPool, GrowingMovesAndFallsBack) {
         for (XmlNode *n = top; n; n = kep::xmlNextNode(n, top)) all += describe(n) + ";";
         return all;
     };
-    std::string s = "<top>";
+    std::string s = "<top t=\"r\">";
     for (int i = 0; i < 300; i++) s += "<e a=\"" + std::to_string(i) + "\" b=\"x\"><f/></e>";
     s += "</top>";
     const std::string expected = everything(XmlDoc(parse(s)).root());
@@ -467,6 +467,10 @@ TEST(XmlPool, GrowingMovesAndFallsBack) {
         EXPECT_STREQ(doc.root()->lastChild->attrs->value, "x");
         EXPECT_EQ(doc.root()->lastChild->firstChild->parent, doc.root()->lastChild);
     }
+    // Growing never goes past the largest pool of the schedule.
+    gAllocs = 0;
+    gFailRealloc = 0;
+    EXPECT_FALSE(parse(flatDoc(850)));
     kep::xmlAlloc = malloc;
     kep::xmlRealloc = realloc;
 }
