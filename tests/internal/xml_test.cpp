@@ -262,14 +262,15 @@ TEST(XmlPool, NodeLimitAndExhaustedPoolGiveNoElement) {
     memset(&ctx, 0, sizeof ctx);
     EXPECT_EQ(kep::xmlMemPoolInit(&ctx.pool, 0), 0);  // an empty pool
     EXPECT_EQ(kep::mxmlParseStartElt(nullptr, "a", &ctx), nullptr);
-    ASSERT_EQ(kep::xmlMemPoolInit(&ctx.pool, 1), 0);
-    ctx.count = kep::kXmlMaxNodes;
-    EXPECT_EQ(kep::mxmlParseStartElt(nullptr, "a", &ctx), nullptr);
-    ctx.count = 0;
+    ASSERT_EQ(kep::xmlMemPoolInit(&ctx.pool, 2), 0);
+    ctx.count = kep::kXmlMaxNodes - 1;  // one element left under the limit, two in the pool
     XmlNode *a = kep::mxmlParseStartElt(nullptr, "a", &ctx);
     ASSERT_NE(a, nullptr);
-    EXPECT_EQ(kep::mxmlParseStartElt(a, "", &ctx), nullptr);
     EXPECT_EQ(kep::mxmlParseStartElt(a, "b", &ctx), nullptr);
+    ctx.count = 0;
+    EXPECT_EQ(kep::mxmlParseStartElt(a, "", &ctx), nullptr);
+    ASSERT_NE(kep::mxmlParseStartElt(a, "b", &ctx), nullptr);
+    EXPECT_EQ(kep::mxmlParseStartElt(a, "c", &ctx), nullptr);  // the pool is used up
     kep::xmlDocRelease(&ctx, a);
 }
 
