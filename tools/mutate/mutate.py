@@ -510,14 +510,16 @@ def markdown_report(path, equivalent):
         "| raw score | run on |",
         "|---|---|---|---|---|---|---|---|---|---|---|",
     ]
+    when = f"{run['date']} (`{run['commit']}`"
+    for part in run.get("resumed", []):
+        when += f"; from mutant {part['after'] + 1} on `{part['commit']}`"
+    when += f"), {run['minutes']} min"
     if first:
-        lines.append(row(f"seed {run['seed']}, the run", summarise(first["mutants"], equivalent),
-                         f"{run['date']} (`{run['commit']}`), {run['minutes']} min"))
+        lines.append(row(f"seed {run['seed']}, the run", summarise(first["mutants"], equivalent), when))
         lines.append(row("its survivors run again", summarise(run["mutants"], equivalent),
                          f"{first['recheck_date']} (`{first['recheck_commit']}`)"))
     else:
-        lines.append(row(f"seed {run['seed']}", summarise(run["mutants"], equivalent),
-                         f"{run['date']} (`{run['commit']}`), {run['minutes']} min"))
+        lines.append(row(f"seed {run['seed']}", summarise(run["mutants"], equivalent), when))
     lines += [
         "",
         "Score: killed or timed out, of the mutants that built, leaving out the survivors judged "
