@@ -756,6 +756,24 @@ TEST(ImiLocal, AHandlerStopsItsOwnServer) {
     qxImiUnregister("stopCb");
 }
 
+// A server without standard input listens on descriptor 0; stopping still takes its
+// socket away.
+TEST(ImiLocal, AServerOnDescriptorZeroRemovesItsSocket) {
+    const pid_t child = fork();
+    if (child == 0) {
+        close(0);
+        const std::string path = kep_test::imiSocketPath(getpid());
+        struct stat st, zero;
+        const bool listening = qxImiListen() >= 0 && stat(path.c_str(), &st) == 0 && fstat(0, &zero) == 0 &&
+                               S_ISSOCK(zero.st_mode);
+        qxImiStopServer();
+        _exit(listening && stat(path.c_str(), &st) != 0 ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
 // Serving stopped while a caller keeps its connection: the caller's next call finds
 // nobody at once instead of waiting out its time-out.
 TEST(ImiLocal, StoppedServingClosesKeptConnections) {
