@@ -620,6 +620,9 @@ void teardown() {
         if (c.fd >= 0) closeConn(c);
     }
     closeListener();
+    // Background serving ends with the stop: serving again takes a new start, and a
+    // process that serves on its own afterwards gets no threads it did not ask for.
+    gMaxThreads = 0;
     gStopping = false;
     gTeardownPending = false;
     gIdle.store(0, std::memory_order_relaxed);
