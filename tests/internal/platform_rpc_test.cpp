@@ -1113,6 +1113,8 @@ TEST(ImiServe, IdleCallersMakeRoomForNewOnes) {
 
     // Replies too large to send at once keep their places taken until they are out:
     // after four such tries the newcomer is hung up on, and each reply arrives whole.
+    // (Under valgrind reading them takes longer than the default time-out for a reply.)
+    TimeoutGuard patient(60000);
     const int second = rawConnect(getpid());
     for (int i = 1; i <= 4; i++) ASSERT_TRUE(sendRequest(idle[i], requestFrame("bigCb", i)));
     EXPECT_EQ(qxImiServeOnce(3000), 1);
@@ -1130,7 +1132,6 @@ TEST(ImiServe, IdleCallersMakeRoomForNewOnes) {
 
     // A caller that hangs up while its reply is going out gives its place up at once,
     // not when the reply's time runs out.
-    TimeoutGuard patient(60000);
     auto ownSockets = [] {
         const std::string path = kep_test::imiSocketPath(getpid());
         size_t n = 0;
