@@ -626,7 +626,8 @@ TEST_F(KeptDocument, ReadingEverySectionParsesTheFileOnce) {
             clock_gettime(CLOCK_REALTIME, &t[0]);
         }
         const long long at = t[0].tv_sec * 1000000000LL + t[0].tv_nsec - ns;
-        t[0] = {static_cast<time_t>(at / 1000000000LL), wholeSeconds ? 0 : at % 1000000000LL | 1};
+        t[0] = {static_cast<time_t>(at / 1000000000LL),
+                static_cast<long>(wholeSeconds ? 0 : at % 1000000000LL | 1)};
         t[1] = t[0];
         EXPECT_EQ(utimensat(AT_FDCWD, file.c_str(), t, 0), 0);
         reads();
