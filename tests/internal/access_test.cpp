@@ -18,6 +18,7 @@
 #include <filesystem>
 #include <string>
 
+#include "child.h"
 #include "kep_pf_rpc.h"
 #include "owner_process.h"
 
@@ -28,16 +29,11 @@ constexpr uid_t kNobody = 65534;
 // Runs fn in a child that has dropped to the nobody user; its exit status, or -1.
 template <typename Fn>
 int asNobody(Fn fn) {
-    pid_t pid = fork();
-    if (pid == 0) {
-        if (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0 ||
-            geteuid() != kNobody)
-            _exit(100);
-        _exit(fn());
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return kep_test::inChild([&] {
+        const bool dropped = setgroups(0, nullptr) == 0 && setgid(kNobody) == 0 && setuid(kNobody) == 0 &&
+                             geteuid() == kNobody;
+        return dropped ? fn() : 100;
+    });
 }
 
 // A well-formed request frame for callback cb without members.

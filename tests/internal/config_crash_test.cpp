@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "child.h"
 #include "config_fixture.h"
 #include "kep_config.h"
 
@@ -120,24 +121,6 @@ TEST(ConfigCrash, AKilledWriterLeavesTheOldOrTheNewDocument) {
     EXPECT_GT(interrupted, 0);
 }
 
-// Runs body in a child whose files may not grow past limit bytes; the child's exit
-// code is the test's verdict.
-template <typename Body>
-void withFileSizeLimit(rlim_t limit, Body body) {
-    pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        signal(SIGXFSZ, SIG_IGN);
-        rlimit rl{limit, limit};
-        if (setrlimit(RLIMIT_FSIZE, &rl) != 0) _exit(100);
-        _exit(body());
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-}
-
 TEST(ConfigStoreFailure, AFullDiskKeepsThePreviousFile) {
     ConfigTree tree;
     ListModule lm(tree);
@@ -148,16 +131,19 @@ TEST(ConfigStoreFailure, AFullDiskKeepsThePreviousFile) {
         R"({"host":[{"host_1":{"text":"a","value":1}}],"time":{"zone":{"text":"z","value":2}}})";
     writeText(lm.file, original);
 
-    withFileSizeLimit(16, [&] {
-        Rec r = makeRec("a longer text than fits", 7);
-        if (modelWrite("/m/host/host_2", &r, kRec) == 0) return 1;
-        if (sectionNames(lm.list).size() != 2) return 2;  // the added node stays
-        if (modelWrite("/m/host/host_1", &r, kRec) == 0) return 3;
-        if (modelWrite("/m/time/zone", &r, kRec) == 0) return 4;
-        if (modelResetConfigFile(lm.module) == 0) return 5;
-        if (modelWrite("/m/host/host_1", nullptr, 0) == 0) return 6;
-        return 0;
-    });
+    EXPECT_EQ(kep_test::inChildWithFileLimit(16,
+                                             [&] {
+                                                 Rec r = makeRec("a longer text than fits", 7);
+                                                 if (modelWrite("/m/host/host_2", &r, kRec) == 0) return 1;
+                                                 if (sectionNames(lm.list).size() != 2)
+                                                     return 2;  // the added node stays
+                                                 if (modelWrite("/m/host/host_1", &r, kRec) == 0) return 3;
+                                                 if (modelWrite("/m/time/zone", &r, kRec) == 0) return 4;
+                                                 if (modelResetConfigFile(lm.module) == 0) return 5;
+                                                 if (modelWrite("/m/host/host_1", nullptr, 0) == 0) return 6;
+                                                 return 0;
+                                             }),
+              0);
     EXPECT_EQ(readText(lm.file), original);
     EXPECT_TRUE(tempFilesIn(tree.dir()).empty());
 }

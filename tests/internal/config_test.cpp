@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "child.h"
 #include "config/config_internal.h"
 #include "config_fixture.h"
 #include "kep_config.h"
@@ -554,15 +555,10 @@ void age(const std::string &path) {
     ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), past, 0), 0) << path;
 }
 
-// Runs fn in another process, as another writer of the file.
+// Whether fn succeeded in another process, as another writer of the file.
 template <typename Fn>
-void inOtherProcess(Fn fn) {
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) _exit(fn() ? 0 : 1);
-    int status = -1;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+bool inOtherProcess(Fn fn) {
+    return kep_test::inChild([&] { return fn() ? 0 : 1; }) == 0;
 }
 
 class KeptDocument : public ConfigStore {
@@ -654,22 +650,22 @@ TEST_F(KeptDocument, FileChangedByAnotherWriterIsReadAgain) {
 
     // Replaced whole by another process, as a store of its own does.
     const std::string replaced = std::string(kStored).replace(std::string(kStored).find("10"), 2, "11");
-    inOtherProcess([&] {
+    ASSERT_TRUE(inOtherProcess([&] {
         writeText(file + ".new", replaced);
         return rename((file + ".new").c_str(), file.c_str()) == 0;
-    });
+    }));
     EXPECT_EQ(read("/m/host/host_1").value, 11);
     age(file);
     EXPECT_EQ(read("/m/host/host_1").value, 11);
 
     // Changed in place, same size, by a writer that only rewrites bytes.
-    inOtherProcess([&] {
+    ASSERT_TRUE(inOtherProcess([&] {
         const size_t at = replaced.find("11");
         int fd = open(file.c_str(), O_WRONLY);
         const bool ok = fd >= 0 && pwrite(fd, "12", 2, static_cast<off_t>(at)) == 2;
         if (fd >= 0) close(fd);
         return ok;
-    });
+    }));
     EXPECT_EQ(read("/m/host/host_1").value, 12);
 
     // Removed, then broken: nothing kept is handed out.
@@ -704,7 +700,7 @@ TEST_F(KeptDocument, RefusedWriteLeavesFileAndReadsUnchanged) {
 
     // A store that fails (a full disk: a file size limit) keeps nothing either.
     gCalls.verifyResult = 0;
-    inOtherProcess([&] {
+    ASSERT_TRUE(inOtherProcess([&] {
         signal(SIGXFSZ, SIG_IGN);
         struct rlimit limit = {16, 16};
         Rec got{};
@@ -712,7 +708,7 @@ TEST_F(KeptDocument, RefusedWriteLeavesFileAndReadsUnchanged) {
         return setrlimit(RLIMIT_FSIZE, &limit) == 0 && modelWrite("/m/host/host_1", &r, kRec) != 0 &&
                modelRead("/m/host/host_1", &got, kRec) == kRec && got.value == 10 &&
                kep::moduleFileReads() == readsBefore + 1;
-    });
+    }));
     EXPECT_EQ(readText(file), before);
 
     // The next successful write stores what was read, plus its own change only.

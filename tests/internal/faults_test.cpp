@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "child.h"
 #include "config_fixture.h"
 #include "kep_config.h"
 #include "kep_json.h"
@@ -183,20 +184,6 @@ protected:
         std::sort(names.begin(), names.end());
         return names;
     }
-    // Runs fn in a child whose files may not grow beyond limit bytes; its exit status.
-    template <typename Fn>
-    static int withFileSizeLimit(rlim_t limit, Fn fn) {
-        pid_t pid = fork();
-        if (pid == 0) {
-            signal(SIGXFSZ, SIG_IGN);  // a write past the limit fails with EFBIG instead
-            struct rlimit rl = {limit, limit};
-            if (setrlimit(RLIMIT_FSIZE, &rl) != 0) _exit(100);
-            _exit(fn());
-        }
-        int status = 0;
-        waitpid(pid, &status, 0);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 200 + WTERMSIG(status);
-    }
 
     kep_test::ConfigTree tree_;
     std::string stored_;
@@ -206,12 +193,13 @@ TEST_F(StoreFaults, FullDiskFailsTheStoreAndKeepsTheOldFile) {
     const std::string file = tree_.path("m.json");
     const Rec rec = kep_test::makeRec("a record that makes the file grow", 1);
     // Both kinds of store, a write and a reset, refuse a file they cannot write whole.
-    EXPECT_EQ(
-        withFileSizeLimit(32, [&] { return modelWrite("/m/host/host_2", &rec, sizeof rec) == 0 ? 1 : 0; }),
-        0);
-    EXPECT_EQ(withFileSizeLimit(32, [&] { return modelResetConfigFile(getDataModuler("m")) == 0 ? 1 : 0; }),
+    EXPECT_EQ(kep_test::inChildWithFileLimit(
+                  32, [&] { return modelWrite("/m/host/host_2", &rec, sizeof rec) == 0 ? 1 : 0; }),
               0);
-    EXPECT_EQ(withFileSizeLimit(32, [&] { return systemResetConfigFile() == 0 ? 0 : 1; }), 0);
+    EXPECT_EQ(kep_test::inChildWithFileLimit(
+                  32, [&] { return modelResetConfigFile(getDataModuler("m")) == 0 ? 1 : 0; }),
+              0);
+    EXPECT_EQ(kep_test::inChildWithFileLimit(32, [&] { return systemResetConfigFile() == 0 ? 0 : 1; }), 0);
     EXPECT_EQ(readText(file), stored_);
     EXPECT_EQ(files(), std::vector<std::string>{"m.json"});  // no temporary file left behind
     // With room again the same write goes through.

@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "base/guard.h"
+#include "child.h"
 #include "config_fixture.h"
 #include "kep_pf_debug.h"
 #include "kep_pf_json.h"
@@ -73,6 +74,9 @@ bool releasedOnce(json_object *heldTwice) {
 
 // Fails the next read once with this errno (0: none): a signal, or a failing disk.
 std::atomic<int> gReadFault{0};
+// Hands out at most this many bytes a read (0: no limit), as a pipe-backed or network
+// file system may.
+std::atomic<size_t> gReadChunk{0};
 
 }  // namespace
 
@@ -82,7 +86,8 @@ extern "C" ssize_t read(int fd, void *buf, size_t n) {
         errno = e;
         return -1;
     }
-    return real(fd, buf, n);
+    const size_t chunk = gReadChunk.load();
+    return real(fd, buf, chunk && n > chunk ? chunk : n);
 }
 
 TEST(JsonText, ParsesWholeTextsOnly) {
@@ -130,6 +135,11 @@ TEST(JsonFile, FromFileRejectsMissingAndBrokenFiles) {
     EXPECT_EQ(text(again.get()), text(good.get()));
     gReadFault = EIO;
     EXPECT_EQ(jsonObjectFromFile((dir / "good.json").c_str()), nullptr);
+    // Short reads are put together in order.
+    gReadChunk = 3;
+    kep::JsonPtr pieces(jsonObjectFromFile((dir / "good.json").c_str()));
+    gReadChunk = 0;
+    EXPECT_EQ(text(pieces.get()), text(good.get()));
     // Without standard input the file may come as descriptor 0.
     const int in = dup(0);
     close(0);
@@ -179,23 +189,20 @@ TEST(JsonFile, StoreReplacesWholeFilesAndKeepsTheOldOneOnFailure) {
     EXPECT_EQ(dir.entries(), std::vector<std::string>{"cfg.json"});
 
     // A write that fails half way (the file size limit stands in for a full disk).
-    pid_t child = fork();
-    if (child == 0) {
-        signal(SIGXFSZ, SIG_IGN);
-        struct rlimit lim = {4, 4};
-        setrlimit(RLIMIT_FSIZE, &lim);
-        const bool refused = jsonObjectToFile(path.c_str(), obj.get()) != 0 &&
-                             jsonObjectToFileMem(path.c_str(), obj.get()) != 0;
-        // _exit skips the destructors: the child releases its copies itself, so that a
-        // leak check of the child does not depend on where the pointers were left.
-        obj.reset();
-        next.reset();
-        back.reset();
-        _exit(refused ? 0 : 1);
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(kep_test::inChildWithFileLimit(4,
+                                             [&] {
+                                                 const bool refused =
+                                                     jsonObjectToFile(path.c_str(), obj.get()) != 0 &&
+                                                     jsonObjectToFileMem(path.c_str(), obj.get()) != 0;
+                                                 // The child skips the destructors: it releases its copies
+                                                 // itself, so that a leak check of it does not depend on
+                                                 // where the pointers were left.
+                                                 obj.reset();
+                                                 next.reset();
+                                                 back.reset();
+                                                 return refused ? 0 : 1;
+                                             }),
+              0);
     EXPECT_EQ(readText(path), before);
     EXPECT_EQ(dir.entries(), std::vector<std::string>{"cfg.json"});
 }
@@ -265,20 +272,17 @@ TEST(JsonFile, StoredFilesAreNeverWiderThanTheOwnersOrTheGroups) {
     // to itself.
     if (geteuid() == 0) {
         ASSERT_EQ(chmod((dir / "").c_str(), 0777), 0);
-        pid_t child = fork();
-        if (child == 0) {
-            bool ok = jsonObjectSetFileGroup(0) == 0 && setgid(65534) == 0 && setuid(65534) == 0;
-            const std::string own = dir / "own.json";
-            kep::JsonPtr obj(jsonObjectFromString("{\"a\":1}"));
-            struct stat st;
-            ok = ok && jsonObjectToFile(own.c_str(), obj.get()) == 0 && stat(own.c_str(), &st) == 0 &&
-                 (st.st_mode & 0777) == 0600 && st.st_gid == 65534;
-            obj.reset();
-            _exit(ok ? 0 : 1);
-        }
-        int status = -1;
-        ASSERT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        EXPECT_EQ(kep_test::inChild([&] {
+                      bool ok = jsonObjectSetFileGroup(0) == 0 && setgid(65534) == 0 && setuid(65534) == 0;
+                      const std::string own = dir / "own.json";
+                      kep::JsonPtr obj(jsonObjectFromString("{\"a\":1}"));
+                      struct stat st;
+                      ok = ok && jsonObjectToFile(own.c_str(), obj.get()) == 0 &&
+                           stat(own.c_str(), &st) == 0 && (st.st_mode & 0777) == 0600 && st.st_gid == 65534;
+                      obj.reset();
+                      return ok ? 0 : 1;
+                  }),
+                  0);
     }
     ASSERT_EQ(jsonObjectSetFileGroup(-1), 0);
 }

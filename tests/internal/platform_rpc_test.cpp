@@ -9,6 +9,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/fsuid.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -29,6 +30,7 @@
 #include <vector>
 
 #include "base/guard.h"
+#include "child.h"
 #include "kep_pf_rpc.h"
 #include "owner_process.h"
 #include "rerun.h"
@@ -79,7 +81,12 @@ int rawConnect(pid_t pid) {
 TEST(ImiRemote, MembersArriveInOrderAndAnswersComeBack) {
     OwnerProcess owner({{"echoCb", kep_test::echoMembers()},
                         {"failCb", kep_test::answer(-1402, R"({"why":1})")},
-                        {"refuse", [](QxRpcPara *set) { return qxrpcAddInt(set, "errorCode", 0), 42; }}});
+                        {"refuse", [](QxRpcPara *set) { return qxrpcAddInt(set, "errorCode", 0), 42; }},
+                        {"fill", [](QxRpcPara *set) {
+                             while (qxrpcAddStringPtr(set, "m", std::to_string(set->count).c_str()) == 0) {
+                             }
+                             return 0;
+                         }}});
     ASSERT_TRUE(owner.ready());
 
     kep::RpcPara set;
@@ -121,6 +128,13 @@ TEST(ImiRemote, MembersArriveInOrderAndAnswersComeBack) {
     EXPECT_EQ(qxImiExecute(owner.pid(), "nobody", 0, 0, kept.get()), QXRPC_ERR_NO_HANDLER);
     EXPECT_EQ(kept.get()->count, 1);
     EXPECT_EQ(getText(kept.get(), "table"), "t");
+
+    // An answer may fill the set.
+    kep::RpcPara full;
+    ASSERT_EQ(qxImiExecute(owner.pid(), "fill", 0, 0, full.get()), 0);
+    ASSERT_EQ(full.get()->count, QXRPC_MAX_MEMBERS);
+    EXPECT_STREQ(full.get()->member[QXRPC_MAX_MEMBERS - 1].text,
+                 std::to_string(QXRPC_MAX_MEMBERS - 1).c_str());
 }
 
 TEST(ImiRemote, HungCalleeTimesOutWithinBounds) {
@@ -559,25 +573,26 @@ TEST(ImiRemote, KeptConnections) {
 
     // The child holds none of the parent's connections (checked by peer, not by the
     // descriptor number, which the parent may have reused since). Without standard input
-    // its own connection is descriptor 0, kept all the same.
-    pid_t child = fork();
-    if (child == 0) {
-        const bool none = connectionsTo(owner.pid()).empty();
-        close(0);
-        _exit(none && call(7) && call(8) && connectionsTo(owner.pid()) == std::vector<int>{0} ? 0 : 1);
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    EXPECT_TRUE(call(9));
-
-    // Four callees at most: a fifth takes the place of one of them.
+    // its own connection is descriptor 0, kept all the same, also beside another.
     std::list<OwnerProcess> more;
     for (int i = 0; i < 4; i++) {
         more.emplace_back(kep_test::OwnerHandlers{{"echoCb", kep_test::echoMembers()}});
         ASSERT_TRUE(more.back().ready());
-        EXPECT_TRUE(callAt(more.back().pid(), i));
     }
+    EXPECT_EQ(kep_test::inChild([&] {
+                  const bool none = connectionsTo(owner.pid()).empty();
+                  close(0);
+                  return none && call(7) && callAt(more.front().pid(), 7) && call(8) &&
+                                 connectionsTo(owner.pid()) == std::vector<int>{0}
+                             ? 0
+                             : 1;
+              }),
+              0);
+    EXPECT_TRUE(call(9));
+
+    // Four callees at most: a fifth takes the place of one of them.
+    int n = 0;
+    for (const OwnerProcess &o : more) EXPECT_TRUE(callAt(o.pid(), n++));
     size_t held = connectionsTo(owner.pid()).size();
     for (const OwnerProcess &o : more) held += connectionsTo(o.pid()).size();
     EXPECT_EQ(held, 4u);
@@ -656,6 +671,21 @@ TEST(ImiLocal, SelfCallRunsTheHandlerDirectly) {
     EXPECT_EQ(qxImiUnregister("selfCb"), 0);
     EXPECT_EQ(qxImiExecute(getpid(), "selfCb", 0, 0, set.get()), QXRPC_ERR_NO_HANDLER);
     EXPECT_EQ(qxImiUnregister("selfCb"), QXRPC_ERR_NO_HANDLER);
+
+    // The registry is bounded; a name registered again keeps its one place, and a place
+    // given up is taken again.
+    std::vector<std::string> names;
+    while (names.size() < 100 &&
+           qxImiRegister(("cb" + std::to_string(names.size())).c_str(), selfHandler, &calls) == 0)
+        names.push_back("cb" + std::to_string(names.size()));
+    EXPECT_EQ(names.size(), 64u);
+    ASSERT_GE(names.size(), 2u);
+    EXPECT_EQ(qxImiUnregister(names.front().c_str()), 0);
+    EXPECT_EQ(qxImiRegister(names.back().c_str(), selfHandler, &calls), 0);
+    EXPECT_EQ(qxImiRegister("another", selfHandler, &calls), 0);
+    EXPECT_EQ(qxImiRegister("tooMany", selfHandler, &calls), QXRPC_ERR_FULL);
+    for (const std::string &name : names) qxImiUnregister(name.c_str());
+    qxImiUnregister("another");
 }
 
 // qxImiServeOnce tells whether it answered a request: one whose caller hung up before
@@ -696,18 +726,13 @@ TEST(ImiLocal, BackgroundServerAnswersOtherProcesses) {
     // Served, stopped (the socket goes), and served again.
     for (int round = 1; round <= 2; round++) {
         ASSERT_EQ(qxImiStartServer(), 0);
-        pid_t child = fork();
-        if (child == 0) {
-            kep::RpcPara set;
-            qxrpcAddInt(set.get(), "n", 4);
-            int rc = qxImiExecute(server, "selfCb", 0, 0, set.get());
-            char *text = nullptr;
-            qxrpcGetStringPtr(set.get(), "result", &text);
-            _exit(rc == 0 && text && strcmp(text, "8") == 0 ? 0 : 1);
-        }
-        int status = -1;
-        ASSERT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        EXPECT_EQ(kep_test::inChild([&] {
+                      kep::RpcPara set;
+                      qxrpcAddInt(set.get(), "n", 4);
+                      const int rc = qxImiExecute(server, "selfCb", 0, 0, set.get());
+                      return rc == 0 && getText(set.get(), "result") == "8" ? 0 : 1;
+                  }),
+                  0);
         EXPECT_EQ(calls, round);
         qxImiStopServer();
         struct stat st;
@@ -757,21 +782,29 @@ TEST(ImiLocal, AHandlerStopsItsOwnServer) {
 }
 
 // A server without standard input listens on descriptor 0; stopping still takes its
-// socket away.
+// socket away. One without a descriptor left to listen on says so.
 TEST(ImiLocal, AServerOnDescriptorZeroRemovesItsSocket) {
-    const pid_t child = fork();
-    if (child == 0) {
-        close(0);
-        const std::string path = kep_test::imiSocketPath(getpid());
-        struct stat st, zero;
-        const bool listening = qxImiListen() >= 0 && stat(path.c_str(), &st) == 0 && fstat(0, &zero) == 0 &&
-                               S_ISSOCK(zero.st_mode);
-        qxImiStopServer();
-        _exit(listening && stat(path.c_str(), &st) != 0 ? 0 : 1);
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(kep_test::inChild([] {
+                  const rlimit few{32, 32};
+                  std::vector<int> held;
+                  for (int fd = 0;
+                       setrlimit(RLIMIT_NOFILE, &few) == 0 && held.size() < 32 && (fd = dup(2)) >= 0;)
+                      held.push_back(fd);
+                  const bool refused = qxImiListen() < 0;
+                  for (int fd : held) close(fd);
+                  return refused ? 0 : 1;
+              }),
+              0);
+    EXPECT_EQ(kep_test::inChild([] {
+                  close(0);
+                  const std::string path = kep_test::imiSocketPath(getpid());
+                  struct stat st, zero;
+                  const bool listening = qxImiListen() >= 0 && stat(path.c_str(), &st) == 0 &&
+                                         fstat(0, &zero) == 0 && S_ISSOCK(zero.st_mode);
+                  qxImiStopServer();
+                  return listening && stat(path.c_str(), &st) != 0 ? 0 : 1;
+              }),
+              0);
 }
 
 // Serving stopped while a caller keeps its connection: the caller's next call finds
@@ -838,61 +871,60 @@ TEST(ImiLocal, RefusesAnUnsafeRuntimeFolder) {
         ASSERT_EQ(chown(xdg.c_str(), 1, 1), 0);
         ASSERT_EQ(chmod(base, 0711), 0);
     }
-    pid_t child = fork();
-    if (child == 0) {
-        char named[256];
-        int bad = 0;
-        for (const std::string &dir : {link, open, foreign}) {
-            if (dir == foreign && !root) continue;
-            setenv("KEP_RUNTIME_DIR", dir.c_str(), 1);
-            if (qxImiRuntimeDir(named, sizeof named) != QXRPC_ERR_DIR || dir != named || qxImiListen() >= 0)
-                bad++;
-        }
-        // The parents of a folder named in the environment are made, each open to this
-        // user alone.
-        const std::string deep = std::string(base) + "/made/for/run";
-        setenv("KEP_RUNTIME_DIR", deep.c_str(), 1);
-        struct stat made;
-        if (qxImiRuntimeDir(named, sizeof named) != 0 || deep != named ||
-            stat((std::string(base) + "/made/for").c_str(), &made) != 0 || (made.st_mode & 0777) != 0700)
-            bad++;
-        // A folder in which no socket can be made.
-        setenv("KEP_RUNTIME_DIR", "/proc", 1);
-        if (qxImiListen() != -1) bad++;
-        // A name that does not fit a socket's path, and none at all.
-        setenv("KEP_RUNTIME_DIR", (std::string(base) + "/" + std::string(107 - strlen(base), 'd')).c_str(),
-               1);
-        if (qxImiRuntimeDir(named, sizeof named) != QXRPC_ERR_ARG) bad++;
-        // A caller makes no folder: a missing one means nobody serves, also under a
-        // name that would leave no room for a socket's.
-        const std::string missing = std::string(base) + "/" + std::string(100 - strlen(base), 'm');
-        setenv("KEP_RUNTIME_DIR", missing.c_str(), 1);
-        kep::RpcPara none;
-        if (qxImiExecute(getppid(), "cb", 0, 0, none.get()) != QXRPC_ERR_NO_PEER ||
-            access(missing.c_str(), F_OK) == 0)
-            bad++;
-        if (qxImiRuntimeDir(nullptr, sizeof named) != QXRPC_ERR_ARG ||
-            qxImiRuntimeDir(named, 0) != QXRPC_ERR_ARG)
-            bad++;
-        // Root's sticky folder is safe to share: nobody can take another's name in it.
-        setenv("KEP_RUNTIME_DIR", "/tmp", 1);
-        if (qxImiRuntimeDir(named, sizeof named) != 0) bad++;
-        chmod(open.c_str(), 0700);
-        setenv("KEP_RUNTIME_DIR", open.c_str(), 1);
-        int accepted = qxImiListen() >= 0;
-        qxImiStopServer();
-        // Named by nobody, a user's folder is made in its session's, open to it alone.
-        unsetenv("KEP_RUNTIME_DIR");
-        setenv("XDG_RUNTIME_DIR", xdg.c_str(), 1);
-        umask(022);
-        if ((root && setuid(1) != 0) || qxImiRuntimeDir(named, sizeof named) != 0 || xdg + "/kep" != named ||
-            stat(named, &made) != 0 || (made.st_mode & 0777) != 0700)
-            bad++;
-        _exit(bad == 0 && accepted ? 0 : 1);
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(kep_test::inChild([&] {
+                  char named[256];
+                  int bad = 0;
+                  for (const std::string &dir : {link, open, foreign}) {
+                      if (dir == foreign && !root) continue;
+                      setenv("KEP_RUNTIME_DIR", dir.c_str(), 1);
+                      if (qxImiRuntimeDir(named, sizeof named) != QXRPC_ERR_DIR || dir != named ||
+                          qxImiListen() >= 0)
+                          bad++;
+                  }
+                  // The parents of a folder named in the environment are made, each open to this
+                  // user alone.
+                  const std::string deep = std::string(base) + "/made/for/run";
+                  setenv("KEP_RUNTIME_DIR", deep.c_str(), 1);
+                  struct stat made;
+                  if (qxImiRuntimeDir(named, sizeof named) != 0 || deep != named ||
+                      stat((std::string(base) + "/made/for").c_str(), &made) != 0 ||
+                      (made.st_mode & 0777) != 0700)
+                      bad++;
+                  // A folder in which no socket can be made.
+                  setenv("KEP_RUNTIME_DIR", "/proc", 1);
+                  if (qxImiListen() != -1) bad++;
+                  // A name that does not fit a socket's path, and none at all.
+                  setenv("KEP_RUNTIME_DIR",
+                         (std::string(base) + "/" + std::string(107 - strlen(base), 'd')).c_str(), 1);
+                  if (qxImiRuntimeDir(named, sizeof named) != QXRPC_ERR_ARG) bad++;
+                  // A caller makes no folder: a missing one means nobody serves, also under a
+                  // name that would leave no room for a socket's.
+                  const std::string missing = std::string(base) + "/" + std::string(100 - strlen(base), 'm');
+                  setenv("KEP_RUNTIME_DIR", missing.c_str(), 1);
+                  kep::RpcPara none;
+                  if (qxImiExecute(getppid(), "cb", 0, 0, none.get()) != QXRPC_ERR_NO_PEER ||
+                      access(missing.c_str(), F_OK) == 0)
+                      bad++;
+                  if (qxImiRuntimeDir(nullptr, sizeof named) != QXRPC_ERR_ARG ||
+                      qxImiRuntimeDir(named, 0) != QXRPC_ERR_ARG)
+                      bad++;
+                  // Root's sticky folder is safe to share: nobody can take another's name in it.
+                  setenv("KEP_RUNTIME_DIR", "/tmp", 1);
+                  if (qxImiRuntimeDir(named, sizeof named) != 0) bad++;
+                  chmod(open.c_str(), 0700);
+                  setenv("KEP_RUNTIME_DIR", open.c_str(), 1);
+                  int accepted = qxImiListen() >= 0;
+                  qxImiStopServer();
+                  // Named by nobody, a user's folder is made in its session's, open to it alone.
+                  unsetenv("KEP_RUNTIME_DIR");
+                  setenv("XDG_RUNTIME_DIR", xdg.c_str(), 1);
+                  umask(022);
+                  if ((root && setuid(1) != 0) || qxImiRuntimeDir(named, sizeof named) != 0 ||
+                      xdg + "/kep" != named || stat(named, &made) != 0 || (made.st_mode & 0777) != 0700)
+                      bad++;
+                  return bad == 0 && accepted ? 0 : 1;
+              }),
+              0);
     EXPECT_TRUE(std::filesystem::is_empty(target)) << "nothing is made through the link";
     std::filesystem::remove_all(base);
 }
@@ -926,20 +958,16 @@ TEST(ImiLocal, AGroupFromTheEnvironmentMayCall) {
             // file-system group is the configured one: the server, not the folder's
             // mode, must tell a member from another.
             auto callAs = [&](std::vector<gid_t> groups) {
-                const pid_t child = fork();
-                if (child == 0) {
+                const int code = kep_test::inChild([&] {
                     kep::RpcPara set;
                     qxrpcAddInt(set.get(), "n", 1);
                     if (setgroups(groups.size(), groups.data()) != 0 || setresgid(65533, 65533, gid) != 0 ||
                         setuid(65534) != 0)
-                        _exit(100);
+                        return 100;
                     setfsgid(gid);
                     const int rc = qxImiExecute(server, "selfCb", 0, 0, set.get());
-                    _exit(rc == 0 ? 0 : rc == QXRPC_ERR_DENIED ? 1 : 2);
-                }
-                int status = -1;
-                waitpid(child, &status, 0);
-                const int code = WIFEXITED(status) ? WEXITSTATUS(status) : 2;
+                    return rc == 0 ? 0 : rc == QXRPC_ERR_DENIED ? 1 : 2;
+                });
                 return std::string(code == 0 ? "served" : code == 1 ? "denied" : "failed");
             };
             EXPECT_EQ(callAs({100, static_cast<gid_t>(gid)}), "served");
@@ -1039,7 +1067,8 @@ TEST(ImiServe, StalledCallersCostOnlyTheirOwnConnection) {
 // Requests still being received hold 64 MiB at most, all callers together: a caller
 // whose request would take more is dropped, the others keep theirs. Here two callers
 // each stop one byte short of the largest body a frame may have, and a third short of
-// the body that fills the 64 MiB exactly.
+// the body that fills the 64 MiB exactly. A connection kept idle after a request just
+// over 64 KiB has given its buffer back, or the third would not fit.
 TEST(ImiServe, HalfReceivedRequestsHoldBoundedMemory) {
     kep_test::OwnerOptions options;
     options.setup = [] { qxImiSetTimeout(10000); };
@@ -1055,6 +1084,9 @@ TEST(ImiServe, HalfReceivedRequestsHoldBoundedMemory) {
         }
         return true;
     };
+    kep::RpcPara justOver;
+    ASSERT_EQ(qxrpcAddStringPtr(justOver.get(), "s", std::string(64 * 1024 + 300, 's').c_str()), 0);
+    ASSERT_EQ(qxImiExecute(owner.pid(), "echoCb", 0, 0, justOver.get()), 0);
     const int first = rawConnect(owner.pid()), second = rawConnect(owner.pid());
     ASSERT_TRUE(first >= 0 && second >= 0);
     EXPECT_TRUE(sendAll(first, almost));
