@@ -118,6 +118,7 @@ static void methodCallbacks(void) {
     CHECK(section(t, "t_1")->methodCb[KEP_METHOD_DELETE] == NULL);
     CHECK_INT(unRegisterMethodCb("/m/t", KEP_METHOD_ACTION, "a", 1), -1);
     CHECK_INT(unRegisterMethodCb("/m/zz", 0, "a", 1), -1);
+    CHECK_INT(unRegisterMethodCb("/m/t/nope", KEP_METHOD_DELETE, "del", 3), -1);
 }
 
 static void actions(void) {
@@ -173,6 +174,7 @@ static void verifyAndNotify(void) {
     CHECK_INT(registerVerNotify("/m/zz", 1, "v", 1), -1);
     CHECK_INT(unRegisterVerNotify("/m/zz", 1, "v", 1), -1);
     CHECK_INT(registerVerNotify("/m", 1, "v", 1), -1);
+    CHECK_INT(unRegisterVerNotify("/m", 1, "v", 1), -1);
     CHECK_INT(registerVerNotify("/m/t", 1, NULL, 1), -1);
     CHECK_INT(registerVerNotify("/m/t", 1, "v", -1), -1);
 }

@@ -114,6 +114,7 @@ TEST(XmlParse, AcceptedInputs) {
         {"<a>b&#X41;c</a>", "a[b]"},  // only a lower-case x is hexadecimal: "#X41" is byte 0
         {"<a>&#x4a;&#x4A;&#x6F;&#x6f;&#x39;</a>", "a[JJoo9]"},  // digits of either case
         {"<a>&#321;</a>", "a[A]"},                              // the low eight bits
+        {"<a>&#100;&#x30;</a>", "a[d0]"},                       // zeros among the digits
         {"<a&#x62; k&amp;='&lt;v&gt;' u=&quot;/>", "ab[] u=\" k&=<v>"},
         {"<a>&amp" + rep('z', 28) + ";</a>", "*"},  // 31 entity-name characters
         {"<a>  <![CDATA[<b>&amp;]]]></a>", "a[<b>&amp;]]"},
