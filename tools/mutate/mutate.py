@@ -354,10 +354,11 @@ class Runner:
         return sorted(names)
 
     def run_suite(self, stop_early=True, only=None):
-        """(outcome, failed tests): outcome is killed, timed out or survived. only: run
-        just the tests of these names."""
+        """(outcome, failed tests, what the failing ctest runs printed): outcome is
+        killed, timed out or survived. only: run just the tests of these names."""
         self.wait_quiet()
         failed = []
+        printed = ""
         deadline = time.monotonic() + self.limit if self.limit else None
         for d in SUITE:
             cmd = ["ctest", "--test-dir", str(self.build / d), "-j", str(self.args.jobs),
@@ -375,7 +376,7 @@ class Runner:
             except subprocess.TimeoutExpired:
                 os.killpg(proc.pid, signal.SIGKILL)
                 proc.communicate()
-                return "timed out", failed + [f"{d} (the mutant's {self.limit} s)"]
+                return "timed out", failed + [f"{d} (the mutant's {self.limit} s)"], printed
             except BaseException:
                 if proc.poll() is None:
                     os.killpg(proc.pid, signal.SIGKILL)
@@ -384,26 +385,25 @@ class Runner:
             # "  12 - Suite.Name (Failed)" under "The following tests FAILED:"
             failed += [f"{n} ({why})" for n, why in re.findall(r"^\s+\d+ - (\S+) \((.+)\)$", out, re.M)]
             if proc.returncode:
-                # Kept for the failures that do not come back when the test runs again.
-                with open(self.work / "failures.log", "a") as log:
-                    log.write(f"==== {time.strftime('%H:%M:%S')} {' '.join(cmd)}\n{out}\n")
+                printed += f"==== {time.strftime('%H:%M:%S')} {' '.join(cmd)}\n{out}\n"
             if proc.returncode and not failed:
                 failed.append(f"{d} (ctest: {out.strip().splitlines()[-1] if out.strip() else 'no output'})")
             if failed and stop_early:
                 break
         if not failed:
-            return "survived", []
+            return "survived", [], printed
         if all(f.endswith("(Timeout)") for f in failed):
-            return "timed out", failed
-        return "killed", failed
+            return "timed out", failed, printed
+        return "killed", failed, printed
 
     def judge(self, stop_early=True):
         """(outcome, failed tests, flaky tests). A test failure counts only when the test
         fails again at once: a test that a busy machine upset (one that measures time)
-        kills nothing. After such a failure the suite runs once more."""
+        kills nothing. After such a failure the suite runs once more. What a failure that
+        did not come back printed is kept in failures.log, to see what upset the test."""
         flaky = []
         for _ in range(2):
-            outcome, failed = self.run_suite(stop_early)
+            outcome, failed, printed = self.run_suite(stop_early)
             if outcome == "survived" or any("the mutant's" in f for f in failed):
                 return outcome, failed, flaky
             names = [f.rsplit(" (", 1)[0] for f in failed]
@@ -411,6 +411,8 @@ class Runner:
             if again[0] != "survived":
                 return again[0], again[1], flaky
             flaky += failed
+            with open(self.work / "failures.log", "a") as log:
+                log.write(printed)
         return "survived", [], flaky
 
     def prepare(self):
@@ -421,7 +423,7 @@ class Runner:
             sys.exit("mutate: the unmutated sources do not build")
         self.targets = self.suite_targets()
         start = time.monotonic()
-        outcome, failed = self.run_suite(stop_early=False)
+        outcome, failed, _ = self.run_suite(stop_early=False)
         took = time.monotonic() - start
         if outcome != "survived":
             sys.exit("mutate: the suite fails without a mutant: " + ", ".join(failed))
@@ -464,6 +466,12 @@ def is_equivalent(equivalent, mutant_id):
     return entry is not None and not entry[1].startswith("not killed:")
 
 
+def listed_reason(equivalent, mutant_id):
+    """Why a survivor is listed as not to be killed, or None."""
+    entry = equivalent.get(mutant_id)
+    return entry[1] if entry else None
+
+
 def summarise(results, equivalent):
     """The counts of a run. The score is of the mutants that built and can be told
     apart from the source: survivors judged equivalent are left out of it (the raw
@@ -487,11 +495,11 @@ def print_report(run, equivalent):
           f"(raw {s['raw score']} %)")
     survivors = [r for r in run["mutants"] if r["outcome"] == "survived"]
     for r in survivors:
-        note = equivalent.get(r["id"])
-        if not note:
+        reason = listed_reason(equivalent, r["id"])
+        if reason is None:
             tag = "not known to be equivalent"
         else:
-            tag = f"equivalent: {note[1]}" if is_equivalent(equivalent, r["id"]) else note[1]
+            tag = f"equivalent: {reason}" if is_equivalent(equivalent, r["id"]) else reason
         print(f"  survived  {r['id']}  {change_text(r)}  [{tag}]\n            {r['source'].strip()}")
 
 
@@ -539,7 +547,7 @@ def markdown_report(path, equivalent):
     if survivors:
         lines += ["| survivor | change | line | why the suite cannot tell it from the source |", "|---|---|---|---|"]
         for r in survivors:
-            reason = equivalent.get(r["id"], (None, "**not known to be equivalent**"))[1]
+            reason = listed_reason(equivalent, r["id"]) or "**not known to be equivalent**"
             code = r["source"].strip().replace("|", "\\|")
             lines.append(f"| `{r['id']}` | `{change_text(r)}` | `{code}` | {reason} |")
     print("\n".join(lines))
