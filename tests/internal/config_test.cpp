@@ -207,6 +207,12 @@ TEST_F(ConfigStore, ReadsOfSectionsAndWholeTables) {
     tree.section(named, "flag", flag);
     store(R"({"time":{"flag":{}}})");
     EXPECT_EQ(modelRead("/m/time/flag", two, kRec), 1);
+    // A list section whose conversion gives no byte was not read.
+    OprInterface nothing = recOpr();
+    nothing.jsonToBin.config = [](const char *, json_object *, void *, int) { return 0; };
+    tree.section(list, "host_5", nothing);
+    store(R"({"host":[{"host_5":{}}]})");
+    EXPECT_EQ(modelRead("/m/host/host_5", two, kRec), -1);
 
     // Names are cut to 31 characters, in the path and in the file's members alike.
     std::string longModule(40, 'M'), longTable(40, 'T');

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <grp.h>
+#include <limits.h>
 #include <math.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -136,7 +137,7 @@ TEST(JsonFile, FromFileRejectsMissingAndBrokenFiles) {
     gReadFault = EIO;
     EXPECT_EQ(jsonObjectFromFile((dir / "good.json").c_str()), nullptr);
     // Short reads are put together in order.
-    gReadChunk = 3;
+    gReadChunk = 1;
     kep::JsonPtr pieces(jsonObjectFromFile((dir / "good.json").c_str()));
     gReadChunk = 0;
     EXPECT_EQ(text(pieces.get()), text(good.get()));
@@ -187,6 +188,19 @@ TEST(JsonFile, StoreReplacesWholeFilesAndKeepsTheOldOneOnFailure) {
     EXPECT_NE(jsonObjectToFile(path.c_str(), nullptr), 0);
     EXPECT_EQ(readText(path), before);
     EXPECT_EQ(dir.entries(), std::vector<std::string>{"cfg.json"});
+
+    // A path whose temporary file's name would not fit PATH_MAX is refused before
+    // anything is made; one byte shorter, it is stored.
+    TempDir deepDir;
+    std::string deep = deepDir / "";
+    while (deep.size() < PATH_MAX - 160) {
+        deep += std::string(99, 'd') + "/";
+        ASSERT_EQ(mkdir(deep.c_str(), 0700), 0);
+    }
+    const std::string longest = deep + std::string(PATH_MAX - 11 - deep.size(), 'f');
+    EXPECT_NE(jsonObjectToFile((longest + "f").c_str(), obj.get()), 0);
+    EXPECT_EQ(std::filesystem::directory_iterator(deep), std::filesystem::directory_iterator());
+    EXPECT_EQ(jsonObjectToFile(longest.c_str(), obj.get()), 0);
 
     // A write that fails half way (the file size limit stands in for a full disk).
     EXPECT_EQ(kep_test::inChildWithFileLimit(4,

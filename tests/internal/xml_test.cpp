@@ -562,6 +562,7 @@ TEST(XmlEncode, EscapesWithExactRoom) {
         {"a<b", 3, 7, 0, "a&lt;b"},
         {"a<b", 3, 6, -1, nullptr},
         {"a<", 2, 5, -1, nullptr},  // an entity that does not fit
+        {"a<", 2, 3, -1, nullptr},  // nor is it begun
         {"&'><\"x", 6, 64, 0, "&amp;&apos;&gt;&lt;&quot;x"},
         {"abc", 2, 3, 0, "ab"},  // the length, not the zero, bounds it
         {"", 0, 1, 0, ""},
@@ -572,11 +573,16 @@ TEST(XmlEncode, EscapesWithExactRoom) {
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(std::string(c.in ? c.in : "(null)") + "/" + std::to_string(c.room));
-        char out[64] = "keep";
+        char out[64], before[64];
+        memset(out, '#', sizeof out);
+        memcpy(out, "keep", 5);
+        memcpy(before, out, sizeof out);
         EXPECT_EQ(mxmlEncodeEleNode(c.in, c.len, out, c.room), c.ret);
         if (c.out) {
             EXPECT_STREQ(out, c.out);
         }
+        // Nothing is written past the room given.
+        for (int i = std::max(c.room, 0); i < 64; i++) ASSERT_EQ(out[i], before[i]) << i;
     }
     EXPECT_EQ(mxmlEncodeEleNode("a", 1, nullptr, 8), -1);
 }
