@@ -78,7 +78,7 @@ shots() {
 }
 
 sources() {
-    (cd "$root" && find base include request tree model xml ops config text platform owner tools tests bench fuzz examples gateway \
+    (cd "$root" && find base include request tree model xml ops config text platform owner tools tests bench fuzz examples gateway rules \
         -name '*.[ch]' -o -name '*.cpp' | sort)
 }
 
