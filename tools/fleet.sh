@@ -28,22 +28,30 @@ wait_for() {
     "$@"
 }
 
-alive() { [ -f "$1" ] && kill -0 "$(cat "$1")" 2>/dev/null; }
+# Running: signalable and not a zombie waiting to be reaped by whoever adopted it.
+running() { kill -0 "$1" 2>/dev/null && ! grep -q '^[0-9]* (.*) Z' "/proc/$1/stat" 2>/dev/null; }
 
-# Sends TERM, waits up to 3 s, then KILL.
-stop_pid() {
-    local file=$1 pid
-    [ -f "$file" ] || return 0
-    pid=$(cat "$file")
-    if kill -0 "$pid" 2>/dev/null; then
-        kill "$pid" 2>/dev/null || true
-        wait_for 30 bash -c "! kill -0 $pid 2>/dev/null" || kill -9 "$pid" 2>/dev/null || true
-    fi
-    rm -f "$file"
+# Sends TERM to the processes of the pid files, waits up to 3 s for all, then KILL.
+stop_pids() {
+    local file pids=() pid
+    for file in "$@"; do
+        [ -f "$file" ] || continue
+        pid=$(cat "$file")
+        rm -f "$file"
+        running "$pid" && kill "$pid" 2>/dev/null && pids+=("$pid")
+    done
+    for _ in $(seq 30); do
+        local left=()
+        for pid in "${pids[@]}"; do running "$pid" && left+=("$pid"); done
+        pids=("${left[@]}")
+        [ ${#pids[@]} -eq 0 ] && return 0
+        sleep 0.1
+    done
+    kill -9 "${pids[@]}" 2>/dev/null || true
 }
 
 start_broker() {
-    stop_pid "$dir/broker.pid"
+    stop_pids "$dir/broker.pid"
     local port
     port=$(cat "$dir/port")
     mosquitto -c "$dir/mosquitto.conf" >>"$dir/broker.out" 2>&1 &
@@ -61,7 +69,7 @@ start_device() {
     local name=$1 d=$dir/$1 build as=()
     build=$(cat "$dir/build")
     [ ${#runas[@]} -gt 0 ] && as=(setpriv --reuid="${runas[0]}" --regid="$(id -g "${runas[0]}")" --clear-groups)
-    for p in agent ntpd kepd; do stop_pid "$d/$p.pid"; done
+    stop_pids "$d/agent.pid" "$d/ntpd.pid" "$d/kepd.pid"
     KEP_RUNTIME_DIR=$d/run "${as[@]}" "$build/tools/kepd" -t 2 -m "$d/ntp.xml" >>"$d/kepd.log" 2>&1 &
     echo $! >"$d/kepd.pid"
     KEP_RUNTIME_DIR=$d/run "${as[@]}" "$build/examples/ntpd" "$d/ntp.xml" >>"$d/ntpd.log" 2>&1 &
@@ -221,11 +229,8 @@ CONF
 
 down() {
     [ -f "$dir/port" ] || { echo "fleet: $dir is no fleet folder" >&2; exit 1; }
-    local d
-    for d in "$dir"/d[0-9]*; do
-        for p in agent ntpd kepd; do stop_pid "$d/$p.pid"; done
-    done
-    stop_pid "$dir/broker.pid"
+    stop_pids "$dir"/d[0-9]*/*.pid
+    stop_pids "$dir/broker.pid"
 }
 
 case "$cmd" in
