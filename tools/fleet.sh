@@ -54,10 +54,19 @@ start_broker() {
     stop_pids "$dir/broker.pid"
     local port
     port=$(cat "$dir/port")
+    # Something else on the port would pass the check below: refuse at once.
+    if bash -c "exec 3<>/dev/tcp/127.0.0.1/$port" 2>/dev/null; then
+        echo "fleet: port $port is taken" >&2
+        return 1
+    fi
     mosquitto -c "$dir/mosquitto.conf" >>"$dir/broker.out" 2>&1 &
-    echo $! >"$dir/broker.pid"
-    # Up once it accepts TCP connections on its port.
-    wait_for 100 bash -c "exec 3<>/dev/tcp/127.0.0.1/$port" 2>/dev/null || {
+    local pid=$!
+    echo "$pid" >"$dir/broker.pid"
+    # Up once it accepts TCP connections on its port, and it is this broker that does: one
+    # with this folder's CA and a controller's password (a broker that lost the port exits).
+    wait_for 100 bash -c "exec 3<>/dev/tcp/127.0.0.1/$port" 2>/dev/null && running "$pid" &&
+        "$(cat "$dir/build")/fleet/kepfleet" $(cat "$dir/ctl-admin.args") --host localhost -t 5 --no-progress \
+            --settle-ms 50 status >/dev/null 2>&1 || {
         echo "fleet: the broker did not start; $dir/broker.log says:" >&2
         tail -5 "$dir/broker.log" >&2 || true
         return 1
@@ -87,8 +96,6 @@ per_listener_settings false
 allow_anonymous false
 password_file $dir/passwd
 acl_file $dir/acl
-# A client cannot take over another's session by naming its client id.
-use_username_as_clientid true
 persistence false
 max_packet_size 131072
 max_inflight_messages 20
@@ -100,7 +107,11 @@ log_type warning
 log_type notice
 connection_messages true
 ${runas:+user ${runas[0]}}
+# Listener options come after their listener line: before the first one, mosquitto
+# would open a default plain listener on port 1883 for them.
 listener $port 127.0.0.1
+# A client cannot take over another's session by naming its client id.
+use_username_as_clientid true
 cafile $dir/ca.pem
 certfile $dir/server.pem
 keyfile $dir/server.key
@@ -162,7 +173,6 @@ up() {
         printf '%s:%s\n' "$u" "$pw" >>"$dir/passwd"
         if [[ $u == ctl-* ]]; then
             printf '%s\n' "$pw" >"$dir/$u.password"
-            printf -- '--port %s --ca-file %s --user %s --password-file %s\n' 0 "$dir/ca.pem" "$u" "$dir/$u.password" >"$dir/$u.args"
         else
             mkdir -m 700 "$dir/$u"
             printf '%s\n' "$pw" >"$dir/$u/password"
@@ -179,9 +189,17 @@ RULES
     # A free port: the broker is tried on a few random ones.
     local port started=0
     for _ in 1 2 3 4 5; do
-        port=$((20000 + $(od -An -tu2 -N2 /dev/urandom) % 40000))
+        # Below the range the kernel picks clients' local ports from, which a listener cannot bind.
+        local low
+        low=$(cut -f1 /proc/sys/net/ipv4/ip_local_port_range 2>/dev/null || echo 32768)
+        [ "$low" -gt 11000 ] || low=32768
+        port=$((10000 + $(od -An -tu2 -N2 /dev/urandom) % (low - 10000)))
         echo "$port" >"$dir/port"
         write_broker_files "$port"
+        for u in ctl-admin ctl-view ctl-none; do
+            printf -- '--port %s --ca-file %s --user %s --password-file %s\n' "$port" "$dir/ca.pem" "$u" \
+                "$dir/$u.password" >"$dir/$u.args"
+        done
         if [ ${#runas[@]} -gt 0 ]; then
             touch "$dir/broker.log"
             chown "${runas[0]}" "$dir/passwd" "$dir/acl" "$dir/server.key" "$dir/broker.log"
@@ -190,7 +208,6 @@ RULES
         if start_broker 2>/dev/null; then started=1; break; fi
     done
     [ "$started" = 1 ] || { echo "fleet: the broker did not start; see $dir/broker.log" >&2; exit 1; }
-    for u in ctl-admin ctl-view ctl-none; do sed -i "s/--port 0 /--port $port /" "$dir/$u.args"; done
 
     for i in $(seq "$n"); do
         local name d
@@ -214,14 +231,13 @@ CONF
         start_device "$name"
     done
 
-    # Up once every device says "online" on its status topic.
-    local waited=0 online=0
-    while [ "$waited" -lt $((100 + n / 5)) ]; do
+    # Up once every device says "online" on its status topic: 20 s, and 1 s more per 10 devices.
+    local until=$((SECONDS + 20 + n / 10)) online=0
+    while [ "$SECONDS" -lt "$until" ]; do
         online=$("$build/fleet/kepfleet" $(cat "$dir/ctl-admin.args") --host localhost -t 5 status 2>/dev/null |
             grep -c '"status":"online"' || true)
         [ "$online" -ge "$n" ] && break
         sleep 0.2
-        waited=$((waited + 2))
     done
     [ "$online" -ge "$n" ] || { echo "fleet: $online of $n devices online" >&2; exit 1; }
     echo "fleet: broker on localhost:$port, $n devices online, files in $dir"
