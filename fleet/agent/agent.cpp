@@ -16,6 +16,10 @@ namespace {
 constexpr int64_t kFirstBackoffMs = 500;
 constexpr size_t kMaxCorrelation = 64;  // bytes of correlation data taken
 constexpr size_t kMaxTopic = 256;
+// Room for the topic and properties beside the largest request taken, so that a request a
+// little over the limit still arrives and is answered with kErrTooLarge.
+constexpr size_t kPacketOverhead = 4096;
+constexpr uint16_t kReceiveMaximum = 16;
 
 // The response's "error_code" for the audit line; "?" when it has none.
 std::string errorCodeOf(const std::string &response) {
@@ -126,6 +130,11 @@ void Agent::step(int timeoutMs) {
         kepfleet::Properties props;
         mosquitto_property_add_int32(props.out(), MQTT_PROP_SESSION_EXPIRY_INTERVAL,
                                      static_cast<uint32_t>(s_.sessionSeconds));
+        // Whatever the broker's own limits: no packet much over a request's limit (the
+        // broker drops those), and few requests delivered before the earlier are acknowledged.
+        mosquitto_property_add_int32(props.out(), MQTT_PROP_MAXIMUM_PACKET_SIZE,
+                                     static_cast<uint32_t>(s_.maxRequest + kPacketOverhead));
+        mosquitto_property_add_int16(props.out(), MQTT_PROP_RECEIVE_MAXIMUM, kReceiveMaximum);
         const int rc = mosquitto_connect_bind_v5(mosq_.get(), s_.broker.host.c_str(), s_.broker.port,
                                                  s_.broker.keepalive, nullptr, props.get());
         if (rc != MOSQ_ERR_SUCCESS) {

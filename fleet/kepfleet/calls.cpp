@@ -25,6 +25,8 @@ void Controller::onConnect(mosquitto *m, void *self, int rc, int, const mosquitt
     Controller *c = static_cast<Controller *>(self);
     if (rc != 0) {
         fprintf(stderr, "kepfleet: the broker refused the connection: %s\n", mosquitto_reason_string(rc));
+        // A wrong password or a name the broker does not know: trying again changes nothing.
+        c->refused_ = true;
         return;
     }
     c->connected_ = true;
@@ -118,7 +120,8 @@ bool Controller::open(int timeoutMs) {
     mosquitto_connect_v5_callback_set(mosq_.get(), onConnect);
     mosquitto_message_v5_callback_set(mosq_.get(), onMessage);
     mosquitto_subscribe_v5_callback_set(mosq_.get(), onSubscribe);
-    if (!waitFor([this] { return subscribed_; }, timeoutMs)) {
+    if (!waitFor([this] { return subscribed_ || refused_; }, timeoutMs) || refused_) {
+        if (refused_) return false;
         fprintf(stderr, "kepfleet: no connection to %s:%d within %d ms\n", s_.host.c_str(), s_.port,
                 timeoutMs);
         return false;

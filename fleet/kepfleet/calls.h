@@ -55,7 +55,7 @@ private:
 
     BrokerSettings s_;
     Mosq mosq_;
-    bool connected_ = false, subscribed_ = false, linked_ = false;
+    bool connected_ = false, subscribed_ = false, linked_ = false, refused_ = false;
     int subscribeMid_ = -1;
     int64_t nextAttempt_ = 0, backoffMs_ = 200;
     std::map<std::string, Pending> pending_;  // by correlation data

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include <json-c/json.h>
+
 #include "fleet_mqtt.h"
 #include "mqtt_protocol.h"
 
@@ -52,6 +54,33 @@ bool eventually(const std::function<bool()> &done, int ms) {
         usleep(50 * 1000);
     }
     return true;
+}
+
+// The TCP ports a process listens on, from its descriptors and the kernel's socket tables.
+std::vector<int> listeningPorts(int pid) {
+    std::vector<std::string> inodes;
+    const std::string fds = run("ls -l /proc/" + std::to_string(pid) + "/fd 2>/dev/null");
+    for (size_t at = fds.find("socket:["); at != std::string::npos; at = fds.find("socket:[", at + 1))
+        inodes.push_back(fds.substr(at + 8, fds.find(']', at) - at - 8));
+    std::vector<int> ports;
+    for (const char *table : {"/proc/net/tcp", "/proc/net/tcp6"}) {
+        const std::string text = fileText(table);
+        size_t pos = text.find('\n');  // past the heading
+        while (pos != std::string::npos && pos + 1 < text.size()) {
+            const size_t end = text.find('\n', pos + 1);
+            char local[64] = "", state[8] = "";
+            unsigned long inode = 0;
+            const std::string line = text.substr(pos + 1, end - pos - 1);
+            if (sscanf(line.c_str(), "%*s %63s %*s %7s %*s %*s %*s %*s %*s %lu", local, state, &inode) == 3 &&
+                std::string(state) == "0A") {
+                for (const std::string &i : inodes)
+                    if (i == std::to_string(inode))
+                        ports.push_back(static_cast<int>(strtol(strchr(local, ':') + 1, nullptr, 16)));
+            }
+            pos = end;
+        }
+    }
+    return ports;
 }
 
 class Fleet : public ::testing::Test {
@@ -190,7 +219,7 @@ private:
     std::map<int, int> acks_, subacks_;
 };
 
-const char kGetServers[] = R"('{"method":"get","ntp":{"table":"server"}}')";
+const std::string kGetServers = R"('{"method":"get","ntp":{"table":"server"}}')";
 
 TEST_F(Fleet, RoundTripToEveryDeviceAndStatusListsThem) {
     int status = 1;
@@ -205,6 +234,8 @@ TEST_F(Fleet, RoundTripToEveryDeviceAndStatusListsThem) {
               2u);
     const std::string list = kepfleet("ctl-view", "status");
     EXPECT_NE(list.find(R"({"summary":{"online":2,"offline":0}})"), std::string::npos) << list;
+    // The broker listens on its TLS port and nowhere else (no default plain listener).
+    EXPECT_EQ(listeningPorts(pidOf("broker.pid")), std::vector<int>{port()});
 }
 
 TEST_F(Fleet, RolesDecideAndControllersWithoutOneAreRefused) {
@@ -300,6 +331,62 @@ TEST_F(Fleet, ARepeatedDeliveryIsAnsweredAgainNotAppliedTwice) {
     EXPECT_EQ(count(out, R"("address":"once")"), 1u) << out;
     EXPECT_NE(fileText(dir_ + "/d0001/audit.log").find("repeated: controller=ctl-admin answered again"),
               std::string::npos);
+}
+
+TEST_F(Fleet, OversizeRequestsAndFloodsAreAnsweredWithTheirCodes) {
+    Raw admin(*this, "ctl-admin", password("ctl-admin"), dir_ + "/ca.pem", port());
+    ASSERT_TRUE(admin.ok());
+    ASSERT_EQ(admin.subscribe("kep/d0001/response/ctl-admin"), 1);
+    // Over the agent's 64 KiB: refused by its size, not parsed.
+    const std::string big =
+        R"({"method":"get","ntp":{"table":"server","x":")" + std::string(66000, 'a') + "\"}}";
+    EXPECT_EQ(admin.publish("kep/d0001/request/ctl-admin", big, "kep/d0001/response/ctl-admin", "big"), 0);
+    ASSERT_TRUE(admin.pumpUntil([&] { return admin.received_.size() == 1; }, 5000));
+    EXPECT_NE(admin.received_[0].payload.find("-32002"), std::string::npos) << admin.received_[0].payload;
+    // A burst of 20 is taken at once (one was spent above), then 10 a second: of 30 sent
+    // together some are refused for the rate, none is left unanswered.
+    const std::string get = R"({"method":"get","ntp":{"name":"main"}})";
+    for (int i = 0; i < 30; i++)
+        admin.publish("kep/d0001/request/ctl-admin", get, "kep/d0001/response/ctl-admin",
+                      "g" + std::to_string(i), false, false);
+    ASSERT_TRUE(admin.pumpUntil([&] { return admin.received_.size() == 31; }, 5000))
+        << admin.received_.size();
+    size_t served = 0, limited = 0;
+    for (size_t i = 1; i < admin.received_.size(); i++) {
+        served += admin.received_[i].payload.find(R"("zone":"UTC")") != std::string::npos;
+        limited += admin.received_[i].payload.find("-32001") != std::string::npos;
+    }
+    EXPECT_EQ(served + limited, 30u);
+    EXPECT_GE(served, 19u);
+    EXPECT_GE(limited, 5u);
+    EXPECT_NE(
+        fileText(dir_ + "/d0001/audit.log").find("refused: controller=ctl-admin: over the request rate"),
+        std::string::npos);
+}
+
+TEST_F(Fleet, KepfleetWaitsForABrokerThatComesBackAndReportsEveryDevice) {
+    kill(pidOf("broker.pid"), SIGKILL);
+    int status = -1;
+    const int64_t start = monotonicMs();
+    const std::string out =
+        run("( sleep 1; " + std::string(FLEET_SH) + " broker " + dir_ + " >/dev/null 2>&1 ) & " +
+                KEPFLEET_PATH + " " + args("ctl-admin") + " call -t 3 d0001,d0002 " + kGetServers,
+            &status);
+    EXPECT_LT(monotonicMs() - start, 15000);
+    // Connected once the broker was back; each device answered or reported unanswered.
+    EXPECT_EQ(count(out, R"({"device":"d000)"), 2u) << out;
+    const size_t at = out.find(R"({"summary":)");
+    ASSERT_NE(at, std::string::npos) << out;
+    json_object *line = json_tokener_parse(out.c_str() + at), *sum = nullptr, *v = nullptr;
+    ASSERT_TRUE(json_object_object_get_ex(line, "summary", &sum)) << out;
+    auto member = [&](const char *key) {
+        return json_object_object_get_ex(sum, key, &v) ? json_object_get_int(v) : -1;
+    };
+    const int answered = member("answered");
+    EXPECT_EQ(member("devices"), 2);
+    EXPECT_EQ(answered + member("no_answer"), 2) << out;
+    json_object_put(line);
+    EXPECT_EQ(status, answered == 2 ? 0 : 1);
 }
 
 TEST_F(Fleet, BrokerKilledAndRestartedMidRun) {
