@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # A fleet on one machine: a Mosquitto broker on loopback with TLS, passwords and ACLs
-# made at run time, and N simulated devices. A simulated device is what a real one
-# runs, in a folder of its own: its host (kepd, 2 threads), the example owner ntpd,
-# and kepagent; their runtime folder is the device's, so the devices never meet.
+# made at run time, and N simulated devices, each in a folder of its own that is also
+# its runtime folder, so that devices never meet: its host (kepd, 2 threads) and
+# kepagent --simulate, which owns the ntp module itself as examples/ntpd would. With
+# FLEET_REAL=K the first K devices run as a real device does instead: kepd, the example
+# owner ntpd in its own process, and kepagent over the direct route.
 #   tools/fleet.sh up DIR N [BUILD-DIR]   make DIR (a new folder), start the broker and devices d0001..dN
 #   tools/fleet.sh broker DIR             (re)start the broker from DIR's files
 #   tools/fleet.sh device DIR NAME        (re)start one device's agent
@@ -73,7 +75,8 @@ start_broker() {
     }
 }
 
-# The device's host and owner, then its agent; each as the device's user (nobody under root).
+# The device's host, its owner unless the agent owns the module, then its agent; each as
+# the device's user (nobody under root).
 start_device() {
     local name=$1 d=$dir/$1 build as=()
     build=$(cat "$dir/build")
@@ -81,8 +84,10 @@ start_device() {
     stop_pids "$d/agent.pid" "$d/ntpd.pid" "$d/kepd.pid"
     KEP_RUNTIME_DIR=$d/run "${as[@]}" "$build/tools/kepd" -t 2 -m "$d/ntp.xml" >>"$d/kepd.log" 2>&1 &
     echo $! >"$d/kepd.pid"
-    KEP_RUNTIME_DIR=$d/run "${as[@]}" "$build/examples/ntpd" "$d/ntp.xml" >>"$d/ntpd.log" 2>&1 &
-    echo $! >"$d/ntpd.pid"
+    if ! grep -q '^simulate' "$d/agent.conf"; then
+        KEP_RUNTIME_DIR=$d/run "${as[@]}" "$build/examples/ntpd" "$d/ntp.xml" >>"$d/ntpd.log" 2>&1 &
+        echo $! >"$d/ntpd.pid"
+    fi
     KEP_RUNTIME_DIR=$d/run "$build/fleet/kepagent" -c "$d/agent.conf" >>"$d/agent.log" 2>&1 &
     echo $! >"$d/agent.pid"
 }
@@ -224,6 +229,7 @@ rules = $dir/rules.json
 controllers = $dir/controllers.txt
 audit-log = $d/audit.log
 backoff-max = 5
+$([ "$i" -gt "${FLEET_REAL:-0}" ] && echo "simulate = $d/ntp.xml")
 ${runas:+user = ${runas[0]}}
 CONF
         mkdir -m 700 "$d/run"

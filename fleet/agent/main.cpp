@@ -2,7 +2,8 @@
 // over TLS as the device, takes requests from kep/DEVICE/request/CONTROLLER, lets
 // through what the controller's role allows and answers on the controller's response
 // topic. It serves them over the direct route (reads) and through the host (changes),
-// as the HTTP gateway does.
+// as the HTTP gateway does. A simulated device's agent owns the device's module itself
+// and sends every request through the device's host.
 #include <errno.h>
 #include <fcntl.h>
 #include <getopt.h>
@@ -21,6 +22,7 @@
 #include "agent.h"
 #include "kep_direct.h"
 #include "kep_host.h"
+#include "simulated.h"
 
 using namespace kepagent;
 
@@ -76,6 +78,12 @@ int64_t gDirectTried = -1000000;
 
 // Reads over the direct route, one hop to the owner; changes through the host, which
 // orders them with every other client's and tells its watchers (as kepwebd does).
+// A simulated device: this process owns the module, and a process that owns modules
+// has a tree of its own, so it cannot take the host's for the direct route.
+int forwardThroughHost(const std::string &controller, const std::string &request, bool, char **response) {
+    return kepHostRequestFor(controller.c_str(), request.c_str(), response);
+}
+
 int forwardToDevice(const std::string &controller, const std::string &request, bool changes,
                     char **response) {
     if (changes) return kepHostRequestFor(controller.c_str(), request.c_str(), response);
@@ -92,11 +100,11 @@ int forwardToDevice(const std::string &controller, const std::string &request, b
 }  // namespace
 
 int main(int argc, char **argv) {
-    static const char *const kNames[] = {"broker-host", "broker-port",     "ca-file",       "cert-file",
-                                         "key-file",    "password-file",   "device",        "rules",
-                                         "controllers", "audit-log",       "user",          "max-request",
-                                         "rate",        "burst",           "cache-entries", "cache-seconds",
-                                         "keepalive",   "session-seconds", "backoff-max"};
+    static const char *const kNames[] = {
+        "broker-host",     "broker-port", "ca-file",     "cert-file",     "key-file",      "password-file",
+        "device",          "rules",       "controllers", "audit-log",     "user",          "simulate",
+        "max-request",     "rate",        "burst",       "cache-entries", "cache-seconds", "keepalive",
+        "session-seconds", "backoff-max"};
     constexpr int kCount = sizeof kNames / sizeof kNames[0];
     option options[kCount + 3];
     for (int i = 0; i < kCount; i++) options[i] = {kNames[i], required_argument, nullptr, 1000 + i};
@@ -167,14 +175,22 @@ int main(int argc, char **argv) {
     mosquitto_lib_init();
     int status = 1;
     {
-        Agent agent(s, std::move(rules), std::move(roles), forwardToDevice, audit);
+        Agent agent(s, std::move(rules), std::move(roles),
+                    s.simulate.empty() ? forwardToDevice : forwardThroughHost, audit);
         // The password is read while the files are still reachable; everything after runs unprivileged.
         if (!agent.init() || !dropPrivileges(s.runAs)) return 1;
         prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+        if (!s.simulate.empty() && simulatedStart(s.simulate.c_str()) != 0) {
+            fprintf(stderr, "kepagent: cannot own the simulated module of %s\n", s.simulate.c_str());
+            return 1;
+        }
         while (!gStop) {
-            agent.step(250);
+            // A signal ends the wait early; idle, a device wakes once a second.
+            agent.step(1000);
+            if (!s.simulate.empty()) simulatedPoll();
         }
         agent.stop(1000);
+        if (!s.simulate.empty()) simulatedStop();
         status = 0;
     }
     mosquitto_lib_cleanup();

@@ -39,6 +39,7 @@ bool applySetting(const std::string &name, const std::string &value, Settings *s
         {"controllers", &s->controllersFile},
         {"audit-log", &s->auditFile},
         {"user", &s->runAs},
+        {"simulate", &s->simulate},
     };
     for (const Text &t : texts) {
         if (name == t.name) return *t.field = value, true;

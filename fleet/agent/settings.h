@@ -20,6 +20,7 @@ struct Settings {
     std::string controllersFile;  // CONTROLLER:ROLE lines
     std::string auditFile;        // "": the audit goes to syslog (authpriv)
     std::string runAs;            // the user to become when started as root
+    std::string simulate;         // a model description: own its module here (a simulated device)
     size_t maxRequest = 65536;    // bytes of a request text
     double rate = 10;             // requests a second per controller, sustained
     double burst = 20;            // ... and at once

@@ -1,6 +1,6 @@
 // The fleet across real processes: a TLS broker with passwords and ACLs made by
-// tools/fleet.sh, devices (kepd, ntpd, kepagent each), kepfleet, and raw MQTT clients
-// that try what the broker or the agent must refuse.
+// tools/fleet.sh, a real and a simulated device, kepfleet, and raw MQTT clients that
+// try what the broker or the agent must refuse.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdio.h>
@@ -86,12 +86,15 @@ std::vector<int> listeningPorts(int pid) {
 class Fleet : public ::testing::Test {
 protected:
     void SetUp() override {
-        char tmpl[] = "/tmp/kfXXXXXX";
+        char tmpl[] = "/tmp/fleetXXXXXX";
         ASSERT_TRUE(mkdtemp(tmpl));
         rmdir(tmpl);  // fleet.sh makes the folder itself
         dir_ = tmpl;
         int status = 0;
-        const std::string out = run(std::string(FLEET_SH) + " up " + dir_ + " 2 " BUILD_DIR " 2>&1", &status);
+        // d0001 as a real device (its owner a process of its own, reads over the direct
+        // route), d0002 simulated (the agent owns the module, everything through its host).
+        const std::string out =
+            run("FLEET_REAL=1 " + std::string(FLEET_SH) + " up " + dir_ + " 2 " BUILD_DIR " 2>&1", &status);
         ASSERT_EQ(status, 0) << out;
     }
     void TearDown() override {
