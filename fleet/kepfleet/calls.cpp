@@ -13,6 +13,12 @@
 #include "mqtt_protocol.h"
 
 namespace kepfleet {
+namespace {
+
+// A command waiting for its broker: tries again within a second, however long it waits.
+constexpr int64_t kMaxBackoffMs = 1000;
+
+}  // namespace
 
 Controller::~Controller() {
     if (mosq_ && linked_) {
@@ -84,7 +90,7 @@ void Controller::pump(int timeoutMs) {
         if (mosquitto_connect_bind_v5(mosq_.get(), s_.host.c_str(), s_.port, s_.keepalive, nullptr,
                                       nullptr) != MOSQ_ERR_SUCCESS) {
             nextAttempt_ = now + backoffMs_ / 2 + randomBelow(static_cast<uint32_t>(backoffMs_ / 2 + 1));
-            backoffMs_ = std::min<int64_t>(backoffMs_ * 2, 2000);
+            backoffMs_ = std::min<int64_t>(backoffMs_ * 2, kMaxBackoffMs);
             return;
         }
         linked_ = true;
@@ -94,7 +100,7 @@ void Controller::pump(int timeoutMs) {
         mosquitto_disconnect(mosq_.get());
         nextAttempt_ =
             monotonicMs() + backoffMs_ / 2 + randomBelow(static_cast<uint32_t>(backoffMs_ / 2 + 1));
-        backoffMs_ = std::min<int64_t>(backoffMs_ * 2, 2000);
+        backoffMs_ = std::min<int64_t>(backoffMs_ * 2, kMaxBackoffMs);
     }
 }
 

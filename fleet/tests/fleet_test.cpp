@@ -373,7 +373,7 @@ TEST_F(Fleet, KepfleetWaitsForABrokerThatComesBackAndReportsEveryDevice) {
     const int64_t start = monotonicMs();
     const std::string out =
         run("( sleep 1; " + std::string(FLEET_SH) + " broker " + dir_ + " >/dev/null 2>&1 ) & " +
-                KEPFLEET_PATH + " " + args("ctl-admin") + " call -t 3 d0001,d0002 " + kGetServers,
+                KEPFLEET_PATH + " " + args("ctl-admin") + " call -t 5 d0001,d0002 " + kGetServers,
             &status);
     EXPECT_LT(monotonicMs() - start, 15000);
     // Connected once the broker was back; each device answered or reported unanswered.
