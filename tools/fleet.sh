@@ -117,6 +117,8 @@ ${runas:+user ${runas[0]}}
 listener $port 127.0.0.1
 # A client cannot take over another's session by naming its client id.
 use_username_as_clientid true
+# Small requests and answers go out at once, not after the peer's delayed acknowledgement.
+set_tcp_nodelay true
 cafile $dir/ca.pem
 certfile $dir/server.pem
 keyfile $dir/server.key
