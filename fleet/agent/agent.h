@@ -13,7 +13,7 @@
 
 #include "fleet_mqtt.h"
 #include "kep_rules.h"
-#include "limits.h"
+#include "request_limits.h"
 #include "settings.h"
 
 namespace kepagent {

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "fleet_mqtt.h"
-#include "limits.h"
+#include "request_limits.h"
 #include "settings.h"
 
 namespace {

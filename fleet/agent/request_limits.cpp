@@ -1,4 +1,4 @@
-#include "limits.h"
+#include "request_limits.h"
 
 #include <algorithm>
 

@@ -1,7 +1,7 @@
 // The agent's bounded memory of who asked what: answers kept for repeated deliveries,
 // and the request rate of each controller. Not thread-safe: the agent's one loop uses them.
-#ifndef KEPAGENT_LIMITS_H
-#define KEPAGENT_LIMITS_H
+#ifndef KEPAGENT_REQUEST_LIMITS_H
+#define KEPAGENT_REQUEST_LIMITS_H
 
 #include <stddef.h>
 #include <stdint.h>
