@@ -1,7 +1,7 @@
-// What the gateway decides without a socket: the users and rules files, which route
-// an HTTP request takes, whether a user's rules let a request text through, and which
-// file of the web root a path names. Everything here is pure, so it is tested and
-// fuzzed directly.
+// What the gateway decides without a socket: the users file, which route an HTTP
+// request takes, whether a user's rules let a request text or change set through,
+// and which file of the web root a path names (the rules themselves: kep_rules.h).
+// Everything here is pure, so it is tested and fuzzed directly.
 #ifndef KEPWEBD_POLICY_H
 #define KEPWEBD_POLICY_H
 
@@ -9,26 +9,30 @@
 #include <string>
 #include <vector>
 
+#include "kep_rules.h"
+
 namespace kepweb {
 
-// What a rule may grant, per module.
-enum Permission : unsigned { kRead = 1, kWrite = 2, kExec = 4 };
+// The rules file and the decision on a request text are shared with kepagent.
+using keprules::Check;
+using keprules::checkRequest;
+using keprules::kExec;
+using keprules::kRead;
+using keprules::kWrite;
+using keprules::loggable;
+using keprules::parseRules;
+using keprules::Permission;
+using keprules::permissionOfMethod;
+using keprules::permissionsOf;
+using keprules::Rules;
 
 struct User {
     std::string name, hash, role;
     int line = 0;  // in the users file
 };
 
-// Role name -> module name (or "*") -> the permissions granted.
-using Rules = std::map<std::string, std::map<std::string, unsigned>>;
-
-// Parsers of the two files; false with *error = "line N: why".
-bool parseRules(const std::string &text, Rules *rules, std::string *error);
+// The users file; false with *error = "line N: why".
 bool parseUsers(const std::string &text, const Rules &rules, std::vector<User> *users, std::string *error);
-
-// What a role may do with a module: the module's own entry when the role has one,
-// else the role's "*" entry; nothing for a role without rules.
-unsigned permissionsOf(const Rules &rules, const std::string &role, const std::string &module);
 
 enum class Route {
     kLogin,
@@ -50,15 +54,6 @@ enum class Route {
 // endpoint takes when the method is wrong.
 Route routeOf(const std::string &method, const std::string &path, std::string *allow);
 
-// The decision on a request text for a role.
-struct Check {
-    int status = 0;                    // 200: forward it; 400 not JSON; 403 refused by the rules
-    std::string method;                // the request's "method" when it has one
-    std::vector<std::string> modules;  // the modules it names, in order
-    std::string reason;                // why it was refused
-};
-Check checkRequest(const Rules &rules, const std::string &role, const std::string &body);
-
 // The body of /api/apply, {"changes": a request object or an array of them,
 // "confirm": seconds}: every module a request names must be writable for the role.
 // On 200, *changes gets the change set's text for the host and *confirm its window
@@ -77,18 +72,12 @@ std::string modelView(const Rules &rules, const std::string &role, const std::st
 // it is not what the host sends.
 std::string pendingView(const Rules &rules, const std::string &role, const std::string &answer);
 
-// The method's permission; 0 for a method the gateway does not know.
-unsigned permissionOfMethod(const std::string &method);
-
 // The components of a static file's path below the web root ("/" names index.html,
 // a folder's path its index.html); false for a path that must not be served: "..",
 // ".", hidden names, empty components, backslashes, control characters, or too long.
 bool staticPath(const std::string &urlPath, std::vector<std::string> *components);
 // The content type for a file name, by its extension.
 const char *contentTypeOf(const std::string &name);
-
-// A text fit for a log line: printable ASCII only, at most max bytes.
-std::string loggable(const std::string &text, size_t max = 64);
 
 }  // namespace kepweb
 

@@ -26,6 +26,9 @@ packages+=(groff-base man-db systemd)
 packages+=(ninja-build)
 # The benchmark report's whole-process timing of kepctl.
 packages+=(hyperfine)
+# The fleet over MQTT: libmosquitto for kepagent and kepfleet; the broker and
+# mosquitto_passwd for tools/fleet.sh and the fleet's tests (certificates: openssl).
+packages+=(libmosquitto-dev mosquitto)
 
 deps() {
     local missing=()
@@ -78,7 +81,7 @@ shots() {
 }
 
 sources() {
-    (cd "$root" && find base include request tree model xml ops config text platform owner tools tests bench fuzz examples gateway \
+    (cd "$root" && find base include request tree model xml ops config text platform owner tools tests bench fuzz examples gateway rules fleet \
         -name '*.[ch]' -o -name '*.cpp' | sort)
 }
 

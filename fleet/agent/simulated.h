@@ -1,0 +1,22 @@
+/* A simulated device's module, owned inside the agent's process with the owner's kit:
+ * the "ntp" module of examples/ntpd (a named section, a list table, an action), which
+ * the kit registers with the device's host (kepd) as that owner would. */
+#ifndef KEPAGENT_SIMULATED_H
+#define KEPAGENT_SIMULATED_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Loads the description and the module's file and starts serving; 0, or -1 with the
+ * reason on standard error. */
+int simulatedStart(const char *modelFile);
+/* Sends the notifications waiting and registers with a host that started since. */
+void simulatedPoll(void);
+void simulatedStop(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,266 @@
+#!/usr/bin/env bash
+# A fleet on one machine: a Mosquitto broker on loopback with TLS, passwords and ACLs
+# made at run time, and N simulated devices, each in a folder of its own that is also
+# its runtime folder, so that devices never meet: its host (kepd, 2 threads) and
+# kepagent --simulate, which owns the ntp module itself as examples/ntpd would. With
+# FLEET_REAL=K the first K devices run as a real device does instead: kepd, the example
+# owner ntpd in its own process, and kepagent over the direct route.
+#   tools/fleet.sh up DIR N [BUILD-DIR]   make DIR (a new folder), start the broker and devices d0001..dN
+#   tools/fleet.sh broker DIR             (re)start the broker from DIR's files
+#   tools/fleet.sh device DIR NAME        (re)start one device's agent
+#   tools/fleet.sh down DIR               stop the devices and the broker
+# Controllers: ctl-admin (role operator: everything), ctl-view (role viewer: reads),
+# ctl-none (a broker account without a role on the devices). kepfleet's options for
+# one of them: $(cat DIR/ctl-admin.args). Started as root, the broker and the agents
+# run as nobody. Every wait is bounded; exits nonzero when something did not come up.
+set -euo pipefail
+
+root=$(cd "$(dirname "$0")/.." && pwd)
+cmd=${1:-}
+dir=${2:-}
+[ -n "$cmd" ] && [ -n "$dir" ] || { sed -n '2,13p' "$0" >&2; exit 2; }
+
+runas=()
+[ "$(id -u)" -eq 0 ] && runas=(nobody)
+
+# Waits up to $1 tenths of a second for the command after it to succeed.
+wait_for() {
+    local tenths=$1; shift
+    for _ in $(seq "$tenths"); do "$@" && return 0; sleep 0.1; done
+    "$@"
+}
+
+# Running: signalable and not a zombie waiting to be reaped by whoever adopted it.
+running() { kill -0 "$1" 2>/dev/null && ! grep -q '^[0-9]* (.*) Z' "/proc/$1/stat" 2>/dev/null; }
+
+# Sends TERM to the processes of the pid files, waits up to 3 s for all, then KILL.
+stop_pids() {
+    local file pids=() pid
+    for file in "$@"; do
+        [ -f "$file" ] || continue
+        pid=$(cat "$file")
+        rm -f "$file"
+        running "$pid" && kill "$pid" 2>/dev/null && pids+=("$pid")
+    done
+    for _ in $(seq 30); do
+        local left=()
+        for pid in "${pids[@]}"; do running "$pid" && left+=("$pid"); done
+        pids=("${left[@]}")
+        [ ${#pids[@]} -eq 0 ] && return 0
+        sleep 0.1
+    done
+    kill -9 "${pids[@]}" 2>/dev/null || true
+}
+
+start_broker() {
+    stop_pids "$dir/broker.pid"
+    local port
+    port=$(cat "$dir/port")
+    # Something else on the port would pass the check below: refuse at once.
+    if bash -c "exec 3<>/dev/tcp/127.0.0.1/$port" 2>/dev/null; then
+        echo "fleet: port $port is taken" >&2
+        return 1
+    fi
+    mosquitto -c "$dir/mosquitto.conf" >>"$dir/broker.out" 2>&1 &
+    local pid=$!
+    echo "$pid" >"$dir/broker.pid"
+    # Up once it accepts TCP connections on its port, and it is this broker that does: one
+    # with this folder's CA and a controller's password (a broker that lost the port exits).
+    wait_for 100 bash -c "exec 3<>/dev/tcp/127.0.0.1/$port" 2>/dev/null && running "$pid" &&
+        "$(cat "$dir/build")/fleet/kepfleet" $(cat "$dir/ctl-admin.args") --host localhost -t 5 --no-progress \
+            --settle-ms 50 status >/dev/null 2>&1 || {
+        echo "fleet: the broker did not start; $dir/broker.log says:" >&2
+        tail -5 "$dir/broker.log" >&2 || true
+        return 1
+    }
+}
+
+# The device's host, its owner unless the agent owns the module, then its agent; each as
+# the device's user (nobody under root).
+start_device() {
+    local name=$1 d=$dir/$1 build as=()
+    build=$(cat "$dir/build")
+    [ ${#runas[@]} -gt 0 ] && as=(setpriv --reuid="${runas[0]}" --regid="$(id -g "${runas[0]}")" --clear-groups)
+    stop_pids "$d/agent.pid" "$d/ntpd.pid" "$d/kepd.pid"
+    KEP_RUNTIME_DIR=$d/run "${as[@]}" "$build/tools/kepd" -t 2 -m "$d/ntp.xml" >>"$d/kepd.log" 2>&1 &
+    echo $! >"$d/kepd.pid"
+    if ! grep -q '^simulate' "$d/agent.conf"; then
+        KEP_RUNTIME_DIR=$d/run "${as[@]}" "$build/examples/ntpd" "$d/ntp.xml" >>"$d/ntpd.log" 2>&1 &
+        echo $! >"$d/ntpd.pid"
+    fi
+    KEP_RUNTIME_DIR=$d/run "$build/fleet/kepagent" -c "$d/agent.conf" >>"$d/agent.log" 2>&1 &
+    echo $! >"$d/agent.pid"
+}
+
+write_broker_files() {
+    local port=$1
+    cat >"$dir/mosquitto.conf" <<CONF
+# Made by tools/fleet.sh. Nobody without a password; nobody reads or writes a topic
+# the ACL does not grant; TLS only, on loopback.
+per_listener_settings false
+allow_anonymous false
+password_file $dir/passwd
+acl_file $dir/acl
+persistence false
+max_packet_size 131072
+max_inflight_messages 20
+max_queued_messages 100
+max_keepalive 300
+log_dest file $dir/broker.log
+log_type error
+log_type warning
+log_type notice
+connection_messages true
+${runas:+user ${runas[0]}}
+# Listener options come after their listener line: before the first one, mosquitto
+# would open a default plain listener on port 1883 for them.
+listener $port 127.0.0.1
+# A client cannot take over another's session by naming its client id.
+use_username_as_clientid true
+# Small requests and answers go out at once, not after the peer's delayed acknowledgement.
+set_tcp_nodelay true
+cafile $dir/ca.pem
+certfile $dir/server.pem
+keyfile $dir/server.key
+tls_version tlsv1.2
+CONF
+    cat >"$dir/acl" <<'ACL'
+# Controllers: each writes requests under its own name only, reads the answers to
+# itself and every device's status.
+user ctl-admin
+topic write kep/+/request/ctl-admin
+topic read kep/+/response/ctl-admin
+topic read kep/+/status
+user ctl-view
+topic write kep/+/request/ctl-view
+topic read kep/+/response/ctl-view
+topic read kep/+/status
+user ctl-none
+topic write kep/+/request/ctl-none
+topic read kep/+/response/ctl-none
+topic read kep/+/status
+# Devices (patterns apply to every user; no controller is named as a device): each
+# reads its own requests, writes answers and its status under its own name only.
+pattern read kep/%u/request/+
+pattern write kep/%u/response/+
+pattern write kep/%u/status
+ACL
+}
+
+up() {
+    local n=$1 build=${2:-$root/build}
+    build=$(cd "$build" && pwd)
+    [ -x "$build/fleet/kepagent" ] && [ -x "$build/fleet/kepfleet" ] || { echo "fleet: build kepagent and kepfleet first ($build)" >&2; exit 1; }
+    [[ $n =~ ^[0-9]+$ ]] && [ "$n" -ge 1 ] && [ "$n" -le 9999 ] || { echo "fleet: N is 1 to 9999" >&2; exit 2; }
+    mkdir "$dir"  # a new folder: never writes into one that exists
+    dir=$(cd "$dir" && pwd)
+    # The model description names each device's file, at most 31 characters.
+    [ ${#dir} -le 16 ] || { echo "fleet: DIR must be a path of at most 16 characters (e.g. /tmp/kfXXXXXX)" >&2; exit 2; }
+    echo "$build" >"$dir/build"
+    chmod 711 "$dir"
+
+    # A CA and the broker's certificate for localhost and 127.0.0.1, valid two days.
+    openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 -subj /CN=fleet-ca \
+        -keyout "$dir/ca.key" -out "$dir/ca.pem" 2>/dev/null
+    openssl req -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -subj /CN=localhost \
+        -keyout "$dir/server.key" -out "$dir/server.csr" 2>/dev/null
+    printf 'subjectAltName=DNS:localhost,IP:127.0.0.1\n' >"$dir/san.ext"
+    openssl x509 -req -in "$dir/server.csr" -CA "$dir/ca.pem" -CAkey "$dir/ca.key" -CAcreateserial -days 2 \
+        -extfile "$dir/san.ext" -out "$dir/server.pem" 2>/dev/null
+    chmod 644 "$dir/ca.pem"
+
+    # Passwords: 32 hex digits each from the kernel's random source, hashed by mosquitto_passwd.
+    local users=(ctl-admin ctl-view ctl-none) i
+    for i in $(seq "$n"); do users+=("$(printf 'd%04d' "$i")"); done
+    local hex
+    hex=$(head -c $((16 * ${#users[@]})) /dev/urandom | od -An -tx1 -v | tr -d ' \n')
+    : >"$dir/passwd"
+    for i in "${!users[@]}"; do
+        local u=${users[$i]} pw=${hex:$((i * 32)):32}
+        printf '%s:%s\n' "$u" "$pw" >>"$dir/passwd"
+        if [[ $u == ctl-* ]]; then
+            printf '%s\n' "$pw" >"$dir/$u.password"
+        else
+            mkdir -m 700 "$dir/$u"
+            printf '%s\n' "$pw" >"$dir/$u/password"
+        fi
+    done
+    mosquitto_passwd -U "$dir/passwd"
+
+    cat >"$dir/rules.json" <<'RULES'
+{"operator": {"*": ["read", "write", "exec"]},
+ "viewer": {"*": ["read"]}}
+RULES
+    printf 'ctl-admin:operator\nctl-view:viewer\n' >"$dir/controllers.txt"
+
+    # A free port: the broker is tried on a few random ones.
+    local port started=0
+    for _ in 1 2 3 4 5; do
+        # Below the range the kernel picks clients' local ports from, which a listener cannot bind.
+        local low
+        low=$(cut -f1 /proc/sys/net/ipv4/ip_local_port_range 2>/dev/null || echo 32768)
+        [ "$low" -gt 11000 ] || low=32768
+        port=$((10000 + $(od -An -tu2 -N2 /dev/urandom) % (low - 10000)))
+        echo "$port" >"$dir/port"
+        write_broker_files "$port"
+        for u in ctl-admin ctl-view ctl-none; do
+            printf -- '--port %s --ca-file %s --user %s --password-file %s\n' "$port" "$dir/ca.pem" "$u" \
+                "$dir/$u.password" >"$dir/$u.args"
+        done
+        if [ ${#runas[@]} -gt 0 ]; then
+            touch "$dir/broker.log"
+            chown "${runas[0]}" "$dir/passwd" "$dir/acl" "$dir/server.key" "$dir/broker.log"
+            chmod 600 "$dir/passwd" "$dir/acl" "$dir/server.key"
+        fi
+        if start_broker 2>/dev/null; then started=1; break; fi
+    done
+    [ "$started" = 1 ] || { echo "fleet: the broker did not start; see $dir/broker.log" >&2; exit 1; }
+
+    for i in $(seq "$n"); do
+        local name d
+        name=$(printf 'd%04d' "$i")
+        d=$dir/$name
+        sed "s|@CONFDIR@|$d|" "$root/examples/ntpd/ntp.xml.in" >"$d/ntp.xml"
+        cat >"$d/agent.conf" <<CONF
+broker-host = localhost
+broker-port = $port
+ca-file = $dir/ca.pem
+device = $name
+password-file = $d/password
+rules = $dir/rules.json
+controllers = $dir/controllers.txt
+audit-log = $d/audit.log
+backoff-max = 5
+$([ "$i" -gt "${FLEET_REAL:-0}" ] && echo "simulate = $d/ntp.xml")
+${runas:+user = ${runas[0]}}
+CONF
+        mkdir -m 700 "$d/run"
+        [ ${#runas[@]} -gt 0 ] && chown -R "${runas[0]}" "$d"
+        start_device "$name"
+    done
+
+    # Up once every device says "online" on its status topic: 20 s, and 1 s more per 10 devices.
+    local until=$((SECONDS + 20 + n / 10)) online=0
+    while [ "$SECONDS" -lt "$until" ]; do
+        online=$("$build/fleet/kepfleet" $(cat "$dir/ctl-admin.args") --host localhost -t 5 status 2>/dev/null |
+            grep -c '"status":"online"' || true)
+        [ "$online" -ge "$n" ] && break
+        sleep 0.2
+    done
+    [ "$online" -ge "$n" ] || { echo "fleet: $online of $n devices online" >&2; exit 1; }
+    echo "fleet: broker on localhost:$port, $n devices online, files in $dir"
+}
+
+down() {
+    [ -f "$dir/port" ] || { echo "fleet: $dir is no fleet folder" >&2; exit 1; }
+    stop_pids "$dir"/d[0-9]*/*.pid
+    stop_pids "$dir/broker.pid"
+}
+
+case "$cmd" in
+up) up "${3:?N}" "${4:-}" ;;
+broker) dir=$(cd "$dir" && pwd); start_broker ;;
+device) dir=$(cd "$dir" && pwd); start_device "${3:?NAME}" ;;
+down) dir=$(cd "$dir" && pwd); down ;;
+*) sed -n '2,13p' "$0" >&2; exit 2 ;;
+esac
