@@ -6,7 +6,8 @@
 #   tools/dev.sh shots   deps + build + the README's screenshots of the web page (docs/page*.png)
 #   tools/dev.sh test    deps + format check, plain build and tests, a seeded sample of mutants
 #                        (tools/mutate/mutate.py), the unit tests under valgrind,
-#                        ASan+UBSan build and tests (the gateway's across processes in build-asan-gw),
+#                        ASan+UBSan build and tests (the gateway's and fleet's across processes in
+#                        build-asan-gw),
 #                        ThreadSanitizer run of the threaded tests, MIPS build and tests under
 #                        qemu (tools/cross-mips.sh), short fuzz runs
 # FUZZ_SECONDS (default 60) sets each fuzz target's run; 0 skips fuzzing. KEP_MIPS=0 skips MIPS.
@@ -118,10 +119,10 @@ test_all() {
     echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
     build build-asan -DKEP_SANITIZE=address,undefined -DKEP_BUILD_TOOLS=OFF
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 run_ctest build-asan -E '^abi\.'
-    echo "== AddressSanitizer + UndefinedBehaviorSanitizer: the gateway and change sets across real processes"
-    TARGETS="gateway_test gateway_policy_test changeset_test kepwebd kepd kepctl dhcpd sysd ntpd" \
+    echo "== AddressSanitizer + UndefinedBehaviorSanitizer: the gateway, change sets and fleet across real processes"
+    TARGETS="gateway_test gateway_policy_test changeset_test kepwebd kepd kepctl dhcpd sysd ntpd fleet_unit_test fleet_test kepagent kepfleet" \
         build build-asan-gw -DKEP_SANITIZE=address,undefined -DKEP_BUILD_TOOLS=ON
-    ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 run_ctest build-asan-gw -R '^(Gateway|ChangeSet)'
+    ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 run_ctest build-asan-gw -R '^(Gateway|ChangeSet|Fleet)'
     echo "== ThreadSanitizer (threaded tests; the host and owners run under it too)"
     TARGETS="config_test api_e2e_test platform_rpc_test api_request_test host_test owner_kit_test changeset_test kepd kepctl dhcpd sysd ntpd gateway_test kepwebd" \
         build build-tsan -DKEP_SANITIZE=thread -DKEP_BUILD_TOOLS=ON
