@@ -111,10 +111,13 @@ static void methodCallbacks(void) {
     CHECK_INT(registerMethodCb("/m/t/nope", KEP_METHOD_ADD, "cb", 1), -1);
 
     CHECK_INT(registerMethodCb("/m/t", KEP_METHOD_SET, "a", 1), 0);
-    CHECK_INT(unRegisterMethodCb("/m/t", KEP_METHOD_SET, "other", 99), 0); /* name and pid not compared */
+    CHECK_INT(unRegisterMethodCb("/m/t", KEP_METHOD_SET, "other", 0), 0); /* name and pid not compared */
     CHECK(t->methodCb[KEP_METHOD_SET] == NULL);
     CHECK_INT(unRegisterMethodCb("/m/t", KEP_METHOD_SET, "a", 1), -1);
     CHECK_INT(unRegisterMethodCb("/m/t/t_1", KEP_METHOD_DELETE, "del", 3), 0);
+    CHECK_INT(registerMethodCb("/m/t", KEP_METHOD_ADD, "add", 1), 0);
+    CHECK_INT(unRegisterMethodCb("/m/t", KEP_METHOD_ADD, "add", 1), 0);
+    CHECK(t->methodCb[KEP_METHOD_ADD] == NULL);
     CHECK(section(t, "t_1")->methodCb[KEP_METHOD_DELETE] == NULL);
     CHECK_INT(unRegisterMethodCb("/m/t", KEP_METHOD_ACTION, "a", 1), -1);
     CHECK_INT(unRegisterMethodCb("/m/zz", 0, "a", 1), -1);

@@ -189,6 +189,13 @@ TEST_F(ConfigStore, ReadsOfSectionsAndWholeTables) {
     store(R"({"time":{"settings":{"text":"s","value":1}}})");
     EXPECT_EQ(modelRead("/m/time", two, sizeof two), -1);
     EXPECT_EQ(read("/m/time/settings").value, 1);
+    // Of two nodes of one name a read by name takes the first; a read of the whole
+    // table, which would hand the one stored value out twice, fails.
+    store(kStored);
+    tree.section(named, "zone", recOpr());
+    Rec three[3];
+    EXPECT_EQ(modelRead("/m/time", three, sizeof three), -1);
+    EXPECT_STREQ(read("/m/time/zone").text, "z");
     for (const char *doc : {R"({"host":[]})", "not json", "[1,2]"}) {
         store(doc);
         EXPECT_EQ(modelRead("/m/time/settings", two, kRec), -1) << doc;
@@ -859,6 +866,27 @@ TEST_F(KeptDocument, ConcurrentStoreLandingFirstIsNotTakenForOnesOwn) {
     // The other store read this one's file: both changes are in it, and reads say so.
     EXPECT_EQ(read("/m/time/zone").value, 77);
     EXPECT_EQ(read("/m/host/host_1").value, 55);
+
+    // Once a store made beside the kept document is over (a reset, or a write while
+    // the document was held), it is read once, and what is stored after it is kept.
+    for (int kind = 0; kind < 2; kind++) {
+        SCOPED_TRACE(kind);
+        if (kind == 0) {
+            ASSERT_EQ(modelResetConfigFile(m), 0);
+        } else {
+            kep::ModuleDocument held(*m);
+            kep::ModuleDocument beside(*m);
+            ASSERT_TRUE(beside);
+            ASSERT_EQ(beside.store(), 0);
+        }
+        age(file);
+        reads();
+        Rec any;
+        modelRead("/m/time/zone", &any, kRec);
+        ASSERT_EQ(modelWrite("/m/time/zone", &mine, kRec), 0);
+        EXPECT_EQ(read("/m/time/zone").value, 55);
+        EXPECT_EQ(reads(), 1u);
+    }
 }
 
 TEST(ConfigEmptyTree, EveryEntryPointRefuses) {

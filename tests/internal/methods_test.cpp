@@ -59,6 +59,15 @@ TEST_F(MethodsTest, GetCountsEachTableByCountAllOrRows) {
               "\"error_code\":0}");
     EXPECT_EQ(run(kep::kepMethodGet, "{\"m\":{\"table\":[]}}"), 0);
     EXPECT_EQ(rsp, "{\"m\":{\"count\":null},\"error_code\":0}");
+    // A table without rows counts 0.
+    a.result = "{}";
+    EXPECT_EQ(run(kep::kepMethodGet, "{\"m\":{\"table\":\"a\"}}"), 0);
+    EXPECT_EQ(rsp, "{\"m\":{\"count\":{\"a\":0},\"a\":[]},\"error_code\":0}");
+    // The data key selects table mode by its first five characters.
+    kep::JsonPtr value(jsonParseStr("\"b\"")), request(jsonParseStr("{\"table\":\"b\"}"));
+    kep::JsonPtr out(jsonParseStr("{}"));
+    EXPECT_EQ(kep::getDataJson("m", "tables", value.get(), request.get(), out.get()), 0);
+    EXPECT_EQ(kep::getDataJson("m", "tabl", value.get(), request.get(), out.get()), -10100);
 }
 
 TEST_F(MethodsTest, GetSectionsAndItsFailures) {

@@ -259,6 +259,10 @@ TEST_F(Resolution, AFailedOwnerCallLeavesItsCauseToThisThread) {
     leases->opr.pid = -1;
     EXPECT_EQ(getSectionObjJson("m", "leases_1", out.out()), -1);
     EXPECT_EQ(lastFailure(), "-7004 0  m/leases_1");
+    // Process 0 is a process: it is asked (here it serves nothing).
+    leases->opr.pid = 0;
+    EXPECT_EQ(getSectionObjJson("m", "leases_1", out.out()), QXRPC_ERR_NO_PEER);
+    EXPECT_EQ(lastFailure(), std::to_string(QXRPC_ERR_NO_PEER) + " 0 leaseRead m/leases_1");
 }
 
 TEST_F(OpsTest, TransferTurnsSectionsIntoRows) {
@@ -353,6 +357,9 @@ TEST_F(OpsTest, RecordFromRequestMergesStoredValues) {
     EXPECT_EQ(modelReadFromReqObj("/m/sys/time", bad.get(), buf, sizeof buf), -1);
     EXPECT_EQ(modelReadFromReqObj("/m/sys/date", req.get(), buf, sizeof buf), -1);
     EXPECT_EQ(modelReadEx("/m/sys/time", req.get(), buf, 0), -1);
+    EXPECT_EQ(modelReadEx("/m/sys/time", req.get(), buf, 1), 4);  // a record may be one byte
+    EXPECT_EQ(modelReadFromReqObj(nullptr, req.get(), buf, sizeof buf), -1);
+    EXPECT_EQ(modelReadFromReqObj("/m/sys/time", nullptr, buf, sizeof buf), -1);
     for (const char *path : {"/m/sys/date", "/m/nosuch/time", "/m/sys", "/m/sys/"})
         EXPECT_EQ(modelReadEx(path, req.get(), buf, sizeof buf), -1) << path;
     unlink(path);

@@ -226,6 +226,7 @@ namespace {
 struct Mode {
     unsigned mode;
     gid_t gid;
+    uid_t uid;
 };
 
 // The mode and group that a store of path gives the file, after the file was given
@@ -240,7 +241,7 @@ Mode storedMode(const std::string &path, unsigned before) {
     EXPECT_EQ(jsonObjectToFile(path.c_str(), obj.get()), 0);
     struct stat st;
     EXPECT_EQ(stat(path.c_str(), &st), 0);
-    return {static_cast<unsigned>(st.st_mode & 07777), st.st_gid};
+    return {static_cast<unsigned>(st.st_mode & 07777), st.st_gid, st.st_uid};
 }
 
 // A group this process may give its files other than its own: any as root, else a
@@ -274,6 +275,7 @@ TEST(JsonFile, StoredFilesAreNeverWiderThanTheOwnersOrTheGroups) {
     Mode fresh = storedMode(path, 0);
     EXPECT_EQ(fresh.mode, 0640u);
     EXPECT_EQ(fresh.gid, static_cast<gid_t>(group));
+    EXPECT_EQ(fresh.uid, geteuid());  // the group is given, the owner stays
     const struct {
         unsigned before, after;
     } cases[] = {{0666, 0640}, {0660, 0640}, {0640, 0640}, {0620, 0600}, {0600, 0600}, {0400, 0600}};
@@ -282,6 +284,14 @@ TEST(JsonFile, StoredFilesAreNeverWiderThanTheOwnersOrTheGroups) {
         EXPECT_EQ(m.mode, c.after) << std::oct << c.before;
         EXPECT_EQ(m.gid, static_cast<gid_t>(group)) << std::oct << c.before;
     }
+    // What was there but is no regular file narrows nothing.
+    unlink(path.c_str());
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    kep::JsonPtr obj(jsonObjectFromString("{\"a\":1}"));
+    ASSERT_EQ(jsonObjectToFile(path.c_str(), obj.get()), 0);
+    struct stat st;
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0640u);
     // A process that may not give the group (not root, not a member) keeps its files
     // to itself.
     if (geteuid() == 0) {
@@ -485,6 +495,7 @@ TEST(JsonMatch, AgreesWithReadingTheTextBack) {
         R"("big":18446744073709551615,"top":9223372036854775807,"neg":-9223372036854775808,)"
         R"("exp":1e-7,"whole":2.0,"inf":-Infinity,"empty":{},"none":[],"u":"\u00e9t\u00e9"})",
         "[1,[2,[3,{}]],\"\"]",
+        R"(["a\u0000b"])",  // a string may hold a zero byte
         "\"x\"",
         "0",
         "-1.25",

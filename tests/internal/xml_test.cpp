@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "kep_xml.h"
+#include "log_capture.h"
 #include "xml/xml_internal.h"
 
 namespace {
@@ -197,6 +198,7 @@ TEST(XmlParse, RejectedInputs) {
         {"<a x y='1'/>"},
         {"<a x='1/>"},
         {"<a x='1' <b/>"},
+        {"<a <b='1'/>"},  // no attribute name begins a tag
         {"<a x='1' / >"},
         {"<a k=v=w/>"},  // an unquoted value ends at "="
         {"<a>&#[;</a>"},
@@ -289,6 +291,9 @@ TEST(XmlPool, RecordsGivenBackAreTakenFirst) {
     ASSERT_NE(x, nullptr);
     EXPECT_EQ(kep::mxmlParseStartElt(a, "c", &ctx), nullptr);  // both taken
 
+    kep::xmlNodeRelease(&ctx.pool, nullptr);  // nothing to give back
+    kep::xmlNodeRelease(nullptr, b);
+    EXPECT_EQ(a->firstChild, b);
     kep::xmlNodeRelease(&ctx.pool, b);
     EXPECT_EQ(a->firstChild, nullptr);
     EXPECT_EQ(a->lastChild, nullptr);
@@ -458,7 +463,9 @@ TEST(XmlPool, GrowingMovesAndFallsBack) {
         gFailAt = 2;  // the context is the first allocation, the reserved element block the second
         gReallocs = 0;
         gFailRealloc = failAt;
+        kep_test::LogCapture log;
         XmlDoc doc = parse(s);
+        EXPECT_FALSE(log.contains("malloc element mem")) << "a refused reserve is no failure";
         ASSERT_TRUE(doc);
         EXPECT_GE(gReallocs, failAt ? failAt : 2);
         // The context, the refused reserve and the first pool's two blocks: a pool that
