@@ -9,7 +9,7 @@
 # the rows of the report as they are, unless FUZZ_SUMMARY names it.
 # The mutation figures are those of the full run tools/mutate/mutate.py recorded
 # (MUTATE_RESULTS, default build-mutate/full-run.json); the run first:
-#   tools/mutate/mutate.py --seed 2026 --sample 360 --out build-mutate/full-run.json
+#   tools/mutate/mutate.py --seed 2027 --sample 300 --out build-mutate/full-run.json
 # and, once tests are written for its survivors,
 #   tools/mutate/mutate.py --recheck build-mutate/full-run.json
 set -euo pipefail
@@ -117,7 +117,7 @@ mutate_results=${MUTATE_RESULTS:-$root/build-mutate/full-run.json}
 if [ -s "$mutate_results" ]; then
     mutate_tables=$(python3 "$root/tools/mutate/mutate.py" --markdown "$mutate_results")
 else
-    mutate_tables="(no run recorded: \`tools/mutate/mutate.py --seed 2026 --sample 360 --out $mutate_results\` writes it)"
+    mutate_tables="(no run recorded: \`tools/mutate/mutate.py --seed 2027 --sample 300 --out $mutate_results\` writes it)"
 fi
 
 mkdir -p "$root/docs"
@@ -245,12 +245,15 @@ fail once on a busy machine), timed out when a test ran past its limit. The samp
 fixed by its seed; \`tools/dev.sh test\` runs a small one of its own (12 mutants, at
 least 90 % of those that build and are not judged equivalent killed).
 
-The last full run. Its survivors were then either killed by a test written for them
-(\`mutate.py --recheck\` ran them again against the sharpened suite: the second row)
-or listed in tools/mutate/equivalent.txt with the reason the plain suite cannot tell
-them from the source. That list says plainly which of them are memory errors that only
-the AddressSanitizer run would see. The score leaves the listed ones out; the raw score
-keeps them in.
+The last full run, of a seed no earlier survivor was chosen from. Its first row is
+what it scored with the equivalents known before it ran: what a new sample scores. Its
+survivors were then either killed by a test written for them (\`mutate.py --recheck\`
+ran them again against the sharpened suite: the last row) or listed in
+tools/mutate/equivalent.txt with the reason the plain suite cannot tell them from the
+source (the middle row counts the run against that list). The list says plainly which
+of them are memory errors that only the AddressSanitizer run would see, and which
+change what can be observed where no test can reach ("not killed", counted against the
+score). The score leaves the others out; the raw score keeps them in.
 
 $mutate_tables
 

@@ -523,7 +523,12 @@ def markdown_report(path, equivalent):
         when += f"; from mutant {part['after'] + 1} on `{part['commit']}`"
     when += f"), {run['minutes']} min"
     if first:
-        lines.append(row(f"seed {run['seed']}, the run", summarise(first["mutants"], equivalent), when))
+        if "summary" in first:
+            # What the run scored with the equivalents known before it: what a new seed
+            # scores.
+            lines.append(row(f"seed {run['seed']}, as the run scored it", first["summary"], when))
+        lines.append(row(f"seed {run['seed']}, the run, with today's list", summarise(first["mutants"], equivalent),
+                         when))
         lines.append(row("its survivors run again", summarise(run["mutants"], equivalent),
                          f"{first['recheck_date']} (`{first['recheck_commit']}`)"))
     else:
@@ -556,7 +561,8 @@ def markdown_report(path, equivalent):
 def record_recheck(path, run, results, commit, equivalent):
     """Puts what became of a run's survivors into its results, keeping the run's own
     outcomes under "first"."""
-    first = run.setdefault("first", {"mutants": [dict(r) for r in run["mutants"]]})
+    first = run.setdefault("first", {"mutants": [dict(r) for r in run["mutants"]],
+                                     "summary": dict(run["summary"])})
     first.update(recheck_commit=commit, recheck_date=time.strftime("%Y-%m-%d", time.gmtime()))
     again = {r["id"]: r for r in results}
     for i, r in enumerate(first["mutants"]):
