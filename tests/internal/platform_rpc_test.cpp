@@ -422,6 +422,8 @@ public:
             addr.sun_family = AF_UNIX;
             snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
             const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            // A file under this pid was left by a dead process that had the pid before.
+            unlink(path.c_str());
             if (bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 || listen(fd, 8) != 0 ||
                 write(ready[1], "r", 1) != 1)
                 _exit(1);
