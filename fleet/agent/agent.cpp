@@ -48,7 +48,7 @@ Agent::Agent(const Settings &s, keprules::Rules rules, std::map<std::string, std
       audit_(audit),
       cache_(s.cacheEntries, static_cast<int64_t>(s.cacheSeconds) * 1000),
       rate_(s.rate, s.burst),
-      backoffMs_(kFirstBackoffMs) {}
+      retry_(kFirstBackoffMs, static_cast<int64_t>(s.backoffMaxSeconds) * 1000) {}
 
 void Agent::audit(const char *format, ...) {
     char line[1024];
@@ -95,7 +95,7 @@ void Agent::onConnect(mosquitto *m, void *self, int rc, int, const mosquitto_pro
         return;
     }
     a->connected_ = true;
-    a->backoffMs_ = kFirstBackoffMs;
+    a->retry_.succeeded();
     const std::string requests = "kep/" + a->s_.device + "/request/+";
     const std::string status = kepfleet::statusTopic(a->s_.device);
     mosquitto_subscribe_v5(m, nullptr, requests.c_str(), 1, 0, nullptr);
@@ -114,19 +114,13 @@ void Agent::lost(int64_t now) {
     if (linked_) mosquitto_disconnect(mosq_.get());
     linked_ = false;
     // Growing and jittered, so that a fleet does not come back to a restarted broker at once.
-    nextAttempt_ = now + backoffMs_ / 2 + kepfleet::randomBelow(static_cast<uint32_t>(backoffMs_ / 2 + 1));
-    backoffMs_ = std::min<int64_t>(backoffMs_ * 2, static_cast<int64_t>(s_.backoffMaxSeconds) * 1000);
+    retry_.failed(now);
 }
 
 void Agent::step(int timeoutMs) {
     const int64_t now = kepfleet::monotonicMs();
     if (!linked_) {
-        if (now < nextAttempt_) {
-            const int64_t wait = std::min<int64_t>(timeoutMs, nextAttempt_ - now);
-            timespec ts{static_cast<time_t>(wait / 1000), static_cast<long>(wait % 1000) * 1000000L};
-            nanosleep(&ts, nullptr);
-            return;
-        }
+        if (!retry_.due(now, timeoutMs)) return;
         kepfleet::Properties props;
         mosquitto_property_add_int32(props.out(), MQTT_PROP_SESSION_EXPIRY_INTERVAL,
                                      static_cast<uint32_t>(s_.sessionSeconds));

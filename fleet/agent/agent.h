@@ -69,8 +69,7 @@ private:
     AnswerCache cache_;
     RateLimit rate_;
     bool connected_ = false, linked_ = false;
-    int64_t nextAttempt_ = 0;
-    int64_t backoffMs_;
+    kepfleet::Retry retry_;
 };
 
 }  // namespace kepagent

@@ -7,6 +7,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "kep_rules.h"
 
 namespace kepfleet {
@@ -107,6 +109,19 @@ int64_t monotonicMs() {
     timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+void Retry::failed(int64_t now) {
+    nextMs_ = now + waitMs_ / 2 + randomBelow(static_cast<uint32_t>(waitMs_ / 2 + 1));
+    waitMs_ = std::min(waitMs_ * 2, maxMs_);
+}
+
+bool Retry::due(int64_t now, int timeoutMs) const {
+    if (now >= nextMs_) return true;
+    const int64_t wait = std::min<int64_t>(timeoutMs, nextMs_ - now);
+    timespec ts{static_cast<time_t>(wait / 1000), static_cast<long>(wait % 1000) * 1000000L};
+    nanosleep(&ts, nullptr);
+    return false;
 }
 
 uint32_t randomBelow(uint32_t bound) {

@@ -80,6 +80,24 @@ int64_t monotonicMs();
 // A uniformly random number below bound (bound > 0), from the kernel's random source.
 uint32_t randomBelow(uint32_t bound);
 
+// When a client tries its broker again: the wait doubles after each failure up to a
+// limit, and is jittered, so that many clients that lost one broker do not come back
+// at once.
+class Retry {
+public:
+    Retry(int64_t firstMs, int64_t maxMs) : firstMs_(firstMs), maxMs_(maxMs), waitMs_(firstMs) {}
+    // A failure at now: the next attempt is due between half the wait and the wait later.
+    void failed(int64_t now);
+    // Connected: the next failure waits the first wait again.
+    void succeeded() { waitMs_ = firstMs_; }
+    // Whether an attempt is due at now; when not, sleeps towards it for timeoutMs at most.
+    bool due(int64_t now, int timeoutMs) const;
+
+private:
+    int64_t firstMs_, maxMs_, waitMs_;
+    int64_t nextMs_ = 0;
+};
+
 }  // namespace kepfleet
 
 #endif

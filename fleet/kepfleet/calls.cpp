@@ -13,13 +13,6 @@
 #include "mqtt_protocol.h"
 
 namespace kepfleet {
-namespace {
-
-// A command waiting for its broker: tries again within a second, however long it waits.
-constexpr int64_t kMaxBackoffMs = 1000;
-
-}  // namespace
-
 Controller::~Controller() {
     if (mosq_ && linked_) {
         mosquitto_disconnect_v5(mosq_.get(), 0, nullptr);
@@ -36,7 +29,7 @@ void Controller::onConnect(mosquitto *m, void *self, int rc, int, const mosquitt
         return;
     }
     c->connected_ = true;
-    c->backoffMs_ = 200;
+    c->retry_.succeeded();
     const std::string responses = "kep/+/response/" + c->s_.user;
     mosquitto_subscribe_v5(m, &c->subscribeMid_, responses.c_str(), 1, 0, nullptr);
     if (c->collectStatus_) mosquitto_subscribe_v5(m, nullptr, "kep/+/status", 1, 0, nullptr);
@@ -81,16 +74,10 @@ void Controller::onMessage(mosquitto *, void *self, const mosquitto_message *msg
 void Controller::pump(int timeoutMs) {
     const int64_t now = monotonicMs();
     if (!linked_) {
-        if (now < nextAttempt_) {
-            const int64_t wait = std::min<int64_t>(timeoutMs, nextAttempt_ - now);
-            timespec ts{static_cast<time_t>(wait / 1000), static_cast<long>(wait % 1000) * 1000000L};
-            nanosleep(&ts, nullptr);
-            return;
-        }
+        if (!retry_.due(now, timeoutMs)) return;
         if (mosquitto_connect_bind_v5(mosq_.get(), s_.host.c_str(), s_.port, s_.keepalive, nullptr,
                                       nullptr) != MOSQ_ERR_SUCCESS) {
-            nextAttempt_ = now + backoffMs_ / 2 + randomBelow(static_cast<uint32_t>(backoffMs_ / 2 + 1));
-            backoffMs_ = std::min<int64_t>(backoffMs_ * 2, kMaxBackoffMs);
+            retry_.failed(now);
             return;
         }
         linked_ = true;
@@ -98,9 +85,7 @@ void Controller::pump(int timeoutMs) {
     if (mosquitto_loop(mosq_.get(), timeoutMs, 1) != MOSQ_ERR_SUCCESS) {
         connected_ = subscribed_ = linked_ = false;
         mosquitto_disconnect(mosq_.get());
-        nextAttempt_ =
-            monotonicMs() + backoffMs_ / 2 + randomBelow(static_cast<uint32_t>(backoffMs_ / 2 + 1));
-        backoffMs_ = std::min<int64_t>(backoffMs_ * 2, kMaxBackoffMs);
+        retry_.failed(monotonicMs());
     }
 }
 

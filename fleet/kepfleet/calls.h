@@ -57,7 +57,9 @@ private:
     Mosq mosq_;
     bool connected_ = false, subscribed_ = false, linked_ = false, refused_ = false;
     int subscribeMid_ = -1;
-    int64_t nextAttempt_ = 0, backoffMs_ = 200;
+    // A command waiting for its broker tries again within a second, however long it waits.
+    static constexpr int64_t kFirstRetryMs = 200, kMaxRetryMs = 1000;
+    Retry retry_{kFirstRetryMs, kMaxRetryMs};
     std::map<std::string, Pending> pending_;  // by correlation data
     std::vector<Outcome> finished_;
     std::map<std::string, std::string> statuses_;

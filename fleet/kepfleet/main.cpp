@@ -54,12 +54,12 @@ bool isPattern(const std::string &s) {
 }
 
 // The names of a list or a file; false after saying why.
-bool namesOf(const std::string &spec, std::vector<std::string> *out) {
-    std::string text = spec;
+bool namesOf(const std::string &devicesArg, std::vector<std::string> *out) {
+    std::string text = devicesArg;
     char separator = ',';
-    if (!spec.empty() && spec[0] == '@') {
-        if (!readSmallFile(spec.substr(1), &text, kMaxDevices * (kMaxId + 2))) {
-            fprintf(stderr, "kepfleet: cannot read %s (or it is too long)\n", spec.c_str() + 1);
+    if (!devicesArg.empty() && devicesArg[0] == '@') {
+        if (!readSmallFile(devicesArg.substr(1), &text, kMaxDevices * (kMaxId + 2))) {
+            fprintf(stderr, "kepfleet: cannot read %s (or it is too long)\n", devicesArg.c_str() + 1);
             return false;
         }
         separator = '\n';
@@ -207,7 +207,7 @@ int main(int argc, char **argv) {
     }
     std::string request;
     std::vector<std::string> devices;
-    const std::string spec = rest >= 1 ? argv[optind + 1] : "*";
+    const std::string devicesArg = rest >= 1 ? argv[optind + 1] : "*";
     if (command == "call") {
         request = argv[optind + 2];
         if (!request.empty() && request[0] == '@' &&
@@ -217,7 +217,7 @@ int main(int argc, char **argv) {
             return 2;
         }
         if (request.size() > kMaxRequest) return fprintf(stderr, "kepfleet: the request is too long\n"), 2;
-        if (!isPattern(spec) && !namesOf(spec, &devices)) return 2;
+        if (!isPattern(devicesArg) && !namesOf(devicesArg, &devices)) return 2;
     }
 
     mosquitto_lib_init();
@@ -230,10 +230,10 @@ int main(int argc, char **argv) {
         }
         std::vector<Outcome> outcomes;
         std::map<std::string, std::string> known;
-        if (command == "status" || isPattern(spec)) {
+        if (command == "status" || isPattern(devicesArg)) {
             known = c.statuses(static_cast<int>(settle), static_cast<int>(timeout) * 1000);
             for (auto it = known.begin(); it != known.end();)
-                it = fnmatch(spec.c_str(), it->first.c_str(), 0) == 0 ? std::next(it) : known.erase(it);
+                it = fnmatch(devicesArg.c_str(), it->first.c_str(), 0) == 0 ? std::next(it) : known.erase(it);
         }
         if (command == "status") {
             size_t online = 0;
@@ -243,7 +243,7 @@ int main(int argc, char **argv) {
             }
             printf("{\"summary\":{\"online\":%zu,\"offline\":%zu}}\n", online, known.size() - online);
         } else {
-            if (isPattern(spec)) {
+            if (isPattern(devicesArg)) {
                 for (const auto &k : known) {
                     if (k.second == "online") {
                         devices.push_back(k.first);
