@@ -184,7 +184,16 @@ int main(int argc, char **argv) {
             fprintf(stderr, "kepagent: cannot own the simulated module of %s\n", s.simulate.c_str());
             return 1;
         }
+        // A simulated device says "online" only once its host answers for its module: a
+        // controller that sees it online never gets the host's "no owner" instead.
+        bool ready = s.simulate.empty();
         while (!gStop) {
+            if (!ready) {
+                simulatedPoll();
+                ready = simulatedAnswers();
+                if (!ready) usleep(100 * 1000);
+                continue;
+            }
             // A signal ends the wait early; idle, a device wakes once a second.
             agent.step(1000);
             if (!s.simulate.empty()) simulatedPoll();

@@ -3,7 +3,9 @@
 #include "simulated.h"
 
 #include <json-c/json.h>
+#include <stdlib.h>
 
+#include "kep_host.h"
 #include "kep_owner.h"
 
 typedef struct Settings {
@@ -55,4 +57,17 @@ void simulatedPoll(void) {
 
 void simulatedStop(void) {
     kepOwnerStop();
+}
+
+int simulatedAnswers(void) {
+    char *response = NULL;
+    int answers = 0;
+    if (kepHostRequest("{\"method\":\"get\",\"ntp\":{\"table\":\"settings\"}}", &response) == 0) {
+        json_object *doc = json_tokener_parse(response);
+        json_object *code = NULL;
+        answers = json_object_object_get_ex(doc, "error_code", &code) && json_object_get_int(code) == 0;
+        json_object_put(doc);
+    }
+    free(response);
+    return answers;
 }

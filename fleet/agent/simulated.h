@@ -13,6 +13,9 @@ extern "C" {
 int simulatedStart(const char *modelFile);
 /* Sends the notifications waiting and registers with a host that started since. */
 void simulatedPoll(void);
+/* 1 once the device's host answers a read of the module, which it does only after the
+ * kit has registered it there (on a poll after the host comes up); else 0. */
+int simulatedAnswers(void);
 void simulatedStop(void);
 
 #ifdef __cplusplus
