@@ -13,6 +13,10 @@
 # ctl-none (a broker account without a role on the devices). kepfleet's options for
 # one of them: $(cat DIR/ctl-admin.args). Started as root, the broker and the agents
 # run as nobody. Every wait is bounded; exits nonzero when something did not come up.
+# FLEET_FLOOR=M also makes broker accounts f0001..fM, under the devices' ACL, with
+# their passwords in DIR/floor.passwords, for the benchmark's broker floor.
+# FLEET_QUEUE (100) is the broker's max_queued_messages: what it holds for a client
+# beyond the 20 in flight, so at least the answers a controller awaits at once.
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -104,7 +108,7 @@ acl_file $dir/acl
 persistence false
 max_packet_size 131072
 max_inflight_messages 20
-max_queued_messages 100
+max_queued_messages ${FLEET_QUEUE:-100}
 max_keepalive 300
 log_dest file $dir/broker.log
 log_type error
@@ -172,6 +176,7 @@ up() {
     # Passwords: 32 hex digits each from the kernel's random source, hashed by mosquitto_passwd.
     local users=(ctl-admin ctl-view ctl-none) i
     for i in $(seq "$n"); do users+=("$(printf 'd%04d' "$i")"); done
+    for i in $(seq "${FLEET_FLOOR:-0}"); do users+=("$(printf 'f%04d' "$i")"); done
     local hex
     hex=$(head -c $((16 * ${#users[@]})) /dev/urandom | od -An -tx1 -v | tr -d ' \n')
     : >"$dir/passwd"
@@ -180,6 +185,8 @@ up() {
         printf '%s:%s\n' "$u" "$pw" >>"$dir/passwd"
         if [[ $u == ctl-* ]]; then
             printf '%s\n' "$pw" >"$dir/$u.password"
+        elif [[ $u == f* ]]; then
+            printf '%s:%s\n' "$u" "$pw" >>"$dir/floor.passwords"
         else
             mkdir -m 700 "$dir/$u"
             printf '%s\n' "$pw" >"$dir/$u/password"

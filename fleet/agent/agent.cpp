@@ -1,5 +1,6 @@
 #include "agent.h"
 
+#include <errno.h>
 #include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
@@ -132,13 +133,23 @@ void Agent::step(int timeoutMs) {
         const int rc = mosquitto_connect_bind_v5(mosq_.get(), s_.broker.host.c_str(), s_.broker.port,
                                                  s_.broker.keepalive, nullptr, props.get());
         if (rc != MOSQ_ERR_SUCCESS) {
+            cannotConnect(rc);
             lost(kepfleet::monotonicMs());
             return;
         }
         linked_ = true;
     }
     const int rc = mosquitto_loop(mosq_.get(), timeoutMs, 1);
-    if (rc != MOSQ_ERR_SUCCESS && linked_) lost(kepfleet::monotonicMs());
+    if (rc != MOSQ_ERR_SUCCESS && linked_) {
+        if (!connected_) cannotConnect(rc);
+        lost(kepfleet::monotonicMs());
+    }
+}
+
+// One line per failed attempt; the back-off bounds how many a broker that is down costs.
+void Agent::cannotConnect(int rc) const {
+    fprintf(stderr, "kepagent: cannot connect to %s:%d: %s\n", s_.broker.host.c_str(), s_.broker.port,
+            rc == MOSQ_ERR_ERRNO ? strerror(errno) : mosquitto_strerror(rc));
 }
 
 void Agent::stop(int timeoutMs) {

@@ -59,6 +59,7 @@ private:
     std::string refusal(int code, const std::string &why);
     void audit(const char *format, ...) __attribute__((format(printf, 2, 3)));
     void lost(int64_t now);
+    void cannotConnect(int rc) const;
 
     Settings s_;
     keprules::Rules rules_;
