@@ -98,6 +98,12 @@ TARGETS = {
     "monitor": ("host: get with a stopped watcher / nobody watching, p50", "max", 1.1, 2, ""),
     "changeset": ("change set over 3 modules with a 1,000-section table: (snapshot + rollback) / "
                   "the tables it names read and written once through the host", "max", 1.0, 2, ""),
+    "fleet_get": ("fleet: a get to {} devices, time until the last answer / the broker floor's", "max", 3, 2, ""),
+    "fleet_set": ("fleet: a set to {} devices, files not changed after it", "max", 0, 0, ""),
+    "fleet_restart": ("fleet: broker restart under {} agents, all back and answering / the floor's "
+                      "windowed connect", "max", 2, 2, ""),
+    "fleet_restart_failed": ("fleet: broker restart under {} agents, failed connections", "max", 0, 0, ""),
+    "fleet_share": ("fleet: the agent's share of a round trip / the direct route, p50", "max", 1.2, 2, ""),
 }
 
 
@@ -759,6 +765,130 @@ if cs:
         out()
         target("changeset", (snap + back) / (us(floor) / 1000),
                f"({snap:.2f} + {back:.2f}) / {us(floor) / 1000:.2f} ms; the four requests plain {us(plain) / 1000:.2f} ms")
+
+# ---------------------------------------------------------------- 11. the fleet
+fl = load("fleet")
+if fl:
+    def fleet_run(prefix):
+        """Runs of a kind by device count, e.g. fleet/agents/get -> {1000: run}."""
+        found = {}
+        for name, run in fl.items():
+            mt = re.match(re.escape(prefix) + r"/devices:(\d+)(/|$)", name)
+            if mt:
+                found[int(mt.group(1))] = run
+        return found
+
+    floor, floor_kf, agents = fleet_run("fleet/floor/get"), fleet_run("fleet/floor_kepfleet/get"), fleet_run("fleet/agents/get")
+    out("## 11. The fleet over MQTT")
+    out()
+    out("One Mosquitto broker on loopback (TLS 1.2+, a password per client, the ACL of docs/FLEET.md, QoS 1) made by "
+        "`tools/fleet.sh`, serving three kinds of device in the same run. The agents: simulated devices, each its "
+        "own kepd and `kepagent --simulate` owning the ntp module (d0001 runs as a real device: kepd, ntpd and an "
+        "agent over the direct route). The floor: `kep_fleet_floor`, a libmosquitto program of the project's own "
+        "whose every device is one connection with its own password under the same ACL, answering each request "
+        "with fixed bytes of the agents' answer size on the request's response topic; asked by a bare libmosquitto "
+        "controller publishing every request at once, with the agents stopped (SIGSTOP) so that their idle work "
+        "does not weigh on the floor. The same floor asked by kepfleet's controller shows the controller's own "
+        "share. The agents are asked by kepfleet's controller with every request in flight at once (`-k` = the "
+        "device count): a get of the ntp server table. Each row is the worst of 5 calls for the last answer, "
+        "and p50/p99 over all of them.")
+    out()
+    out("| devices | floor: last answer ms | p50 / p99 ms | kepfleet on the floor: last ms | agents: last answer ms "
+        "| p50 / p99 ms | messages/s through the broker | no answer | agents / floor |")
+    out("|---|---|---|---|---|---|---|---|---|")
+    for n in sorted(set(floor) | set(agents)):
+        f, k, a = floor.get(n), floor_kf.get(n), agents.get(n)
+        cells = [f"{n:,}"]
+        cells += [fmt(f["last_ms"]), f"{fmt(f['p50_ms'])} / {fmt(f['p99_ms'])}"] if f else ["–", "–"]
+        cells += [fmt(k["last_ms"]) if k else "–"]
+        if a:
+            cells += [fmt(a["last_ms"]), f"{fmt(a['p50_ms'])} / {fmt(a['p99_ms'])}",
+                      f"{a['messages_per_s']:,.0f}", f"{a['no_answer'] + a['errors']:.0f}"]
+        else:
+            cells += ["not run", "–", f"{f['messages_per_s']:,.0f} (floor)" if f else "–", "–"]
+        cells += [f"{a['last_ms'] / f['last_ms']:.2f}" if a and f else "–"]
+        out("| " + " | ".join(cells) + " |")
+        if a and f:
+            target("fleet_get", a["last_ms"] / f["last_ms"],
+                   f"{a['last_ms']:.0f} / {f['last_ms']:.0f} ms; p50 {a['p50_ms']:.0f} / {f['p50_ms']:.0f} ms; "
+                   f"{a['no_answer']:.0f} unanswered, {a['errors']:.0f} errors", f"{n:,}")
+    out()
+    biggest = max(agents) if agents else None
+    if biggest and biggest < max(floor, default=0):
+        out(f"The agents were run up to {biggest:,} devices; see \"The fleet\" under \"Where the time goes\" for "
+            "where a larger fleet on this machine breaks.")
+        out()
+    st = fleet_run("fleet/agents/set")
+    for n, run in st.items():
+        out(f"A set of the ntp settings to all {n:,} devices (3 calls, all in flight): {fmt(us(run) / 1000)} ms "
+            f"a call; {run['errors']:.0f} errors, {run['no_answer']:.0f} unanswered; afterwards "
+            f"{run['files_right']:.0f} of {n:,} devices' files held the last value.")
+        out()
+        target("fleet_set", n - run["files_right"], f"{run['files_right']:.0f} of {n:,} files right", f"{n:,}")
+    rtf, rta, direct = (fl.get(k) for k in ("fleet/round_trip/floor", "fleet/round_trip/agent", "fleet/direct_route"))
+    if rtf and rta and direct:
+        share = rta["p50_us"] - rtf["p50_us"]
+        out("One device asked at a time by kepfleet's controller (300 requests each): a floor device, and d0001, "
+            "whose agent serves the get over the direct route. The agent's share of the round trip is the "
+            "difference; beside it, the same get over the direct route alone, from a process of the device's user.")
+        out()
+        out("| | p50 µs | p99 µs |")
+        out("|---|---|---|")
+        for label, run in (("round trip, floor device", rtf), ("round trip, agent (d0001)", rta),
+                           ("direct route alone", direct)):
+            out(f"| {label} | {fmt(run['p50_us'])} | {fmt(run['p99_us'])} |")
+        out(f"| the agent's share (agent − floor) | {fmt(share)} | |")
+        out()
+        target("fleet_share", share / direct["p50_us"],
+               f"({rta['p50_us']:.0f} − {rtf['p50_us']:.0f}) / {direct['p50_us']:.1f} µs")
+    windowed = {int(re.search(r"window:(\d+)", k).group(1)): v for k, v in fl.items()
+                if k.startswith("fleet/floor/connect/")}
+    whole = next((v for k, v in fl.items() if k.startswith("fleet/floor/connect_all/")), None)
+    if whole:
+        mt = re.search(r"devices:(\d+)", next(k for k in fl if k.startswith("fleet/floor/connect_all/")))
+        out(f"The floor's {int(mt.group(1)):,} devices connecting 100 at a time: {fmt(us(whole) / 1000)} ms, "
+            f"{whole['failed']:.0f} failed.")
+        out()
+    rs = fleet_run("fleet/agents/broker_restart")
+    if windowed:
+        out("| 1,000 floor devices connecting | ms | connections | failed |")
+        out("|---|---|---|---|")
+        for w in sorted(windowed):
+            run = windowed[w]
+            out(f"| {w} at a time | {fmt(us(run) / 1000)} | {run['connected'] + run['failed']:,.0f} | "
+                f"{run['failed']:.0f} |")
+        out()
+    for n, run in rs.items():
+        out(f"The broker stopped (SIGTERM) and started again under {n:,} agents. It listened "
+            f"{fmt(run['listen_ms'])} ms after it was started; from then, all agents said \"online\" again after "
+            f"{fmt(run['online_ms'])} ms and all had answered a get after {fmt(run['answered_ms'])} ms "
+            f"({run['no_answer']:.0f} unanswered); {run['failed_connections']:.0f} connection attempts "
+            "failed once the broker listened (the agents' logs and the broker's).")
+        out()
+        base = windowed.get(100)
+        if base:
+            target("fleet_restart", run["answered_ms"] / (us(base) / 1000),
+                   f"{run['answered_ms']:.0f} / {us(base) / 1000:.0f} ms", f"{n:,}")
+        target("fleet_restart_failed", run["failed_connections"], "", f"{n:,}")
+    mem = fl.get("fleet/memory/iterations:1") or next((v for k, v in fl.items() if k.startswith("fleet/memory")), None)
+    if mem:
+        dev = mem["agent_Private_Dirty_kB"] + mem["kepd_Private_Dirty_kB"]
+        out("Memory of a simulated device, the mean over the devices (`/proc/PID/smaps_rollup`, KiB):")
+        out()
+        out("| process | RSS | PSS | private dirty |")
+        out("|---|---|---|---|")
+        for what in ("agent", "kepd"):
+            out(f"| {'kepagent --simulate' if what == 'agent' else 'kepd'} | {fmt(mem[what + '_Rss_kB'], 0)} | "
+                f"{fmt(mem[what + '_Pss_kB'], 0)} | {fmt(mem[what + '_Private_Dirty_kB'], 0)} |")
+        out(f"| a device | {fmt(mem['agent_Rss_kB'] + mem['kepd_Rss_kB'], 0)} | "
+            f"{fmt(mem['agent_Pss_kB'] + mem['kepd_Pss_kB'], 0)} | {fmt(dev, 0)} |")
+        out()
+    idle = next((v for k, v in fl.items() if k.startswith("fleet/idle_cpu")), None)
+    if idle:
+        per = idle["agent_ms_per_s"] + idle["kepd_ms_per_s"]
+        out(f"Idle, over 10 s with nobody asking: {per:.2f} ms of CPU a second per device (kepagent with the kit "
+            f"{idle['agent_ms_per_s']:.2f}, kepd {idle['kepd_ms_per_s']:.2f}), so {per:.2f} CPUs per 1,000 devices.")
+        out()
 
 # ---------------------------------------------------------------- summary and notes
 head = ["## Targets", "", "| target | measured | limit | result | detail |", "|---|---|---|---|---|"]

@@ -32,6 +32,8 @@ cmake --build "$build" -j2 --target kepHandle kepd dhcpd kepctl kep_bench_e2e ke
 # The gateway's benchmark needs libmicrohttpd and libcurl; the report says so when it is missing.
 cmake --build "$build" -j2 --target kep_bench_gateway >/dev/null 2>&1 ||
     echo "bench-report: kep_bench_gateway not built (libmicrohttpd-dev, libcurl4-gnutls-dev?)" >&2
+cmake --build "$build" -j2 --target kep_bench_fleet >/dev/null 2>&1 ||
+    echo "bench-report: kep_bench_fleet not built (libmosquitto-dev, libssl-dev?)" >&2
 
 rm -rf "$results"
 mkdir -p "$results"
@@ -106,6 +108,15 @@ if command -v hyperfine >/dev/null; then
     rm -rf "$cli"
 else
     echo "bench-report: hyperfine not installed: kepctl's cost per call is left out" >&2
+fi
+
+# The fleet through one broker against its floor, once: each benchmark sets its own
+# calls, and starting 1,000 devices takes minutes. KEP_FLEET_DEVICES and KEP_FLEET_FLOOR
+# size it (1000 and 10000).
+if [ -x "$build/bench/kep_bench_fleet" ] && command -v mosquitto >/dev/null; then
+    run fleet fleet --benchmark_repetitions=1
+else
+    echo "bench-report: the fleet's benchmark is left out (kep_bench_fleet, mosquitto)" >&2
 fi
 
 echo "== footprint"

@@ -30,6 +30,8 @@ packages+=(hyperfine)
 # The fleet over MQTT: libmosquitto for kepagent and kepfleet; the broker and
 # mosquitto_passwd for tools/fleet.sh and the fleet's tests (certificates: openssl).
 packages+=(libmosquitto-dev mosquitto)
+# The fleet benchmark's broker floor drives libmosquitto's TLS by hand (SSL_pending).
+packages+=(libssl-dev)
 
 deps() {
     local missing=()
