@@ -13,6 +13,11 @@
 #include "mqtt_protocol.h"
 
 namespace kepfleet {
+
+// The retained statuses at QoS 0: at QoS 1 the broker sends a client 20 unacknowledged
+// and holds max_queued_messages more, and drops the rest of a fleet's statuses.
+constexpr int kStatusQos = 0;
+
 Controller::~Controller() {
     if (mosq_ && linked_) {
         mosquitto_disconnect_v5(mosq_.get(), 0, nullptr);
@@ -32,7 +37,7 @@ void Controller::onConnect(mosquitto *m, void *self, int rc, int, const mosquitt
     c->retry_.succeeded();
     const std::string responses = "kep/+/response/" + c->s_.user;
     mosquitto_subscribe_v5(m, &c->subscribeMid_, responses.c_str(), 1, 0, nullptr);
-    if (c->collectStatus_) mosquitto_subscribe_v5(m, nullptr, "kep/+/status", 1, 0, nullptr);
+    if (c->collectStatus_) mosquitto_subscribe_v5(m, nullptr, "kep/+/status", kStatusQos, 0, nullptr);
 }
 
 void Controller::onSubscribe(mosquitto *, void *self, int mid, int, const int *, const mosquitto_property *) {
@@ -124,7 +129,7 @@ std::map<std::string, std::string> Controller::statuses(int settleMs, int maxMs)
     collectStatus_ = true;
     statuses_.clear();
     lastStatus_ = monotonicMs();
-    mosquitto_subscribe_v5(mosq_.get(), nullptr, "kep/+/status", 1, 0, nullptr);
+    mosquitto_subscribe_v5(mosq_.get(), nullptr, "kep/+/status", kStatusQos, 0, nullptr);
     // Retained messages carry no end marker: they are all there once none came for a while.
     waitFor([this, settleMs] { return monotonicMs() - lastStatus_ >= settleMs; }, maxMs);
     mosquitto_unsubscribe(mosq_.get(), nullptr, "kep/+/status");
