@@ -230,6 +230,10 @@ RULES
     done
     [ "$started" = 1 ] || { echo "fleet: the broker did not start; see $dir/broker.log" >&2; exit 1; }
 
+    # After a broker restart the devices come back spread over the longest wait: a window
+    # in which the broker takes them all (it connects about 500 TLS clients a second here).
+    local backoff=$(((n + 499) / 500))
+    [ "$backoff" -ge 2 ] || backoff=2
     for i in $(seq "$n"); do
         local name d
         name=$(printf 'd%04d' "$i")
@@ -244,7 +248,7 @@ password-file = $d/password
 rules = $dir/rules.json
 controllers = $dir/controllers.txt
 audit-log = $d/audit.log
-backoff-max = 5
+backoff-max = $backoff
 $([ "$i" -gt "${FLEET_REAL:-0}" ] && echo "simulate = $d/ntp.xml")
 ${runas:+user = ${runas[0]}}
 CONF
