@@ -617,10 +617,10 @@ int main(int argc, char **argv) {
     benchmark::RegisterBenchmark("fleet/agents/set", agentsSet)->Arg(g.devices)->ArgName("devices")->Iterations(3)
         ->UseManualTime()->Unit(kMillisecond);
     benchmark::RegisterBenchmark("fleet/round_trip/floor", [](benchmark::State &s) { roundTrip(s, "f0001"); })
-        ->Iterations(300)->Unit(kMicrosecond);
+        ->Iterations(1000)->Unit(kMicrosecond);
     benchmark::RegisterBenchmark("fleet/round_trip/agent", [](benchmark::State &s) { roundTrip(s, "d0001"); })
-        ->Iterations(300)->Unit(kMicrosecond);
-    benchmark::RegisterBenchmark("fleet/direct_route", directRoute)->Iterations(300)->UseManualTime()->Unit(kMicrosecond);
+        ->Iterations(1000)->Unit(kMicrosecond);
+    benchmark::RegisterBenchmark("fleet/direct_route", directRoute)->Iterations(1000)->UseManualTime()->Unit(kMicrosecond);
     benchmark::RegisterBenchmark("fleet/memory", memory)->Iterations(1);
     benchmark::RegisterBenchmark("fleet/idle_cpu", idleCpu)->Iterations(1)->Unit(kMillisecond);
     // The floor's connects last: they take the floor's own devices down.
