@@ -15,6 +15,8 @@
 # run as nobody. Every wait is bounded; exits nonzero when something did not come up.
 # FLEET_FLOOR=M also makes broker accounts f0001..fM, under the devices' ACL, with
 # their passwords in DIR/floor.passwords, for the benchmark's broker floor.
+# FLEET_CERTS=K: the last K devices log in with a client certificate (CN = the device's
+# name, the broker's user name) on a second listener, DIR/cert-port, that takes nothing else.
 # FLEET_QUEUE (100) is the broker's max_queued_messages: what it holds for a client
 # beyond the 20 in flight, so at least the answers a controller awaits at once.
 set -euo pipefail
@@ -66,11 +68,14 @@ start_broker() {
     stop_pids "$dir/broker.pid"
     local port
     port=$(cat "$dir/port")
-    # Something else on the port would pass the check below: refuse at once.
-    if bash -c "exec 3<>/dev/tcp/127.0.0.1/$port" 2>/dev/null; then
-        echo "fleet: port $port is taken" >&2
-        return 1
-    fi
+    # Something else on a port would pass the check below: refuse at once.
+    local p
+    for p in "$port" $(cat "$dir/cert-port" 2>/dev/null); do
+        if bash -c "exec 3<>/dev/tcp/127.0.0.1/$p" 2>/dev/null; then
+            echo "fleet: port $p is taken" >&2
+            return 1
+        fi
+    done
     mosquitto -c "$dir/mosquitto.conf" >>"$dir/broker.out" 2>&1 &
     local pid=$!
     echo "$pid" >"$dir/broker.pid"
@@ -129,6 +134,20 @@ listener $port 127.0.0.1
 use_username_as_clientid true
 # Small requests and answers go out at once, not after the peer's delayed acknowledgement.
 set_tcp_nodelay true
+cafile $dir/ca.pem
+certfile $dir/server.pem
+keyfile $dir/server.key
+tls_version tlsv1.2
+CONF
+    [ "${FLEET_CERTS:-0}" -gt 0 ] || return 0
+    cat >>"$dir/mosquitto.conf" <<CONF
+# Devices that log in with a certificate of this CA: its CN is their user name, for the
+# ACL as for the session; a client without one does not get through the handshake.
+listener $((port + 1)) 127.0.0.1
+use_username_as_clientid true
+set_tcp_nodelay true
+require_certificate true
+use_identity_as_username true
 cafile $dir/ca.pem
 certfile $dir/server.pem
 keyfile $dir/server.key
@@ -216,6 +235,7 @@ RULES
         [ "$low" -gt 11000 ] || low=32768
         port=$((10000 + $(od -An -tu2 -N2 /dev/urandom) % (low - 10000)))
         echo "$port" >"$dir/port"
+        [ "${FLEET_CERTS:-0}" -gt 0 ] && echo $((port + 1)) >"$dir/cert-port"
         write_broker_files "$port"
         for u in ctl-admin ctl-view ctl-none; do
             printf -- '--port %s --ca-file %s --user %s --password-file %s\n' "$port" "$dir/ca.pem" "$u" \
@@ -239,12 +259,23 @@ RULES
         name=$(printf 'd%04d' "$i")
         d=$dir/$name
         sed "s|@CONFDIR@|$d|" "$root/examples/ntpd/ntp.xml.in" >"$d/ntp.xml"
+        local login="broker-port = $port
+password-file = $d/password"
+        if [ "$i" -gt $((n - ${FLEET_CERTS:-0})) ]; then
+            # A key and a certificate of the fleet's CA with the device's name; no password.
+            openssl req -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -subj "/CN=$name" \
+                -keyout "$d/client.key" -out "$d/client.csr" 2>/dev/null
+            openssl x509 -req -in "$d/client.csr" -CA "$dir/ca.pem" -CAkey "$dir/ca.key" -CAcreateserial \
+                -days 2 -out "$d/client.pem" 2>/dev/null
+            login="broker-port = $((port + 1))
+cert-file = $d/client.pem
+key-file = $d/client.key"
+        fi
         cat >"$d/agent.conf" <<CONF
 broker-host = localhost
-broker-port = $port
+$login
 ca-file = $dir/ca.pem
 device = $name
-password-file = $d/password
 rules = $dir/rules.json
 controllers = $dir/controllers.txt
 audit-log = $d/audit.log

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <string>
 #include <vector>
@@ -92,9 +93,11 @@ protected:
         dir_ = tmpl;
         int status = 0;
         // d0001 as a real device (its owner a process of its own, reads over the direct
-        // route), d0002 simulated (the agent owns the module, everything through its host).
-        const std::string out =
-            run("FLEET_REAL=1 " + std::string(FLEET_SH) + " up " + dir_ + " 2 " BUILD_DIR " 2>&1", &status);
+        // route) with a password; d0002 simulated (the agent owns the module, everything
+        // through its host), logging in with a client certificate.
+        const std::string out = run("FLEET_REAL=1 FLEET_CERTS=1 " + std::string(FLEET_SH) + " up " + dir_ +
+                                        " 2 " BUILD_DIR " 2>&1",
+                                    &status);
         ASSERT_EQ(status, 0) << out;
     }
     void TearDown() override {
@@ -121,6 +124,7 @@ protected:
     }
     int pidOf(const std::string &file) const { return atoi(fileText(dir_ + "/" + file).c_str()); }
     int port() const { return atoi(fileText(dir_ + "/port").c_str()); }
+    int certPort() const { return atoi(fileText(dir_ + "/cert-port").c_str()); }
     std::string password(const std::string &user) const {
         return user.compare(0, 4, "ctl-") == 0 ? dir_ + "/" + user + ".password"
                                                : dir_ + "/" + user + "/password";
@@ -137,14 +141,17 @@ public:
         std::string topic, payload, correlation;
     };
 
-    Raw(const Fleet &, const std::string &user, const std::string &passwordFile, const std::string &ca,
-        int port) {
+    // A password file, or a certificate and its key (then the certificate names the user).
+    Raw(const Fleet &, const std::string &user, const std::string &passwordFile, const std::string &ca, int port,
+        const std::string &certFile = "", const std::string &keyFile = "") {
         kepfleet::BrokerSettings s;
         s.host = "localhost";
         s.port = port;
         s.caFile = ca;
         s.user = user;
         s.passwordFile = passwordFile;
+        s.certFile = certFile;
+        s.keyFile = keyFile;
         mosq_ = kepfleet::newClient(s, user, true, this);
         if (!mosq_) return;
         mosquitto_connect_v5_callback_set(
@@ -237,8 +244,13 @@ TEST_F(Fleet, RoundTripToEveryDeviceAndStatusListsThem) {
               2u);
     const std::string list = kepfleet("ctl-view", "status");
     EXPECT_NE(list.find(R"({"summary":{"online":2,"offline":0}})"), std::string::npos) << list;
-    // The broker listens on its TLS port and nowhere else (no default plain listener).
-    EXPECT_EQ(listeningPorts(pidOf("broker.pid")), std::vector<int>{port()});
+    // The broker listens on its two TLS ports and nowhere else (no default plain listener).
+    std::vector<int> ports = listeningPorts(pidOf("broker.pid"));
+    std::sort(ports.begin(), ports.end());
+    EXPECT_EQ(ports, (std::vector<int>{port(), certPort()}));
+    // d0002 came in with its certificate, which named it to the broker.
+    EXPECT_EQ(fileText(dir_ + "/d0002/agent.conf").find("password"), std::string::npos);
+    EXPECT_NE(fileText(dir_ + "/broker.log").find("as d0002 (p5, c0, k30, u'd0002')"), std::string::npos);
 }
 
 TEST_F(Fleet, RolesDecideAndControllersWithoutOneAreRefused) {
@@ -295,22 +307,30 @@ TEST_F(Fleet, ADeviceCannotReadOrWriteAnothersTopics) {
     // device taken over might.
     kill(pidOf("d0002/agent.pid"), SIGTERM);
     ASSERT_TRUE(eventually([&] { return statusOf("d0002") == "offline"; }, 10000));
-    Raw rogue(*this, "d0002", password("d0002"), dir_ + "/ca.pem", port());
-    ASSERT_TRUE(rogue.ok());
-    rogue.subscribe("kep/d0001/#");
-    rogue.subscribe("kep/+/response/+");
-    EXPECT_EQ(rogue.publish("kep/d0001/status", "offline", "", "", true), MQTT_RC_NOT_AUTHORIZED);
-    EXPECT_EQ(rogue.publish("kep/d0001/response/ctl-admin", R"({"error_code":0})", "", "x"),
-              MQTT_RC_NOT_AUTHORIZED);
-    EXPECT_EQ(rogue.publish("kep/d0001/request/d0002", R"({"method":"get","ntp":{"table":"server"}})",
-                            "kep/d0001/response/d0002", "x"),
-              MQTT_RC_NOT_AUTHORIZED);
-    int status = 1;
-    const std::string out = kepfleet("ctl-admin", "call d0001 " + std::string(kGetServers), &status);
-    EXPECT_EQ(status, 0) << out;
-    rogue.pump(300);
-    for (const Raw::Message &m : rogue.received_) ADD_FAILURE() << "d0002 saw " << m.topic;
-    EXPECT_EQ(statusOf("d0001"), "online");
+    const std::string ca = dir_ + "/ca.pem", d2 = dir_ + "/d0002/";
+    // With its password, and with its certificate on the listener that takes certificates.
+    for (bool certificate : {false, true}) {
+        SCOPED_TRACE(certificate ? "certificate" : "password");
+        Raw rogue = certificate ? Raw(*this, "d0002", "", ca, certPort(), d2 + "client.pem", d2 + "client.key")
+                                : Raw(*this, "d0002", password("d0002"), ca, port());
+        ASSERT_TRUE(rogue.ok());
+        rogue.subscribe("kep/d0001/#");
+        rogue.subscribe("kep/+/response/+");
+        EXPECT_EQ(rogue.publish("kep/d0001/status", "offline", "", "", true), MQTT_RC_NOT_AUTHORIZED);
+        EXPECT_EQ(rogue.publish("kep/d0001/response/ctl-admin", R"({"error_code":0})", "", "x"),
+                  MQTT_RC_NOT_AUTHORIZED);
+        EXPECT_EQ(rogue.publish("kep/d0001/request/d0002", R"({"method":"get","ntp":{"table":"server"}})",
+                                "kep/d0001/response/d0002", "x"),
+                  MQTT_RC_NOT_AUTHORIZED);
+        int status = 1;
+        const std::string out = kepfleet("ctl-admin", "call d0001 " + std::string(kGetServers), &status);
+        EXPECT_EQ(status, 0) << out;
+        rogue.pump(300);
+        for (const Raw::Message &m : rogue.received_) ADD_FAILURE() << "d0002 saw " << m.topic;
+        EXPECT_EQ(statusOf("d0001"), "online");
+    }
+    // A password does not open the certificates' listener.
+    EXPECT_FALSE(Raw(*this, "d0001", password("d0001"), ca, certPort()).ok());
 }
 
 TEST_F(Fleet, ARepeatedDeliveryIsAnsweredAgainNotAppliedTwice) {
