@@ -4,10 +4,11 @@
 #
 # On a fresh Debian bookworm machine, as root or with sudo. Everything comes from
 # Debian's archive: the cross compilers and qemu as packages, json-c from its Debian
-# source package, GoogleTest from the sources libgtest-dev ships, and for the HTTP
-# gateway libmicrohttpd (without TLS), libxcrypt and libcurl from their source packages. Both are built with
-# cmake/mips-linux-gnu.cmake into build-mips-deps/sysroot and kept there: a second
-# run rebuilds them only when the toolchain file, the compiler or their version changes.
+# source package, GoogleTest from the sources libgtest-dev ships, for the HTTP gateway
+# libmicrohttpd (without TLS), libxcrypt and libcurl, and for the fleet OpenSSL and
+# libmosquitto from their source packages. All are built with cmake/mips-linux-gnu.cmake's
+# compilers into build-mips-deps/sysroot and kept there: a second run rebuilds them only
+# when the toolchain file, the compiler or their version changes.
 #
 #   tools/cross-mips.sh            deps + build-mips/ + ctest under qemu
 # JOBS (default 2) sets the build's parallelism; KEP_MIPS_TOOLS=OFF leaves out tools/ and
@@ -150,6 +151,49 @@ deps_autotools curl libcurl4-gnutls-dev --without-ssl --disable-ldap --disable-l
     --disable-tftp --disable-pop3 --disable-imap --disable-smtp --disable-gopher --disable-mqtt --disable-smb \
     --disable-ftp --disable-file --disable-alt-svc --disable-ntlm
 
+# ---- the fleet's MQTT over TLS: OpenSSL and libmosquitto from their Debian source packages ----
+# libssl and libcrypto only (no programs, tests, modules or engines), without the protocols
+# and algorithms a TLS 1.2/1.3 client of the broker never uses, to compile less.
+# ChaCha20-Poly1305 stays (faster than AES on a core without AES instructions), and so do
+# OCSP and the console UI, which libmosquitto calls.
+openssl_options=(no-tests no-module no-legacy no-engine no-dso no-async no-comp no-ssl3 no-dtls no-srtp
+    no-sctp no-psk no-srp no-cmp no-cms no-ts no-ct no-gost no-aria no-bf no-camellia no-cast no-idea
+    no-md4 no-mdc2 no-rc2 no-rc4 no-rc5 no-seed no-sm2 no-sm3 no-sm4 no-whirlpool no-siphash no-scrypt
+    no-ec2m no-des no-dsa no-ocb no-siv no-blake2 no-rmd160)
+openssl_key="openssl $(dpkg-query -W -f='${Version}' libssl-dev 2>/dev/null) ${openssl_options[*]} $toolkey"
+if ! fresh openssl "$openssl_key"; then
+    step "OpenSSL (libssl, libcrypto) from its Debian source package"
+    deb_src
+    src=$(deps_source openssl libssl-dev)
+    [ -n "$src" ] || { echo "openssl source not unpacked" >&2; exit 1; }
+    # The libraries find each other through their run path, as the prefix's other libraries do.
+    (
+        cd "$src"
+        ./Configure linux-mips32 --cross-compile-prefix=$triplet- --prefix="$prefix" --libdir=lib \
+            --openssldir=/etc/ssl shared "${openssl_options[@]}" -O2 -D_FILE_OFFSET_BITS=64 \
+            "-Wl,-rpath,$prefix/lib"
+        make -j"$jobs" build_libs && make install_dev
+    ) >"$deps/openssl.log" 2>&1 || { tail -n 30 "$deps/openssl.log"; exit 1; }
+    rm -f "$prefix/lib/libssl.a" "$prefix/lib/libcrypto.a"
+    rm -rf "$deps/src/openssl"
+    echo "$openssl_key" >"$prefix/.openssl.key"
+fi
+# The client library only, with TLS (not PSK, which the fleet does not use); rebuilt
+# with OpenSSL. Its run path finds libssl in the prefix for the programs that link it.
+mosquitto_key="mosquitto $(dpkg-query -W -f='${Version}' libmosquitto-dev 2>/dev/null) [$openssl_key]"
+if ! fresh mosquitto "$mosquitto_key"; then
+    step "libmosquitto from its Debian source package"
+    deb_src
+    src=$(deps_source mosquitto libmosquitto-dev)
+    [ -n "$src" ] || { echo "mosquitto source not unpacked" >&2; exit 1; }
+    deps_cmake mosquitto "$src" -DCMAKE_INSTALL_RPATH="$prefix/lib" -DWITH_TLS=ON -DWITH_TLS_PSK=OFF \
+        -DWITH_CLIENTS=OFF -DWITH_BROKER=OFF -DWITH_APPS=OFF -DWITH_PLUGINS=OFF -DDOCUMENTATION=OFF \
+        -DWITH_LIB_CPP=OFF -DWITH_CJSON=OFF
+    rm -f "$prefix/lib/pkgconfig/libmosquittopp.pc"  # installed even without the C++ library
+    rm -rf "$deps/src/mosquitto"
+    echo "$mosquitto_key" >"$prefix/.mosquitto.key"
+fi
+
 # ---- GoogleTest from the sources shipped by libgtest-dev ----
 gtest_key="googletest $(dpkg-query -W -f='${Version}' libgtest-dev) $toolkey"
 if ! fresh googletest "$gtest_key"; then
@@ -178,6 +222,13 @@ if [ -f "$build/gateway/kepwebd" ]; then
     echo "MIPS kepwebd stripped: $(stat -c %s "$build/gateway/kepwebd.stripped") bytes;" \
         "libmicrohttpd $(stat -c %s "$(readlink -f "$prefix/lib/libmicrohttpd.so")") bytes," \
         "libcrypt $(stat -c %s "$(readlink -f "$prefix/lib/libcrypt.so")") bytes (unstripped)"
+fi
+if [ -f "$build/fleet/kepagent" ]; then
+    $triplet-strip -o "$build/fleet/kepagent.stripped" "$build/fleet/kepagent"
+    echo "MIPS kepagent stripped: $(stat -c %s "$build/fleet/kepagent.stripped") bytes;" \
+        "libmosquitto $(stat -c %s "$(readlink -f "$prefix/lib/libmosquitto.so")") bytes," \
+        "libssl $(stat -c %s "$(readlink -f "$prefix/lib/libssl.so")") bytes," \
+        "libcrypto $(stat -c %s "$(readlink -f "$prefix/lib/libcrypto.so")") bytes (unstripped)"
 fi
 step "done"
 exit $rc
