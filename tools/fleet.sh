@@ -139,20 +139,6 @@ certfile $dir/server.pem
 keyfile $dir/server.key
 tls_version tlsv1.2
 CONF
-    [ "${FLEET_CERTS:-0}" -gt 0 ] || return 0
-    cat >>"$dir/mosquitto.conf" <<CONF
-# Devices that log in with a certificate of this CA: its CN is their user name, for the
-# ACL as for the session; a client without one does not get through the handshake.
-listener $((port + 1)) 127.0.0.1
-use_username_as_clientid true
-set_tcp_nodelay true
-require_certificate true
-use_identity_as_username true
-cafile $dir/ca.pem
-certfile $dir/server.pem
-keyfile $dir/server.key
-tls_version tlsv1.2
-CONF
     cat >"$dir/acl" <<'ACL'
 # Controllers: each writes requests under its own name only, reads the answers to
 # itself and every device's status.
@@ -174,6 +160,21 @@ pattern read kep/%u/request/+
 pattern write kep/%u/response/+
 pattern write kep/%u/status
 ACL
+    if [ "${FLEET_CERTS:-0}" -gt 0 ]; then
+        cat >>"$dir/mosquitto.conf" <<CONF
+# Devices that log in with a certificate of this CA: its CN is their user name, for the
+# ACL as for the session; a client without one does not get through the handshake.
+listener $((port + 1)) 127.0.0.1
+use_username_as_clientid true
+set_tcp_nodelay true
+require_certificate true
+use_identity_as_username true
+cafile $dir/ca.pem
+certfile $dir/server.pem
+keyfile $dir/server.key
+tls_version tlsv1.2
+CONF
+    fi
 }
 
 up() {
