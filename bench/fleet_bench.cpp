@@ -21,8 +21,8 @@
 // report does: the devices run as nobody and this process reads their files.
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <sys/socket.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -97,7 +97,8 @@ public:
             const std::string n = std::to_string(count), a = std::to_string(g.answerBytes),
                               w = std::to_string(window), exe = g.build + "/bench/kep_fleet_floor";
             execl(exe.c_str(), "kep_fleet_floor", g.dir.c_str(), n.c_str(), a.c_str(), w.c_str(),
-                  connectOnly ? "--connect-only" : static_cast<char *>(nullptr), static_cast<char *>(nullptr));
+                  connectOnly ? "--connect-only" : static_cast<char *>(nullptr),
+                  static_cast<char *>(nullptr));
             _exit(127);
         }
         close(fds[1]);
@@ -138,10 +139,10 @@ public:
         mosquitto_int_option(m_, MOSQ_OPT_TCP_NODELAY, 1);
         mosquitto_tls_set(m_, (g.dir + "/ca.pem").c_str(), nullptr, nullptr, nullptr, nullptr);
         mosquitto_username_pw_set(m_, "ctl-view", password.c_str());
-        mosquitto_subscribe_v5_callback_set(m_, [](mosquitto *, void *self, int, int, const int *,
-                                                   const mosquitto_property *) {
-            static_cast<BareController *>(self)->subscribed_ = true;
-        });
+        mosquitto_subscribe_v5_callback_set(
+            m_, [](mosquitto *, void *self, int, int, const int *, const mosquitto_property *) {
+                static_cast<BareController *>(self)->subscribed_ = true;
+            });
         mosquitto_message_v5_callback_set(m_, onMessage);
         if (mosquitto_connect_bind_v5(m_, "localhost", g.port, 60, nullptr, nullptr) != MOSQ_ERR_SUCCESS)
             return false;
@@ -167,8 +168,8 @@ public:
             mosquitto_property_add_string(&props, MQTT_PROP_RESPONSE_TOPIC, reply.c_str());
             mosquitto_property_add_binary(&props, MQTT_PROP_CORRELATION_DATA, &i, sizeof i);
             sent_[i] = kep_bench::nowNs();
-            mosquitto_publish_v5(m_, nullptr, topic.c_str(), static_cast<int>(request.size()), request.data(), 1,
-                                 false, props);
+            mosquitto_publish_v5(m_, nullptr, topic.c_str(), static_cast<int>(request.size()), request.data(),
+                                 1, false, props);
             mosquitto_property_free_all(&props);
         }
         while (waiting_ > 0 && kep_bench::nowNs() - start < 60000000000LL) mosquitto_loop(m_, 10, 1);
@@ -177,7 +178,8 @@ public:
     }
 
 private:
-    static void onMessage(mosquitto *, void *self, const mosquitto_message *, const mosquitto_property *props) {
+    static void onMessage(mosquitto *, void *self, const mosquitto_message *,
+                          const mosquitto_property *props) {
         BareController *c = static_cast<BareController *>(self);
         void *corr = nullptr;
         uint16_t len = 0;
@@ -204,7 +206,8 @@ void report(benchmark::State &state, std::vector<int64_t> all, int64_t lastNs, s
         if (ns >= 0) answered.push_back(ns);
     std::sort(answered.begin(), answered.end());
     auto rank = [&](size_t p) {
-        return answered.empty() ? 0.0 : static_cast<double>(answered[(answered.size() * p + 99) / 100 - 1]) / 1e6;
+        return answered.empty() ? 0.0
+                                : static_cast<double>(answered[(answered.size() * p + 99) / 100 - 1]) / 1e6;
     };
     state.counters["p50_ms"] = rank(50);
     state.counters["p99_ms"] = rank(99);
@@ -212,7 +215,8 @@ void report(benchmark::State &state, std::vector<int64_t> all, int64_t lastNs, s
     state.counters["no_answer"] = static_cast<double>(all.size() - answered.size());
     state.counters["errors"] = static_cast<double>(errors);
     // A request and its answer each cross the broker twice (in and out).
-    state.counters["messages_per_s"] = static_cast<double>(2 * answered.size()) / (static_cast<double>(lastNs) / 1e9);
+    state.counters["messages_per_s"] =
+        static_cast<double>(2 * answered.size()) / (static_cast<double>(lastNs) / 1e9);
 }
 
 void floorGet(benchmark::State &state) {
@@ -280,8 +284,10 @@ void agentsSet(benchmark::State &state) {
             R"({"method":"set","ntp":{"main":{"intervalMinutes":)" + std::to_string(value) + "}}}";
         const int64_t start = kep_bench::nowNs();
         c.call(devices, set, count, 30000, [&](const kepfleet::Outcome &o) {
-            if (!o.answered) noAnswer++;
-            else if (kepfleet::errorCodeOf(o.response, -1) != 0) errors++;
+            if (!o.answered)
+                noAnswer++;
+            else if (kepfleet::errorCodeOf(o.response, -1) != 0)
+                errors++;
         });
         state.SetIterationTime(static_cast<double>(kep_bench::nowNs() - start) / 1e9);
     }
@@ -306,7 +312,8 @@ void roundTrip(benchmark::State &state, const std::string &device) {
     bool answered = true;
     for (auto _ : state) {
         const int64_t start = kep_bench::nowNs();
-        c.call({device}, kGet, 1, 5000, [&](const kepfleet::Outcome &o) { answered = answered && o.answered; });
+        c.call({device}, kGet, 1, 5000,
+               [&](const kepfleet::Outcome &o) { answered = answered && o.answered; });
         lat.add(kep_bench::nowNs() - start);
     }
     if (!answered) state.SkipWithError("a request went unanswered");
@@ -325,7 +332,8 @@ void directRoute(benchmark::State &state) {
         close(fds[0]);
         struct stat st;
         const std::string run = g.dir + "/d0001/run";
-        if (stat(run.c_str(), &st) != 0 || (geteuid() == 0 && (setgid(st.st_gid) != 0 || setuid(st.st_uid) != 0)))
+        if (stat(run.c_str(), &st) != 0 ||
+            (geteuid() == 0 && (setgid(st.st_gid) != 0 || setuid(st.st_uid) != 0)))
             _exit(1);
         setenv("KEP_RUNTIME_DIR", run.c_str(), 1);
         if (kepDirectOpen() != 0) _exit(1);
@@ -428,7 +436,8 @@ void brokerRestart(benchmark::State &state) {
         const pid_t pid = fork();
         if (pid == 0) {
             kep_bench::redirect(g.dir + "/broker.out");
-            execlp("mosquitto", "mosquitto", "-c", (g.dir + "/mosquitto.conf").c_str(), static_cast<char *>(nullptr));
+            execlp("mosquitto", "mosquitto", "-c", (g.dir + "/mosquitto.conf").c_str(),
+                   static_cast<char *>(nullptr));
             _exit(127);
         }
         const int64_t forked = kep_bench::nowNs();
@@ -441,7 +450,8 @@ void brokerRestart(benchmark::State &state) {
         listenMs = static_cast<double>(start - forked) / 1e6;
         failuresSince(&offsets, false);
         kepfleet::Controller c(broker("ctl-admin"));
-        if (!c.open(30000)) return state.SkipWithError("kepfleet's controller cannot connect after the restart");
+        if (!c.open(30000))
+            return state.SkipWithError("kepfleet's controller cannot connect after the restart");
         std::map<std::string, std::string> seen;
         const int64_t giveUp = start + 120000000000LL;
         size_t online = 0;
@@ -489,7 +499,8 @@ void memory(benchmark::State &state) {
     for (auto &entry : kb) {
         double sum = 0;
         for (double v : entry.second) sum += v;
-        state.counters[entry.first + "_kB"] = entry.second.empty() ? 0 : sum / static_cast<double>(entry.second.size());
+        state.counters[entry.first + "_kB"] =
+            entry.second.empty() ? 0 : sum / static_cast<double>(entry.second.size());
     }
 }
 
@@ -552,10 +563,10 @@ bool setUp() {
     if (g.devices < 1 || g.devices > 9999 || g.floor < 1) return false;
     g.dir = "/tmp/kfb" + std::to_string(getpid());
     // The controllers await up to every floor device's answer at once.
-    const std::string env = "FLEET_REAL=1 FLEET_FLOOR=" + std::to_string(g.floor) +
-                            " FLEET_QUEUE=" + std::to_string(2 * g.floor);
-    if (run(env + " " + std::string(FLEET_SH) + " up " + g.dir + " " + std::to_string(g.devices) + " " + g.build +
-            " >&2") != 0)
+    const std::string env =
+        "FLEET_REAL=1 FLEET_FLOOR=" + std::to_string(g.floor) + " FLEET_QUEUE=" + std::to_string(2 * g.floor);
+    if (run(env + " " + std::string(FLEET_SH) + " up " + g.dir + " " + std::to_string(g.devices) + " " +
+            g.build + " >&2") != 0)
         return false;
     std::ifstream(g.dir + "/port") >> g.port;
     // The floor answers with as many bytes as a device does.
@@ -592,47 +603,84 @@ int main(int argc, char **argv) {
         tearDown();
         return 1;
     }
-    using benchmark::kMillisecond;
     using benchmark::kMicrosecond;
+    using benchmark::kMillisecond;
     // The floor's connect was timed when it started, 100 at a time.
-    benchmark::RegisterBenchmark(("fleet/floor/connect_all/devices:" + std::to_string(g.floor) + "/window:100").c_str(),
-                                 [](benchmark::State &state) {
-                                     for (auto _ : state) state.SetIterationTime(gFloor.connectMs / 1e3);
-                                     state.counters["failed"] = gFloor.failed;
-                                 })
-        ->Iterations(1)->UseManualTime()->Unit(kMillisecond);
+    benchmark::RegisterBenchmark(
+        ("fleet/floor/connect_all/devices:" + std::to_string(g.floor) + "/window:100").c_str(),
+        [](benchmark::State &state) {
+            for (auto _ : state) state.SetIterationTime(gFloor.connectMs / 1e3);
+            state.counters["failed"] = gFloor.failed;
+        })
+        ->Iterations(1)
+        ->UseManualTime()
+        ->Unit(kMillisecond);
     std::vector<int> sizes;
     for (int n : {100, 1000, 10000})
         if (n <= g.floor) sizes.push_back(n);
     for (int n : sizes)
-        benchmark::RegisterBenchmark("fleet/floor/get", floorGet)->Arg(n)->ArgName("devices")->Iterations(5)
-            ->UseManualTime()->Unit(kMillisecond);
+        benchmark::RegisterBenchmark("fleet/floor/get", floorGet)
+            ->Arg(n)
+            ->ArgName("devices")
+            ->Iterations(5)
+            ->UseManualTime()
+            ->Unit(kMillisecond);
     for (int n : sizes)
-        benchmark::RegisterBenchmark("fleet/floor_kepfleet/get", floorKepfleetGet)->Arg(n)->ArgName("devices")
-            ->Iterations(5)->UseManualTime()->Unit(kMillisecond);
+        benchmark::RegisterBenchmark("fleet/floor_kepfleet/get", floorKepfleetGet)
+            ->Arg(n)
+            ->ArgName("devices")
+            ->Iterations(5)
+            ->UseManualTime()
+            ->Unit(kMillisecond);
     for (int n : {100, 1000, 10000})
         if (n <= g.devices)
-            benchmark::RegisterBenchmark("fleet/agents/get", agentsGet)->Arg(n)->ArgName("devices")->Iterations(5)
-                ->UseManualTime()->Unit(kMillisecond);
-    benchmark::RegisterBenchmark("fleet/agents/set", agentsSet)->Arg(g.devices)->ArgName("devices")->Iterations(3)
-        ->UseManualTime()->Unit(kMillisecond);
+            benchmark::RegisterBenchmark("fleet/agents/get", agentsGet)
+                ->Arg(n)
+                ->ArgName("devices")
+                ->Iterations(5)
+                ->UseManualTime()
+                ->Unit(kMillisecond);
+    benchmark::RegisterBenchmark("fleet/agents/set", agentsSet)
+        ->Arg(g.devices)
+        ->ArgName("devices")
+        ->Iterations(3)
+        ->UseManualTime()
+        ->Unit(kMillisecond);
     benchmark::RegisterBenchmark("fleet/round_trip/floor", [](benchmark::State &s) { roundTrip(s, "f0001"); })
-        ->Iterations(1000)->Unit(kMicrosecond);
+        ->Iterations(1000)
+        ->Unit(kMicrosecond);
     benchmark::RegisterBenchmark("fleet/round_trip/agent", [](benchmark::State &s) { roundTrip(s, "d0001"); })
-        ->Iterations(1000)->Unit(kMicrosecond);
-    benchmark::RegisterBenchmark("fleet/direct_route", directRoute)->Iterations(1000)->UseManualTime()->Unit(kMicrosecond);
+        ->Iterations(1000)
+        ->Unit(kMicrosecond);
+    benchmark::RegisterBenchmark("fleet/direct_route", directRoute)
+        ->Iterations(1000)
+        ->UseManualTime()
+        ->Unit(kMicrosecond);
     benchmark::RegisterBenchmark("fleet/memory", memory)->Iterations(1);
     benchmark::RegisterBenchmark("fleet/idle_cpu", idleCpu)->Iterations(1)->Unit(kMillisecond);
     // The floor's connects last: they take the floor's own devices down.
     const int connecting = std::min(1000, g.floor);
-    benchmark::RegisterBenchmark("fleet/floor/connect", [](benchmark::State &s) { gFloor.stop(), floorConnect(s); })
-        ->Args({connecting, 100})->ArgNames({"devices", "window"})->Iterations(3)->UseManualTime()->Unit(kMillisecond);
+    benchmark::RegisterBenchmark("fleet/floor/connect",
+                                 [](benchmark::State &s) { gFloor.stop(), floorConnect(s); })
+        ->Args({connecting, 100})
+        ->ArgNames({"devices", "window"})
+        ->Iterations(3)
+        ->UseManualTime()
+        ->Unit(kMillisecond);
     // All at once, what clients without back-off do after a broker restart: SYNs beyond
     // the listen backlog wait for their retransmission, seconds each.
-    benchmark::RegisterBenchmark("fleet/floor/connect", floorConnect)->Args({connecting, connecting})
-        ->ArgNames({"devices", "window"})->Iterations(1)->UseManualTime()->Unit(kMillisecond);
-    benchmark::RegisterBenchmark("fleet/agents/broker_restart", brokerRestart)->Arg(g.devices)->ArgName("devices")
-        ->Iterations(1)->UseManualTime()->Unit(kMillisecond);
+    benchmark::RegisterBenchmark("fleet/floor/connect", floorConnect)
+        ->Args({connecting, connecting})
+        ->ArgNames({"devices", "window"})
+        ->Iterations(1)
+        ->UseManualTime()
+        ->Unit(kMillisecond);
+    benchmark::RegisterBenchmark("fleet/agents/broker_restart", brokerRestart)
+        ->Arg(g.devices)
+        ->ArgName("devices")
+        ->Iterations(1)
+        ->UseManualTime()
+        ->Unit(kMillisecond);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     tearDown();

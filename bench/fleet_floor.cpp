@@ -14,15 +14,15 @@
 // or exits after that line with --connect-only. A device that is refused, loses its
 // connection or has not connected within 60 s counts as failed.
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -279,10 +279,12 @@ int main(int argc, char **argv) {
         if (pid == 0) {
             prctl(PR_SET_PDEATHSIG, SIGTERM);
             close(fds[0]);
-            const std::vector<std::string> slice(accounts.begin() + static_cast<ptrdiff_t>(first),
-                                                 accounts.begin() + static_cast<ptrdiff_t>(std::min(first + share, accounts.size())));
+            const std::vector<std::string> slice(
+                accounts.begin() + static_cast<ptrdiff_t>(first),
+                accounts.begin() + static_cast<ptrdiff_t>(std::min(first + share, accounts.size())));
             FILE *out = fdopen(fds[1], "w");
-            _exit(serve(slice, dir, port, answerBytes, std::max(1, window / static_cast<int>(processes)), connectOnly, out));
+            _exit(serve(slice, dir, port, answerBytes, std::max(1, window / static_cast<int>(processes)),
+                        connectOnly, out));
         }
         close(fds[1]);
         workers.push_back({pid, fdopen(fds[0], "r")});
@@ -293,7 +295,8 @@ int main(int argc, char **argv) {
         int c = 0, f = 0;
         long long m = 0;
         char line[128] = "";
-        if (!fgets(line, sizeof line, w.report) || sscanf(line, "connected %d failed %d ms %lld", &c, &f, &m) != 3)
+        if (!fgets(line, sizeof line, w.report) ||
+            sscanf(line, "connected %d failed %d ms %lld", &c, &f, &m) != 3)
             gStop = 1;
         connected += c, failed += f, ms = std::max(ms, m);
     }

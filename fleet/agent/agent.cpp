@@ -142,7 +142,8 @@ void Agent::step(int timeoutMs) {
     int rc = mosquitto_loop(mosq_.get(), timeoutMs, 1);
     // An answer published while a request was handled waits for the loop's next round;
     // send it now instead of after another select.
-    if (rc == MOSQ_ERR_SUCCESS && mosquitto_want_write(mosq_.get())) rc = mosquitto_loop_write(mosq_.get(), 1);
+    if (rc == MOSQ_ERR_SUCCESS && mosquitto_want_write(mosq_.get()))
+        rc = mosquitto_loop_write(mosq_.get(), 1);
     if (rc != MOSQ_ERR_SUCCESS && linked_) {
         if (!connected_) cannotConnect(rc);
         lost(kepfleet::monotonicMs());

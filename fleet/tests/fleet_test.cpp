@@ -95,9 +95,9 @@ protected:
         // d0001 as a real device (its owner a process of its own, reads over the direct
         // route) with a password; d0002 simulated (the agent owns the module, everything
         // through its host), logging in with a client certificate.
-        const std::string out = run("FLEET_REAL=1 FLEET_CERTS=1 " + std::string(FLEET_SH) + " up " + dir_ +
-                                        " 2 " BUILD_DIR " 2>&1",
-                                    &status);
+        const std::string out = run(
+            "FLEET_REAL=1 FLEET_CERTS=1 " + std::string(FLEET_SH) + " up " + dir_ + " 2 " BUILD_DIR " 2>&1",
+            &status);
         ASSERT_EQ(status, 0) << out;
     }
     void TearDown() override {
@@ -142,8 +142,8 @@ public:
     };
 
     // A password file, or a certificate and its key (then the certificate names the user).
-    Raw(const Fleet &, const std::string &user, const std::string &passwordFile, const std::string &ca, int port,
-        const std::string &certFile = "", const std::string &keyFile = "") {
+    Raw(const Fleet &, const std::string &user, const std::string &passwordFile, const std::string &ca,
+        int port, const std::string &certFile = "", const std::string &keyFile = "") {
         kepfleet::BrokerSettings s;
         s.host = "localhost";
         s.port = port;
@@ -311,8 +311,9 @@ TEST_F(Fleet, ADeviceCannotReadOrWriteAnothersTopics) {
     // With its password, and with its certificate on the listener that takes certificates.
     for (bool certificate : {false, true}) {
         SCOPED_TRACE(certificate ? "certificate" : "password");
-        Raw rogue = certificate ? Raw(*this, "d0002", "", ca, certPort(), d2 + "client.pem", d2 + "client.key")
-                                : Raw(*this, "d0002", password("d0002"), ca, port());
+        Raw rogue = certificate
+                        ? Raw(*this, "d0002", "", ca, certPort(), d2 + "client.pem", d2 + "client.key")
+                        : Raw(*this, "d0002", password("d0002"), ca, port());
         ASSERT_TRUE(rogue.ok());
         rogue.subscribe("kep/d0001/#");
         rogue.subscribe("kep/+/response/+");
