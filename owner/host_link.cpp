@@ -86,7 +86,9 @@ bool send(const Registration &r, int host) {
     return false;
 }
 
-bool sendRegistrations(int host) {
+// Calls sink with every registration the host is to have; whether all were taken.
+template <typename Sink>
+bool eachRegistration(Sink sink) {
     static const int kMethods[] = {KEP_METHOD_GET, KEP_METHOD_SET, KEP_METHOD_ADD, KEP_METHOD_DELETE};
     bool ok = true, stored = false;
     for (int i = 0; i < entryCount(); i++) {
@@ -104,18 +106,42 @@ bool sendRegistrations(int host) {
                 methods = 1;
                 break;
             case Kind::kAction:
-                ok &= send({"action", e.path, 0, e.cb[4]}, host);
+                ok &= sink(Registration{"action", e.path, 0, e.cb[4]});
                 break;
             case Kind::kListen:
-                ok &= send({"notify", e.path, 0, e.cb[4]}, host);
+                ok &= sink(Registration{"notify", e.path, 0, e.cb[4]});
                 break;
         }
         for (int m = 0; m < methods; m++)
-            ok &= send({"method", e.path, kMethods[m], e.cb[kMethods[m]]}, host);
+            ok &= sink(Registration{"method", e.path, kMethods[m], e.cb[kMethods[m]]});
         stored |= e.kind == Kind::kList || e.kind == Kind::kSection;
     }
-    if (stored) ok &= send({"reset", nullptr, 0, "kep.reset"}, host);
+    if (stored) ok &= sink(Registration{"reset", nullptr, 0, "kep.reset"});
     return ok;
+}
+
+bool sendRegistrations(int host) {
+    return eachRegistration([host](const Registration &r) { return send(r, host); });
+}
+
+// A registration in this process's own tree, as the host applies it to its own: its
+// requests then call this process's handlers. Listening and the factory reset stay the
+// host's business.
+bool applyHere(const Registration &r) {
+    const int pid = static_cast<int>(getpid());
+    int rc = 0;
+    if (strcmp(r.op, "method") == 0) {
+        rc = registerMethodCb(r.path, r.index, r.cb, pid);
+    } else if (strcmp(r.op, "action") == 0) {
+        // "/module/action": a service of the model description, else an action of the module.
+        const char *action = strchr(r.path + 1, '/');
+        char module[kPathSize];
+        snprintf(module, sizeof module, "%.*s", static_cast<int>(action - r.path - 1), r.path + 1);
+        rc = registerAction(module, action + 1, r.cb, pid);
+        if (rc != 0) rc = registerMethodCb(r.path, KEP_METHOD_ACTION, r.cb, pid);
+    }
+    if (rc != 0) fprintf(stderr, "kep owner: cannot serve %s in this process: %d\n", r.path, rc);
+    return rc == 0;
 }
 
 // Registers with the running host unless it has this owner's registrations already.
@@ -191,6 +217,11 @@ int kepOwnerStart(void) {
     gStarted = true;
     registerWithHost();
     return 0;
+}
+
+int kepOwnerServeHere(void) {
+    if (!gStarted) return -1;
+    return eachRegistration(applyHere) ? 0 : -1;
 }
 
 int kepOwnerPoll(int timeoutMs) {

@@ -79,9 +79,12 @@ int64_t gDirectTried = -1000000;
 // Reads over the direct route, one hop to the owner; changes through the host, which
 // orders them with every other client's and tells its watchers (as kepwebd does).
 // A simulated device: this process owns the module, and a process that owns modules
-// has a tree of its own, so it cannot take the host's for the direct route.
-int forwardThroughHost(const std::string &controller, const std::string &request, bool, char **response) {
-    return kepHostRequestFor(controller.c_str(), request.c_str(), response);
+// has a tree of its own, so it cannot take the host's for the direct route; its own
+// tree answers the reads instead, with the same one hop (to the kit's thread).
+int forwardSimulated(const std::string &controller, const std::string &request, bool changes,
+                     char **response) {
+    if (changes) return kepHostRequestFor(controller.c_str(), request.c_str(), response);
+    return simulatedRead(request.c_str(), response);
 }
 
 int forwardToDevice(const std::string &controller, const std::string &request, bool changes,
@@ -176,7 +179,7 @@ int main(int argc, char **argv) {
     int status = 1;
     {
         Agent agent(s, std::move(rules), std::move(roles),
-                    s.simulate.empty() ? forwardToDevice : forwardThroughHost, audit);
+                    s.simulate.empty() ? forwardToDevice : forwardSimulated, audit);
         // The password is read while the files are still reachable; everything after runs unprivileged.
         if (!agent.init() || !dropPrivileges(s.runAs)) return 1;
         prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);

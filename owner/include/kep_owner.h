@@ -155,6 +155,12 @@ int kepOwnerStart(void);
  * that started since; waits at most timeoutMs for something to do. Returns 1 after
  * SIGTERM or SIGINT, else 0. kepOwnerRun calls it in a loop. */
 int kepOwnerPoll(int timeoutMs);
+/* Also answers for the owned modules in this process: registers the callbacks in this
+ * process's own tree as the host does in its, so that standardKepReqHandle here calls
+ * this process's handlers (over the RPC, served by the kit's thread). For a process that
+ * serves its own modules' reads itself; after kepOwnerStart. 0, or -1 with the reason
+ * on standard error. */
+int kepOwnerServeHere(void);
 /* Stops serving and unregisters from the host. */
 void kepOwnerStop(void);
 /* Start, poll until SIGTERM or SIGINT, stop; name labels the messages. 0, or 1 when
