@@ -10,7 +10,7 @@
 //   fleet/floor_kepfleet/get/devices:K the same floor devices asked by kepfleet's controller
 //   fleet/agents/get/devices:K         a get of the ntp server table from K devices, all in flight
 //   fleet/agents/set/devices:N         a set to every device, every device's file checked after
-//   fleet/round_trip/{floor,agent}     one device asked at a time, by kepfleet's controller
+//   fleet/round_trip                   a floor device and d0001 asked in turn, one at a time
 //   fleet/direct_route                 the same get over the direct route, in this process
 //   fleet/floor/connect/devices:1000/window:{100,1000}   a windowed connect and a storm
 //   fleet/agents/broker_restart/devices:N  the broker restarted: all back online, then answering
@@ -74,8 +74,9 @@ kepfleet::BrokerSettings broker(const std::string &user) {
 
 // Every process of the devices, stopped or let go on: the floor is measured without
 // the agents' idle work competing with it.
-void signalDevices(int sig) {
+void signalDevices(int sig, int except = 0) {
     for (int i = 1; i <= g.devices; i++) {
+        if (i == except) continue;
         for (const char *what : {"agent", "kepd", "ntpd"}) {
             std::ifstream in(g.dir + "/" + deviceName('d', i) + "/" + what + ".pid");
             int pid = 0;
@@ -303,21 +304,35 @@ void agentsSet(benchmark::State &state) {
     state.counters["no_answer"] = static_cast<double>(noAnswer);
 }
 
-// One device asked at a time, by kepfleet's controller: a floor device or d0001, the
-// real device whose agent serves reads over the direct route.
-void roundTrip(benchmark::State &state, const std::string &device) {
+// One device asked at a time by kepfleet's controller, in pairs: a floor device, then
+// d0001, the real device whose agent serves reads over the direct route. The agent's
+// share is the difference within each pair, so that a drift of the machine's load
+// weighs on both alike. Every other device is stopped meanwhile.
+void roundTrip(benchmark::State &state) {
     kepfleet::Controller c(broker("ctl-admin"));
     if (!c.open(10000)) return state.SkipWithError("kepfleet's controller cannot connect");
-    kep_bench::Latencies lat;
+    kep_bench::Latencies floor, agent, share;
     bool answered = true;
-    for (auto _ : state) {
+    auto ask = [&](const char *device) {
         const int64_t start = kep_bench::nowNs();
         c.call({device}, kGet, 1, 5000,
                [&](const kepfleet::Outcome &o) { answered = answered && o.answered; });
-        lat.add(kep_bench::nowNs() - start);
+        return kep_bench::nowNs() - start;
+    };
+    signalDevices(SIGSTOP, 1);
+    for (auto _ : state) {
+        const int64_t f = ask("f0001"), a = ask("d0001");
+        floor.add(f);
+        agent.add(a);
+        share.add(a - f);
     }
+    signalDevices(SIGCONT, 1);
     if (!answered) state.SkipWithError("a request went unanswered");
-    lat.report(state);
+    state.counters["floor_p50_us"] = floor.percentileUs(50);
+    state.counters["floor_p99_us"] = floor.percentileUs(99);
+    state.counters["agent_p50_us"] = agent.percentileUs(50);
+    state.counters["agent_p99_us"] = agent.percentileUs(99);
+    state.counters["share_p50_us"] = share.percentileUs(50);
 }
 
 // The same get over the direct route to d0001's owner, as its agent makes it: in a
@@ -348,6 +363,7 @@ void directRoute(benchmark::State &state) {
         _exit(0);
     }
     close(fds[1]);
+    signalDevices(SIGSTOP, 1);
     kep_bench::Latencies lat;
     bool complete = true;
     for (auto _ : state) {
@@ -357,6 +373,7 @@ void directRoute(benchmark::State &state) {
         lat.add(ns);
     }
     close(fds[0]);
+    signalDevices(SIGCONT, 1);
     int status = 0;
     waitpid(pid, &status, 0);
     if (!complete) return state.SkipWithError("no direct route to d0001");
@@ -646,12 +663,7 @@ int main(int argc, char **argv) {
         ->Iterations(3)
         ->UseManualTime()
         ->Unit(kMillisecond);
-    benchmark::RegisterBenchmark("fleet/round_trip/floor", [](benchmark::State &s) { roundTrip(s, "f0001"); })
-        ->Iterations(1000)
-        ->Unit(kMicrosecond);
-    benchmark::RegisterBenchmark("fleet/round_trip/agent", [](benchmark::State &s) { roundTrip(s, "d0001"); })
-        ->Iterations(1000)
-        ->Unit(kMicrosecond);
+    benchmark::RegisterBenchmark("fleet/round_trip", roundTrip)->Iterations(1000)->Unit(kMicrosecond);
     benchmark::RegisterBenchmark("fleet/direct_route", directRoute)
         ->Iterations(1000)
         ->UseManualTime()
