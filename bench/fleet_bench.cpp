@@ -72,16 +72,20 @@ kepfleet::BrokerSettings broker(const std::string &user) {
     return b;
 }
 
+// The pid of device i's process what ("agent", "kepd", "ntpd") from its pid file; 0 when none.
+int devicePid(int i, const char *what) {
+    std::ifstream in(g.dir + "/" + deviceName('d', i) + "/" + what + ".pid");
+    int pid = 0;
+    return in >> pid && pid > 0 ? pid : 0;
+}
+
 // Every process of the devices, stopped or let go on: the floor is measured without
 // the agents' idle work competing with it.
 void signalDevices(int sig, int except = 0) {
     for (int i = 1; i <= g.devices; i++) {
         if (i == except) continue;
-        for (const char *what : {"agent", "kepd", "ntpd"}) {
-            std::ifstream in(g.dir + "/" + deviceName('d', i) + "/" + what + ".pid");
-            int pid = 0;
-            if (in >> pid && pid > 0) kill(pid, sig);
-        }
+        for (const char *what : {"agent", "kepd", "ntpd"})
+            if (const int pid = devicePid(i, what)) kill(pid, sig);
     }
 }
 
@@ -495,11 +499,11 @@ void brokerRestart(benchmark::State &state) {
 void memory(benchmark::State &state) {
     std::map<std::string, std::vector<double>> kb;
     for (auto _ : state) {
-        for (int i = 1; i <= g.devices; i++) {
+        // From d0002: d0001 is the real device, with ntpd.
+        for (int i = 2; i <= g.devices; i++) {
             for (const char *what : {"agent", "kepd"}) {
-                std::ifstream pidFile(g.dir + "/" + deviceName('d', i) + "/" + what + ".pid");
-                int pid = 0;
-                if (i == 1 || !(pidFile >> pid)) continue;  // d0001 is the real device, with ntpd
+                const int pid = devicePid(i, what);
+                if (!pid) continue;
                 std::ifstream in("/proc/" + std::to_string(pid) + "/smaps_rollup");
                 std::string line;
                 while (std::getline(in, line)) {
@@ -543,11 +547,8 @@ double cpuTicks(int pid) {
 void idleCpu(benchmark::State &state) {
     std::map<std::string, std::vector<int>> pids;
     for (int i = 2; i <= g.devices; i++) {
-        for (const char *what : {"agent", "kepd"}) {
-            std::ifstream in(g.dir + "/" + deviceName('d', i) + "/" + what + ".pid");
-            int pid = 0;
-            if (in >> pid) pids[what].push_back(pid);
-        }
+        for (const char *what : {"agent", "kepd"})
+            if (const int pid = devicePid(i, what)) pids[what].push_back(pid);
     }
     auto total = [](const std::vector<int> &list) {
         double ticks = 0;
