@@ -6,8 +6,7 @@
 #   tools/dev.sh shots   deps + build + the README's screenshots of the web page (docs/page*.png)
 #   tools/dev.sh test    deps + format check, plain build and tests, a seeded sample of mutants
 #                        (tools/mutate/mutate.py), the unit tests under valgrind,
-#                        ASan+UBSan build and tests (the gateway's and fleet's across processes in
-#                        build-asan-gw),
+#                        ASan+UBSan build and tests (the gateway's and fleet's across processes too),
 #                        ThreadSanitizer run of the threaded tests, MIPS build and tests under
 #                        qemu (tools/cross-mips.sh), short fuzz runs
 # FUZZ_SECONDS (default 60) sets each fuzz target's run; 0 skips fuzzing. KEP_MIPS=0 skips MIPS.
@@ -104,39 +103,53 @@ format() {  # format [-i]
     fi
 }
 
+# Each stage's time, so a run that nears CI's limit shows what to trim.
+stage_name="" stage_start=0 stage_times=()
+stage() {  # stage TITLE: closes the running stage, opens the next ("" only closes)
+    if [ -n "$stage_name" ]; then
+        stage_times+=("$(printf '%5d s  %s' $((SECONDS - stage_start)) "$stage_name")")
+    fi
+    stage_name=$1 stage_start=$SECONDS
+    [ -z "$1" ] || echo "== $1"
+}
+
 test_all() {
+    stage "packages"
     deps
-    echo "== clang-format"
+    stage "clang-format"
     format
-    echo "== plain build"
+    stage "plain build"
     build build
     run_ctest build
     if [ "${MUTATE_SAMPLE:-12}" != 0 ]; then
-        echo "== mutants: ${MUTATE_SAMPLE:-12} of seed ${MUTATE_SEED:-7}, at least 90 % of those that build killed"
+        stage "mutants: ${MUTATE_SAMPLE:-12} of seed ${MUTATE_SEED:-7}, at least 90 % of those that build killed"
         "$root/tools/mutate/mutate.py" --seed "${MUTATE_SEED:-7}" --sample "${MUTATE_SAMPLE:-12}" --jobs "$jobs" \
             --min-score 90
     fi
-    echo "== valgrind memcheck (unit-test executables)"
+    stage "valgrind memcheck (unit-test executables)"
     "$root/tools/valgrind-tests.sh" build
-    echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
-    build build-asan -DKEP_SANITIZE=address,undefined -DKEP_BUILD_TOOLS=OFF
-    ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 run_ctest build-asan -E '^abi\.'
-    echo "== AddressSanitizer + UndefinedBehaviorSanitizer: the gateway, change sets and fleet across real processes"
-    TARGETS="gateway_test gateway_policy_test changeset_test kepwebd kepd kepctl dhcpd sysd ntpd fleet_unit_test fleet_test kepagent kepfleet" \
-        build build-asan-gw -DKEP_SANITIZE=address,undefined -DKEP_BUILD_TOOLS=ON
-    ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 run_ctest build-asan-gw -R '^(Gateway|ChangeSet|Fleet)'
-    echo "== ThreadSanitizer (threaded tests; the host and owners run under it too)"
+    # One ASan build serves the library's tests and the gateway's, change sets' and fleet's
+    # across real processes: the library is compiled once. The host's, kit's and service's
+    # system tests run under valgrind's and TSan's stages; the browser's need no sanitizer.
+    stage "AddressSanitizer + UndefinedBehaviorSanitizer"
+    build build-asan -DKEP_SANITIZE=address,undefined -DKEP_BUILD_TOOLS=ON -DKEP_BUILD_BENCH=OFF
+    ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 run_ctest build-asan \
+        -E '^(abi|AllocSweep|Browser|Host|Kit|KepCheck|Service|docs|system)\.'
+    stage "ThreadSanitizer (threaded tests; the host and owners run under it too)"
     TARGETS="config_test api_e2e_test platform_rpc_test api_request_test host_test owner_kit_test changeset_test kepd kepctl dhcpd sysd ntpd gateway_test kepwebd" \
         build build-tsan -DKEP_SANITIZE=thread -DKEP_BUILD_TOOLS=ON
     TSAN_OPTIONS="halt_on_error=1 exitcode=66" run_ctest build-tsan -R 'Thread|Concurren|ImiServe|^Host\.|^Kit\.|^Gateway\.|^ChangeSet\.'
     if [ "${KEP_MIPS:-1}" != 0 ]; then
-        echo "== big-endian MIPS cross build, tests under qemu"
+        stage "big-endian MIPS cross build, tests under qemu"
         "$root/tools/cross-mips.sh"
     fi
     if [ "${FUZZ_SECONDS:-60}" != 0 ]; then
-        echo "== fuzz targets, ${FUZZ_SECONDS:-60} s each"
+        stage "fuzz targets, ${FUZZ_SECONDS:-60} s each"
         "$root/tools/run-fuzz.sh" "${FUZZ_SECONDS:-60}"
     fi
+    stage ""
+    echo "== stage times (total $SECONDS s)"
+    printf '%s\n' "${stage_times[@]}"
 }
 
 case "${1:-}" in
