@@ -112,8 +112,9 @@ deps_source() {
     version=$(dpkg-query -W -f='${Version}' "$2" 2>/dev/null || true)
     rm -rf "$deps/src/$name"
     mkdir -p "$deps/src/$name"
-    (cd "$deps/src/$name" && { [ -n "$version" ] && apt-get source -qq "$name=$version" 2>/dev/null ||
-        apt-get source -qq "$name"; }) >/dev/null
+    # One download at a time: the two streams of builds below may ask at once.
+    (cd "$deps/src/$name" && flock 9 && { [ -n "$version" ] && apt-get source -qq "$name=$version" 2>/dev/null ||
+        apt-get source -qq "$name"; }) >/dev/null 9>"$deps/.apt-source.lock"
     find "$deps/src/$name" -mindepth 1 -maxdepth 1 -type d -name "$name-*" | head -n1
 }
 # deps_autotools NAME BINARY-PACKAGE [configure args...]: builds and installs into the prefix.
@@ -139,6 +140,9 @@ deps_autotools() {
     rm -rf "$deps/src/$name"
     echo "$key" >"$prefix/.$name.key"
 }
+# The gateway's libraries and the fleet's build in two streams at once: most of the first
+# is configure scripts, which run on one core.
+gateway_deps() {
 # libmicrohttpd without TLS: GnuTLS and its own dependencies are not cross-built here,
 # so the device's gateway serves plain HTTP (README).
 deps_autotools libmicrohttpd libmicrohttpd-dev --disable-https --disable-doc --disable-examples --disable-curl \
@@ -150,7 +154,9 @@ deps_autotools curl libcurl4-gnutls-dev --without-ssl --disable-ldap --disable-l
     --without-libssh2 --disable-manual --disable-docs --disable-rtsp --disable-dict --disable-telnet \
     --disable-tftp --disable-pop3 --disable-imap --disable-smtp --disable-gopher --disable-mqtt --disable-smb \
     --disable-ftp --disable-file --disable-alt-svc --disable-ntlm
+}
 
+fleet_deps() {
 # ---- the fleet's MQTT over TLS: OpenSSL and libmosquitto from their Debian source packages ----
 # libssl and libcrypto only (no programs, tests, modules or engines), without the protocols
 # and algorithms a TLS 1.2/1.3 client of the broker never uses, to compile less.
@@ -193,6 +199,13 @@ if ! fresh mosquitto "$mosquitto_key"; then
     rm -rf "$deps/src/mosquitto"
     echo "$mosquitto_key" >"$prefix/.mosquitto.key"
 fi
+}
+
+deb_src  # once, before the streams: both would add the source records and update
+gateway_deps &
+gateway_stream=$!
+fleet_deps
+wait "$gateway_stream"
 
 # ---- GoogleTest from the sources shipped by libgtest-dev ----
 gtest_key="googletest $(dpkg-query -W -f='${Version}' libgtest-dev) $toolkey"
@@ -205,7 +218,8 @@ fi
 # ---- the library and its tests ----
 step "configuring and building build-mips/"
 cmake -S "$root" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$toolchain" -DKEP_MIPS_PREFIX="$prefix" \
-    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKEP_BUILD_TOOLS="${KEP_MIPS_TOOLS:-ON}" >/dev/null
+    -DCMAKE_BUILD_TYPE=RelWithDebInfo "-DCMAKE_C_FLAGS_RELWITHDEBINFO=-O2 -g1 -DNDEBUG" \
+    "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O2 -g1 -DNDEBUG" -DKEP_BUILD_TOOLS="${KEP_MIPS_TOOLS:-ON}" >/dev/null
 cmake --build "$build" -j"$jobs"
 
 step "tests under $(command -v qemu-mips || command -v qemu-mips-static)"

@@ -53,6 +53,10 @@ build() {  # build DIR [cmake args...]; TARGETS="a b" limits what is built
     cmake --build "$root/$dir" -j"$jobs" "${targets[@]}"
 }
 
+# Sanitized builds compile at -O1, as the sanitizers advise, with line tables only, which
+# their reports need: a large test file then compiles in less than half the time.
+sanitized=("-DCMAKE_C_FLAGS_RELWITHDEBINFO=-O1 -g1 -DNDEBUG" "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1 -g1 -DNDEBUG")
+
 run_ctest() {  # run_ctest DIR [ctest args...]
     local dir=$1; shift
     ctest --test-dir "$root/$dir" -j"$jobs" --output-on-failure --timeout 120 "$@"
@@ -132,12 +136,12 @@ test_all() {
     # across real processes: the library is compiled once. The host's, kit's and service's
     # system tests run under valgrind's and TSan's stages; the browser's need no sanitizer.
     stage "AddressSanitizer + UndefinedBehaviorSanitizer"
-    build build-asan -DKEP_SANITIZE=address,undefined -DKEP_BUILD_TOOLS=ON -DKEP_BUILD_BENCH=OFF
+    build build-asan -DKEP_SANITIZE=address,undefined "${sanitized[@]}" -DKEP_BUILD_TOOLS=ON -DKEP_BUILD_BENCH=OFF
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 run_ctest build-asan \
         -E '^(abi|AllocSweep|Browser|Host|Kit|KepCheck|Service|docs|system)\.'
     stage "ThreadSanitizer (threaded tests; the host and owners run under it too)"
     TARGETS="config_test api_e2e_test platform_rpc_test api_request_test host_test owner_kit_test changeset_test kepd kepctl dhcpd sysd ntpd gateway_test kepwebd" \
-        build build-tsan -DKEP_SANITIZE=thread -DKEP_BUILD_TOOLS=ON
+        build build-tsan -DKEP_SANITIZE=thread "${sanitized[@]}" -DKEP_BUILD_TOOLS=ON
     TSAN_OPTIONS="halt_on_error=1 exitcode=66" run_ctest build-tsan -R 'Thread|Concurren|ImiServe|^Host\.|^Kit\.|^Gateway\.|^ChangeSet\.'
     if [ "${KEP_MIPS:-1}" != 0 ]; then
         stage "big-endian MIPS cross build, tests under qemu"
