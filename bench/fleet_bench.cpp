@@ -27,6 +27,7 @@
 #include <sys/wait.h>
 
 #include <fstream>
+#include <functional>
 #include <map>
 #include <set>
 #include <sstream>
@@ -92,18 +93,25 @@ void signalDevices(int sig, int except = 0) {
 // The floor program, serving until stopped; its first line says how connecting went.
 class FloorProcess {
 public:
-    bool start(int count, int window, bool connectOnly) {
+    bool start(int count, int window, bool connectOnly, int perProcess = 0) {
         int fds[2];
         if (pipe2(fds, O_CLOEXEC) != 0) return false;
         pid_ = fork();
         if (pid_ == 0) {
             dup2(fds[1], 1);
             prctl(PR_SET_PDEATHSIG, SIGKILL);
+            // A session of its own, as tools/fleet.sh gives the simulated devices: each side
+            // gets its share of the CPU as a whole, not per process.
+            setsid();
             const std::string n = std::to_string(count), a = std::to_string(g.answerBytes),
                               w = std::to_string(window), exe = g.build + "/bench/kep_fleet_floor";
-            execl(exe.c_str(), "kep_fleet_floor", g.dir.c_str(), n.c_str(), a.c_str(), w.c_str(),
-                  connectOnly ? "--connect-only" : static_cast<char *>(nullptr),
-                  static_cast<char *>(nullptr));
+            std::vector<std::string> args = {"kep_fleet_floor", g.dir, n, a, w};
+            if (connectOnly) args.push_back("--connect-only");
+            if (perProcess > 0) args.insert(args.end(), {"--per-process", std::to_string(perProcess)});
+            std::vector<char *> argv;
+            for (std::string &arg : args) argv.push_back(&arg[0]);
+            argv.push_back(nullptr);
+            execv(exe.c_str(), argv.data());
             _exit(127);
         }
         close(fds[1]);
@@ -136,7 +144,7 @@ FloorProcess gFloor;
 // The floor's controller: libmosquitto alone, every request published at once.
 class BareController {
 public:
-    bool open() {
+    bool open(int timeoutMs = 5000) {
         std::string password;
         if (!kepfleet::readPassword(g.dir + "/ctl-view.password", &password)) return false;
         m_ = mosquitto_new("ctl-view", true, this);
@@ -152,7 +160,7 @@ public:
         if (mosquitto_connect_bind_v5(m_, "localhost", g.port, 60, nullptr, nullptr) != MOSQ_ERR_SUCCESS)
             return false;
         mosquitto_subscribe_v5(m_, nullptr, "kep/+/response/ctl-view", 1, 0, nullptr);
-        for (int i = 0; i < 500 && !subscribed_; i++) mosquitto_loop(m_, 10, 1);
+        for (int i = 0; i < timeoutMs / 10 && !subscribed_; i++) mosquitto_loop(m_, 10, 1);
         return subscribed_;
     }
     ~BareController() {
@@ -162,30 +170,52 @@ public:
     // within 60 s); returns the time until the last answer.
     int64_t call(const std::vector<std::string> &devices, const std::string &request,
                  std::vector<int64_t> *latencies) {
-        sent_.assign(devices.size(), 0);
-        got_.assign(devices.size(), -1);
-        waiting_ = devices.size();
+        expect(devices.size());
         const int64_t start = kep_bench::nowNs();
-        for (uint32_t i = 0; i < devices.size(); i++) {
-            const std::string topic = "kep/" + devices[i] + "/request/ctl-view",
-                              reply = "kep/" + devices[i] + "/response/ctl-view";
-            mosquitto_property *props = nullptr;
-            mosquitto_property_add_string(&props, MQTT_PROP_RESPONSE_TOPIC, reply.c_str());
-            mosquitto_property_add_binary(&props, MQTT_PROP_CORRELATION_DATA, &i, sizeof i);
-            sent_[i] = kep_bench::nowNs();
-            mosquitto_publish_v5(m_, nullptr, topic.c_str(), static_cast<int>(request.size()), request.data(),
-                                 1, false, props);
-            mosquitto_property_free_all(&props);
-        }
+        for (uint32_t i = 0; i < devices.size(); i++) ask(i, devices[i], request);
         while (waiting_ > 0 && kep_bench::nowNs() - start < 60000000000LL) mosquitto_loop(m_, 10, 1);
         *latencies = got_;
         return kep_bench::nowNs() - start;
     }
 
+    // The parts of a call for one who sends as devices come: answers for count devices are
+    // awaited, ask sends device i its request, pump runs the network.
+    void expect(size_t count) {
+        sent_.assign(count, 0);
+        got_.assign(count, -1);
+        waiting_ = count;
+    }
+    void ask(uint32_t i, const std::string &device, const std::string &request) {
+        const std::string topic = "kep/" + device + "/request/ctl-view",
+                          reply = "kep/" + device + "/response/ctl-view";
+        mosquitto_property *props = nullptr;
+        mosquitto_property_add_string(&props, MQTT_PROP_RESPONSE_TOPIC, reply.c_str());
+        mosquitto_property_add_binary(&props, MQTT_PROP_CORRELATION_DATA, &i, sizeof i);
+        sent_[i] = kep_bench::nowNs();
+        mosquitto_publish_v5(m_, nullptr, topic.c_str(), static_cast<int>(request.size()), request.data(), 1,
+                             false, props);
+        mosquitto_property_free_all(&props);
+    }
+    bool pump(int ms) { return mosquitto_loop(m_, ms, 1) == MOSQ_ERR_SUCCESS; }
+    bool answered(uint32_t i) const { return got_[i] >= 0; }
+    size_t waiting() const { return waiting_; }
+    // Every device's status as it changes, from one subscription (QoS 0, as kepfleet's).
+    void watchStatus(std::function<void(const std::string &device, const std::string &status)> onStatus) {
+        onStatus_ = std::move(onStatus);
+        mosquitto_subscribe_v5(m_, nullptr, "kep/+/status", 0, 0, nullptr);
+    }
+
 private:
-    static void onMessage(mosquitto *, void *self, const mosquitto_message *,
+    static void onMessage(mosquitto *, void *self, const mosquitto_message *msg,
                           const mosquitto_property *props) {
         BareController *c = static_cast<BareController *>(self);
+        std::string device, kind, name;
+        if (msg->topic && kepfleet::splitTopic(msg->topic, &device, &kind, &name) && kind == "status") {
+            if (c->onStatus_)
+                c->onStatus_(device, std::string(static_cast<const char *>(msg->payload),
+                                                 static_cast<size_t>(msg->payloadlen)));
+            return;
+        }
         void *corr = nullptr;
         uint16_t len = 0;
         mosquitto_property_read_binary(props, MQTT_PROP_CORRELATION_DATA, &corr, &len, false);
@@ -202,6 +232,7 @@ private:
     bool subscribed_ = false;
     std::vector<int64_t> sent_, got_;
     size_t waiting_ = 0;
+    std::function<void(const std::string &, const std::string &)> onStatus_;
 };
 
 // Latencies (ns; -1 unanswered) as counters: p50/p99 in ms, unanswered, messages/s.
@@ -243,12 +274,39 @@ void floorGet(benchmark::State &state) {
     report(state, all, last, 0);
 }
 
+// The floor again with a process per device, as the simulated devices are: what this
+// machine charges for waking a thousand processes instead of one, beside the broker's cost.
+void processFloorGet(benchmark::State &state) {
+    const int count = static_cast<int>(state.range(0));
+    gFloor.stop();  // its accounts are those this floor logs in with
+    FloorProcess floor;
+    signalDevices(SIGSTOP);
+    const bool up = floor.start(count, 100, false, 1) && floor.connected == count;
+    signalDevices(SIGCONT);
+    if (!up) return state.SkipWithError("the floor of a process per device did not connect");
+    floorGet(state);
+}
+
+// Every agent online: the floor's benchmarks stop the devices (SIGSTOP), which can
+// outlast an agent's keepalive; the broker then drops it, and it comes back after its
+// back-off. The agents are measured once they all are back.
+bool allOnline(kepfleet::Controller &c) {
+    for (int round = 0; round < 60; round++) {
+        size_t online = 0;
+        for (const auto &s : c.statuses(100, 3000)) online += s.first[0] == 'd' && s.second == "online";
+        if (online >= static_cast<size_t>(g.devices)) return true;
+        sleep(1);
+    }
+    return false;
+}
+
 // kepfleet's controller to the devices given, every request in flight at once.
 void kepfleetGet(benchmark::State &state, char kind, const std::string &user, bool stopAgents) {
     const int count = static_cast<int>(state.range(0));
     kepfleet::Controller c(broker(user));
     if (!c.open(10000)) return state.SkipWithError("kepfleet's controller cannot connect");
     const std::vector<std::string> devices = names(kind, count);
+    if (kind == 'd' && !allOnline(c)) return state.SkipWithError("not every agent came back online");
     if (stopAgents) signalDevices(SIGSTOP);
     std::vector<int64_t> all;
     int64_t last = 0;
@@ -281,6 +339,7 @@ void agentsSet(benchmark::State &state) {
     kepfleet::Controller c(broker("ctl-admin"));
     if (!c.open(10000)) return state.SkipWithError("kepfleet's controller cannot connect");
     const std::vector<std::string> devices = names('d', count);
+    if (!allOnline(c)) return state.SkipWithError("not every agent came back online");
     int value = 100, filesRight = 0;
     size_t errors = 0, noAnswer = 0;
     for (auto _ : state) {
@@ -315,6 +374,7 @@ void agentsSet(benchmark::State &state) {
 void roundTrip(benchmark::State &state) {
     kepfleet::Controller c(broker("ctl-admin"));
     if (!c.open(10000)) return state.SkipWithError("kepfleet's controller cannot connect");
+    if (!allOnline(c)) return state.SkipWithError("not every agent came back online");
     kep_bench::Latencies floor, agent, share;
     bool answered = true;
     auto ask = [&](const char *device) {
@@ -387,11 +447,12 @@ void directRoute(benchmark::State &state) {
 // count floor devices connecting window at a time, then gone again.
 void floorConnect(benchmark::State &state) {
     const int count = static_cast<int>(state.range(0)), window = static_cast<int>(state.range(1));
+    const int perProcess = state.range(2) > 0 ? static_cast<int>(state.range(2)) : 0;
     signalDevices(SIGSTOP);
     int failed = 0, connected = 0;
     for (auto _ : state) {
         FloorProcess p;
-        if (!p.start(count, window, true)) {
+        if (!p.start(count, window, true, perProcess)) {
             signalDevices(SIGCONT);
             return state.SkipWithError("the floor did not report");
         }
@@ -418,11 +479,16 @@ size_t failuresSince(std::map<std::string, size_t> *offsets, bool count) {
             in.seekg(static_cast<std::streamoff>((*offsets)[log]));
             std::string line;
             while (std::getline(in, line))
-                if (line.find("cannot connect") != std::string::npos ||
+                // Refused means nobody listened: an attempt from before the broker did,
+                // logged after (on loopback a full accept queue drops, it never refuses).
+                if ((line.find("cannot connect") != std::string::npos &&
+                     line.find("Connection refused") == std::string::npos) ||
                     line.find("refused the connection") != std::string::npos ||
                     line.find("OpenSSL Error") != std::string::npos ||
-                    line.find("protocol error") != std::string::npos)
+                    line.find("protocol error") != std::string::npos) {
                     failures++;
+                    fprintf(stderr, "fleet: failed connection: %s: %s\n", log.c_str(), line.c_str());
+                }
         }
         (*offsets)[log] = end;
     }
@@ -442,13 +508,18 @@ bool listening() {
 }
 
 // The broker stopped and started again under every agent: from the moment it listens
-// again, the time until all say "online" again, and until all have answered a get;
-// failed connections meanwhile.
+// again, the time until all say "online" again, and until all have answered a get, each
+// asked as soon as it says so (again, if it drops out before answering); failed
+// connections meanwhile.
 void brokerRestart(benchmark::State &state) {
     const int count = g.devices;
     const std::vector<std::string> devices = names('d', count);
     size_t failures = 0, unanswered = 0;
     double onlineMs = 0, answeredMs = 0, listenMs = 0;
+    {
+        kepfleet::Controller c(broker("ctl-admin"));
+        if (!c.open(10000) || !allOnline(c)) return state.SkipWithError("not every agent is online before");
+    }
     for (auto _ : state) {
         if (system(("kill $(cat " + g.dir + "/broker.pid); while kill -0 $(cat " + g.dir +
                     "/broker.pid) 2>/dev/null; do sleep 0.01; done")
@@ -457,6 +528,7 @@ void brokerRestart(benchmark::State &state) {
         const pid_t pid = fork();
         if (pid == 0) {
             kep_bench::redirect(g.dir + "/broker.out");
+            setsid();  // as tools/fleet.sh starts it
             execlp("mosquitto", "mosquitto", "-c", (g.dir + "/mosquitto.conf").c_str(),
                    static_cast<char *>(nullptr));
             _exit(127);
@@ -470,22 +542,44 @@ void brokerRestart(benchmark::State &state) {
         const int64_t start = kep_bench::nowNs();
         listenMs = static_cast<double>(start - forked) / 1e6;
         failuresSince(&offsets, false);
-        kepfleet::Controller c(broker("ctl-admin"));
-        if (!c.open(30000))
-            return state.SkipWithError("kepfleet's controller cannot connect after the restart");
-        std::map<std::string, std::string> seen;
+        BareController c;
+        if (!c.open(30000)) return state.SkipWithError("the controller cannot connect after the restart");
+        c.expect(devices.size());
+        std::vector<bool> online(devices.size(), false);
+        size_t onlineCount = 0;
+        int64_t lastOnline = start;
+        c.watchStatus([&](const std::string &device, const std::string &status) {
+            if (device.size() != 5 || device[0] != 'd') return;
+            const uint32_t i = static_cast<uint32_t>(atoi(device.c_str() + 1) - 1);
+            if (i >= devices.size()) return;
+            const bool now = status == "online";
+            if (now && !online[i]) {
+                onlineCount++;
+                lastOnline = kep_bench::nowNs();
+                if (!c.answered(i)) c.ask(i, device, kGet);
+            } else if (!now && online[i]) {
+                onlineCount--;
+            }
+            online[i] = now;
+        });
         const int64_t giveUp = start + 120000000000LL;
-        size_t online = 0;
-        while (online < devices.size() && kep_bench::nowNs() < giveUp) {
-            seen = c.statuses(50, 2000);
-            online = 0;
-            for (const auto &s : seen) online += s.first[0] == 'd' && s.second == "online";
-        }
-        onlineMs = static_cast<double>(kep_bench::nowNs() - start) / 1e6;
-        c.call(devices, kGet, count, 30000, [&](const kepfleet::Outcome &o) { unanswered += !o.answered; });
+        while (c.waiting() > 0 && kep_bench::nowNs() < giveUp) c.pump(10);
+        onlineMs = static_cast<double>(lastOnline - start) / 1e6;
+        unanswered += c.waiting();
         const int64_t ns = kep_bench::nowNs() - start;
         answeredMs = static_cast<double>(ns) / 1e6;
         state.SetIterationTime(static_cast<double>(ns) / 1e9);
+        // When the broker let the agents in, a second at a time (its log's timestamps).
+        std::ifstream log(g.dir + "/broker.log");
+        log.seekg(static_cast<std::streamoff>(offsets[g.dir + "/broker.log"]));
+        std::map<long, int> perSecond;
+        for (std::string line; std::getline(log, line);)
+            if (line.find("New client connected") != std::string::npos) perSecond[atol(line.c_str())]++;
+        std::string seconds;
+        for (const auto &p : perSecond)
+            seconds +=
+                " " + std::to_string(p.first - perSecond.begin()->first) + "s:" + std::to_string(p.second);
+        fprintf(stderr, "fleet: broker restart: agents let in, by second:%s\n", seconds.c_str());
         failures += failuresSince(&offsets, true);
     }
     state.counters["listen_ms"] = listenMs;
@@ -671,20 +765,36 @@ int main(int argc, char **argv) {
         ->Unit(kMicrosecond);
     benchmark::RegisterBenchmark("fleet/memory", memory)->Iterations(1);
     benchmark::RegisterBenchmark("fleet/idle_cpu", idleCpu)->Iterations(1)->Unit(kMillisecond);
-    // The floor's connects last: they take the floor's own devices down.
+    // The floor's connects and its process per device last: they take the floor's own
+    // devices down.
+    for (int n : {100, 1000})
+        if (n <= g.floor && n <= g.devices)
+            benchmark::RegisterBenchmark("fleet/floor_per_process/get", processFloorGet)
+                ->Arg(n)
+                ->ArgName("devices")
+                ->Iterations(5)
+                ->UseManualTime()
+                ->Unit(kMillisecond);
     const int connecting = std::min(1000, g.floor);
     benchmark::RegisterBenchmark("fleet/floor/connect",
                                  [](benchmark::State &s) { gFloor.stop(), floorConnect(s); })
-        ->Args({connecting, 100})
-        ->ArgNames({"devices", "window"})
+        ->Args({connecting, 100, 0})
+        ->ArgNames({"devices", "window", "per_process"})
         ->Iterations(3)
         ->UseManualTime()
         ->Unit(kMillisecond);
     // All at once, what clients without back-off do after a broker restart: SYNs beyond
     // the listen backlog wait for their retransmission, seconds each.
     benchmark::RegisterBenchmark("fleet/floor/connect", floorConnect)
-        ->Args({connecting, connecting})
-        ->ArgNames({"devices", "window"})
+        ->Args({connecting, connecting, 0})
+        ->ArgNames({"devices", "window", "per_process"})
+        ->Iterations(1)
+        ->UseManualTime()
+        ->Unit(kMillisecond);
+    // All at once, each device a process of its own, as agents come back after a restart.
+    benchmark::RegisterBenchmark("fleet/floor_per_process/connect", floorConnect)
+        ->Args({connecting, connecting, 1})
+        ->ArgNames({"devices", "window", "per_process"})
         ->Iterations(1)
         ->UseManualTime()
         ->Unit(kMillisecond);

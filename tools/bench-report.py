@@ -821,6 +821,21 @@ if fl:
                    f"{a['last_ms']:.0f} / {f['last_ms']:.0f} ms; p50 {a['p50_ms']:.0f} / {f['p50_ms']:.0f} ms; "
                    f"{a['no_answer']:.0f} unanswered, {a['errors']:.0f} errors", f"{n:,}")
     out()
+    per_process = fleet_run("fleet/floor_per_process/get")
+    if per_process:
+        out("The same floor with a process per device, as the simulated devices are (`--per-process 1`), asked the "
+            "same way: the rest of the gap is what this machine charges for waking a thousand processes where the "
+            "floor wakes one. Each side runs in a session of its own (the broker, the devices, the controller), so "
+            "that the kernel shares the CPU between the sides before it shares it between their processes, as "
+            "machines of their own would.")
+        out()
+        out("| devices | floor, a process per device: last answer ms | p50 / p99 ms | agents / it |")
+        out("|---|---|---|---|")
+        for n, p in sorted(per_process.items()):
+            a = agents.get(n)
+            out(f"| {n:,} | {fmt(p['last_ms'])} | {fmt(p['p50_ms'])} / {fmt(p['p99_ms'])} | "
+                f"{a['last_ms'] / p['last_ms']:.2f} |" if a else f"| {n:,} | {fmt(p['last_ms'])} | – | – |")
+        out()
     biggest = max(agents) if agents else None
     if biggest and biggest < max(floor, default=0):
         out(f"The agents were run up to {biggest:,} devices; see \"The fleet\" under \"Where the time goes\" for "
@@ -869,11 +884,16 @@ if fl:
             run = windowed[w]
             out(f"| {w:,} at a time | {fmt(us(run) / 1000)} | {run['connected'] + run['failed']:,.0f} | "
                 f"{run['failed']:.0f} |")
+        pp = first("fleet/floor_per_process/connect")
+        if pp:
+            out(f"| all at once, a process each (each process started then, its TLS set up) | {fmt(us(pp) / 1000)} | {pp['connected'] + pp['failed']:,.0f} | "
+                f"{pp['failed']:.0f} |")
         out()
     for n, run in rs.items():
         out(f"The broker stopped (SIGTERM) and started again under {n:,} agents. It listened "
             f"{fmt(run['listen_ms'])} ms after it was started; from then, all agents said \"online\" again after "
-            f"{fmt(run['online_ms'])} ms and all had answered a get after {fmt(run['answered_ms'])} ms "
+            f"{fmt(run['online_ms'])} ms and all had answered a get, each sent as soon as its agent said "
+            f"\"online\", after {fmt(run['answered_ms'])} ms "
             f"({run['no_answer']:.0f} unanswered); {run['failed_connections']:.0f} connection attempts "
             "failed once the broker listened (the agents' logs and the broker's).")
         out()
