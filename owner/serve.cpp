@@ -232,7 +232,10 @@ int onAdd(QxRpcPara *set, void *user) {
             if (k >= next) next = k + 1;
         }
         if (next > INT_MAX) return answer(set, KEP_OWNER_ERR_FULL, nullptr);
-        snprintf(name, sizeof name, "%s%lld", e.prefix, next);
+        // A prefix too long for the next number leaves no name that fits: refused, not cut.
+        const int length = snprintf(name, sizeof name, "%s%lld", e.prefix, next);
+        if (length < 0 || static_cast<size_t>(length) >= sizeof name)
+            return answer(set, KEP_OWNER_ERR_FULL, nullptr);
     }
     char path[kPathSize];
     RecordBuffer blank(e.data.recordSize), record(e.data.recordSize);
