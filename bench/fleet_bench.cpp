@@ -447,7 +447,7 @@ void directRoute(benchmark::State &state) {
 // count floor devices connecting window at a time, then gone again.
 void floorConnect(benchmark::State &state) {
     const int count = static_cast<int>(state.range(0)), window = static_cast<int>(state.range(1));
-    const int perProcess = state.range(2) > 0 ? static_cast<int>(state.range(2)) : 0;
+    const int perProcess = static_cast<int>(state.range(2));  // 0: as many as descriptors allow
     signalDevices(SIGSTOP);
     int failed = 0, connected = 0;
     for (auto _ : state) {
@@ -546,7 +546,6 @@ void brokerRestart(benchmark::State &state) {
         if (!c.open(30000)) return state.SkipWithError("the controller cannot connect after the restart");
         c.expect(devices.size());
         std::vector<bool> online(devices.size(), false);
-        size_t onlineCount = 0;
         int64_t lastOnline = start;
         c.watchStatus([&](const std::string &device, const std::string &status) {
             if (device.size() != 5 || device[0] != 'd') return;
@@ -554,11 +553,8 @@ void brokerRestart(benchmark::State &state) {
             if (i >= devices.size()) return;
             const bool now = status == "online";
             if (now && !online[i]) {
-                onlineCount++;
                 lastOnline = kep_bench::nowNs();
                 if (!c.answered(i)) c.ask(i, device, kGet);
-            } else if (!now && online[i]) {
-                onlineCount--;
             }
             online[i] = now;
         });

@@ -9,9 +9,11 @@
 //
 // More devices than one process has descriptors for are shared out over several
 // processes, the window with them; --per-process caps the devices of one process (1: a
-// process per device, as simulated agents are). Connects the devices at most WINDOW at a time and prints
+// process per device, as simulated agents are). Connects the devices at most WINDOW at a
+// time and prints
 //   connected N failed F ms T
-// (T: from the first attempt to the last device subscribed), then serves until SIGTERM,
+// (T: from the first attempt, or the first process started, to the last device
+// subscribed), then serves until SIGTERM,
 // or exits after that line with --connect-only. A device that is refused, loses its
 // connection or has not connected within 60 s counts as failed.
 #include <errno.h>
@@ -305,7 +307,6 @@ int main(int argc, char **argv) {
         workers.push_back({pid, fdopen(fds[0], "r")});
     }
     int connected = 0, failed = 0;
-    long long ms = 0;
     for (Worker &w : workers) {
         int c = 0, f = 0;
         long long m = 0;
@@ -315,8 +316,7 @@ int main(int argc, char **argv) {
             gStop = 1;
         connected += c, failed += f;
     }
-    ms = nowMs() - started;
-    printf("connected %d failed %d ms %lld\n", connected, failed, ms);
+    printf("connected %d failed %d ms %lld\n", connected, failed, static_cast<long long>(nowMs() - started));
     fflush(stdout);
     // Waits for SIGTERM without missing one that comes before the wait.
     sigset_t stop, before;

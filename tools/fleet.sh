@@ -116,6 +116,7 @@ start_devices() {
         FLEET_IN_SESSION=$dir setsid -w "$BASH" "$0" _devices "$dir" "$1" "$2"
         return
     fi
+    unset FLEET_IN_SESSION  # the devices' processes need not carry it
     local i name
     for ((i = $1; i <= $2; i++)); do
         printf -v name 'd%04d' "$i"
