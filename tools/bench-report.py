@@ -799,7 +799,7 @@ if fl:
         "does not weigh on the floor. The same floor asked by kepfleet's controller shows the controller's own "
         "share. The agents are asked by kepfleet's controller with every request in flight at once (`-k` = the "
         "device count): a get of the ntp server table. Each row is the worst of 5 calls for the last answer, "
-        "and p50/p99 over all of them.")
+        "and p50/p99 over all of them, after one untimed warm-up call on each side.")
     out()
     out("| devices | floor: last answer ms | p50 / p99 ms | kepfleet on the floor: last ms | agents: last answer ms "
         "| p50 / p99 ms | messages/s through the broker | no answer | agents / floor |")
