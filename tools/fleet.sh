@@ -297,6 +297,7 @@ device = $name
 rules = $dir/rules.json
 controllers = $dir/controllers.txt
 audit-log = $d/audit.log
+answers-file = $d/answers
 backoff-max = $backoff
 $([ "$i" -gt "${FLEET_REAL:-0}" ] && echo "simulate = $d/ntp.xml")
 ${runas:+user = ${runas[0]}}

@@ -259,6 +259,14 @@ void Agent::handle(const mosquitto_message *msg, const mosquitto_property *props
             text = refusal(kErrDenied, c.reason);
         } else {
             const bool changes = keprules::permissionOfMethod(c.method) != keprules::kRead;
+            if (changes && journal_ && !journal_->begin(controller, correlation, request)) {
+                audit("refused: controller=%s method=%s: cannot record the request before applying it (%s)",
+                      controller.c_str(), c.method.c_str(), strerror(errno));
+                // Not remembered: nothing was applied, so the same request may come again.
+                return answer(
+                    reply, correlation,
+                    refusal(kErrNotRecorded, "the request could not be recorded here; not applied"));
+            }
             char *response = nullptr;
             const int rc = forward_(controller, request, changes, &response);
             if (rc != 0 || !response) {
@@ -273,10 +281,28 @@ void Agent::handle(const mosquitto_message *msg, const mosquitto_property *props
                           joined(c.modules).c_str(), errorCodeOf(text).c_str());
             }
             free(response);
+            // Only what changes the device is kept: a read served again does no harm, and its
+            // answer, which may be large, would push out those that must not be applied twice.
+            if (changes) {
+                cache_.store(controller, correlation, request, text, now);
+                if (journal_) journal_->answered(controller, correlation, request, text);
+            }
         }
     }
-    cache_.store(controller, correlation, request, text, now);
     answer(reply, correlation, text);
+}
+
+bool Agent::openJournal() {
+    if (s_.answersFile.empty() || s_.cacheEntries == 0) return true;
+    journal_.reset(new AnswerJournal(s_.cacheEntries, static_cast<int64_t>(s_.cacheSeconds) * 1000));
+    std::string error;
+    const std::string unknown = refusal(
+        kErrUnknownOutcome, "begun before the agent restarted: it may have been applied; not applied again");
+    if (!journal_->open(s_.answersFile, &cache_, unknown, kepfleet::monotonicMs(), &error)) {
+        fprintf(stderr, "kepagent: answers file %s\n", error.c_str());
+        return false;
+    }
+    return true;
 }
 
 }  // namespace kepagent

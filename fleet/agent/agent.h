@@ -9,8 +9,10 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
 
+#include "answer_journal.h"
 #include "fleet_mqtt.h"
 #include "kep_rules.h"
 #include "request_limits.h"
@@ -20,11 +22,13 @@ namespace kepagent {
 
 // The agent's own error codes in answers (the library's and the host's pass through).
 enum {
-    kErrDenied = -30001,      // no rule lets this controller's role do it (the host's code)
-    kErrRate = -32001,        // over the controller's request rate
-    kErrTooLarge = -32002,    // the request text is over the size limit
-    kErrReused = -32003,      // correlation data seen before with another request text
-    kErrBadRequest = -10100,  // not a JSON object (the library's code)
+    kErrDenied = -30001,          // no rule lets this controller's role do it (the host's code)
+    kErrRate = -32001,            // over the controller's request rate
+    kErrTooLarge = -32002,        // the request text is over the size limit
+    kErrReused = -32003,          // correlation data seen before with another request text
+    kErrUnknownOutcome = -32004,  // begun before the agent restarted: may have been applied, not again
+    kErrNotRecorded = -32005,     // could not be recorded before it was applied: not applied
+    kErrBadRequest = -10100,      // not a JSON object (the library's code)
 };
 
 // Serves one allowed request text: 0 with a malloc'd *response, else a nonzero code.
@@ -41,6 +45,9 @@ public:
 
     // Creates the client; false after saying why.
     bool init();
+    // Opens the answers file (the answers-file setting), when there is one; false after
+    // saying why. As the user the agent runs as: the file is rewritten beside itself.
+    bool openJournal();
     // Connects when due, serves what arrives, reconnects with a growing, jittered wait
     // after a loss; returns within about timeoutMs.
     void step(int timeoutMs);
@@ -68,6 +75,7 @@ private:
     FILE *audit_;
     kepfleet::Mosq mosq_;
     AnswerCache cache_;
+    std::unique_ptr<AnswerJournal> journal_;
     RateLimit rate_;
     bool connected_ = false, linked_ = false;
     kepfleet::Retry retry_;

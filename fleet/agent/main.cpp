@@ -51,7 +51,9 @@ void usage(FILE *to) {
         "  --audit-log FILE        append the audit here (default: syslog, authpriv)\n"
         "  --user USER             the user to run as (required when started as root)\n"
         "  --max-request BYTES (65536)  --rate N (10/s)  --burst N (20)  per controller\n"
-        "  --cache-entries N (256) --cache-seconds S (600)  answers kept for repeated deliveries\n"
+        "  --cache-entries N (256) --cache-seconds S (600)  answers to changes kept for repeated\n"
+        "                          deliveries\n"
+        "  --answers-file FILE     keep them here too, so that a restarted agent never applies one twice\n"
         "  --keepalive S (30)  --session-seconds S (300)  --backoff-max S (30)\n");
 }
 
@@ -107,7 +109,7 @@ int main(int argc, char **argv) {
         "broker-host",     "broker-port", "ca-file",     "cert-file",     "key-file",      "password-file",
         "device",          "rules",       "controllers", "audit-log",     "user",          "simulate",
         "max-request",     "rate",        "burst",       "cache-entries", "cache-seconds", "keepalive",
-        "session-seconds", "backoff-max"};
+        "session-seconds", "backoff-max", "answers-file"};
     constexpr int kCount = sizeof kNames / sizeof kNames[0];
     option options[kCount + 3];
     for (int i = 0; i < kCount; i++) options[i] = {kNames[i], required_argument, nullptr, 1000 + i};
@@ -181,7 +183,7 @@ int main(int argc, char **argv) {
         Agent agent(s, std::move(rules), std::move(roles),
                     s.simulate.empty() ? forwardToDevice : forwardSimulated, audit);
         // The password is read while the files are still reachable; everything after runs unprivileged.
-        if (!agent.init() || !dropPrivileges(s.runAs)) return 1;
+        if (!agent.init() || !dropPrivileges(s.runAs) || !agent.openJournal()) return 1;
         prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
         if (!s.simulate.empty() && simulatedStart(s.simulate.c_str()) != 0) {
             fprintf(stderr, "kepagent: cannot own the simulated module of %s\n", s.simulate.c_str());

@@ -1,8 +1,18 @@
 #include "request_limits.h"
 
+#include <stdio.h>
+
 #include <algorithm>
 
 namespace kepagent {
+
+std::string requestDigest(const std::string &request) {
+    uint64_t h = 14695981039346656037ull;
+    for (unsigned char c : request) h = (h ^ c) * 1099511628211ull;
+    char out[40];
+    snprintf(out, sizeof out, "%016llx.%zu", static_cast<unsigned long long>(h), request.size());
+    return out;
+}
 
 std::string AnswerCache::keyOf(const std::string &controller, const std::string &correlation) {
     // Controller names hold no NUL: the key cannot be made the same by two different pairs.
@@ -23,18 +33,23 @@ AnswerCache::Seen AnswerCache::find(const std::string &controller, const std::st
     expire(now);
     auto e = entries_.find(keyOf(controller, correlation));
     if (e == entries_.end()) return Seen::kNew;
-    if (e->second.request != request) return Seen::kDifferent;
+    if (e->second.digest != requestDigest(request)) return Seen::kDifferent;
     *answer = e->second.answer;
     return Seen::kSame;
 }
 
 void AnswerCache::store(const std::string &controller, const std::string &correlation,
                         const std::string &request, const std::string &answer, int64_t now) {
+    storeDigest(controller, correlation, requestDigest(request), answer, now);
+}
+
+void AnswerCache::storeDigest(const std::string &controller, const std::string &correlation,
+                              const std::string &digest, const std::string &answer, int64_t at) {
     if (capacity_ == 0) return;
     const std::string key = keyOf(controller, correlation);
-    entries_[key] = Entry{request, answer, now};
-    order_.emplace_back(now, key);
-    expire(now);
+    entries_[key] = Entry{digest, answer, at};
+    order_.emplace_back(at, key);
+    expire(at);
     // Entries stored again leave stale places in the order: keep it bounded too.
     if (order_.size() > 2 * capacity_ + 16) {
         std::deque<std::pair<int64_t, std::string>> live;

@@ -12,6 +12,10 @@
 
 namespace kepagent {
 
+// A request text's fingerprint (64-bit FNV-1a and the length): what the answers kept
+// compare instead of the text, which may be up to the size limit.
+std::string requestDigest(const std::string &request);
+
 // Answers by (controller, correlation data), so that a request delivered again (QoS 1
 // after a lost acknowledgement, or a controller sending again) is answered again
 // without being applied again. At most `capacity` entries, each for at most maxAgeMs;
@@ -27,11 +31,14 @@ public:
               int64_t now, std::string *answer);
     void store(const std::string &controller, const std::string &correlation, const std::string &request,
                const std::string &answer, int64_t now);
+    // The same with the request's digest, at a time that may be in the past.
+    void storeDigest(const std::string &controller, const std::string &correlation, const std::string &digest,
+                     const std::string &answer, int64_t at);
     size_t size() const { return entries_.size(); }
 
 private:
     struct Entry {
-        std::string request, answer;
+        std::string digest, answer;
         int64_t at;
     };
     void expire(int64_t now);

@@ -40,6 +40,7 @@ bool applySetting(const std::string &name, const std::string &value, Settings *s
         {"audit-log", &s->auditFile},
         {"user", &s->runAs},
         {"simulate", &s->simulate},
+        {"answers-file", &s->answersFile},
     };
     for (const Text &t : texts) {
         if (name == t.name) return *t.field = value, true;

@@ -24,7 +24,8 @@ struct Settings {
     size_t maxRequest = 65536;    // bytes of a request text
     double rate = 10;             // requests a second per controller, sustained
     double burst = 20;            // ... and at once
-    size_t cacheEntries = 256;    // answers kept for repeated deliveries
+    std::string answersFile;      // "": the answers kept live in memory only
+    size_t cacheEntries = 256;    // answers to changing requests kept for repeated deliveries
     int cacheSeconds = 600;
     int sessionSeconds = 300;    // how long the broker keeps the agent's session while it is away
     int backoffMaxSeconds = 30;  // the longest wait between reconnection attempts

@@ -351,6 +351,19 @@ TEST_F(Fleet, ARepeatedDeliveryIsAnsweredAgainNotAppliedTwice) {
     EXPECT_NE(admin.received_[0].payload.find(R"("server_3")"), std::string::npos)
         << admin.received_[0].payload;
     EXPECT_NE(admin.received_[2].payload.find("-32003"), std::string::npos) << admin.received_[2].payload;
+    // An agent that died and came back still knows the answer from its answers file.
+    kill(pidOf("d0001/agent.pid"), SIGKILL);
+    EXPECT_TRUE(eventually([&] { return statusOf("d0001") == "offline"; }, 10000));
+    int status = 1;
+    run(std::string(FLEET_SH) + " device " + dir_ + " d0001", &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(eventually([&] { return statusOf("d0001") == "online"; }, 10000));
+    // kepfleet, asking for the status under the same controller name, took the session over.
+    ASSERT_TRUE(admin.connect());
+    ASSERT_EQ(admin.subscribe("kep/d0001/response/ctl-admin"), 1);
+    EXPECT_EQ(admin.publish("kep/d0001/request/ctl-admin", add, "kep/d0001/response/ctl-admin", "same"), 0);
+    ASSERT_TRUE(admin.pumpUntil([&] { return admin.received_.size() >= 4; }, 5000));
+    EXPECT_EQ(admin.received_[3].payload, admin.received_[0].payload);
     const std::string out = kepfleet("ctl-admin", "call d0001 " + std::string(kGetServers));
     EXPECT_EQ(count(out, R"("address":"once")"), 1u) << out;
     EXPECT_NE(fileText(dir_ + "/d0001/audit.log").find("repeated: controller=ctl-admin answered again"),

@@ -2,7 +2,16 @@
 // answers it keeps for repeated deliveries, the request rate per controller, and the
 // topics both programs read.
 #include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <fstream>
+#include <memory>
+#include <sstream>
+
+#include "answer_journal.h"
 #include "fleet_mqtt.h"
 #include "request_limits.h"
 #include "settings.h"
@@ -10,6 +19,7 @@
 namespace {
 
 using kepagent::AnswerCache;
+using kepagent::AnswerJournal;
 using kepagent::RateLimit;
 
 TEST(FleetTopics, OnlyWellFormedTopicsOfValidNamesSplit) {
@@ -55,6 +65,111 @@ TEST(FleetAnswerCache, StaysBoundedWhenOneKeyIsStoredOverAndOver) {
     EXPECT_EQ(cache.size(), 1u);
     EXPECT_EQ(cache.find("c", "same", "r", 10000, &answer), AnswerCache::Seen::kSame);
     EXPECT_EQ(answer, "9999");
+}
+
+// A folder of its own for each journal test, removed with what is in it.
+class FleetAnswerJournal : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char tmpl[] = "/tmp/journalXXXXXX";
+        ASSERT_TRUE(mkdtemp(tmpl));
+        dir_ = tmpl;
+        path_ = dir_ + "/answers";
+    }
+    void TearDown() override {
+        unlink(path_.c_str());
+        rmdir(dir_.c_str());
+    }
+    std::string fileText() const {
+        std::ifstream in(path_);
+        std::stringstream ss;
+        ss << in.rdbuf();
+        return ss.str();
+    }
+    // A restarted agent: a new journal and cache over the same file.
+    bool reopen(AnswerCache *cache, std::unique_ptr<AnswerJournal> *journal, size_t capacity = 8,
+                int64_t maxAgeMs = 600000) {
+        journal->reset(new AnswerJournal(capacity, maxAgeMs));
+        std::string error;
+        const bool ok = (*journal)->open(path_, cache, "UNKNOWN", 0, &error);
+        EXPECT_TRUE(ok) << error;
+        return ok;
+    }
+    std::string dir_, path_;
+};
+
+TEST_F(FleetAnswerJournal, ARestartedAgentRepeatsAnswersAndNeverAppliesABegunRequestAgain) {
+    {
+        AnswerCache cache(8, 600000);
+        std::unique_ptr<AnswerJournal> journal;
+        ASSERT_TRUE(reopen(&cache, &journal));
+        ASSERT_TRUE(journal->begin("ctl", std::string("k\0\xff", 3), "add"));
+        journal->answered("ctl", std::string("k\0\xff", 3), "add", R"({"error_code":0,"x":"a\nb"})");
+        // Stopped between applying and answering (a crash, a power cut).
+        ASSERT_TRUE(journal->begin("ctl", "k2", "do"));
+        ASSERT_TRUE(journal->begin("ctl", "big", "set"));
+        journal->answered("ctl", "big", "set", std::string(AnswerJournal::kMaxAnswer + 1, 'x'));
+    }
+    // A power cut in the middle of the last append.
+    { std::ofstream(path_, std::ios::app) << R"({"at":1,"controller":"ctl","corr)"; }
+    AnswerCache cache(8, 600000);
+    std::unique_ptr<AnswerJournal> journal;
+    ASSERT_TRUE(reopen(&cache, &journal));
+    std::string answer;
+    EXPECT_EQ(cache.find("ctl", std::string("k\0\xff", 3), "add", 0, &answer), AnswerCache::Seen::kSame);
+    EXPECT_EQ(answer, R"({"error_code":0,"x":"a\nb"})");
+    EXPECT_EQ(cache.find("ctl", std::string("k\0\xff", 3), "other", 0, &answer),
+              AnswerCache::Seen::kDifferent);
+    EXPECT_EQ(cache.find("ctl", "k2", "do", 0, &answer), AnswerCache::Seen::kSame);
+    EXPECT_EQ(answer, "UNKNOWN");
+    EXPECT_EQ(cache.find("ctl", "big", "set", 0, &answer), AnswerCache::Seen::kSame);
+    EXPECT_EQ(answer, "UNKNOWN");
+    EXPECT_EQ(cache.find("other", "k2", "do", 0, &answer), AnswerCache::Seen::kNew);
+    // Rewritten at start: one whole line a request, the torn one gone.
+    EXPECT_EQ(journal->lines(), 3u);
+    const std::string text = fileText();
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 3);
+    EXPECT_EQ(text.back(), '\n');
+    struct stat st;
+    ASSERT_EQ(stat(path_.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+}
+
+TEST_F(FleetAnswerJournal, StaysBoundedAndForgetsWhatIsPastItsAge) {
+    AnswerCache cache(4, 600000);
+    std::unique_ptr<AnswerJournal> journal;
+    ASSERT_TRUE(reopen(&cache, &journal, 4));
+    for (int i = 0; i < 1000; i++) {
+        const std::string k = "k" + std::to_string(i);
+        ASSERT_TRUE(journal->begin("ctl", k, "set"));
+        journal->answered("ctl", k, "set", std::to_string(i));
+        EXPECT_LE(journal->lines(), 2u * 4 + 16 + 1);
+    }
+    AnswerCache after(4, 600000);
+    ASSERT_TRUE(reopen(&after, &journal, 4));
+    std::string answer;
+    EXPECT_EQ(after.size(), 4u);
+    EXPECT_EQ(after.find("ctl", "k999", "set", 0, &answer), AnswerCache::Seen::kSame);
+    EXPECT_EQ(answer, "999");
+    EXPECT_EQ(after.find("ctl", "k995", "set", 0, &answer), AnswerCache::Seen::kNew);
+    // Older than its age when the agent comes back: not kept.
+    AnswerCache late(4, 600000);
+    ASSERT_TRUE(reopen(&late, &journal, 4, 0));
+    EXPECT_EQ(late.size(), 0u);
+    EXPECT_EQ(journal->lines(), 0u);
+}
+
+TEST_F(FleetAnswerJournal, AFileThatCannotBeKeptIsRefused) {
+    AnswerCache cache(4, 600000);
+    AnswerJournal journal(4, 600000);
+    std::string error;
+    ASSERT_EQ(symlink("/etc/passwd", path_.c_str()), 0);
+    EXPECT_FALSE(journal.open(path_, &cache, "U", 0, &error));
+    EXPECT_NE(error.find(path_), std::string::npos);
+    AnswerJournal none(4, 600000);
+    EXPECT_FALSE(none.open(dir_ + "/no/such/folder", &cache, "U", 0, &error));
+    // Not open: nothing can be recorded, so nothing may be applied.
+    EXPECT_FALSE(none.begin("ctl", "k", "set"));
 }
 
 TEST(FleetRateLimit, BurstThenRateAndEachControllerApart) {
