@@ -81,12 +81,20 @@ bool AnswerJournal::open(const std::string &path, AnswerCache *cache, const std:
     unknownOutcome_ = unknownOutcome;
     const int fd = ::open(path.c_str(), O_RDONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
     struct stat st;
-    if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || static_cast<size_t>(st.st_size) > kMaxFile) {
-        *error = path + ": " + (fd < 0 ? strerror(errno) : "not a regular file of at most 32 MiB");
+    if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        *error = path + ": " + (fd < 0 ? strerror(errno) : "not a regular file");
         if (fd >= 0) close(fd);
         return false;
     }
-    std::string all(static_cast<size_t>(st.st_size), '\0');
+    // Larger than it should grow (many large answers kept): its newest records are read,
+    // from the first whole line of its last kMaxFile bytes.
+    const size_t size = static_cast<size_t>(st.st_size), skip = size > kMaxFile ? size - kMaxFile : 0;
+    if (skip) {
+        fprintf(stderr, "kepagent: %s: %zu bytes, only the last %zu are read\n", path.c_str(), size,
+                kMaxFile);
+        lseek(fd, static_cast<off_t>(skip), SEEK_SET);
+    }
+    std::string all(size - skip, '\0');
     size_t got = 0;
     while (got < all.size()) {
         const ssize_t n = read(fd, &all[got], all.size() - got);
@@ -96,6 +104,7 @@ bool AnswerJournal::open(const std::string &path, AnswerCache *cache, const std:
     }
     close(fd);
     all.resize(got);
+    if (skip) all.erase(0, all.find('\n') == std::string::npos ? all.size() : all.find('\n') + 1);
 
     // The last record of each request wins; a line cut short by a power cut is skipped.
     const int64_t now = wallMs();
@@ -168,8 +177,10 @@ bool AnswerJournal::append(const Record &r, bool sync) {
 
 bool AnswerJournal::rewrite() {
     const std::string next = path_ + ".new";
+    // Made anew, never opened through a name someone else left there (a link to another file).
+    unlink(next.c_str());
     const int fd =
-        ::open(next.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0600);
+        ::open(next.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) return false;
     const int old = fd_;
     fd_ = fd;

@@ -42,10 +42,10 @@ public:
     // Records now in the file (for tests).
     size_t lines() const { return lines_; }
 
-    // The largest file read at start, and the largest answer kept (a larger one is
-    // kept as unknownOutcome: applied, but its answer not repeated).
+    // The most of the file read at start (its end), and the largest answer kept (a larger
+    // one is kept as unknownOutcome: applied, but its answer not repeated).
     static constexpr size_t kMaxFile = 32u << 20;
-    static constexpr size_t kMaxAnswer = 64u << 10;
+    static constexpr size_t kMaxAnswer = 16u << 10;
 
 private:
     struct Record {

@@ -157,6 +157,20 @@ TEST_F(FleetAnswerJournal, StaysBoundedAndForgetsWhatIsPastItsAge) {
     ASSERT_TRUE(reopen(&late, &journal, 4, 0));
     EXPECT_EQ(late.size(), 0u);
     EXPECT_EQ(journal->lines(), 0u);
+    // A file grown past what is read at start: its newest records still count.
+    ASSERT_TRUE(journal->begin("ctl", "kk", "set"));
+    journal->answered("ctl", "kk", "set", "kept");
+    const std::string records = fileText();
+    {
+        std::ofstream out(path_, std::ios::trunc);
+        out << std::string(AnswerJournal::kMaxFile + 10, 'x') << "\n" << records;
+    }
+    AnswerCache grown(4, 600000);
+    ASSERT_TRUE(reopen(&grown, &journal, 4));
+    EXPECT_EQ(grown.find("ctl", "kk", "set", 0, &answer), AnswerCache::Seen::kSame);
+    EXPECT_EQ(answer, "kept");
+    EXPECT_EQ(journal->lines(), 1u);
+    EXPECT_LT(fileText().size(), records.size());
 }
 
 TEST_F(FleetAnswerJournal, AFileThatCannotBeKeptIsRefused) {
