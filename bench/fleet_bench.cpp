@@ -150,7 +150,9 @@ public:
         m_ = mosquitto_new("ctl-view", true, this);
         mosquitto_int_option(m_, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
         mosquitto_int_option(m_, MOSQ_OPT_TCP_NODELAY, 1);
-        mosquitto_tls_set(m_, (g.dir + "/ca.pem").c_str(), nullptr, nullptr, nullptr, nullptr);
+        kepfleet::BrokerSettings tls;
+        tls.caFile = g.dir + "/ca.pem";
+        if (!kepfleet::useTls(m_, tls)) return false;
         mosquitto_username_pw_set(m_, "ctl-view", password.c_str());
         mosquitto_subscribe_v5_callback_set(
             m_, [](mosquitto *, void *self, int, int, const int *, const mosquitto_property *) {

@@ -3,7 +3,8 @@
 // f0001.., made by tools/fleet.sh with FLEET_FLOOR), through the same broker, ACL and
 // topics as kepagent; each answers any request with ANSWER_BYTES fixed bytes on the
 // request's response topic with its correlation data, QoS 1. One thread, epoll over
-// every socket, libmosquitto driven by hand: nothing of the library or the agent.
+// every socket, libmosquitto driven by hand: nothing of the library or the agent but
+// the TLS context its clients share (kepfleet::useTls).
 //
 //   kep_fleet_floor DIR COUNT ANSWER_BYTES WINDOW [--connect-only] [--per-process N]
 //
@@ -38,6 +39,8 @@
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
 #include <openssl/ssl.h>
+
+#include "fleet_mqtt.h"
 
 namespace {
 
@@ -169,7 +172,9 @@ int serve(const std::vector<std::string> &accounts, const std::string &dir, int 
     Floor floor;
     floor.answer.assign(static_cast<size_t>(answerBytes), 'x');
     floor.epoll = epoll_create1(EPOLL_CLOEXEC);
-    const std::string ca = dir + "/ca.pem";
+    // The agents' TLS context, shared by every device here as by an agent's attempts.
+    kepfleet::BrokerSettings tls;
+    tls.caFile = dir + "/ca.pem";
     std::vector<std::unique_ptr<Device>> devices;
     for (const std::string &line : accounts) {
         const size_t colon = line.find(':');
@@ -180,7 +185,7 @@ int serve(const std::vector<std::string> &accounts, const std::string &dir, int 
         if (!d->mosq) return 1;
         mosquitto_int_option(d->mosq, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
         mosquitto_int_option(d->mosq, MOSQ_OPT_TCP_NODELAY, 1);
-        mosquitto_tls_set(d->mosq, ca.c_str(), nullptr, nullptr, nullptr, nullptr);
+        if (!kepfleet::useTls(d->mosq, tls)) return 1;
         mosquitto_username_pw_set(d->mosq, d->name.c_str(), line.substr(colon + 1).c_str());
         mosquitto_connect_v5_callback_set(d->mosq, onConnect);
         mosquitto_subscribe_v5_callback_set(d->mosq, onSubscribe);

@@ -8,6 +8,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <map>
+
+#include <arpa/inet.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <openssl/x509v3.h>
 
 #include "kep_rules.h"
 
@@ -87,22 +93,65 @@ Mosq newClient(const BrokerSettings &s, const std::string &clientId, bool cleanS
     }
     // The password stays in libmosquitto's copy only.
     for (char &c : password) c = '\0';
+    if (!useTls(m.get(), s)) return nullptr;
+    return m;
+}
+
+namespace {
+
+SSL_CTX *makeContext(const BrokerSettings &s) {
+    SSL_CTX *ctx = SSL_CTX_new(TLS_client_method());
+    if (!ctx) return nullptr;
+    X509_VERIFY_PARAM *param = SSL_CTX_get0_param(ctx);
+    in6_addr ip;
+    const bool literal =
+        inet_pton(AF_INET, s.host.c_str(), &ip) == 1 || inet_pton(AF_INET6, s.host.c_str(), &ip) == 1;
+    X509_VERIFY_PARAM_set_hostflags(param, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
+    const bool ok =
+        SSL_CTX_set_min_proto_version(ctx, TLS1_2_VERSION) == 1 &&
+        SSL_CTX_load_verify_locations(ctx, s.caFile.c_str(), nullptr) == 1 &&
+        (literal ? X509_VERIFY_PARAM_set1_ip_asc(param, s.host.c_str())
+                 : X509_VERIFY_PARAM_set1_host(param, s.host.c_str(), 0)) == 1 &&
+        (s.certFile.empty() || (SSL_CTX_use_certificate_chain_file(ctx, s.certFile.c_str()) == 1 &&
+                                SSL_CTX_use_PrivateKey_file(ctx, s.keyFile.c_str(), SSL_FILETYPE_PEM) == 1 &&
+                                SSL_CTX_check_private_key(ctx) == 1));
+    if (!ok) {
+        SSL_CTX_free(ctx);
+        return nullptr;
+    }
+    SSL_CTX_set_verify(ctx, SSL_VERIFY_PEER, nullptr);
+    return ctx;
+}
+
+}  // namespace
+
+bool useTls(mosquitto *m, const BrokerSettings &s) {
+    // One per broker and set of files; a process has one or a few. Never freed (nor the
+    // map, which would otherwise go before the clients at exit): each client holds its
+    // own reference, and the process's ends with it.
+    static auto &contexts = *new std::map<std::string, SSL_CTX *>;
     if (s.caFile.empty()) {
         fprintf(stderr, "a CA file is required: the broker is always reached over TLS\n");
-        return nullptr;
+        return false;
     }
-    const int rc = mosquitto_tls_set(m.get(), s.caFile.c_str(), nullptr,
-                                     s.certFile.empty() ? nullptr : s.certFile.c_str(),
-                                     s.keyFile.empty() ? nullptr : s.keyFile.c_str(), nullptr);
-    if (rc != MOSQ_ERR_SUCCESS) {
-        fprintf(stderr, "TLS files not usable (%s): CA %s, certificate %s, key %s\n", mosquitto_strerror(rc),
-                s.caFile.c_str(), s.certFile.empty() ? "-" : s.certFile.c_str(),
-                s.keyFile.empty() ? "-" : s.keyFile.c_str());
-        return nullptr;
+    if (s.certFile.empty() != s.keyFile.empty()) {
+        fprintf(stderr, "a client certificate needs its key, and a key its certificate\n");
+        return false;
     }
-    // Peer verification and host-name checking are libmosquitto's defaults; at least TLS 1.2.
-    mosquitto_tls_opts_set(m.get(), 1, "tlsv1.2", nullptr);
-    return m;
+    const std::string key = s.host + '\0' + s.caFile + '\0' + s.certFile + '\0' + s.keyFile;
+    SSL_CTX *&ctx = contexts[key];
+    if (!ctx) ctx = makeContext(s);
+    if (!ctx) {
+        fprintf(stderr, "TLS files not usable (%s): CA %s, certificate %s, key %s\n",
+                ERR_reason_error_string(ERR_get_error()), s.caFile.c_str(),
+                s.certFile.empty() ? "-" : s.certFile.c_str(), s.keyFile.empty() ? "-" : s.keyFile.c_str());
+        ERR_clear_error();
+        contexts.erase(key);
+        return false;
+    }
+    // Without defaults: libmosquitto would otherwise configure the context again itself.
+    return mosquitto_int_option(m, MOSQ_OPT_SSL_CTX_WITH_DEFAULTS, 0) == MOSQ_ERR_SUCCESS &&
+           mosquitto_opts_set(m, MOSQ_OPT_SSL_CTX, ctx) == MOSQ_ERR_SUCCESS;
 }
 
 int64_t monotonicMs() {

@@ -74,6 +74,13 @@ private:
 // nullptr after saying why on standard error. userdata is handed to the callbacks.
 Mosq newClient(const BrokerSettings &s, const std::string &clientId, bool cleanStart, void *userdata);
 
+// Hands m the process's TLS context for s's broker and files (made at the first call,
+// kept until the process ends): at least TLS 1.2, the broker's certificate checked
+// against the CA file and s.host, the client certificate when s has one. libmosquitto's
+// own context would read and decode the CA file again at every connection attempt, most
+// of what a reconnection costs. false after saying why on standard error.
+bool useTls(mosquitto *m, const BrokerSettings &s);
+
 // Milliseconds of the monotonic clock.
 int64_t monotonicMs();
 

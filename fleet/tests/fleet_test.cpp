@@ -248,6 +248,9 @@ TEST_F(Fleet, RoundTripToEveryDeviceAndStatusListsThem) {
     std::vector<int> ports = listeningPorts(pidOf("broker.pid"));
     std::sort(ports.begin(), ports.end());
     EXPECT_EQ(ports, (std::vector<int>{port(), certPort()}));
+    // A broker whose certificate the CA file does not vouch for is not spoken to.
+    EXPECT_FALSE(Raw(*this, "ctl-admin", password("ctl-admin"), dir_ + "/d0002/client.pem", port()).ok());
+    EXPECT_TRUE(Raw(*this, "ctl-admin", password("ctl-admin"), dir_ + "/ca.pem", port()).ok());
     // d0002 came in with its certificate, which named it to the broker.
     EXPECT_EQ(fileText(dir_ + "/d0002/agent.conf").find("password"), std::string::npos);
     EXPECT_NE(fileText(dir_ + "/broker.log").find("as d0002 (p5, c0, k30, u'd0002')"), std::string::npos);
