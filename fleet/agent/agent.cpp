@@ -223,7 +223,9 @@ void Agent::handle(const mosquitto_message *msg, const mosquitto_property *props
     }
     const std::string request(static_cast<const char *>(msg->payload), static_cast<size_t>(msg->payloadlen));
     std::string text;
-    switch (cache_.find(controller, correlation, request, now, &text)) {
+    // Computed once: the cache and the answers file name the request by it.
+    const std::string digest = requestDigest(request);
+    switch (cache_.find(controller, correlation, digest, now, &text)) {
         case AnswerCache::Seen::kSame:
             audit("repeated: controller=%s answered again, not applied again", controller.c_str());
             return answer(reply, correlation, text);
@@ -259,7 +261,7 @@ void Agent::handle(const mosquitto_message *msg, const mosquitto_property *props
             text = refusal(kErrDenied, c.reason);
         } else {
             const bool changes = keprules::permissionOfMethod(c.method) != keprules::kRead;
-            if (changes && journal_ && !journal_->begin(controller, correlation, request)) {
+            if (changes && journal_ && !journal_->begin(controller, correlation, digest)) {
                 audit("refused: controller=%s method=%s: cannot record the request before applying it (%s)",
                       controller.c_str(), c.method.c_str(), strerror(errno));
                 // Not remembered: nothing was applied, so the same request may come again.
@@ -284,8 +286,8 @@ void Agent::handle(const mosquitto_message *msg, const mosquitto_property *props
             // Only what changes the device is kept: a read served again does no harm, and its
             // answer, which may be large, would push out those that must not be applied twice.
             if (changes) {
-                cache_.store(controller, correlation, request, text, now);
-                if (journal_) journal_->answered(controller, correlation, request, text);
+                cache_.store(controller, correlation, digest, text, now);
+                if (journal_) journal_->answered(controller, correlation, digest, text);
             }
         }
     }

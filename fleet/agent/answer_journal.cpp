@@ -104,7 +104,10 @@ bool AnswerJournal::open(const std::string &path, AnswerCache *cache, const std:
     }
     close(fd);
     all.resize(got);
-    if (skip) all.erase(0, all.find('\n') == std::string::npos ? all.size() : all.find('\n') + 1);
+    if (skip) {
+        const size_t firstEnd = all.find('\n');
+        all.erase(0, firstEnd == std::string::npos ? std::string::npos : firstEnd + 1);
+    }
 
     // The last record of each request wins; a line cut short by a power cut is skipped.
     const int64_t now = wallMs();
@@ -137,8 +140,8 @@ bool AnswerJournal::open(const std::string &path, AnswerCache *cache, const std:
     for (auto &l : latest) kept.push_back(std::move(l.second));
     std::stable_sort(kept.begin(), kept.end(), [](const Record &a, const Record &b) { return a.at < b.at; });
     for (Record &r : kept) {
-        cache->storeDigest(r.controller, r.correlation, r.digest, r.answered ? r.answer : unknownOutcome_,
-                           nowMono - (now - r.at));
+        cache->store(r.controller, r.correlation, r.digest, r.answered ? r.answer : unknownOutcome_,
+                     nowMono - (now - r.at));
         keep(std::move(r));
     }
     // Rewritten at once: records past their age go, and a line cut short is not left
@@ -204,16 +207,16 @@ bool AnswerJournal::rewrite() {
 }
 
 bool AnswerJournal::begin(const std::string &controller, const std::string &correlation,
-                          const std::string &request) {
-    Record r{wallMs(), controller, correlation, requestDigest(request), "", false};
+                          const std::string &digest) {
+    Record r{wallMs(), controller, correlation, digest, "", false};
     if (!append(r, true)) return false;
     keep(std::move(r));
     return true;
 }
 
 void AnswerJournal::answered(const std::string &controller, const std::string &correlation,
-                             const std::string &request, const std::string &answer) {
-    Record r{wallMs(), controller, correlation, requestDigest(request), "", false};
+                             const std::string &digest, const std::string &answer) {
+    Record r{wallMs(), controller, correlation, digest, "", false};
     if (answer.size() <= kMaxAnswer) r.answer = answer, r.answered = true;
     if (!append(r, false))
         fprintf(stderr, "kepagent: %s: answer not recorded: %s\n", path_.c_str(), strerror(errno));

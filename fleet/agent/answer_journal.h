@@ -33,11 +33,11 @@ public:
     // false with *error when the file cannot be read or written.
     bool open(const std::string &path, AnswerCache *cache, const std::string &unknownOutcome, int64_t nowMono,
               std::string *error);
-    // On disk before the request is applied: false when it could not be written and
-    // synchronised, and the request must not be applied.
-    bool begin(const std::string &controller, const std::string &correlation, const std::string &request);
+    // On disk before the request (named by its requestDigest) is applied: false when it
+    // could not be written and synchronised, and the request must not be applied.
+    bool begin(const std::string &controller, const std::string &correlation, const std::string &digest);
     // Its answer; not synchronised: a record lost in a power cut leaves the begun one.
-    void answered(const std::string &controller, const std::string &correlation, const std::string &request,
+    void answered(const std::string &controller, const std::string &correlation, const std::string &digest,
                   const std::string &answer);
     // Records now in the file (for tests).
     size_t lines() const { return lines_; }

@@ -29,22 +29,17 @@ void AnswerCache::expire(int64_t now) {
 }
 
 AnswerCache::Seen AnswerCache::find(const std::string &controller, const std::string &correlation,
-                                    const std::string &request, int64_t now, std::string *answer) {
+                                    const std::string &digest, int64_t now, std::string *answer) {
     expire(now);
     auto e = entries_.find(keyOf(controller, correlation));
     if (e == entries_.end()) return Seen::kNew;
-    if (e->second.digest != requestDigest(request)) return Seen::kDifferent;
+    if (e->second.digest != digest) return Seen::kDifferent;
     *answer = e->second.answer;
     return Seen::kSame;
 }
 
 void AnswerCache::store(const std::string &controller, const std::string &correlation,
-                        const std::string &request, const std::string &answer, int64_t now) {
-    storeDigest(controller, correlation, requestDigest(request), answer, now);
-}
-
-void AnswerCache::storeDigest(const std::string &controller, const std::string &correlation,
-                              const std::string &digest, const std::string &answer, int64_t at) {
+                        const std::string &digest, const std::string &answer, int64_t at) {
     if (capacity_ == 0) return;
     const std::string key = keyOf(controller, correlation);
     entries_[key] = Entry{digest, answer, at};

@@ -25,15 +25,14 @@ public:
     AnswerCache(size_t capacity, int64_t maxAgeMs) : capacity_(capacity), maxAgeMs_(maxAgeMs) {}
 
     enum class Seen { kNew, kSame, kDifferent };
-    // kSame with *answer when this request was answered; kDifferent when the same
-    // correlation data came with another request text (nothing is answered from here).
-    Seen find(const std::string &controller, const std::string &correlation, const std::string &request,
+    // Requests are named by their requestDigest. kSame with *answer when this request was
+    // answered; kDifferent when the same correlation data came with another request text
+    // (nothing is answered from here).
+    Seen find(const std::string &controller, const std::string &correlation, const std::string &digest,
               int64_t now, std::string *answer);
-    void store(const std::string &controller, const std::string &correlation, const std::string &request,
-               const std::string &answer, int64_t now);
-    // The same with the request's digest, at a time that may be in the past.
-    void storeDigest(const std::string &controller, const std::string &correlation, const std::string &digest,
-                     const std::string &answer, int64_t at);
+    // at: when it was answered, which may be in the past (answers read back from a file).
+    void store(const std::string &controller, const std::string &correlation, const std::string &digest,
+               const std::string &answer, int64_t at);
     size_t size() const { return entries_.size(); }
 
 private:
