@@ -23,7 +23,9 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <list>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -1432,4 +1434,118 @@ TEST(ImiServe, ASocketUnderAnotherProcesssNameIsNotUsed) {
     if (conn >= 0) close(conn);
     close(squatter);
     unlink(path.c_str());
+}
+
+namespace {
+
+// Context switches and CPU time of threads of this process.
+struct Usage {
+    long wakes = 0;
+    long cpuMs = 0;
+};
+
+std::vector<int> threadIds() {
+    std::vector<int> ids;
+    for (const auto &e : std::filesystem::directory_iterator("/proc/self/task"))
+        ids.push_back(std::stoi(e.path().filename()));
+    return ids;
+}
+
+// Per thread, for the threads not in old: the sanitizers' and an emulator's own
+// threads, and the test's, keep their clocks out of it.
+std::vector<std::pair<int, Usage>> usageOfThreadsSince(const std::vector<int> &old) {
+    std::vector<std::pair<int, Usage>> out;
+    for (int id : threadIds()) {
+        if (std::find(old.begin(), old.end(), id) != old.end()) continue;
+        const std::string dir = "/proc/self/task/" + std::to_string(id);
+        Usage u;
+        std::ifstream status(dir + "/status");
+        for (std::string line; std::getline(status, line);) {
+            if (line.rfind("voluntary_ctxt_switches:", 0) == 0 ||
+                line.rfind("nonvoluntary_ctxt_switches:", 0) == 0)
+                u.wakes += std::stol(line.substr(line.find(':') + 1));
+        }
+        std::ifstream statFile(dir + "/stat");
+        std::string stat((std::istreambuf_iterator<char>(statFile)), std::istreambuf_iterator<char>());
+        std::istringstream fields(stat.substr(stat.rfind(')') + 2));
+        std::string field;
+        long ticks = 0;
+        for (int i = 3; i <= 15 && fields >> field; i++) {
+            if (i >= 14) ticks += std::stol(field);  // utime, stime
+        }
+        u.cpuMs = ticks * 1000 / sysconf(_SC_CLK_TCK);
+        out.emplace_back(id, u);
+    }
+    return out;
+}
+
+// What the threads started since old did while this one slept for half a second.
+Usage newThreadsWhileAsleep(const std::vector<int> &old) {
+    const auto before = usageOfThreadsSince(old);
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    Usage sum;
+    for (const auto &[id, now] : usageOfThreadsSince(old)) {
+        for (const auto &[was, then] : before) {
+            if (was != id) continue;
+            sum.wakes += now.wakes - then.wakes;
+            sum.cpuMs += now.cpuMs - then.cpuMs;
+        }
+    }
+    return sum;
+}
+
+}  // namespace
+
+// A device's processes serve all day and are called now and then: serving threads
+// with nothing to do sleep in the kernel, without connections, with an idle one kept
+// open, and in a caller's own serving loop; neither polls nor wakes on a timer.
+TEST(ImiServe, AnIdleServerSleeps) {
+    std::atomic<int> calls{0};
+    ASSERT_EQ(qxImiRegister("selfCb", selfHandler, &calls), 0);
+    const pid_t server = getpid();
+    // The first thread a process starts may bring a sanitizer's own along.
+    std::thread([] {}).join();
+    const std::vector<int> old = threadIds();
+    auto callFromChild = [&] {
+        return kep_test::inChild([&] {
+            kep::RpcPara set;
+            qxrpcAddInt(set.get(), "n", 2);
+            return qxImiExecute(server, "selfCb", 0, 0, set.get()) == 0 ? 0 : 1;
+        });
+    };
+    // One background thread, and several (a call makes a second one start).
+    for (int threads : {1, 4}) {
+        ASSERT_EQ(qxImiStartServerThreads(threads), 0);
+        EXPECT_EQ(callFromChild(), 0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        Usage idle = newThreadsWhileAsleep(old);
+        EXPECT_LE(idle.wakes, 2) << threads << " threads, no connection";
+        EXPECT_LT(idle.cpuMs, 50) << threads << " threads, no connection";
+        const int kept = rawConnect(server);
+        ASSERT_GE(kept, 0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        idle = newThreadsWhileAsleep(old);
+        EXPECT_LE(idle.wakes, 2) << threads << " threads, an idle connection";
+        EXPECT_LT(idle.cpuMs, 50) << threads << " threads, an idle connection";
+        close(kept);
+        qxImiStopServer();
+    }
+
+    // A serving loop of the caller's own, without a time limit, then with one.
+    std::atomic<int> served{-1};
+    std::thread loop([&] { served = qxImiServeOnce(-1); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    const Usage idle = newThreadsWhileAsleep(old);
+    EXPECT_LE(idle.wakes, 2) << "qxImiServeOnce(-1)";
+    EXPECT_LT(idle.cpuMs, 50) << "qxImiServeOnce(-1)";
+    EXPECT_EQ(callFromChild(), 0);
+    loop.join();
+    EXPECT_EQ(served, 1);
+    rusage before{}, after{};
+    getrusage(RUSAGE_THREAD, &before);
+    EXPECT_EQ(qxImiServeOnce(300), 0);
+    getrusage(RUSAGE_THREAD, &after);
+    EXPECT_LE(after.ru_nvcsw - before.ru_nvcsw, 3) << "qxImiServeOnce(300)";
+    qxImiStopServer();
+    qxImiUnregister("selfCb");
 }
