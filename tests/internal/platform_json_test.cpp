@@ -60,6 +60,7 @@ public:
     std::vector<std::string> entries() const {
         std::vector<std::string> out;
         for (const auto &e : std::filesystem::directory_iterator(path_)) out.push_back(e.path().filename());
+        std::sort(out.begin(), out.end());
         return out;
     }
 
@@ -219,6 +220,38 @@ TEST(JsonFile, StoreReplacesWholeFilesAndKeepsTheOldOneOnFailure) {
               0);
     EXPECT_EQ(readText(path), before);
     EXPECT_EQ(dir.entries(), std::vector<std::string>{"cfg.json"});
+
+    // A daemon without standard input, storing into a folder it may write but not
+    // read (so the folder is not opened first): the temporary file is descriptor 0,
+    // also when it is made under a name of its own because a leftover it may not
+    // remove holds the usual one.
+    if (geteuid() == 0) {
+        TempDir dropBox;
+        ASSERT_EQ(chown((dropBox / "").c_str(), 65534, 65534), 0);
+        ASSERT_EQ(chmod((dropBox / "").c_str(), 0300), 0);
+        const std::string dropped = dropBox / "cfg.json";
+        for (bool leftover : {false, true}) {
+            if (leftover) {
+                const int fd = open((dropped + ".tmp").c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600);
+                ASSERT_GE(fd, 0);
+                close(fd);
+                ASSERT_EQ(unlink(dropped.c_str()), 0);
+            }
+            EXPECT_EQ(kep_test::inChild([&] {
+                          close(0);
+                          bool ok = setgid(65534) == 0 && setuid(65534) == 0;
+                          ok = ok && jsonObjectToFile(dropped.c_str(), obj.get()) == 0;
+                          obj.reset();
+                          next.reset();
+                          back.reset();
+                          return ok ? 0 : 1;
+                      }),
+                      0)
+                << leftover;
+            EXPECT_EQ(readText(dropped), "{\"a\":1,\"b\":\"two\"}") << leftover;
+        }
+        EXPECT_EQ(dropBox.entries(), (std::vector<std::string>{"cfg.json", "cfg.json.tmp"}));
+    }
 }
 
 namespace {
@@ -268,6 +301,13 @@ TEST(JsonFile, StoredFilesAreNeverWiderThanTheOwnersOrTheGroups) {
         EXPECT_EQ(storedMode(path, before).mode, 0600u) << std::oct << before;
     }
     EXPECT_EQ(jsonObjectSetFileGroup(-2), -1);
+    if (geteuid() == 0) {
+        // Group 0 is a group like any other.
+        ASSERT_EQ(jsonObjectSetFileGroup(0), 0);
+        const Mode zero = storedMode(path, 0);
+        EXPECT_EQ(zero.mode, 0640u);
+        EXPECT_EQ(zero.gid, 0u);
+    }
 
     const int group = otherGroup();
     if (group < 0) GTEST_SKIP() << "no group to give files but the process's own";
