@@ -737,10 +737,12 @@ TEST_F(KeptDocument, RefusedWriteLeavesFileAndReadsUnchanged) {
 TEST_F(KeptDocument, IndexFindsTheFirstOfDuplicateNames) {
     store(R"({"host":[{"host_1":{"text":"a","value":1}},5,{},{"host_2":{"text":"b","value":2}},)"
           R"({"host_1":{"text":"c","value":3}},{"y":{},"host_5":{"text":"d","value":4}},)"
-          R"({"host_5":{"text":"e","value":5},"x":{"text":"f","value":6}},{"x":{"text":"g","value":7}}],)"
-          R"("lease":[{"x":{}},{"host_2":{}},{"host_1":{}}]})");
+          R"({"host_5":{"text":"e","value":5},"x":{"text":"f","value":6}},{"x":{"text":"g","value":7}},)"
+          R"({"costarring":{"text":"k","value":12}},{"liquid":{"text":"l","value":11}}],)"
+          R"("lease":[{"x":{}},{"host_2":{}},{"host_1":{}},{"liquid":{}}]})");
     age(file);
-    const char *names[] = {"host_1", "host_2", "host_5", "x", "y", "host_9", ""};
+    // "costarring" and "liquid" hash alike: an index must tell them apart by name.
+    const char *names[] = {"host_1", "host_2", "host_5", "x", "y", "host_9", "", "costarring", "liquid"};
     // Each array has an index of its own: lookups in two arrays taken in turn.
     auto sameAsWalk = [&](const char *when) {
         kep::ModuleDocument doc(*m);
@@ -762,9 +764,12 @@ TEST_F(KeptDocument, IndexFindsTheFirstOfDuplicateNames) {
         return got;
     };
     tree.section(list, "host_1", marked);
-    for (const char *name : {"host_1", "host_5", "x"}) tree.section(list, name, recOpr());
+    for (const char *name : {"host_1", "host_5", "x", "costarring", "liquid"})
+        tree.section(list, name, recOpr());
     EXPECT_EQ(read("/m/host/host_1").value, 101);
     EXPECT_EQ(read("/m/host/x").value, 7);
+    EXPECT_EQ(read("/m/host/liquid").value, 11);
+    EXPECT_EQ(read("/m/host/costarring").value, 12);
     Rec r = makeRec("u", 8);
     // Replacing host_5's member moves it behind "x": that element now answers "x".
     ASSERT_EQ(modelWrite("/m/host/host_5", &r, kRec), 0);

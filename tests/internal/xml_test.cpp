@@ -306,6 +306,27 @@ TEST(XmlPool, RecordsGivenBackAreTakenFirst) {
     EXPECT_EQ(kep::mxmlAddAttrib(c, "z", "3", &ctx), x + 1);
     EXPECT_STREQ(c->attrs->next->name, "y");
     kep::xmlDocRelease(&ctx, a);
+
+    // A whole subtree comes back, every node of it, and its parent's other children
+    // stay.
+    memset(&ctx, 0, sizeof ctx);
+    ASSERT_EQ(kep::xmlMemPoolInit(&ctx.pool, 6), 0);
+    XmlNode *root = kep::mxmlParseStartElt(nullptr, "r", &ctx);
+    XmlNode *e = kep::mxmlParseStartElt(root, "e", &ctx);
+    XmlNode *kept = kep::mxmlParseStartElt(root, "k", &ctx);
+    XmlNode *f = kep::mxmlParseStartElt(e, "f", &ctx);
+    XmlNode *g = kep::mxmlParseStartElt(e, "g", &ctx);
+    ASSERT_TRUE(root && e && kept && f && g);
+    ASSERT_NE(kep::mxmlParseStartElt(g, "h", &ctx), nullptr);
+    ASSERT_NE(kep::mxmlAddAttrib(f, "x", "1", &ctx), nullptr);
+    ASSERT_EQ(kep::mxmlParseStartElt(root, "full", &ctx), nullptr);
+    kep::xmlNodeRelease(&ctx.pool, e);
+    EXPECT_EQ(root->firstChild, kept);
+    EXPECT_EQ(root->lastChild, kept);
+    EXPECT_EQ(kept->prev, nullptr);
+    for (int i = 0; i < 4; i++) EXPECT_NE(kep::mxmlParseStartElt(kept, "n", &ctx), nullptr) << i;
+    EXPECT_EQ(kep::mxmlParseStartElt(kept, "n", &ctx), nullptr);
+    kep::xmlDocRelease(&ctx, root);
 }
 
 // Whether each page of the page-aligned range holding p .. p + bytes is resident.
