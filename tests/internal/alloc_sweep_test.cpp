@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "alloc_fault.h"
+#include "base/guard.h"
 #include "config/config_internal.h"
 #include "config_fixture.h"
 #include "kep_config.h"
@@ -30,6 +31,7 @@
 #include "kep_tree.h"
 #include "kep_xml.h"
 #include "model/model_internal.h"
+#include "platform/standin/json_match.h"
 #include "tree/tree_internal.h"
 
 namespace {
@@ -823,3 +825,27 @@ TEST_F(AllocSweep, FactoryResetKeepsEachFileWholeOrReset) {
 }
 
 }  // namespace
+
+// A store checks that what it wrote reads back, also when memory is short: for text
+// in JSON's own grammar that check allocates nothing. Only a number outside it is
+// asked of the reader, which allocates.
+TEST(TextMatching, JsonsOwnTextAllocatesNothing) {
+    const char *texts[] = {
+        R"({"a":[1.5,-0.5e-3,1E2,1e+2,1E-2,0.9,9.9e9,-0.0,0,-7,12345678901],"s":"x\u0001\n\/","t":true,"n":null})",
+        R"([1.25E+10,-3e-2,2.0])",
+    };
+    for (const char *text : texts) {
+        kep::JsonPtr obj(jsonObjectFromString(text));
+        ASSERT_TRUE(obj) << text;
+        kep_test::alloc::begin(0);
+        const bool matched = kep_pf::jsonTextMatches(text, strlen(text), obj.get());
+        const kep_test::alloc::Window w = kep_test::alloc::end();
+        EXPECT_TRUE(matched) << text;
+        EXPECT_EQ(w.allocations, 0) << text;
+    }
+    kep::JsonPtr lenient(jsonObjectFromString("[1.]"));
+    ASSERT_TRUE(lenient);
+    kep_test::alloc::begin(0);
+    EXPECT_TRUE(kep_pf::jsonTextMatches("[1.]", 4, lenient.get()));
+    EXPECT_GT(kep_test::alloc::end().allocations, 0) << "asked of the reader";
+}
