@@ -851,6 +851,17 @@ TEST(ImiLocal, AServerOnDescriptorZeroRemovesItsSocket) {
                   return listening && stat(path.c_str(), &st) != 0 && fcntl(0, F_GETFD) == -1 ? 0 : 1;
               }),
               0);
+    // One that exits while it listens there takes its socket away too.
+    const pid_t child = fork();
+    if (child == 0) {
+        close(0);
+        exit(qxImiListen() >= 0 && fcntl(0, F_GETFD) != -1 ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    struct stat st;
+    EXPECT_NE(stat(kep_test::imiSocketPath(child).c_str(), &st), 0);
 }
 
 // Serving stopped while a caller keeps its connection: the caller's next call finds
