@@ -255,6 +255,7 @@ TEST(ImiRemote, BadArgumentsAndLimits) {
                              return qxrpcAddInt(set, "length", text ? static_cast<int>(strlen(text)) : -1);
                          }},
                         {"big", kep_test::answer(0, std::string(16u << 20, 'y').c_str())},
+                        {"tooBig", kep_test::answer(0, std::string((16u << 20) + 1, 'y').c_str())},
                         {std::string(127, 'c'), kep_test::answer(0, "longest")},
                         {"c", kep_test::answer(0, "shortest")}});
     ASSERT_TRUE(owner.ready());
@@ -299,6 +300,9 @@ TEST(ImiRemote, BadArgumentsAndLimits) {
     kep::RpcPara answer;
     ASSERT_EQ(qxImiExecute(owner.pid(), "big", 0, 0, answer.get()), 0);
     EXPECT_EQ(getText(answer.get(), "result").size(), 16u << 20);
+    // An answer over the limit is refused by its callee, which says why.
+    kep::RpcPara refused;
+    EXPECT_EQ(qxImiExecute(owner.pid(), "tooBig", 0, 0, refused.get()), QXRPC_ERR_ARG);
 }
 
 TEST(ImiRemote, GarbageAndSilentClientsDoNotStopTheServer) {
