@@ -59,10 +59,13 @@ TEST_F(MethodsTest, GetCountsEachTableByCountAllOrRows) {
               "\"error_code\":0}");
     EXPECT_EQ(run(kep::kepMethodGet, "{\"m\":{\"table\":[]}}"), 0);
     EXPECT_EQ(rsp, "{\"m\":{\"count\":null},\"error_code\":0}");
-    // A table without rows counts 0.
+    // A table without rows counts 0, or what the owner counts beyond this read.
     a.result = "{}";
     EXPECT_EQ(run(kep::kepMethodGet, "{\"m\":{\"table\":\"a\"}}"), 0);
     EXPECT_EQ(rsp, "{\"m\":{\"count\":{\"a\":0},\"a\":[]},\"error_code\":0}");
+    a.result = "{\"countAll\":40}";
+    EXPECT_EQ(run(kep::kepMethodGet, "{\"m\":{\"table\":\"a\"}}"), 0);
+    EXPECT_EQ(rsp, "{\"m\":{\"count\":{\"a\":40},\"a\":[]},\"error_code\":0}");
     // The data key selects table mode by its first five characters.
     kep::JsonPtr value(jsonParseStr("\"b\"")), request(jsonParseStr("{\"table\":\"b\"}"));
     kep::JsonPtr out(jsonParseStr("{}"));
