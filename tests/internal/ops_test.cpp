@@ -196,6 +196,9 @@ TEST_F(Resolution, AFailedOwnerCallLeavesItsCauseToThisThread) {
     kepLastCallFailure(nullptr);
     ASSERT_EQ(getTableObjJson("m", "host", req.get(), out.out()), 0);
     EXPECT_EQ(lastFailure(), "none");
+    // A section name that is a table's own is read from that table's owner.
+    EXPECT_EQ(getSectionObjJson("m", "host", out.out()), 0);
+    EXPECT_EQ(lastFailure(), "none");
 
     // The owner's own code, and the section the read was for; read once, then gone.
     callee("hostGet").errorCode = 1003;
