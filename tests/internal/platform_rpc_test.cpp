@@ -1546,16 +1546,18 @@ TEST(ImiServe, AnIdleServerSleeps) {
         qxImiStopServer();
     }
 
-    // A serving loop of the caller's own, without a time limit, then with one.
+    // A serving loop of the caller's own, without a time limit (ended by a stop: a
+    // child forked now would lose the loop's thread, which valgrind counts as a leak
+    // of the child), then with one.
     std::atomic<int> served{-1};
     std::thread loop([&] { served = qxImiServeOnce(-1); });
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     const Usage idle = newThreadsWhileAsleep(old);
     EXPECT_LE(idle.wakes, 2) << "qxImiServeOnce(-1)";
     EXPECT_LT(idle.cpuMs, 50) << "qxImiServeOnce(-1)";
-    EXPECT_EQ(callFromChild(), 0);
+    qxImiStopServer();
     loop.join();
-    EXPECT_EQ(served, 1);
+    EXPECT_EQ(served, 0);
     rusage before{}, after{};
     getrusage(RUSAGE_THREAD, &before);
     EXPECT_EQ(qxImiServeOnce(300), 0);
