@@ -855,7 +855,8 @@ TEST(ImiLocal, AServerOnDescriptorZeroRemovesItsSocket) {
                   return listening && stat(path.c_str(), &st) != 0 && fcntl(0, F_GETFD) == -1 ? 0 : 1;
               }),
               0);
-    // One that exits while it listens there takes its socket away too.
+    // One that exits while it listens there takes its socket away too (exit, not
+    // inChild's _exit, so that the exit handlers run).
     const pid_t child = fork();
     if (child == 0) {
         close(0);
