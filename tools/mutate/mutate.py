@@ -7,8 +7,9 @@ a "!" dropped, an integer or character constant moved by one, true and false swa
 is built incrementally and the plain suite runs against it: every test of tests/api
 and tests/internal, as ctest runs them, each test with a time limit. A mutant is
 killed (a test failed, and failed again when run once more), survived (every test
-passed), timed out (a test ran past its limit and none failed otherwise) or did not
-build. Headers, the debug trace (KEP_LOG and friends, and ifs that only trace) and
+passed), timed out (a test ran past its limit and none failed otherwise), same code
+(its source file compiled to the very object code the unmutated file does: no test can
+tell it, and it counts nowhere) or did not build. Headers, the debug trace (KEP_LOG and friends, and ifs that only trace) and
 static_assert are left alone.
 
 The tool never writes to the sources it is run from: it mutates a copy of them in
@@ -313,6 +314,7 @@ class Runner:
         self.targets = []
         self.limit = args.limit
         self.suite_seconds = 0
+        self.objects = None  # source -> {object file: its unmutated bytes}
 
     def wait_quiet(self):
         path = self.args.wait_for
@@ -440,6 +442,7 @@ class Runner:
         if not self.compile(quiet=False):
             sys.exit("mutate: the unmutated sources do not build")
         self.targets = self.suite_targets()
+        self.objects = self.object_files()
         start = time.monotonic()
         outcome, failed, _ = self.run_suite(stop_early=False)
         took = time.monotonic() - start
@@ -451,6 +454,30 @@ class Runner:
         print(f"suite passes unmutated in {took:.0f} s; {len(self.targets)} test programs; "
               f"each mutant's suite run is cut after {self.limit} s", flush=True)
 
+    def object_files(self):
+        """The object files each source of the scope compiles to, with their bytes, when
+        compiling a source again gives the same bytes; otherwise None, and no mutant is
+        judged by its object code."""
+        if not (self.build / "build.ninja").exists():
+            return None
+        objects = {}
+        built = [p for p in self.build.rglob("*.o")]
+        for rel in scope_files():
+            mine = [p for p in built if str(p).endswith("/" + rel + ".o")]
+            objects[rel] = {str(p.relative_to(self.build)): p.read_bytes() for p in mine}
+        probe = next((rel for rel in objects if objects[rel]), None)
+        if probe is None:
+            return None
+        (self.src / probe).touch()
+        if not self.compile(list(objects[probe])) or not self.same_objects(objects[probe]):
+            print("mutate: compiling a source again gives other object code; mutants are not compared by it",
+                  flush=True)
+            return None
+        return objects
+
+    def same_objects(self, objects):
+        return all((self.build / o).read_bytes() == data for o, data in objects.items())
+
     def run_mutant(self, m):
         path = self.src / m["file"]
         original = path.read_bytes()
@@ -460,6 +487,14 @@ class Runner:
         start = time.monotonic()
         try:
             path.write_text(text[:m["offset"]] + m["new"] + text[m["offset"] + len(m["old"]):])
+            mine = (self.objects or {}).get(m["file"])
+            if mine:
+                # A mutant the compiler turns into the very same object code cannot be
+                # told apart by any test: it is not run.
+                if not self.compile(list(mine)):
+                    return {"outcome": "did not build", "failed": [], "seconds": round(time.monotonic() - start)}
+                if self.same_objects(mine):
+                    return {"outcome": "same code", "failed": [], "seconds": round(time.monotonic() - start)}
             if not self.compile(self.targets):
                 return {"outcome": "did not build", "failed": [], "seconds": round(time.monotonic() - start)}
             outcome, failed, flaky = self.judge(stop_early=not self.args.all_tests)
@@ -475,7 +510,7 @@ class Runner:
 # ---------------------------------------------------------------------------------
 # Reporting
 
-OUTCOMES = ["killed", "survived", "timed out", "did not build"]
+OUTCOMES = ["killed", "survived", "timed out", "same code", "did not build"]
 
 
 def is_equivalent(equivalent, mutant_id):
@@ -499,8 +534,10 @@ def summarise(results, equivalent):
     same = sum(r["outcome"] == "survived" and is_equivalent(equivalent, r["id"]) for r in results)
     # A hang the suite's time limit stops is a fault noticed, as a failed test is.
     caught = count["killed"] + count["timed out"]
-    score = 100.0 * caught / (built - same) if built > same else 0.0
-    raw = 100.0 * caught / built if built else 0.0
+    # A mutant compiled to the source's own object code is no fault: it counts nowhere.
+    told = built - count["same code"]
+    score = 100.0 * caught / (told - same) if told > same else 0.0
+    raw = 100.0 * caught / told if told else 0.0
     return {"generated": len(results), "built": built, **count, "equivalent": same,
             "score": round(score, 1), "raw score": round(raw, 1)}
 
@@ -509,6 +546,7 @@ def print_report(run, equivalent):
     s = run["summary"]
     print(f"\nseed {run['seed']}, {s['generated']} mutants: {s['built']} built, {s['killed']} killed, "
           f"{s['survived']} survived ({s['equivalent']} of them equivalent), {s['timed out']} timed out, "
+          f"{s.get('same code', 0)} compiled to the source's own code, "
           f"{s['did not build']} did not build; score {s['score']} % of those built and not equivalent "
           f"(raw {s['raw score']} %)")
     survivors = [r for r in run["mutants"] if r["outcome"] == "survived"]
@@ -528,13 +566,14 @@ def markdown_report(path, equivalent):
 
     def row(what, s, when):
         return (f"| {what} | {s['generated']} | {s['built']} | {s['killed']} | {s['timed out']} | "
-                f"{s['survived']} | {s['equivalent']} | {s['did not build']} | **{s['score']} %** | "
+                f"{s['survived']} | {s['equivalent']} | {s.get('same code', 0)} | {s['did not build']} | "
+                f"**{s['score']} %** | "
                 f"{s['raw score']} % | {when} |")
 
     lines = [
-        "| | mutants | built | killed | timed out | survived | of them equivalent | did not build | score "
-        "| raw score | run on |",
-        "|---|---|---|---|---|---|---|---|---|---|---|",
+        "| | mutants | built | killed | timed out | survived | of them equivalent | same code | did not build "
+        "| score | raw score | run on |",
+        "|---|---|---|---|---|---|---|---|---|---|---|---|",
     ]
     when = f"{run['date']} (`{run['commit']}`"
     for part in run.get("resumed", []):
@@ -553,8 +592,9 @@ def markdown_report(path, equivalent):
         lines.append(row(f"seed {run['seed']}", summarise(run["mutants"], equivalent), when))
     lines += [
         "",
-        "Score: killed or timed out, of the mutants that built, leaving out the survivors judged "
-        "equivalent below; the raw score keeps them in.",
+        "Score: killed or timed out, of the mutants that built, leaving out those that compiled to "
+        "the source's own object code (\"same code\") and the survivors judged equivalent below; the "
+        "raw score keeps the latter in.",
         "",
     ]
     later = [r for r in run["mutants"] if r.get("first_outcome") == "survived" and r["outcome"] != "survived"]
