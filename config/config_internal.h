@@ -87,6 +87,9 @@ json_object *findListElement(json_object *array, const char *name);
 // How many times the store has read a module file (jsonObjectFromFile) in this
 // process, for tests.
 unsigned long moduleFileReads();
+// How many indexes of kept documents (a list's elements, a table's sections) this
+// process has built, for tests.
+unsigned long indexBuilds();
 // Releases every kept document; nothing may be checked out. For tests, through
 // resetTreeForTest.
 void dropModuleDocuments();

@@ -71,6 +71,8 @@ bool clearlyOlder(const struct timespec &mtime, const struct timespec &now) {
     return age > margin;
 }
 
+unsigned long gIndexBuilds;  // list and section indexes, for tests
+
 // ---- list indexes: name -> position of the first element with that key ----
 
 struct IndexSlot {
@@ -136,6 +138,7 @@ ListIndex *buildIndex(json_object *array) {
     if (static_cast<size_t>(capacity) > (SIZE_MAX - sizeof(ListIndex)) / sizeof(IndexSlot)) return nullptr;
     auto *index = static_cast<ListIndex *>(malloc(sizeof(ListIndex) + capacity * sizeof(IndexSlot)));
     if (!index) return nullptr;
+    __atomic_add_fetch(&gIndexBuilds, 1, __ATOMIC_RELAXED);
     *index = {nullptr, array, capacity - 1, 0};
     IndexSlot *slots = index->slots();
     for (uint32_t i = 0; i < capacity; i++) slots[i] = {0, -1};
@@ -182,6 +185,7 @@ NodeIndex *buildNodeIndex(DataTable &table) {
     if (static_cast<size_t>(capacity) > (SIZE_MAX - sizeof(NodeIndex)) / sizeof(NodeSlot)) return nullptr;
     auto *index = static_cast<NodeIndex *>(malloc(sizeof(NodeIndex) + capacity * sizeof(NodeSlot)));
     if (!index) return nullptr;
+    __atomic_add_fetch(&gIndexBuilds, 1, __ATOMIC_RELAXED);
     *index = {nullptr, &table, listGeneration(), capacity - 1};
     NodeSlot *slots = index->slots();
     for (uint32_t i = 0; i < capacity; i++) slots[i] = {0, nullptr};
@@ -438,6 +442,10 @@ json_object *findListElement(json_object *array, const char *name) {
 
 unsigned long moduleFileReads() {
     return __atomic_load_n(&gFileReads, __ATOMIC_RELAXED);
+}
+
+unsigned long indexBuilds() {
+    return __atomic_load_n(&gIndexBuilds, __ATOMIC_RELAXED);
 }
 
 void dropModuleDocuments() {

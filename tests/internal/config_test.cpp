@@ -582,7 +582,14 @@ protected:
         last_ = now;
         return n;
     }
+    // The indexes built since the last call.
+    unsigned long builds() {
+        const unsigned long now = kep::indexBuilds(), n = now - lastBuilds_;
+        lastBuilds_ = now;
+        return n;
+    }
     unsigned long last_ = kep::moduleFileReads();
+    unsigned long lastBuilds_ = kep::indexBuilds();
 };
 
 TEST_F(KeptDocument, ReadingEverySectionParsesTheFileOnce) {
@@ -596,10 +603,13 @@ TEST_F(KeptDocument, ReadingEverySectionParsesTheFileOnce) {
     store(doc + "]}");
     age(file);
     reads();
+    builds();
     for (int round = 0; round < 2; round++) {
         for (int i = kHosts; i >= 1; i--) EXPECT_EQ(read("/m/host/host_" + std::to_string(i)).value, i);
         Rec two[2];
         EXPECT_EQ(modelRead("/m/time", two, sizeof two), 2 * kRec);
+        // The list's index and the table's section index, each built once.
+        EXPECT_EQ(builds(), round == 0 ? 2u : 0u);
     }
     EXPECT_EQ(reads(), 1u);
 
@@ -612,9 +622,14 @@ TEST_F(KeptDocument, ReadingEverySectionParsesTheFileOnce) {
     EXPECT_EQ(read("/m/host/host_100").value, 7);
     EXPECT_EQ(read("/m/host/host_201").value, 201);
     EXPECT_EQ(read("/m/time/zone").value, 7);
+    // The list's index took the added element in; the section index was built again
+    // for the new node.
+    EXPECT_EQ(builds(), 1u);
     ASSERT_EQ(modelWrite("/m/host/host_1", nullptr, 0), 0);
     EXPECT_EQ(read("/m/host/host_2").value, 2);
     EXPECT_EQ(reads(), 0u);
+    // A removal moves the elements after it and drops a node: both are built again.
+    EXPECT_EQ(builds(), 2u);
 
     // A file written just now may yet change within the same clock tick without a
     // new time: it is read again by every operation until it is old enough.
@@ -647,6 +662,17 @@ TEST_F(KeptDocument, ReadingEverySectionParsesTheFileOnce) {
     EXPECT_EQ(readTwiceAged(20200000, false), 1u);
     EXPECT_EQ(readTwiceAged(2000000000, true), 1u);
     EXPECT_EQ(readTwiceAged(1000000000, true), 2u);
+
+    // A reset stores the file past the kept document; once the new file is read and
+    // kept, a write and the reads after it parse nothing more.
+    ASSERT_EQ(modelResetConfigFile(m), 0);
+    age(file);
+    reads();
+    EXPECT_EQ(read("/m/time/settings").value, 0);
+    ASSERT_EQ(modelWrite("/m/time/zone", &r, kRec), 0);
+    EXPECT_EQ(read("/m/time/zone").value, 7);
+    EXPECT_EQ(read("/m/time/settings").value, 0);
+    EXPECT_EQ(reads(), 1u);
 }
 
 TEST_F(KeptDocument, FileChangedByAnotherWriterIsReadAgain) {
