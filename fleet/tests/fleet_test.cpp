@@ -303,6 +303,22 @@ TEST_F(Fleet, BrokerRefusesAControllerWritingUnderAnotherName) {
     EXPECT_EQ(audit.find("forged"), std::string::npos);
     EXPECT_NE(kepfleet("ctl-admin", "call d0001 " + std::string(kGetServers)).find(R"("count":{"server":2})"),
               std::string::npos);
+
+    // The broker's certificate names "localhost" and 127.0.0.1. "127.1" is the same
+    // address under a name the certificate does not hold: whoever answers there is not
+    // taken for the broker, though a name it holds reaches it.
+    for (const char *host : {"127.1", "127.0.0.1"}) {
+        SCOPED_TRACE(host);
+        const bool named = std::string(host) != "127.1";
+        std::string a = fileText(dir_ + "/ctl-admin.args");
+        int status = -1;
+        const std::string out =
+            run(std::string(KEPFLEET_PATH) + " " + a.substr(0, a.find('\n')) + " --host " + host +
+                    " --no-progress -t 3 call d0001 " + kGetServers + " 2>&1",
+                &status);
+        EXPECT_EQ(status, named ? 0 : 1) << out;
+        EXPECT_EQ(out.find(R"("count":{"server":2})") != std::string::npos, named) << out;
+    }
 }
 
 TEST_F(Fleet, ADeviceCannotReadOrWriteAnothersTopics) {
