@@ -204,16 +204,23 @@ TEST_F(ConfigStore, ReadsOfSectionsAndWholeTables) {
     tree.section(list, "host_4", OprInterface{});
     store(R"({"host":[{"host_4":{"text":"x","value":1}}]})");
     EXPECT_EQ(modelRead("/m/host/host_4", two, kRec), -1);
-    // A record of one byte is a record.
+    // A record of one byte is a record, read and written.
     OprInterface flag = recOpr();
     flag.jsonToBin.config = [](const char *, json_object *, void *buf, int size) {
         if (size < 1) return -1;
         *static_cast<char *>(buf) = 'f';
         return 1;
     };
+    flag.binToJson.config = [](const char *, json_object **out, const void *record, int size) {
+        if (size != 1) return -1;
+        *out = json_object_new_int(*static_cast<const char *>(record));
+        return 0;
+    };
     tree.section(named, "flag", flag);
     store(R"({"time":{"flag":{}}})");
     EXPECT_EQ(modelRead("/m/time/flag", two, kRec), 1);
+    EXPECT_EQ(modelWrite("/m/time/flag", "x", 1), 0);
+    EXPECT_EQ(canonical(readText(file)), R"({"time":{"flag":120}})");
     // A list section whose conversion gives no byte was not read.
     OprInterface nothing = recOpr();
     nothing.jsonToBin.config = [](const char *, json_object *, void *, int) { return 0; };
@@ -222,7 +229,7 @@ TEST_F(ConfigStore, ReadsOfSectionsAndWholeTables) {
     EXPECT_EQ(modelRead("/m/host/host_5", two, kRec), -1);
 
     // Names are cut to 31 characters, in the path and in the file's members alike.
-    std::string longModule(40, 'M'), longTable(40, 'T');
+    std::string longModule(32, 'M'), longTable(33, 'T');  // just past the cut
     tree.section(
         tree.table(tree.module(longModule.c_str(), "long.json"), longTable.c_str(), false, false, recOpr()),
         "s", recOpr());
@@ -255,6 +262,12 @@ TEST_F(ConfigStore, DynamicTablesCallTheOwnerBetweenTheLockHooks) {
     // A reader claiming more than its room would push the next one past the buffer.
     gCalls.result = 40;
     EXPECT_EQ(modelRead("/m/ports", buf, 60), -1);
+    // No room is no reason to refuse: the owner is asked, and its answer of no byte
+    // is passed on.
+    gCalls = Calls();
+    gCalls.result = 0;
+    EXPECT_EQ(modelRead("/m/stats", buf, 0), 0);
+    EXPECT_EQ(gCalls.sizes, std::vector<int>{0});
     dynList->opr.binToJson.dynamic = nullptr;
     EXPECT_EQ(modelRead("/m/stats", buf, sizeof buf), -1);
 
@@ -673,6 +686,22 @@ TEST_F(KeptDocument, ReadingEverySectionParsesTheFileOnce) {
     EXPECT_EQ(read("/m/time/zone").value, 7);
     EXPECT_EQ(read("/m/time/settings").value, 0);
     EXPECT_EQ(reads(), 1u);
+
+    // A list's index is at most half full. The reset left one element: its index has
+    // 8 slots and takes three appends; the fourth drops it, and the next lookup builds
+    // it again, larger. (Each add also gives the table a node, so its section index is
+    // built again every time.)
+    EXPECT_EQ(read("/m/host/host_9").value, 9);
+    builds();
+    for (int i = 1; i <= 4; i++) {
+        const std::string path = "/m/host/new_" + std::to_string(i);
+        Rec h = makeRec("h", i);
+        ASSERT_EQ(modelWrite(path.c_str(), &h, kRec), 0);
+        EXPECT_EQ(read(path).value, i);
+        EXPECT_EQ(builds(), i == 4 ? 2u : 1u) << i;
+    }
+    EXPECT_EQ(read("/m/host/host_9").value, 9);
+    EXPECT_EQ(reads(), 0u);
 }
 
 TEST_F(KeptDocument, FileChangedByAnotherWriterIsReadAgain) {

@@ -524,6 +524,8 @@ TEST(ImiRemote, DamagedRepliesFailTheCall) {
         {frame(std::string(ok).replace(5, 1, "\x02")), QXRPC_ERR_IO},  // more members than sent
         {frame(std::string(ok).replace(18, 1, std::string(1, '\0'))), QXRPC_ERR_IO},  // NUL in a text
         {frame(ok + "x"), QXRPC_ERR_IO},  // a byte after the members
+        // A member name with no room for its terminator.
+        {frame(std::string(ok).replace(7, 7, std::string("\x20", 1) + std::string(32, 'r'))), QXRPC_ERR_IO},
         {frame(""), QXRPC_ERR_IO},
         {"", QXRPC_ERR_IO},
     };
@@ -1025,7 +1027,7 @@ TEST(ImiLocal, AGroupFromTheEnvironmentMayCall) {
             EXPECT_EQ(folder.st_gid, static_cast<gid_t>(gid));
             EXPECT_EQ(socket.st_gid, static_cast<gid_t>(gid));
         }
-        if (gid > 0 && geteuid() == 0) {
+        if (gid >= 0 && geteuid() == 0) {
             std::atomic<int> calls{0};
             ASSERT_EQ(qxImiRegister("selfCb", selfHandler, &calls), 0);
             ASSERT_EQ(qxImiStartServer(), 0);

@@ -8,6 +8,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -242,10 +243,20 @@ TEST(XmlPool, RetriesWithLargerPoolsUpToTheLargest) {
             EXPECT_EQ(childNames(doc.root()).size(), static_cast<size_t>(elements - 1));
         }
     }
-    std::string s = "<a";
-    for (int i = 0; i < 301; i++) s += " a" + std::to_string(i) + "=v";
-    XmlDoc doc = parse(s + "/>");
-    ASSERT_TRUE(doc);
+    // The first pool holds 300 attributes: the last fills it exactly, or the next
+    // needs the second pool. Each is in the element once.
+    for (int attributes : {300, 301}) {
+        SCOPED_TRACE(attributes);
+        std::string s = "<a";
+        for (int i = 0; i < attributes; i++) s += " a" + std::to_string(i) + "=v";
+        XmlDoc doc = parse(s + "/>");
+        ASSERT_TRUE(doc);
+        std::set<std::string> names;
+        int count = 0;
+        for (const XmlAttr *a = doc.root()->attrs; a; a = a->next, count++) names.insert(a->name);
+        EXPECT_EQ(count, attributes);
+        EXPECT_EQ(names.size(), static_cast<size_t>(attributes));
+    }
 }
 
 TEST(XmlPool, DeepNestingParsesAndReleases) {
