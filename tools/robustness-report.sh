@@ -12,6 +12,8 @@
 #   tools/mutate/mutate.py --seed 2027 --sample 300 --out build-mutate/full-run.json
 # and, once tests are written for its survivors,
 #   tools/mutate/mutate.py --recheck build-mutate/full-run.json
+# MUTATE_SAMPLES names results of smaller runs of other seeds (space-separated), each
+# shown as it scored when it ran.
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -115,7 +117,8 @@ fi
 
 mutate_results=${MUTATE_RESULTS:-$root/build-mutate/full-run.json}
 if [ -s "$mutate_results" ]; then
-    mutate_tables=$(python3 "$root/tools/mutate/mutate.py" --markdown "$mutate_results")
+    # shellcheck disable=SC2086 # a list of files
+    mutate_tables=$(python3 "$root/tools/mutate/mutate.py" --markdown "$mutate_results" ${MUTATE_SAMPLES:-})
 else
     mutate_tables="(no run recorded: \`tools/mutate/mutate.py --seed 2027 --sample 300 --out $mutate_results\` writes it)"
 fi
@@ -234,15 +237,20 @@ the other helpers' out-of-memory cases (they replace the allocator) and the syst
 Whether the plain suite notices a fault: a mutant changes one token of one source file
 of the library (request/, tree/, model/, xml/, ops/, config/, text/) or of the
 stand-in's RPC and file store (platform/standin/rpc_*.cpp, file_store.cpp,
-json*.cpp): a comparison flipped, \`&&\` and \`||\` swapped, \`+\` and \`-\` swapped, a
-\`!\` dropped, an integer or character constant moved by one, \`true\` and \`false\`
-swapped. Left alone: headers, static_assert and the debug trace (the KEP_LOG calls
-and the ifs that only decide whether a trace line is written). Each mutant is built
-and the plain suite runs against it: every test of tests/api and tests/internal, each
-in a process of its own as ctest runs them, each limited to 15 s. A mutant is killed
-when a test fails and fails again when run once more (a test that measures time may
-fail once on a busy machine), timed out when a test ran past its limit. The sample is
-fixed by its seed; \`tools/dev.sh test\` runs a small one of its own (12 mutants, at
+json*.cpp): a comparison flipped, \`&&\` and \`||\` swapped, a binary \`+\` and \`-\`
+swapped, a \`!\` dropped, an integer or character constant moved by one, \`true\` and
+\`false\` swapped. A sign is not flipped: \`return -1\` made \`return +1\` is one failure
+made another that every caller tests for alike, and the constant rule already makes
+it \`return -0\`. Left alone: headers, static_assert and the debug trace (the KEP_LOG calls
+and the ifs that only decide whether a trace line is written). The mutated file's own
+object files are built first: a mutant the compiler turns into the very object code
+of the unmutated file ("same code": \`EAGAIN || EWOULDBLOCK\` made \`&&\`, a bound the
+optimiser folds) cannot be told by any test, is not run and counts nowhere. Each
+other mutant is built and the plain suite runs against it: every test of tests/api
+and tests/internal, each in a process of its own as ctest runs them, each limited to
+15 s. A mutant is killed when a test fails and fails again when run once more (a test
+that measures time may fail once on a busy machine), timed out when a test ran past
+its limit. The sample is fixed by its seed; \`tools/dev.sh test\` runs a small one of its own (12 mutants, at
 least 90 % of those that build and are not judged equivalent killed).
 
 The last full run, of a seed no earlier survivor was chosen from. Its first row is
@@ -253,7 +261,8 @@ tools/mutate/equivalent.txt with the reason the plain suite cannot tell them fro
 source (the middle row counts the run against that list). The list says plainly which
 of them are memory errors that only the AddressSanitizer run would see, and which
 change what can be observed where no test can reach ("not killed", counted against the
-score). The score leaves the others out; the raw score keeps them in.
+score). The score leaves the others out; the raw score keeps them in. The rows after
+the run's own are smaller samples of other seeds, each as it scored when it ran.
 
 $mutate_tables
 

@@ -559,8 +559,9 @@ def print_report(run, equivalent):
         print(f"  survived  {r['id']}  {change_text(r)}  [{tag}]\n            {r['source'].strip()}")
 
 
-def markdown_report(path, equivalent):
-    """The figures and survivors of a run as the robustness report shows them."""
+def markdown_report(path, equivalent, samples=()):
+    """The figures and survivors of a run as the robustness report shows them; samples:
+    the results of smaller runs, each shown as it scored when it ran."""
     run = json.loads(Path(path).read_text())
     first = run.get("first", {})
 
@@ -590,6 +591,11 @@ def markdown_report(path, equivalent):
                          f"{first['recheck_date']} (`{first['recheck_commit']}`)"))
     else:
         lines.append(row(f"seed {run['seed']}", summarise(run["mutants"], equivalent), when))
+    for sample in samples:
+        other = json.loads(Path(sample).read_text())
+        scored = other.get("first", other)["summary"]
+        lines.append(row(f"sample, seed {other['seed']}, as it scored", scored,
+                         f"{other['date']} (`{other['commit']}`), {other['minutes']} min"))
     lines += [
         "",
         "Score: killed or timed out, of the mutants that built, leaving out those that compiled to "
@@ -659,7 +665,8 @@ def main():
     p.add_argument("--all-tests", action="store_true", help="run every test against each mutant, "
                    "not just until one fails (for --kills)")
     p.add_argument("--kills", metavar="RESULTS", help="which tests kill which mutants, from a run's results")
-    p.add_argument("--markdown", metavar="RESULTS", help="a run's figures and survivors as tables "
+    p.add_argument("--markdown", metavar="RESULTS", nargs="+", help="a run's figures and survivors as "
+                   "tables, then a row for each further results file, as it scored when it ran "
                    "(tools/robustness-report.sh puts them in docs/ROBUSTNESS.md)")
     p.add_argument("--recheck", metavar="RESULTS", help="run the survivors of a run again (those not "
                    "judged equivalent), against the tests as they are now, and record what became of "
@@ -682,7 +689,7 @@ def main():
         kills_report(args.kills)
         return 0
     if args.markdown:
-        markdown_report(args.markdown, load_equivalent())
+        markdown_report(args.markdown[0], load_equivalent(), args.markdown[1:])
         return 0
 
     equivalent = load_equivalent()
