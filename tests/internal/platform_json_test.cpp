@@ -187,6 +187,8 @@ TEST(JsonFile, StoreReplacesWholeFilesAndKeepsTheOldOneOnFailure) {
     }
     EXPECT_NE(jsonObjectToFile(nullptr, obj.get()), 0);
     EXPECT_NE(jsonObjectToFile(path.c_str(), nullptr), 0);
+    EXPECT_NE(jsonObjectToFileMem(nullptr, obj.get()), 0);
+    EXPECT_NE(jsonObjectToFileMem(path.c_str(), nullptr), 0);
     EXPECT_EQ(readText(path), before);
     EXPECT_EQ(dir.entries(), std::vector<std::string>{"cfg.json"});
 
@@ -353,6 +355,13 @@ TEST(JsonFile, SettingsFromTheEnvironment) {
     if (const char *child = getenv("KEP_TEST_SETTINGS_DIR")) {
         const std::string path = std::string(child) + "/cfg.json";
         const int gid = atoi(getenv("KEP_TEST_SETTINGS_GID"));
+        if (strcmp(getenv("KEP_JSON_FILE_LIMIT"), "1") == 0) {
+            // One byte is a limit too: the smallest document is over it.
+            writeText(path, "{}");
+            EXPECT_EQ(kep::JsonPtr(jsonObjectFromFile(path.c_str())).get(), nullptr);
+            EXPECT_NE(jsonObjectToFile(path.c_str(), kep::JsonPtr(jsonObjectNewObject()).get()), 0);
+            return;
+        }
         const Mode m = storedMode(path, 0);
         EXPECT_EQ(m.mode, gid >= 0 ? 0640u : 0600u);
         if (gid >= 0) {
@@ -385,7 +394,8 @@ TEST(JsonFile, SettingsFromTheEnvironment) {
         int gid;
         const char *limit;
     };
-    std::vector<Run> runs = {{"kep-no-such-group", -1, "100x"}, {"", -1, "0"}, {"", -1, "100"}};
+    std::vector<Run> runs = {
+        {"kep-no-such-group", -1, "100x"}, {"", -1, "0"}, {"", -1, "1"}, {"", -1, "100"}};
     // By name when the group has one, which is the harder of the two to read.
     if (const int group = otherGroup(); group >= 0) {
         struct group entry, *found = nullptr;
@@ -548,6 +558,10 @@ TEST(JsonMatch, AgreesWithReadingTheTextBack) {
             const std::string text = json_object_to_json_string_ext(obj.get(), flags);
             ASSERT_TRUE(matches(text, obj.get())) << text;
             for (size_t at = 0; at < text.size(); at++) {
+                // Cut there (a store cut short), and with bytes taken out there.
+                if (matches(text.substr(0, at), obj.get())) {
+                    EXPECT_TRUE(readsBackAs(text.substr(0, at), obj.get())) << text.substr(0, at);
+                }
                 for (size_t n = 1; n <= 4 && at + n <= text.size(); n++) {
                     const std::string damaged = text.substr(0, at) + text.substr(at + n);
                     if (matches(damaged, obj.get())) {
