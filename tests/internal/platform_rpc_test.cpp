@@ -716,6 +716,10 @@ TEST(ImiLocal, SelfCallRunsTheHandlerDirectly) {
     EXPECT_EQ(qxImiRegister("tooMany", selfHandler, &calls), QXRPC_ERR_FULL);
     for (const std::string &name : names) qxImiUnregister(name.c_str());
     qxImiUnregister("another");
+    // A name over 127 characters is no name, for the registry as for a call.
+    const std::string tooLong(128, 'c');
+    EXPECT_EQ(qxImiRegister(tooLong.c_str(), selfHandler, &calls), QXRPC_ERR_ARG);
+    EXPECT_EQ(qxImiUnregister(tooLong.c_str()), QXRPC_ERR_ARG);
 }
 
 // qxImiServeOnce tells whether it answered a request: one whose caller hung up before
