@@ -836,7 +836,7 @@ TEST(ImiLocal, AHandlerStopsItsOwnServer) {
 
 // A server without standard input listens on descriptor 0; stopping still closes it
 // and takes its socket away. One without a descriptor left to listen on says so.
-TEST(ImiLocal, AServerOnDescriptorZeroRemovesItsSocket) {
+TEST(ImiLocal, AServerOnDescriptorZeroOpensAndRemovesItsSocket) {
     EXPECT_EQ(kep_test::inChild([] {
                   // Only the soft limit is lowered: valgrind keeps the hard one to itself.
                   rlimit few{};
@@ -857,7 +857,12 @@ TEST(ImiLocal, AServerOnDescriptorZeroRemovesItsSocket) {
                   struct stat st, zero;
                   const bool listening = qxImiListen() >= 0 && stat(path.c_str(), &st) == 0 &&
                                          fstat(0, &zero) == 0 && S_ISSOCK(zero.st_mode);
+                  // A peer check opens the socket to all, there as anywhere.
+                  qxImiSetPeerCheck([](const QxImiCaller *, void *) { return 1; }, nullptr);
+                  const bool opened = stat(path.c_str(), &st) == 0 && (st.st_mode & 0777) == 0666;
+                  qxImiSetPeerCheck(nullptr, nullptr);
                   qxImiStopServer();
+                  if (!opened) return 2;
                   return listening && stat(path.c_str(), &st) != 0 && fcntl(0, F_GETFD) == -1 ? 0 : 1;
               }),
               0);
