@@ -295,6 +295,12 @@ TEST(ImiRemote, BadArgumentsAndLimits) {
     ASSERT_EQ(qxrpcAddStringPtr(tooMuch.get(), "b", (rest + "b").c_str()), 0);
     EXPECT_EQ(qxImiExecute(999999999, "len", 0, 0, full.get()), QXRPC_ERR_NO_PEER);
     EXPECT_EQ(qxImiExecute(owner.pid(), "len", 0, 0, tooMuch.get()), QXRPC_ERR_ARG);
+    // A set filled by hand: a string member without its text is refused, not read.
+    kep::RpcPara noText;
+    ASSERT_EQ(qxrpcAddInt(noText.get(), "a", 1), 0);
+    noText.get()->member[0].isString = 1;
+    EXPECT_EQ(qxImiExecute(owner.pid(), "len", 0, 0, noText.get()), QXRPC_ERR_ARG);
+    noText.get()->member[0].isString = 0;
     EXPECT_EQ(owner.calls().size(), 3u);
 
     kep::RpcPara answer;
