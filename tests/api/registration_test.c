@@ -121,6 +121,7 @@ static void methodCallbacks(void) {
     CHECK(section(t, "t_1")->methodCb[KEP_METHOD_DELETE] == NULL);
     CHECK_INT(unRegisterMethodCb("/m/t", KEP_METHOD_ACTION, "a", 1), -1);
     CHECK_INT(unRegisterMethodCb("/m/zz", 0, "a", 1), -1);
+    CHECK_INT(unRegisterMethodCb("/m", 0, "a", 1), -1); /* no table component */
     CHECK_INT(unRegisterMethodCb("/m/t/nope", KEP_METHOD_DELETE, "del", 3), -1);
 }
 
