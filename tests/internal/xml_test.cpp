@@ -115,6 +115,7 @@ TEST(XmlParse, AcceptedInputs) {
         {"<a>x &lt; y&amp;&apos;&gt;&quot;&#65;&#x41;&ampx;</a>", "a[x < y&'>\"AA&]"},
         {"<a>b&#X41;c</a>", "a[b]"},  // only a lower-case x is hexadecimal: "#X41" is byte 0
         {"<a>&#x4a;&#x4A;&#x6F;&#x6f;&#x39;</a>", "a[JJoo9]"},  // digits of either case
+        {"<a>&#x4AG;&#x4ag;</a>", "a[JJ]"},                     // the digits end before "g"
         {"<a>&#321;</a>", "a[A]"},                              // the low eight bits
         {"<a>&#100;&#x30;</a>", "a[d0]"},                       // zeros among the digits
         {"<a&#x62; k&amp;='&lt;v&gt;' u=&quot;/>", "ab[] u=\" k&=<v>"},
