@@ -250,8 +250,9 @@ other mutant is built and the plain suite runs against it: every test of tests/a
 and tests/internal, each in a process of its own as ctest runs them, each limited to
 15 s. A mutant is killed when a test fails and fails again when run once more (a test
 that measures time may fail once on a busy machine), timed out when a test ran past
-its limit. The sample is fixed by its seed; \`tools/dev.sh test\` runs a small one of its own (12 mutants, at
-least 90 % of those that build and are not judged equivalent killed).
+its limit. The sample is fixed by its seed; \`tools/dev.sh test\` runs a small one of
+its own (12 mutants, at least 90 % of those that build and are not judged equivalent
+killed).
 
 The last full run, of a seed no earlier survivor was chosen from. Its first row is
 what it scored with the equivalents known before it ran: what a new sample scores. Its
@@ -262,7 +263,9 @@ source (the middle row counts the run against that list). The list says plainly 
 of them are memory errors that only the AddressSanitizer run would see, and which
 change what can be observed where no test can reach ("not killed", counted against the
 score). The score leaves the others out; the raw score keeps them in. The rows after
-the run's own are smaller samples of other seeds, each as it scored when it ran.
+the run's own are earlier runs of other seeds, each as it scored when it ran: what a
+fresh sample scored then. No fresh sample has yet reached 90 % as it ran; each one's
+survivors were then killed or listed, as this run's were.
 
 $mutate_tables
 

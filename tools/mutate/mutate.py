@@ -594,7 +594,7 @@ def markdown_report(path, equivalent, samples=()):
     for sample in samples:
         other = json.loads(Path(sample).read_text())
         scored = other.get("first", other)["summary"]
-        lines.append(row(f"sample, seed {other['seed']}, as it scored", scored,
+        lines.append(row(f"seed {other['seed']}, {other['sample']} mutants, as it scored", scored,
                          f"{other['date']} (`{other['commit']}`), {other['minutes']} min"))
     lines += [
         "",
@@ -610,7 +610,8 @@ def markdown_report(path, equivalent, samples=()):
         for r in later:
             code = r["source"].strip().replace("|", "\\|")
             by = ", ".join(f.rsplit(" (", 1)[0] for f in r["failed"][:2]) or r["outcome"]
-            lines.append(f"| `{r['id']}` | `{change_text(r)}` | `{code}` | {by} |")
+            change = change_text(r).replace("|", "\\|")
+            lines.append(f"| `{r['id']}` | `{change}` | `{code}` | {by} |")
         lines.append("")
     survivors = [r for r in run["mutants"] if r["outcome"] == "survived"]
     if survivors:
@@ -618,7 +619,8 @@ def markdown_report(path, equivalent, samples=()):
         for r in survivors:
             reason = listed_reason(equivalent, r["id"]) or "**not known to be equivalent**"
             code = r["source"].strip().replace("|", "\\|")
-            lines.append(f"| `{r['id']}` | `{change_text(r)}` | `{code}` | {reason} |")
+            change = change_text(r).replace("|", "\\|")
+            lines.append(f"| `{r['id']}` | `{change}` | `{code}` | {reason} |")
     print("\n".join(lines))
 
 
