@@ -519,6 +519,25 @@ int bindToBin(const char *, json_object *value, void *buf, int size) {
 
 // A factory reset keeps the binding record and marks it in its last four bytes; an
 // unreadable record becomes zeros and the mark. Every other module holds its defaults.
+// A file named by one character, relative to the working folder, is a file like any
+// other: read, written and reset.
+TEST_F(ConfigStore, AOneCharacterFileNameIsAFile) {
+    DataModule *shortFile = tree.module("s", "x");
+    kep::copyName(shortFile->configFile, "x", sizeof shortFile->configFile);
+    tree.section(tree.table(shortFile, "t", false, false, recOpr()), "a", recOpr(resetSection));
+    char was[4096];
+    ASSERT_NE(getcwd(was, sizeof was), nullptr);
+    ASSERT_EQ(chdir(tree.dir().c_str()), 0);
+    writeText("x", R"({"t":{"a":{"text":"q","value":5}}})");
+    EXPECT_EQ(read("/s/t/a").value, 5);
+    Rec r = makeRec("w", 6);
+    EXPECT_EQ(modelWrite("/s/t/a", &r, kRec), 0);
+    EXPECT_EQ(read("/s/t/a").value, 6);
+    EXPECT_EQ(modelResetConfigFile(shortFile), 0);
+    EXPECT_EQ(canonical(readText("x")), R"({"t":{"a":{"text":"a","value":0}}})");
+    ASSERT_EQ(chdir(was), 0);
+}
+
 TEST_F(ConfigStore, FactoryResetKeepsTheCloudBinding) {
     OprInterface opr{};
     opr.binToJson.config = bindToJson;
