@@ -419,12 +419,12 @@ TEST(ImiRemote, RequestArrivingInPiecesIsAnswered) {
 
 namespace {
 
-// A callee that answers every request with the bytes of reply and hangs up: a peer
-// whose replies arrive damaged. A process of its own, as the caller talks only to the
-// process a socket is named after.
+// A callee that answers every request with the bytes of reply and hangs up, pauseMs
+// later: a peer whose replies arrive damaged. A process of its own, as the caller
+// talks only to the process a socket is named after.
 class RawCallee {
 public:
-    explicit RawCallee(const std::string &reply) {
+    explicit RawCallee(const std::string &reply, int pauseMs = 0) {
         int ready[2];
         if (pipe(ready) != 0) return;
         pid_ = fork();
@@ -444,6 +444,7 @@ public:
                 char request[4096];
                 if (c < 0 || recv(c, request, sizeof request, 0) <= 0) continue;
                 send(c, reply.data(), reply.size(), MSG_NOSIGNAL);
+                if (pauseMs) usleep(static_cast<useconds_t>(pauseMs) * 1000);
                 close(c);
             }
         }
@@ -545,6 +546,12 @@ TEST(ImiRemote, DamagedRepliesFailTheCall) {
         EXPECT_EQ(getText(set.get(), c.rc == 0 ? "result" : "table"), c.rc == 0 ? "ok" : "t");
         EXPECT_EQ(set.get()->count, 1);
     }
+    // Cut short after a pause: the caller is waiting for the rest when the end comes.
+    RawCallee slow(frame(ok).substr(0, 20), 50);
+    ASSERT_TRUE(slow.ready());
+    kep::RpcPara set;
+    qxrpcAddStringPtr(set.get(), "table", "t");
+    EXPECT_EQ(qxImiExecute(slow.pid(), "cb", 0, 0, set.get()), QXRPC_ERR_IO);
 }
 
 namespace {
