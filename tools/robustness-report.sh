@@ -12,8 +12,8 @@
 #   tools/mutate/mutate.py --seed 2027 --sample 300 --out build-mutate/full-run.json
 # and, once tests are written for its survivors,
 #   tools/mutate/mutate.py --recheck build-mutate/full-run.json
-# MUTATE_SAMPLES names results of smaller runs of other seeds (space-separated), each
-# shown as it scored when it ran.
+# MUTATE_SAMPLES names results of runs of other seeds (space-separated), each shown as
+# it scored when it ran.
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)

@@ -494,6 +494,25 @@ TEST_F(ConfigStore, AFailingDefaultLeavesTheFileAsItWas) {
     EXPECT_EQ(gCalls.names, std::vector<std::string>{"host"});
 }
 
+// A file named by one character, relative to the working folder, is a file like any
+// other: read, written and reset.
+TEST_F(ConfigStore, AOneCharacterFileNameIsAFile) {
+    DataModule *shortFile = tree.module("s", "x");
+    kep::copyName(shortFile->configFile, "x", sizeof shortFile->configFile);
+    tree.section(tree.table(shortFile, "t", false, false, recOpr()), "a", recOpr(resetSection));
+    char was[4096];
+    ASSERT_NE(getcwd(was, sizeof was), nullptr);
+    ASSERT_EQ(chdir(tree.dir().c_str()), 0);
+    writeText("x", R"({"t":{"a":{"text":"q","value":5}}})");
+    EXPECT_EQ(read("/s/t/a").value, 5);
+    Rec r = makeRec("w", 6);
+    EXPECT_EQ(modelWrite("/s/t/a", &r, kRec), 0);
+    EXPECT_EQ(read("/s/t/a").value, 6);
+    EXPECT_EQ(modelResetConfigFile(shortFile), 0);
+    EXPECT_EQ(canonical(readText("x")), R"({"t":{"a":{"text":"a","value":0}}})");
+    ASSERT_EQ(chdir(was), 0);
+}
+
 // The binding record as the cloud module stores it: its 100 bytes in hexadecimal.
 int bindToJson(const char *, json_object **out, const void *record, int size) {
     if (size != 100) return -1;
@@ -519,25 +538,6 @@ int bindToBin(const char *, json_object *value, void *buf, int size) {
 
 // A factory reset keeps the binding record and marks it in its last four bytes; an
 // unreadable record becomes zeros and the mark. Every other module holds its defaults.
-// A file named by one character, relative to the working folder, is a file like any
-// other: read, written and reset.
-TEST_F(ConfigStore, AOneCharacterFileNameIsAFile) {
-    DataModule *shortFile = tree.module("s", "x");
-    kep::copyName(shortFile->configFile, "x", sizeof shortFile->configFile);
-    tree.section(tree.table(shortFile, "t", false, false, recOpr()), "a", recOpr(resetSection));
-    char was[4096];
-    ASSERT_NE(getcwd(was, sizeof was), nullptr);
-    ASSERT_EQ(chdir(tree.dir().c_str()), 0);
-    writeText("x", R"({"t":{"a":{"text":"q","value":5}}})");
-    EXPECT_EQ(read("/s/t/a").value, 5);
-    Rec r = makeRec("w", 6);
-    EXPECT_EQ(modelWrite("/s/t/a", &r, kRec), 0);
-    EXPECT_EQ(read("/s/t/a").value, 6);
-    EXPECT_EQ(modelResetConfigFile(shortFile), 0);
-    EXPECT_EQ(canonical(readText("x")), R"({"t":{"a":{"text":"a","value":0}}})");
-    ASSERT_EQ(chdir(was), 0);
-}
-
 TEST_F(ConfigStore, FactoryResetKeepsTheCloudBinding) {
     OprInterface opr{};
     opr.binToJson.config = bindToJson;
@@ -606,22 +606,25 @@ bool inOtherProcess(Fn fn) {
     return kep_test::inChild([&] { return fn() ? 0 : 1; }) == 0;
 }
 
-class KeptDocument : public ConfigStore {
-protected:
-    // The file's reads since the last call.
-    unsigned long reads() {
-        const unsigned long now = kep::moduleFileReads(), n = now - last_;
+// A process-wide count, as it grew since the last call.
+class CountSince {
+public:
+    explicit CountSince(unsigned long (*count)()) : count_(count), last_(count()) {}
+    unsigned long operator()() {
+        const unsigned long now = count_(), n = now - last_;
         last_ = now;
         return n;
     }
-    // The indexes built since the last call.
-    unsigned long builds() {
-        const unsigned long now = kep::indexBuilds(), n = now - lastBuilds_;
-        lastBuilds_ = now;
-        return n;
-    }
-    unsigned long last_ = kep::moduleFileReads();
-    unsigned long lastBuilds_ = kep::indexBuilds();
+
+private:
+    unsigned long (*count_)();
+    unsigned long last_;
+};
+
+class KeptDocument : public ConfigStore {
+protected:
+    CountSince reads{kep::moduleFileReads};  // the file's reads
+    CountSince builds{kep::indexBuilds};     // the indexes built
 };
 
 TEST_F(KeptDocument, ReadingEverySectionParsesTheFileOnce) {

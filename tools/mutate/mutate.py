@@ -9,8 +9,8 @@ and tests/internal, as ctest runs them, each test with a time limit. A mutant is
 killed (a test failed, and failed again when run once more), survived (every test
 passed), timed out (a test ran past its limit and none failed otherwise), same code
 (its source file compiled to the very object code the unmutated file does: no test can
-tell it, and it counts nowhere) or did not build. Headers, the debug trace (KEP_LOG and friends, and ifs that only trace) and
-static_assert are left alone.
+tell it, and it counts nowhere) or did not build. Headers, the debug trace (KEP_LOG and
+friends, and ifs that only trace) and static_assert are left alone.
 
 The tool never writes to the sources it is run from: it mutates a copy of them in
 BUILD/src (synchronised with the working tree at every start, so a copy left mutated
@@ -461,7 +461,7 @@ class Runner:
         if not (self.build / "build.ninja").exists():
             return None
         objects = {}
-        built = [p for p in self.build.rglob("*.o")]
+        built = list(self.build.rglob("*.o"))
         for rel in scope_files():
             mine = [p for p in built if str(p).endswith("/" + rel + ".o")]
             objects[rel] = {str(p.relative_to(self.build)): p.read_bytes() for p in mine}
@@ -561,7 +561,7 @@ def print_report(run, equivalent):
 
 def markdown_report(path, equivalent, samples=()):
     """The figures and survivors of a run as the robustness report shows them; samples:
-    the results of smaller runs, each shown as it scored when it ran."""
+    the results of runs of other seeds, each shown as it scored when it ran."""
     run = json.loads(Path(path).read_text())
     first = run.get("first", {})
 
