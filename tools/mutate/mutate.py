@@ -370,7 +370,9 @@ class Runner:
         for d in SUITE:
             listed = subprocess.run(["ctest", "--test-dir", str(self.build / d), "--show-only=json-v1"],
                                     check=True, capture_output=True, text=True).stdout
-            names.update(Path(t["command"][0]).name for t in json.loads(listed)["tests"])
+            # The command may start with a launcher (env and the checking allocator's variables).
+            names.update(Path(next(a for a in t["command"] if a.startswith(str(self.build)))).name
+                         for t in json.loads(listed)["tests"])
         return sorted(names)
 
     def run_suite(self, stop_early=True, only=None):
