@@ -9,6 +9,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/fsuid.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -428,6 +429,8 @@ public:
         if (pipe(ready) != 0) return;
         pid_ = fork();
         if (pid_ == 0) {
+            // It would wait in accept() for ever once a test aborts before the kill.
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
             const std::string path = kep_test::imiSocketPath(getpid());
             sockaddr_un addr{};
             addr.sun_family = AF_UNIX;
@@ -1282,6 +1285,20 @@ TEST(ImiServe, IdleCallersMakeRoomForNewOnes) {
     close(quitter);
     EXPECT_EQ(qxImiServeOnce(200), 0);
     EXPECT_EQ(ownSockets(), before - 1);
+
+    // Once every place holds a request still arriving, no connection can make room: a
+    // newcomer is hung up on at once, and none of the others is.
+    std::vector<int> held(idle.begin() + 5, idle.end());
+    held.push_back(first);
+    while (held.size() < kPlaces) held.push_back(rawConnect(getpid()));
+    for (int fd : held) ASSERT_EQ(send(fd, "K", 1, MSG_NOSIGNAL), 1);
+    EXPECT_EQ(qxImiServeOnce(300), 0);
+    const int late = rawConnect(getpid());
+    EXPECT_EQ(qxImiServeOnce(100), 0);
+    EXPECT_TRUE(closedByPeer(late, 1000));
+    for (int fd : held) EXPECT_FALSE(closedByPeer(fd, 0));
+    close(late);
+    for (size_t i = kPlaces - 4; i < held.size(); i++) close(held[i]);
     for (int fd : idle) close(fd);
     close(first);
     close(second);
