@@ -724,6 +724,17 @@ TEST_F(KeptDocument, ReadingEverySectionParsesTheFileOnce) {
     }
     EXPECT_EQ(read("/m/host/host_9").value, 9);
     EXPECT_EQ(reads(), 0u);
+
+    // The index of an empty list, built by a lookup that found nothing, takes the
+    // list's first element in (the new node's section index is built again).
+    store(R"({"time":{},"host":[]})");
+    age(file);
+    Rec none;
+    EXPECT_LT(modelRead("/m/host/host_2", &none, kRec), 0);
+    EXPECT_EQ(builds(), 1u);
+    ASSERT_EQ(modelWrite("/m/host/first", &r, kRec), 0);
+    EXPECT_EQ(read("/m/host/first").value, 7);
+    EXPECT_EQ(builds(), 1u);
 }
 
 TEST_F(KeptDocument, FileChangedByAnotherWriterIsReadAgain) {

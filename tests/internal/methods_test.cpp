@@ -71,6 +71,8 @@ TEST_F(MethodsTest, GetCountsEachTableByCountAllOrRows) {
     kep::JsonPtr out(jsonParseStr("{}"));
     EXPECT_EQ(kep::getDataJson("m", "tables", value.get(), request.get(), out.get()), 0);
     EXPECT_EQ(kep::getDataJson("m", "tabl", value.get(), request.get(), out.get()), -10100);
+    EXPECT_EQ(kep::getDataJson("m", nullptr, value.get(), request.get(), out.get()), -10000);
+    EXPECT_EQ(kep::getDataJson(nullptr, "table", value.get(), request.get(), out.get()), -10000);
 }
 
 TEST_F(MethodsTest, GetSectionsAndItsFailures) {

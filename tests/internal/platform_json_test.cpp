@@ -597,6 +597,7 @@ TEST(JsonMatch, AgreesWithReadingTheTextBack) {
         {R"("\u0080")", std::string(1, '\0')},
         {R"("\u0080")", "\x01"},
         {R"("\u004G")", "P"},               // G is no digit, though 4 * 16 + 16 would be P
+        {R"("\u004G")", "@"},               // nor is it 0
         {R"("\q")", std::string(1, '\0')},  // nor is q an escape
     };
     for (const auto &[text, want] : escaped) {

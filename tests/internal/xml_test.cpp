@@ -577,6 +577,17 @@ TEST(XmlFd, AFileIsReadFromItsStartOnEveryAttempt) {
     fd = inputFd(flatDoc(850), true);  // one element more than the largest pool holds
     EXPECT_FALSE(XmlDoc(fdXmlParse(fd, 1)));
     close(fd);
+    // Descriptor 0 is a file like any other.
+    const int input = dup(0);
+    fd = inputFd(flatDoc(3), true);
+    ASSERT_EQ(dup2(fd, 0), 0);
+    close(fd);
+    XmlDoc fromZero(fdXmlParse(0, 1));
+    dup2(input, 0);
+    close(input);
+    ASSERT_TRUE(fromZero);
+    EXPECT_EQ(childNames(fromZero.root()).size(), 3u);
+    EXPECT_FALSE(XmlDoc(fdXmlParse(-1, 1)));
 }
 
 TEST(XmlFd, APipeIsReadOnTheFirstAttemptOnly) {
