@@ -232,6 +232,12 @@ Last run: $access_line.
 the other helpers' out-of-memory cases (they replace the allocator) and the system demo
 (its processes are covered by the unit tests). Last run: $valgrind_line.
 
+The plain build's tests themselves run under glibc's checking allocator
+(\`libc_malloc_debug.so.0\` preloaded, \`glibc.malloc.check=3\`; tests/CMakeLists.txt): a
+write just past a block, which glibc's slack after most blocks would hide, aborts the
+test when the block is freed. A buffer allocated a byte too small then fails the plain
+suite and the mutation runs, where before only the sanitizer runs saw it.
+
 ## Mutation testing (\`tools/mutate/mutate.py\`)
 
 Whether the plain suite notices a fault: a mutant changes one token of one source file
@@ -247,8 +253,8 @@ object files are built first: a mutant the compiler turns into the very object c
 of the unmutated file ("same code": \`EAGAIN || EWOULDBLOCK\` made \`&&\`, a bound the
 optimiser folds) cannot be told by any test, is not run and counts nowhere. Each
 other mutant is built and the plain suite runs against it: every test of tests/api
-and tests/internal, each in a process of its own as ctest runs them, each limited to
-15 s. A mutant is killed when a test fails and fails again when run once more (a test
+and tests/internal, each in a process of its own as ctest runs them (under the checking
+allocator), each limited to 15 s. A mutant is killed when a test fails and fails again when run once more (a test
 that measures time may fail once on a busy machine), timed out when a test ran past
 its limit. The sample is fixed by its seed; \`tools/dev.sh test\` runs a small one of
 its own (12 mutants, at least 90 % of those that build and are not judged equivalent
