@@ -330,6 +330,9 @@ TEST_F(OpsTest, ActionUsesFirstClaimedNodeOfItsName) {
     c.errorCode = 9;
     EXPECT_EQ(doActionToModel("m", "reboot", params.get(), res.out()), 9);
     EXPECT_EQ(doActionToModel("m", "reset", params.get(), res.out()), -7004);
+    // A claim by process 0 is a claim: the call goes to it (and finds nobody there).
+    action(m, "halt", "haltCb", 0);
+    EXPECT_EQ(doActionToModel("m", "halt", params.get(), res.out()), QXRPC_ERR_NO_PEER);
     EXPECT_EQ(doActionToModel("x", "reboot", params.get(), res.out()), -7004);
     EXPECT_EQ(doActionToModel("m", nullptr, params.get(), res.out()), -7004);
     EXPECT_EQ(doActionToModel(nullptr, "reboot", params.get(), res.out()), -7004);
