@@ -806,6 +806,22 @@ TEST(ImiLocal, BackgroundServerAnswersOtherProcesses) {
         EXPECT_NE(stat(kep_test::imiSocketPath(server).c_str(), &st), 0);
         EXPECT_NE(fcntl(0, F_GETFD), -1) << "the server closed descriptor 0";
     }
+    // Background serving ended with the stop: serving in the foreground afterwards
+    // answers on this thread and starts none.
+    auto threads = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); };
+    const auto before = threads();
+    const pid_t child = fork();
+    if (child == 0) {
+        kep::RpcPara set;
+        qxrpcAddInt(set.get(), "n", 1);
+        _exit(qxImiExecute(server, "selfCb", 0, 0, set.get()) == 0 ? 0 : 1);
+    }
+    EXPECT_EQ(qxImiServeOnce(5000), 1);
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(threads(), before);
+    qxImiStopServer();
     qxImiUnregister("selfCb");
 }
 
