@@ -254,9 +254,9 @@ of the unmutated file ("same code": \`EAGAIN || EWOULDBLOCK\` made \`&&\`, a bou
 optimiser folds) cannot be told by any test, is not run and counts nowhere. Each
 other mutant is built and the plain suite runs against it: every test of tests/api
 and tests/internal, each in a process of its own as ctest runs them (under the checking
-allocator), each limited to 15 s. A mutant is killed when a test fails and fails again when run once more (a test
-that measures time may fail once on a busy machine), timed out when a test ran past
-its limit. The sample is fixed by its seed; \`tools/dev.sh test\` runs a small one of
+allocator), each limited to 15 s. A mutant is killed when a test fails and fails
+again when run once more (a test that measures time may fail once on a busy machine),
+timed out when a test ran past its limit. The sample is fixed by its seed; \`tools/dev.sh test\` runs a small one of
 its own (12 mutants, at least 90 % of those that build and are not judged equivalent
 killed).
 
@@ -269,9 +269,11 @@ source (the middle row counts the run against that list). The list says plainly 
 of them are memory errors that only the AddressSanitizer run would see, and which
 change what can be observed where no test can reach ("not killed", counted against the
 score). The score leaves the others out; the raw score keeps them in. The rows after
-the run's own are earlier runs of other seeds, each as it scored when it ran: what a
-fresh sample scored then. No fresh sample has yet reached 90 % as it ran; each one's
-survivors were then killed or listed, as this run's were.
+the run's own are runs of other seeds, earlier and later, each as it scored when it ran: what a
+fresh sample scored then. Each one's survivors were then killed or listed, as this
+run's were. From seed 1212 on, the plain suite runs under the checking allocator; seed
+2468 (120 mutants) was the first fresh sample to reach 90 % as it ran, while samples of
+40 still scored 82.9 % to 88.9 %.
 
 $mutate_tables
 
