@@ -809,6 +809,8 @@ TEST(ImiLocal, BackgroundServerAnswersOtherProcesses) {
     // Background serving ended with the stop: serving in the foreground afterwards
     // answers on this thread and starts none.
     auto threads = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); };
+    // The stopped server's thread may still be on its way out.
+    for (int i = 0; i < 200 && threads() > 1; i++) std::this_thread::sleep_for(std::chrono::milliseconds(10));
     const auto before = threads();
     const pid_t child = fork();
     if (child == 0) {
