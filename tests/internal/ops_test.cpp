@@ -64,6 +64,7 @@ TEST_F(OpsTest, InvokerChecksSendsInOrderAndPassesAnswersOn) {
 // One module holding every kind of table and section the resolution tells apart.
 class Resolution : public OpsTest {
 protected:
+    static constexpr const char *kLongest = "abcdefghijklmnopqrstuvwxyz01234";  // 31 characters
     void SetUp() override {
         OpsTest::SetUp();
         DataModule *m = kep_test::addModule("m");
@@ -74,6 +75,7 @@ protected:
         kep_test::addSection(host, "host_1");  // a list entry: no callbacks of its own
         slot(kep_test::addTable(m, "host_guest")->methodCb[KEP_METHOD_GET], "guestGet");
         slot(kep_test::addTable(m, "both")->methodCb[KEP_METHOD_GET], "bothGet");
+        slot(kep_test::addTable(m, kLongest)->methodCb[KEP_METHOD_GET], "longestGet");
         slot(kep_test::addTable(m, "")->methodCb[KEP_METHOD_GET], "unnamedGet");  // a description's name=""
         DataTable *sys = kep_test::addTable(m, "sys", 0);
         slot(sys->methodCb[KEP_METHOD_SET], "sysSet");
@@ -94,7 +96,7 @@ protected:
         leases->opr.pid = self();
         snprintf(leases->opr.cb, sizeof leases->opr.cb, "leaseRead");
         for (const char *cb :
-             {"hostGet", "hostSet", "hostDel", "guestGet", "bothGet", "unnamedGet", "sysSet", "timeGet",
+             {"hostGet", "hostSet", "hostDel", "guestGet", "bothGet", "longestGet", "unnamedGet", "sysSet", "timeGet",
               "timeSet", "timeDel", "secBothGet", "dynSet", "dynDel", "leaseDel", "leaseRead"})
             callee(cb);
     }
@@ -115,6 +117,8 @@ TEST_F(Resolution, SectionNamesReachTheirCallback) {
         {Get, "plain", -1, ""},
         {Get, "nothing_1", -1, ""},
         {Get, "_1", -1, ""},  // no table's entry, not even of the one without a name
+        {Get, "abcdefghijklmnopqrstuvwxyz01234_12", 0, "longestGet"},  // a name of 31
+        {Get, "abcdefghijklmnopqrstuvwxyz012345_1", -1, ""},            // not cut to 31
         {Get, "leases_3", 0, "leaseRead"},
         {Set, "host_1", 0, "hostSet"},
         {Set, "time", 0, "timeSet"},

@@ -182,11 +182,13 @@ TEST(XmlParse, RejectedInputs) {
         {"<a/><!-- open"},
         {"<a/><?pi"},
         {"<a/><!DOCTYPE"},
+        {"<a/><!DOCTYPE html"},
         {"<a></ab>"},
         {"<a></b>"},
         {"</a>"},
         {"<a></a></a>"},
         {"<a></a"},
+        {"<a></a "},  // cut inside a closing tag, past its name
         {""},
         {"just text"},
         {"<a/><b/>"},
@@ -210,6 +212,7 @@ TEST(XmlParse, RejectedInputs) {
         // An empty skipped element has no later occurrence of its name to stop at.
         {"<root><icon/><device/></root>", 0},
         {"<root><foo>", 0},
+        {"<root><foo></foo", 0},
         {"<foo/>", 0},
         {"<root/><foo></foo>", 0},
     };
