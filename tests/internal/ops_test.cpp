@@ -359,6 +359,9 @@ TEST_F(OpsTest, RecordFromRequestMergesStoredValues) {
     DataModule *m = kep_test::addModule("m");
     snprintf(m->configFile, sizeof m->configFile, "%s", path);
     kep_test::addSection(kep_test::addTable(m, "sys", 0), "time")->opr.jsonToBin.config = recordWriter;
+    DataTable *live = kep_test::addTable(m, "live", 0);  // the owner's data: no record from the file
+    live->isDynamic = 1;
+    kep_test::addSection(live, "time")->opr.jsonToBin.config = recordWriter;
     char buf[8];
     JsonPtr req(jsonParseStr("{\"m\":{\"time\":{\"ntp\":5,\"on\":true,\"extra\":1}}}"));
     EXPECT_EQ(modelReadFromReqObj("/m/sys/time", req.get(), buf, sizeof buf), 4);
@@ -370,8 +373,10 @@ TEST_F(OpsTest, RecordFromRequestMergesStoredValues) {
     EXPECT_EQ(modelReadEx("/m/sys/time", req.get(), buf, 1), 4);  // a record may be one byte
     EXPECT_EQ(modelReadFromReqObj(nullptr, req.get(), buf, sizeof buf), -1);
     EXPECT_EQ(modelReadFromReqObj("/m/sys/time", nullptr, buf, sizeof buf), -1);
-    for (const char *path : {"/m/sys/date", "/m/nosuch/time", "/m/sys", "/m/sys/"})
+    for (const char *path : {"/m/sys/date", "/m/nosuch/time", "/m/sys", "/m/sys/", "/m/live/time"}) {
         EXPECT_EQ(modelReadEx(path, req.get(), buf, sizeof buf), -1) << path;
+        EXPECT_EQ(modelReadFromReqObj(path, req.get(), buf, sizeof buf), -1) << path;
+    }
     unlink(path);
 }
 

@@ -749,10 +749,12 @@ TEST(JsonObject, IntegersReadOnlyWhenTheyFit) {
 
     kep::JsonPtr out(jsonObjectNewObject());
     EXPECT_EQ(jsonObjectAddIntByStr(out.get(), "a", "-12"), 0);
-    for (const char *bad : {"", " 1", "1x", "0x10", "99999999999", "1 "}) {
+    EXPECT_EQ(jsonObjectAddIntByStr(out.get(), "max", "2147483647"), 0);
+    EXPECT_EQ(jsonObjectAddIntByStr(out.get(), "min", "-2147483648"), 0);
+    for (const char *bad : {"", " 1", "1x", "0x10", "99999999999", "1 ", "2147483648", "-2147483649"}) {
         EXPECT_NE(jsonObjectAddIntByStr(out.get(), "b", bad), 0) << bad;
     }
-    EXPECT_EQ(text(out.get()), "{\"a\":-12}");
+    EXPECT_EQ(text(out.get()), "{\"a\":-12,\"max\":2147483647,\"min\":-2147483648}");
 }
 
 namespace {

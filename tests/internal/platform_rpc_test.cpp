@@ -301,6 +301,11 @@ TEST(ImiRemote, BadArgumentsAndLimits) {
     ASSERT_EQ(qxrpcAddInt(noText.get(), "a", 1), 0);
     noText.get()->member[0].isString = 1;
     EXPECT_EQ(qxImiExecute(owner.pid(), "len", 0, 0, noText.get()), QXRPC_ERR_ARG);
+    // Nor is a name that fills its array without a terminator.
+    kep::RpcPara unended;
+    ASSERT_EQ(qxrpcAddInt(unended.get(), "a", 1), 0);
+    memset(unended.get()->member[0].name, 'n', QXRPC_NAME_MAX);
+    EXPECT_EQ(qxImiExecute(owner.pid(), "len", 0, 0, unended.get()), QXRPC_ERR_ARG);
     EXPECT_EQ(owner.calls().size(), 3u);
 
     kep::RpcPara answer;
@@ -529,6 +534,7 @@ TEST(ImiRemote, DamagedRepliesFailTheCall) {
         {frame(std::string("\x02\0\0\0\0\0", 6), "KIM1"), QXRPC_ERR_IO},
         {frame(std::string("\x01\0\0\0\0\0", 6)), QXRPC_ERR_IO},       // a request's kind
         {frame(std::string("\x02\0\0\0\0", 5)), QXRPC_ERR_IO},         // no member count
+        {frame(std::string("\x02\0\0\0\x07", 5)), QXRPC_ERR_IO},       // a status, but no member count
         {frame(ok).substr(0, 20), QXRPC_ERR_IO},                       // cut short
         {frame(std::string(ok).replace(5, 1, "\x02")), QXRPC_ERR_IO},  // more members than sent
         {frame(std::string(ok).replace(18, 1, std::string(1, '\0'))), QXRPC_ERR_IO},  // NUL in a text
@@ -845,6 +851,7 @@ TEST(ImiLocal, AHandlerStopsItsOwnServer) {
                   },
                   nullptr),
               0);
+    EXPECT_EQ(qxImiStartServerThreads(0), -1);
     ASSERT_EQ(qxImiStartServerThreads(2), 0);
     const pid_t server = getpid();
     const pid_t child = fork();
@@ -870,20 +877,28 @@ TEST(ImiLocal, AHandlerStopsItsOwnServer) {
 // A server without standard input listens on descriptor 0; stopping still closes it
 // and takes its socket away. One without a descriptor left to listen on says so.
 TEST(ImiLocal, AServerOnDescriptorZeroOpensAndRemovesItsSocket) {
-    EXPECT_EQ(kep_test::inChild([] {
-                  // Only the soft limit is lowered: valgrind keeps the hard one to itself.
-                  rlimit few{};
-                  getrlimit(RLIMIT_NOFILE, &few);
-                  few.rlim_cur = 32;
-                  std::vector<int> held;
-                  for (int fd = 0;
-                       setrlimit(RLIMIT_NOFILE, &few) == 0 && held.size() < 64 && (fd = dup(2)) >= 0;)
-                      held.push_back(fd);
-                  const bool refused = qxImiListen() < 0;
-                  for (int fd : held) close(fd);
-                  return refused ? 0 : 1;
-              }),
-              0);
+    // Out of descriptors for the socket, the epoll set or the wake-up descriptor.
+    for (size_t spare : {0, 1, 2}) {
+        EXPECT_EQ(kep_test::inChild([spare] {
+                      // Only the soft limit is lowered: valgrind keeps the hard one to itself.
+                      rlimit few{};
+                      getrlimit(RLIMIT_NOFILE, &few);
+                      few.rlim_cur = 32;
+                      std::vector<int> held;
+                      for (int fd = 0;
+                           setrlimit(RLIMIT_NOFILE, &few) == 0 && held.size() < 64 && (fd = dup(2)) >= 0;)
+                          held.push_back(fd);
+                      for (size_t i = 0; i < spare && !held.empty(); i++) {
+                          close(held.back());
+                          held.pop_back();
+                      }
+                      const bool refused = qxImiListen() < 0;
+                      for (int fd : held) close(fd);
+                      return refused ? 0 : 1;
+                  }),
+                  0)
+            << spare << " spare";
+    }
     EXPECT_EQ(kep_test::inChild([] {
                   close(0);
                   const std::string path = kep_test::imiSocketPath(getpid());
@@ -1100,6 +1115,10 @@ TEST(ImiLocal, AGroupFromTheEnvironmentMayCall) {
     char base[] = "/tmp/kep-grp-XXXXXX";
     ASSERT_NE(mkdtemp(base), nullptr);
     ASSERT_EQ(chmod(base, 0755), 0);
+    // Folders made in base start with its group, so that root's own group must be set too.
+    if (geteuid() == 0) {
+        ASSERT_EQ(chown(base, static_cast<uid_t>(-1), 65534) || chmod(base, 02755), 0);
+    }
     // As root any group, and root's own; else a supplementary group, if there is one.
     std::vector<std::pair<std::string, int>> cases = {{"kep-no-such-group", -1}};
     if (geteuid() == 0) {

@@ -199,6 +199,7 @@ TEST(XmlParse, RejectedInputs) {
         {"<a><<b/></a>"},
         {"< a/>"},
         {"<a x/>"},
+        {"<a x>='1'/>"},  // ">" ends a name, which then has no value
         {"<a x y='1'/>"},
         {"<a x='1/>"},
         {"<a x='1' <b/>"},
@@ -629,7 +630,7 @@ TEST(XmlWalk, SearchStartsAfterTheStartAndStaysUnderTop) {
 }
 
 TEST(XmlWalk, StripNamespaces) {
-    XmlDoc doc = parse("<s:a s:k='v'><s:t:b/><c/></s:a>");
+    XmlDoc doc = parse("<s:a s:k='v'><s:t:b/><c/><:d/></s:a>");
     ASSERT_TRUE(doc);
     XmlNode *b = doc.root()->firstChild;
     mxmlNodeStripNs(b);
@@ -637,7 +638,7 @@ TEST(XmlWalk, StripNamespaces) {
     EXPECT_STREQ(b->name, "t:b");
     mxmlNodeStripNs(doc.root());
     mxmlNodeStripNs(nullptr);
-    EXPECT_EQ(describe(doc.root()), "a[] s:k=v (b,c)");
+    EXPECT_EQ(describe(doc.root()), "a[] s:k=v (b,c,d)");
 }
 
 TEST(XmlEncode, EscapesWithExactRoom) {
