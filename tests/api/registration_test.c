@@ -181,6 +181,10 @@ static void verifyAndNotify(void) {
     CHECK_INT(unRegisterVerNotify("/m", 1, "v", 1), -1);
     CHECK_INT(registerVerNotify("/m/t", 1, NULL, 1), -1);
     CHECK_INT(registerVerNotify("/m/t", 1, "v", -1), -1);
+    CHECK_INT(unRegisterVerNotify("/m/t", 1, NULL, 1), -1);
+    CHECK_INT(unRegisterVerNotify("/m/t", 1, "v", -1), -1);
+    CHECK_INT(unRegisterVerNotify(NULL, 1, "v", 1), -1);
+    CHECK_INT(unRegisterVerNotify("m/t", 1, "v", 1), -1);
 }
 
 /* Removal keeps module and table nodes: lists, records and list entries go. */

@@ -102,6 +102,7 @@ static void percentEncodingOfAllButLettersAndDigits(void) {
 static void wirelessEncodingEscapesOnlyQuotingCharacters(void) {
     CHECK_STR(encode(modelEncodeSCWlan, "%", 4).out, "%25");
     CHECK_STR(encode(modelEncodeSCWlan, "a\"b'c%d", 32).out, "a%22b%27c%25d");
+    CHECK_STR(encodeN(modelEncodeSCWlan, "ab\"", 2, 16).out, "ab"); /* the length bounds it */
     CHECK_STR(encode(modelEncodeSCWlan, "ok <\xe4> &;", 32).out, "ok <\xe4> &;");
     /* The escape does not fit, the byte does: copied unchanged. */
     CHECK_STR(encode(modelEncodeSCWlan, "\"", 3).out, "\"");

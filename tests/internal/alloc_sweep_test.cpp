@@ -347,7 +347,7 @@ protected:
         if (!kept) return;
         age(file_);
         Rec r;
-        ASSERT_EQ(modelRead("/dhcp/host/host_1", &r, sizeof r), static_cast<int>(sizeof r));
+        ASSERT_EQ(modelRead("/dhcp/pool/lan", &r, sizeof r), static_cast<int>(sizeof r));
     }
     // The description, conversions and every callback registered to this process.
     void wire() {
@@ -584,19 +584,22 @@ std::string readsThroughTheStore() {
 
 TEST_F(AllocSweep, SectionWritesThroughTheStore) {
     const Rec added = makeRec("new", 3), changed = makeRec("changed", 4);
+    const std::string stored =
+        R"({"host":[{"host_1":{"text":"one","value":1}},{"host_2":{"text":"two","value":2}}],)"
+        R"("pool":{"lan":{"text":"lan","value":2}}})";
+    const std::string noList = R"({"pool":{"lan":{"text":"lan","value":2}}})";
     const struct {
         const char *name;
         const char *path;
         const Rec *record;
+        const std::string *file;
     } writes[] = {
-        {"list section add", "/dhcp/host/host_3", &added},
-        {"list section update", "/dhcp/host/host_1", &changed},
-        {"list section delete", "/dhcp/host/host_2", nullptr},
-        {"named section write", "/dhcp/pool/lan", &changed},
+        {"list section add", "/dhcp/host/host_3", &added, &stored},
+        {"list section add, the list not stored", "/dhcp/host/host_3", &added, &noList},
+        {"list section update", "/dhcp/host/host_1", &changed, &stored},
+        {"list section delete", "/dhcp/host/host_2", nullptr, &stored},
+        {"named section write", "/dhcp/pool/lan", &changed, &stored},
     };
-    const std::string stored =
-        R"({"host":[{"host_1":{"text":"one","value":1}},{"host_2":{"text":"two","value":2}}],)"
-        R"("pool":{"lan":{"text":"lan","value":2}}})";
     // A write on a document read just before (the file is read again) and on one the
     // process keeps from an earlier read, which a failure must not leave changed.
     for (const bool kept : {false, true}) {
@@ -605,9 +608,10 @@ TEST_F(AllocSweep, SectionWritesThroughTheStore) {
             auto reference = std::make_shared<std::string>();
             const std::string name = std::string(w.name) + (kept ? ", document kept" : ""), path = w.path;
             const Rec *record = w.record;
+            const std::string &file = *w.file;
             sweep({name,
                    [=] {
-                       loadStored(stored, kept);
+                       loadStored(file, kept);
                        *before = fields({joined(treeLines()), readText(file_)});
                    },
                    [=] { return modelWrite(path.c_str(), record, record ? sizeof(Rec) : 0); },

@@ -92,12 +92,13 @@ protected:
         slot(dyn->methodCb[KEP_METHOD_DELETE], "dynDel");
         DataTable *leases = kep_test::addTable(m, "leases");
         leases->isDynamic = 1;
+        slot(leases->methodCb[KEP_METHOD_SET], "leaseSet");  // an owner's data is not set
         slot(leases->methodCb[KEP_METHOD_DELETE], "leaseDel");
         leases->opr.pid = self();
         snprintf(leases->opr.cb, sizeof leases->opr.cb, "leaseRead");
         for (const char *cb :
              {"hostGet", "hostSet", "hostDel", "guestGet", "bothGet", "longestGet", "unnamedGet", "sysSet", "timeGet",
-              "timeSet", "timeDel", "secBothGet", "dynSet", "dynDel", "leaseDel", "leaseRead"})
+              "timeSet", "timeDel", "secBothGet", "dynSet", "dynDel", "leaseSet", "leaseDel", "leaseRead"})
             callee(cb);
     }
 };
@@ -127,6 +128,7 @@ TEST_F(Resolution, SectionNamesReachTheirCallback) {
         {Set, "sys_2", -7004, ""},
         {Set, "dyn_1", -7004, ""},
         {Set, "dyn_2", -7004, ""},
+        {Set, "leases_2", -7004, ""},
         {Set, "ghost_1", -4000, ""},
         {Set, "ghost", -4000, ""},
         {Del, "host_1", 0, "hostDel"},

@@ -345,6 +345,20 @@ TEST(JsonFile, StoredFilesAreNeverWiderThanTheOwnersOrTheGroups) {
                       return ok ? 0 : 1;
                   }),
                   0);
+        // A member of the group gives it, and the file stays its own.
+        EXPECT_EQ(kep_test::inChild([&] {
+                      const gid_t member[] = {static_cast<gid_t>(group)};
+                      bool ok = jsonObjectSetFileGroup(group) == 0 && setgroups(1, member) == 0 &&
+                                setgid(65534) == 0 && setuid(65534) == 0;
+                      const std::string mine = dir / "member.json";
+                      kep::JsonPtr obj(jsonObjectFromString("{\"a\":1}"));
+                      struct stat st;
+                      ok = ok && jsonObjectToFile(mine.c_str(), obj.get()) == 0 && stat(mine.c_str(), &st) == 0 &&
+                           (st.st_mode & 0777) == 0640 && st.st_gid == static_cast<gid_t>(group) &&
+                           st.st_uid == 65534;
+                      return ok ? 0 : 1;
+                  }),
+                  0);
     }
     ASSERT_EQ(jsonObjectSetFileGroup(-1), 0);
 }
@@ -584,6 +598,7 @@ TEST(JsonMatch, AgreesWithReadingTheTextBack) {
     kep::JsonPtr nan(json_object_new_double(NAN));
     EXPECT_TRUE(matches(json_object_to_json_string(nan.get()), nan.get()));
     EXPECT_FALSE(matches("1.5", nan.get()));
+    EXPECT_FALSE(matches("NaN", kep::JsonPtr(json_object_new_double(1.5)).get()));
 
     // "\u" escapes of a hand-edited file, which json-c reads but never writes: digits
     // of either case, and the ones it would read as something else or not at all.

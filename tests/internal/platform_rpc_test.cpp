@@ -784,6 +784,12 @@ TEST(ImiLocal, ServeOnceCountsOnlyWhatItAnswered) {
     EXPECT_EQ(qxImiServeOnce(3000), 1);
     EXPECT_TRUE(closedByPeer(fd, 1000));
     close(fd);
+    // A caller the peer check turns away is answered with the refusal: that counts too.
+    qxImiSetPeerCheck([](const QxImiCaller *, void *) { return 0; }, nullptr);
+    fd = rawConnect(getpid());
+    EXPECT_EQ(qxImiServeOnce(3000), 1);
+    close(fd);
+    qxImiSetPeerCheck(nullptr, nullptr);
     qxImiStopServer();
     qxImiUnregister("selfCb");
 }

@@ -280,6 +280,8 @@ TEST(XmlPool, NodeLimitAndExhaustedPoolGiveNoElement) {
     kep::XmlParseCtx ctx;
     memset(&ctx, 0, sizeof ctx);
     EXPECT_EQ(kep::xmlMemPoolInit(&ctx.pool, 0), 0);  // an empty pool
+    EXPECT_EQ(kep::xmlMemPoolInit(&ctx.pool, -1), -1);
+    EXPECT_EQ(kep::xmlMemPoolInit(nullptr, 1), -1);
     EXPECT_EQ(kep::mxmlParseStartElt(nullptr, "a", &ctx), nullptr);
     ASSERT_EQ(kep::xmlMemPoolInit(&ctx.pool, 2), 0);
     ctx.count = kep::kXmlMaxNodes - 1;  // one element left under the limit, two in the pool
@@ -649,6 +651,7 @@ TEST(XmlEncode, EscapesWithExactRoom) {
     } cases[] = {
         {"a<b", 3, 7, 0, "a&lt;b"},
         {"a<b", 3, 6, -1, nullptr},
+        {"a<", 2, 6, 0, "a&lt;"},   // one that fits with its terminator
         {"a<", 2, 5, -1, nullptr},  // an entity that does not fit
         {"a<", 2, 3, -1, nullptr},  // nor is it begun
         {"&'><\"x", 6, 64, 0, "&amp;&apos;&gt;&lt;&quot;x"},
