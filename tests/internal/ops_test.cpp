@@ -96,9 +96,9 @@ protected:
         slot(leases->methodCb[KEP_METHOD_DELETE], "leaseDel");
         leases->opr.pid = self();
         snprintf(leases->opr.cb, sizeof leases->opr.cb, "leaseRead");
-        for (const char *cb :
-             {"hostGet", "hostSet", "hostDel", "guestGet", "bothGet", "longestGet", "unnamedGet", "sysSet", "timeGet",
-              "timeSet", "timeDel", "secBothGet", "dynSet", "dynDel", "leaseSet", "leaseDel", "leaseRead"})
+        for (const char *cb : {"hostGet", "hostSet", "hostDel", "guestGet", "bothGet", "longestGet",
+                               "unnamedGet", "sysSet", "timeGet", "timeSet", "timeDel", "secBothGet",
+                               "dynSet", "dynDel", "leaseSet", "leaseDel", "leaseRead"})
             callee(cb);
     }
 };
@@ -119,7 +119,7 @@ TEST_F(Resolution, SectionNamesReachTheirCallback) {
         {Get, "nothing_1", -1, ""},
         {Get, "_1", -1, ""},  // no table's entry, not even of the one without a name
         {Get, "abcdefghijklmnopqrstuvwxyz01234_12", 0, "longestGet"},  // a name of 31
-        {Get, "abcdefghijklmnopqrstuvwxyz012345_1", -1, ""},            // not cut to 31
+        {Get, "abcdefghijklmnopqrstuvwxyz012345_1", -1, ""},           // not cut to 31
         {Get, "leases_3", 0, "leaseRead"},
         {Set, "host_1", 0, "hostSet"},
         {Set, "time", 0, "timeSet"},

@@ -353,9 +353,9 @@ TEST(JsonFile, StoredFilesAreNeverWiderThanTheOwnersOrTheGroups) {
                       const std::string mine = dir / "member.json";
                       kep::JsonPtr obj(jsonObjectFromString("{\"a\":1}"));
                       struct stat st;
-                      ok = ok && jsonObjectToFile(mine.c_str(), obj.get()) == 0 && stat(mine.c_str(), &st) == 0 &&
-                           (st.st_mode & 0777) == 0640 && st.st_gid == static_cast<gid_t>(group) &&
-                           st.st_uid == 65534;
+                      ok = ok && jsonObjectToFile(mine.c_str(), obj.get()) == 0 &&
+                           stat(mine.c_str(), &st) == 0 && (st.st_mode & 0777) == 0640 &&
+                           st.st_gid == static_cast<gid_t>(group) && st.st_uid == 65534;
                       return ok ? 0 : 1;
                   }),
                   0);
