@@ -155,6 +155,9 @@ TEST_F(Resolution, SectionNamesReachTheirCallback) {
         if (c.op == Set) sent.emplace_back("para", "{\"v\":1}");
         EXPECT_EQ(last(c.cb), sent);
     }
+    // A null name is refused as such (-7004), not looked for (-4000).
+    EXPECT_EQ(editSectionByObjJson("m", nullptr, para.get(), nullptr), -7004);
+    EXPECT_EQ(deleteDataSection("m", nullptr), -7004);
 }
 
 TEST_F(Resolution, TableOperationsSendTheRequestMembers) {
@@ -171,6 +174,7 @@ TEST_F(Resolution, TableOperationsSendTheRequestMembers) {
     size_t before = totalCalls();
     EXPECT_EQ(editTableByObjJson("m", "host", bare.get()), -7004);  // no filter
     EXPECT_EQ(editTableByObjJson("m", "nope", req.get()), -4000);
+    EXPECT_EQ(editTableByObjJson("m", nullptr, req.get()), -7004);  // refused, not looked for
     EXPECT_EQ(editTableByObjJson("m", "sys", req.get()), -7004);
     EXPECT_EQ(deleteDataTable("m", "sys", nullptr), -7004);
     EXPECT_EQ(deleteDataTable("m", "leases", nullptr), -7004);
@@ -232,7 +236,9 @@ TEST_F(Resolution, AFailedOwnerCallLeavesItsCauseToThisThread) {
     EXPECT_EQ(lastFailure(), "-7004 0  m/sys");
     // A null name is refused before any lookup: there is nothing to name.
     EXPECT_EQ(getSectionObjJson(nullptr, "host_1", out.out()), -1);
+    EXPECT_EQ(lastFailure(), "none");
     EXPECT_EQ(getSectionObjJson("m", nullptr, out.out()), -1);
+    EXPECT_EQ(lastFailure(), "none");
     EXPECT_EQ(getTableObjJson("m", nullptr, req.get(), out.out()), -1);
     EXPECT_EQ(lastFailure(), "none");
 
@@ -339,6 +345,10 @@ TEST_F(OpsTest, ActionUsesFirstClaimedNodeOfItsName) {
     // A claim by process 0 is a claim: the call goes to it (and finds nobody there).
     action(m, "halt", "haltCb", 0);
     EXPECT_EQ(doActionToModel("m", "halt", params.get(), res.out()), QXRPC_ERR_NO_PEER);
+    // A callback name of one character is a claim like any other.
+    action(m, "stop", "s", self());
+    callee("s");
+    EXPECT_EQ(doActionToModel("m", "stop", params.get(), res.out()), 0);
     EXPECT_EQ(doActionToModel("x", "reboot", params.get(), res.out()), -7004);
     EXPECT_EQ(doActionToModel("m", nullptr, params.get(), res.out()), -7004);
     EXPECT_EQ(doActionToModel(nullptr, "reboot", params.get(), res.out()), -7004);

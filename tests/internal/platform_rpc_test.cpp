@@ -209,6 +209,13 @@ TEST(ImiRemote, DeadCalleeFailsAtOnce) {
     EXPECT_LT(msSince(start), 200);
     EXPECT_NE(stat(kep_test::imiSocketPath(pid).c_str(), &st), 0)
         << "the caller removes a dead process's socket";
+    // A file there that is no socket is not the caller's to remove.
+    const int planted = open(kep_test::imiSocketPath(pid).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_GE(planted, 0);
+    close(planted);
+    EXPECT_EQ(qxImiExecute(pid, "cb", 0, 0, set.get()), QXRPC_ERR_NO_PEER);
+    EXPECT_EQ(stat(kep_test::imiSocketPath(pid).c_str(), &st), 0);
+    unlink(kep_test::imiSocketPath(pid).c_str());
 
     // One that refuses while its process lives (bound, not yet listening) is left
     // alone, and so is the process: it exits with the number of the first signal it
@@ -799,6 +806,8 @@ TEST(ImiLocal, BackgroundServerAnswersOtherProcesses) {
     if (fcntl(0, F_GETFD) == -1) {
         ASSERT_EQ(open("/dev/null", O_RDONLY), 0);
     }
+    // A child of a process that has never listened keeps it too.
+    EXPECT_EQ(kep_test::inChild([] { return fcntl(0, F_GETFD) != -1 ? 0 : 1; }), 0);
     std::atomic<int> calls{0};
     ASSERT_EQ(qxImiRegister("selfCb", selfHandler, &calls), 0);
     const pid_t server = getpid();
@@ -1035,6 +1044,8 @@ TEST(ImiLocal, RefusesAnUnsafeRuntimeFolder) {
                           access(missing.c_str(), F_OK) == 0 || log.contains("runtime folder"))
                           bad++;
                   }
+                  // Made, it still leaves no room for one.
+                  if (mkdir(missing.c_str(), 0700) != 0 || qxImiListen() != -1) bad++;
                   if (qxImiRuntimeDir(nullptr, sizeof named) != QXRPC_ERR_ARG ||
                       qxImiRuntimeDir(named, 0) != QXRPC_ERR_ARG)
                       bad++;

@@ -2,6 +2,7 @@
 // entities, the device-description filter, descriptor input, the tree walkers and
 // release on every failure path.
 #include <gtest/gtest.h>
+#include <limits.h>
 #include <malloc.h>
 #include <stdlib.h>
 #include <string.h>
@@ -282,6 +283,7 @@ TEST(XmlPool, NodeLimitAndExhaustedPoolGiveNoElement) {
     EXPECT_EQ(kep::xmlMemPoolInit(&ctx.pool, 0), 0);  // an empty pool
     EXPECT_EQ(kep::xmlMemPoolInit(&ctx.pool, -1), -1);
     EXPECT_EQ(kep::xmlMemPoolInit(nullptr, 1), -1);
+    EXPECT_EQ(kep::xmlMemPoolInit(&ctx.pool, INT_MAX), -1);  // more than can be counted
     EXPECT_EQ(kep::mxmlParseStartElt(nullptr, "a", &ctx), nullptr);
     ASSERT_EQ(kep::xmlMemPoolInit(&ctx.pool, 2), 0);
     ctx.count = kep::kXmlMaxNodes - 1;  // one element left under the limit, two in the pool
