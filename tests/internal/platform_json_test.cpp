@@ -334,30 +334,26 @@ TEST(JsonFile, StoredFilesAreNeverWiderThanTheOwnersOrTheGroups) {
     // to itself.
     if (geteuid() == 0) {
         ASSERT_EQ(chmod((dir / "").c_str(), 0777), 0);
-        EXPECT_EQ(kep_test::inChild([&] {
-                      bool ok = jsonObjectSetFileGroup(0) == 0 && setgid(65534) == 0 && setuid(65534) == 0;
-                      const std::string own = dir / "own.json";
-                      kep::JsonPtr obj(jsonObjectFromString("{\"a\":1}"));
-                      struct stat st;
-                      ok = ok && jsonObjectToFile(own.c_str(), obj.get()) == 0 &&
-                           stat(own.c_str(), &st) == 0 && (st.st_mode & 0777) == 0600 && st.st_gid == 65534;
-                      obj.reset();
-                      return ok ? 0 : 1;
-                  }),
-                  0);
+        // Stores name as user 65534 with these supplementary groups: whether the file
+        // gets mode and gid, and stays the user's own.
+        auto storedAsNobody = [&](const char *name, int fileGroup, std::vector<gid_t> groups, mode_t mode,
+                                  gid_t gid) {
+            return kep_test::inChild([&] {
+                bool ok = jsonObjectSetFileGroup(fileGroup) == 0 &&
+                          setgroups(groups.size(), groups.data()) == 0 && setgid(65534) == 0 &&
+                          setuid(65534) == 0;
+                const std::string file = dir / name;
+                kep::JsonPtr obj(jsonObjectFromString("{\"a\":1}"));
+                struct stat st;
+                ok = ok && jsonObjectToFile(file.c_str(), obj.get()) == 0 && stat(file.c_str(), &st) == 0 &&
+                     (st.st_mode & 0777) == mode && st.st_gid == gid && st.st_uid == 65534;
+                return ok ? 0 : 1;
+            });
+        };
+        EXPECT_EQ(storedAsNobody("own.json", 0, {}, 0600, 65534), 0);
         // A member of the group gives it, and the file stays its own.
-        EXPECT_EQ(kep_test::inChild([&] {
-                      const gid_t member[] = {static_cast<gid_t>(group)};
-                      bool ok = jsonObjectSetFileGroup(group) == 0 && setgroups(1, member) == 0 &&
-                                setgid(65534) == 0 && setuid(65534) == 0;
-                      const std::string mine = dir / "member.json";
-                      kep::JsonPtr obj(jsonObjectFromString("{\"a\":1}"));
-                      struct stat st;
-                      ok = ok && jsonObjectToFile(mine.c_str(), obj.get()) == 0 &&
-                           stat(mine.c_str(), &st) == 0 && (st.st_mode & 0777) == 0640 &&
-                           st.st_gid == static_cast<gid_t>(group) && st.st_uid == 65534;
-                      return ok ? 0 : 1;
-                  }),
+        EXPECT_EQ(storedAsNobody("member.json", group, {static_cast<gid_t>(group)}, 0640,
+                                 static_cast<gid_t>(group)),
                   0);
     }
     ASSERT_EQ(jsonObjectSetFileGroup(-1), 0);

@@ -210,12 +210,13 @@ TEST(ImiRemote, DeadCalleeFailsAtOnce) {
     EXPECT_NE(stat(kep_test::imiSocketPath(pid).c_str(), &st), 0)
         << "the caller removes a dead process's socket";
     // A file there that is no socket is not the caller's to remove.
-    const int planted = open(kep_test::imiSocketPath(pid).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    const std::string plantedPath = kep_test::imiSocketPath(pid);
+    const int planted = open(plantedPath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     ASSERT_GE(planted, 0);
     close(planted);
     EXPECT_EQ(qxImiExecute(pid, "cb", 0, 0, set.get()), QXRPC_ERR_NO_PEER);
-    EXPECT_EQ(stat(kep_test::imiSocketPath(pid).c_str(), &st), 0);
-    unlink(kep_test::imiSocketPath(pid).c_str());
+    EXPECT_EQ(stat(plantedPath.c_str(), &st), 0);
+    unlink(plantedPath.c_str());
 
     // One that refuses while its process lives (bound, not yet listening) is left
     // alone, and so is the process: it exits with the number of the first signal it
