@@ -792,6 +792,12 @@ TEST(ImiLocal, ServeOnceCountsOnlyWhatItAnswered) {
     EXPECT_EQ(qxImiServeOnce(3000), 1);
     EXPECT_TRUE(closedByPeer(fd, 1000));
     close(fd);
+    // A header that is no frame's is refused as soon as it is in, not waited on for a body.
+    fd = rawConnect(getpid());
+    ASSERT_EQ(send(fd, "GET / HT", 8, MSG_NOSIGNAL), 8);
+    EXPECT_EQ(qxImiServeOnce(3000), 1);
+    EXPECT_TRUE(closedByPeer(fd, 1000));
+    close(fd);
     // A caller the peer check turns away is answered with the refusal: that counts too.
     qxImiSetPeerCheck([](const QxImiCaller *, void *) { return 0; }, nullptr);
     fd = rawConnect(getpid());
@@ -1456,20 +1462,22 @@ TEST(ImiServe, RequestsOfCallersThatGaveUpAreNotRun) {
         }
         ASSERT_EQ(kill(owner.pid(), SIGCONT), 0);
     }
-    // The deadline in the request: already passed, with the caller still connected.
-    int fd = rawConnect(owner.pid());
-    ASSERT_GE(fd, 0);
-    const uint64_t past = static_cast<uint64_t>(monotonicMs() - 1);
-    std::string body = "\x01";
-    for (int shift = 56; shift >= 0; shift -= 8) body += static_cast<char>(past >> shift);
-    body += std::string(
-        "\x06"
-        "echoCb\x00",
-        8);
-    const std::string frame = std::string("KIM2\0\0\0", 7) + static_cast<char>(body.size()) + body;
-    ASSERT_EQ(send(fd, frame.data(), frame.size(), MSG_NOSIGNAL), static_cast<ssize_t>(frame.size()));
-    EXPECT_TRUE(closedByPeer(fd, 3000));
-    close(fd);
+    // The deadline in the request: already passed (a moment ago, and the earliest there
+    // is), with the caller still connected.
+    for (const uint64_t past : {static_cast<uint64_t>(monotonicMs() - 1), uint64_t{1}}) {
+        int fd = rawConnect(owner.pid());
+        ASSERT_GE(fd, 0);
+        std::string body = "\x01";
+        for (int shift = 56; shift >= 0; shift -= 8) body += static_cast<char>(past >> shift);
+        body += std::string(
+            "\x06"
+            "echoCb\x00",
+            8);
+        const std::string frame = std::string("KIM2\0\0\0", 7) + static_cast<char>(body.size()) + body;
+        ASSERT_EQ(send(fd, frame.data(), frame.size(), MSG_NOSIGNAL), static_cast<ssize_t>(frame.size()));
+        EXPECT_TRUE(closedByPeer(fd, 3000)) << past;
+        close(fd);
+    }
 
     kep::RpcPara set;
     qxrpcAddInt(set.get(), "n", 9);
@@ -1632,8 +1640,14 @@ TEST(ImiServe, AnIdleServerSleeps) {
         Usage idle = newThreadsWhileAsleep(old);
         EXPECT_LE(idle.wakes, 2) << threads << " threads, no connection";
         EXPECT_LT(idle.cpuMs, 50) << threads << " threads, no connection";
+        // Kept open after a request that came in two pieces: the time-out the first piece
+        // was given goes with the request.
         const int kept = rawConnect(server);
         ASSERT_GE(kept, 0);
+        const std::string request = requestFrame("selfCb", 2);
+        ASSERT_EQ(send(kept, request.data(), 5, MSG_NOSIGNAL), 5);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        EXPECT_TRUE(roundTrip(kept, request.substr(5)));
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         idle = newThreadsWhileAsleep(old);
         EXPECT_LE(idle.wakes, 2) << threads << " threads, an idle connection";
@@ -1651,6 +1665,7 @@ TEST(ImiServe, AnIdleServerSleeps) {
     const Usage idle = newThreadsWhileAsleep(old);
     EXPECT_LE(idle.wakes, 2) << "qxImiServeOnce(-1)";
     EXPECT_LT(idle.cpuMs, 50) << "qxImiServeOnce(-1)";
+    EXPECT_EQ(served, -1) << "qxImiServeOnce(-1) returned before the stop";
     qxImiStopServer();
     loop.join();
     EXPECT_EQ(served, 0);
