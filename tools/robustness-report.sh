@@ -206,6 +206,11 @@ the part its input feeds.
 - Host killed during configuration writes (\`tests/internal/config_crash_test.cpp\`): the file holds
   the document before or after the cut write, and the next store removes the temporary
   file the cut one left.
+- The kernel refusing the RPC server a thread or a watch on a new connection
+  (\`tests/internal/platform_refusal_test.cpp\`, whose own \`pthread_create\` and \`epoll_ctl\`
+  refuse them): starting the server reports the refusal and succeeds when asked again;
+  the unwatched connection is closed at once, not left holding its place, and the server
+  serves on. The extra serving threads a load starts end after 5 s idle, all but one.
 
 ## Attacks on the host (\`tests/system/host_test.cpp\`, \`tests/internal/platform_rpc_test.cpp\`)
 

@@ -144,6 +144,7 @@ static void actions(void) {
     CHECK_INT(lstCount(&m->actions), 2);
     a = (ActionNode *)m->actions.tail;
     CHECK_INT(strlen(a->cb), 64);
+    CHECK_INT(registerAction("m", "y", "cb", 0), 0); /* 0 is no negative pid */
 
     /* The method index of actions points a declared action at another callback. */
     CHECK_INT(registerMethodCb("/m/restart/ignored", KEP_METHOD_ACTION, "r", 78), 0);

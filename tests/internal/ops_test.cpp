@@ -77,6 +77,7 @@ protected:
         slot(kep_test::addTable(m, "both")->methodCb[KEP_METHOD_GET], "bothGet");
         slot(kep_test::addTable(m, kLongest)->methodCb[KEP_METHOD_GET], "longestGet");
         slot(kep_test::addTable(m, "")->methodCb[KEP_METHOD_GET], "unnamedGet");  // a description's name=""
+        slot(kep_test::addTable(m, "v")->methodCb[KEP_METHOD_GET], "vGet");       // a name of one character
         DataTable *sys = kep_test::addTable(m, "sys", 0);
         slot(sys->methodCb[KEP_METHOD_SET], "sysSet");
         DataSection *time = kep_test::addSection(sys, "time");
@@ -97,7 +98,7 @@ protected:
         leases->opr.pid = self();
         snprintf(leases->opr.cb, sizeof leases->opr.cb, "leaseRead");
         for (const char *cb : {"hostGet", "hostSet", "hostDel", "guestGet", "bothGet", "longestGet",
-                               "unnamedGet", "sysSet", "timeGet", "timeSet", "timeDel", "secBothGet",
+                               "unnamedGet", "vGet", "sysSet", "timeGet", "timeSet", "timeDel", "secBothGet",
                                "dynSet", "dynDel", "leaseSet", "leaseDel", "leaseRead"})
             callee(cb);
     }
@@ -118,6 +119,7 @@ TEST_F(Resolution, SectionNamesReachTheirCallback) {
         {Get, "plain", -1, ""},
         {Get, "nothing_1", -1, ""},
         {Get, "_1", -1, ""},  // no table's entry, not even of the one without a name
+        {Get, "v_2", 0, "vGet"},
         {Get, "abcdefghijklmnopqrstuvwxyz01234_12", 0, "longestGet"},  // a name of 31
         {Get, "abcdefghijklmnopqrstuvwxyz012345_1", -1, ""},           // not cut to 31
         {Get, "leases_3", 0, "leaseRead"},

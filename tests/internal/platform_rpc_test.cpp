@@ -695,6 +695,8 @@ TEST(ImiLocal, ParameterSetsHoldNamedMembers) {
     EXPECT_EQ(qxrpcGetStringPtr(set.get(), longest.c_str(), nullptr), QXRPC_ERR_ABSENT);
     EXPECT_EQ(qxrpcGetInt(nullptr, "i", &v), QXRPC_ERR_ABSENT);
     EXPECT_EQ(qxrpcGetInt(set.get(), nullptr, &v), QXRPC_ERR_ABSENT);
+    // No member has an empty name, not even the unused slots past the last one.
+    EXPECT_EQ(qxrpcGetInt(set.get(), "", &v), QXRPC_ERR_ABSENT);
     EXPECT_EQ(v, -3);
     EXPECT_STREQ(text, "t");
 
