@@ -281,8 +281,8 @@ the run's own are earlier runs of other seeds, oldest first, each as it scored w
 fresh sample scored then. Each one's survivors were then killed or listed, as this
 run's were. From seed 1212 on, the plain suite runs under the checking allocator. Of the fresh
 samples, seed 2468 (120 mutants) and seed 1357 (300, the run above) reached 90 % as they
-ran; samples of 40 scored 79.4 % to 88.9 %, and the seven runs of 300, oldest first, 85.0 %,
-86.5 %, 88.5 %, 89.3 %, 89.6 %, 88.3 % and 90.7 %.
+ran; samples of 40 scored 79.4 % to 88.9 %, and the eight runs of 300, oldest first, 85.0 %,
+86.5 %, 88.5 %, 89.3 %, 89.6 %, 88.3 %, 90.7 % and 86.2 %.
 
 $mutate_tables
 

@@ -372,7 +372,8 @@ TEST_F(OpsTest, RecordFromRequestMergesStoredValues) {
     close(fd);
     DataModule *m = kep_test::addModule("m");
     snprintf(m->configFile, sizeof m->configFile, "%s", path);
-    kep_test::addSection(kep_test::addTable(m, "sys", 0), "time")->opr.jsonToBin.config = recordWriter;
+    DataTable *sys = kep_test::addTable(m, "sys", 0);
+    kep_test::addSection(sys, "time")->opr.jsonToBin.config = recordWriter;
     DataTable *live = kep_test::addTable(m, "live", 0);  // the owner's data: no record from the file
     live->isDynamic = 1;
     kep_test::addSection(live, "time")->opr.jsonToBin.config = recordWriter;
@@ -387,6 +388,8 @@ TEST_F(OpsTest, RecordFromRequestMergesStoredValues) {
     EXPECT_EQ(modelReadEx("/m/sys/time", req.get(), buf, 1), 4);  // a record may be one byte
     EXPECT_EQ(modelReadFromReqObj(nullptr, req.get(), buf, sizeof buf), -1);
     EXPECT_EQ(modelReadFromReqObj("/m/sys/time", nullptr, buf, sizeof buf), -1);
+    // A path without a section names none, not a section of an empty name.
+    kep_test::addSection(sys, "")->opr.jsonToBin.config = recordWriter;
     for (const char *path : {"/m/sys/date", "/m/nosuch/time", "/m/sys", "/m/sys/", "/m/live/time"}) {
         EXPECT_EQ(modelReadEx(path, req.get(), buf, sizeof buf), -1) << path;
         EXPECT_EQ(modelReadFromReqObj(path, req.get(), buf, sizeof buf), -1) << path;

@@ -662,7 +662,8 @@ TEST(JsonObject, CursorWalksMembersInInsertionOrder) {
     for (const char *k : {"z", "a", "m"}) ASSERT_EQ(jsonObjectAddString(obj.get(), k, k), 0);
     ASSERT_EQ(jsonObjectObjectDel(obj.get(), "a"), 0);
     ASSERT_EQ(jsonObjectAddInt(obj.get(), "a", 5), 0);
-    ASSERT_EQ(jsonObjectAddString(obj.get(), "z", "again"), 0);  // replaced in place
+    ASSERT_EQ(jsonObjectAddString(obj.get(), "z", "again"), 0);   // replaced in place
+    EXPECT_EQ(jsonObjectAddString(obj.get(), "n", nullptr), -1);  // no text: refused, nothing added
 
     std::vector<std::string> keys, values;
     const char *key = nullptr;

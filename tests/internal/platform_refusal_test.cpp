@@ -78,10 +78,16 @@ extern "C" int epoll_ctl(int epfd, int op, int fd, struct epoll_event *event) {
 
 namespace {
 
-int gAnswerDelayMs = 0;
+// When set, a handler waits (3 s at most) until this many are running at once: the
+// server must have started that many threads, however slowly the callers come.
+std::atomic<int> gTogether{0};
+std::atomic<int> gRunningHandlers{0};
 
 int answer(QxRpcPara *set, void *) {
-    if (gAnswerDelayMs) std::this_thread::sleep_for(std::chrono::milliseconds(gAnswerDelayMs));
+    gRunningHandlers++;
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    while (gRunningHandlers < gTogether && std::chrono::steady_clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
     return qxrpcAddInt(set, "answer", 42);
 }
 
@@ -133,7 +139,7 @@ class ImiRefusal : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_EQ(qxImiRegister("answerCb", answer, nullptr), 0); }
     void TearDown() override {
-        gAnswerDelayMs = 0;
+        gTogether = 0;
         gRefuseThreads = 0;
         gRefuseWatches = 0;
         qxImiStopServer();
@@ -146,10 +152,11 @@ protected:
 TEST_F(ImiRefusal, ExtraServingThreadsEndOnceIdle) {
     const int before = gRunning;
     ASSERT_EQ(qxImiStartServerThreads(3), 0);
-    gAnswerDelayMs = 300;
+    gRunningHandlers = 0;
+    gTogether = 3;
     EXPECT_EQ(callsFromChildren(4), 4);
     const auto loaded = std::chrono::steady_clock::now();
-    gAnswerDelayMs = 0;
+    gTogether = 0;
     EXPECT_EQ(gRunning - before, 3) << "serving threads under load";
     while (gRunning - before > 1 && std::chrono::steady_clock::now() < loaded + std::chrono::seconds(8))
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
