@@ -1,10 +1,13 @@
-// The stand-in's RPC server and the kernel's resources: the extra serving threads it
-// starts under load and lets go once idle, and what it does when the kernel refuses it
-// a thread or a watch on a new connection (a device out of memory or at a limit). This
-// program's own pthread_create and epoll_ctl, which the platform library's calls reach
-// first, count the threads and refuse the next call when told to.
+// The stand-in's RPC and the kernel's resources: the extra serving threads the server
+// starts under load and lets go once idle, what it does when the kernel refuses it a
+// thread or a watch on a new connection (a device out of memory or at a limit), and
+// descriptor 0 in a process that closed its standard input. This program's own
+// pthread_create, epoll_ctl, epoll_create1 and eventfd, which the platform library's
+// calls reach first, count the threads, refuse the next call when told to, or free
+// descriptor 0 for it.
 #include <dlfcn.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/wait.h>
@@ -26,6 +29,8 @@ namespace {
 std::atomic<int> gRefuseThreads{0};
 std::atomic<int> gRefuseWatches{0};
 std::atomic<int> gRunning{0};  // threads started here and not yet returned
+std::atomic<bool> gEpollAtZero{false};
+std::atomic<bool> gWakeAtZero{false};
 
 // What a counted thread runs, in slots taken in turn rather than on the heap: a child
 // forked before a new thread has read its slot must not inherit a block it never frees.
@@ -76,6 +81,19 @@ extern "C" int epoll_ctl(int epfd, int op, int fd, struct epoll_event *event) {
     return real(epfd, op, fd, event);
 }
 
+// When told to, the next epoll set or wake-up is made as descriptor 0.
+extern "C" int epoll_create1(int flags) {
+    static const auto real = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "epoll_create1"));
+    if (gEpollAtZero.exchange(false)) close(0);
+    return real(flags);
+}
+
+extern "C" int eventfd(unsigned int count, int flags) {
+    static const auto real = reinterpret_cast<int (*)(unsigned int, int)>(dlsym(RTLD_NEXT, "eventfd"));
+    if (gWakeAtZero.exchange(false)) close(0);
+    return real(count, flags);
+}
+
 namespace {
 
 // When set, a handler waits (3 s at most) until this many are running at once: the
@@ -99,16 +117,10 @@ bool answered(pid_t server) {
            qxrpcGetInt(set.get(), "answer", &value) == 0 && value == 42;
 }
 
-// The same from a forked child, which has connections of its own: 0 when answered.
-int callFromChild() {
-    const pid_t server = getpid();
-    return kep_test::inChild([server] { return answered(server) ? 0 : 1; });
-}
-
 // Calls of "answerCb" from count children at once, all forked before any of them calls
 // (a fork from a thread while others allocate would leave the child's allocator
-// locked): how many were answered with 42.
-int callsFromChildren(int count) {
+// locked): how many children's call (answered, or another body) came out true.
+int callsFromChildren(int count, bool (*call)(pid_t server) = answered) {
     int go[2];
     if (pipe(go) != 0) return -1;
     const pid_t server = getpid();
@@ -120,7 +132,7 @@ int callsFromChildren(int count) {
             close(go[1]);
             while (read(go[0], &c, 1) < 0 && errno == EINTR) {
             }
-            _exit(answered(server) ? 0 : 1);
+            _exit(call(server) ? 0 : 1);
         }
         if (pid > 0) children.push_back(pid);
     }
@@ -142,6 +154,7 @@ protected:
         gTogether = 0;
         gRefuseThreads = 0;
         gRefuseWatches = 0;
+        gEpollAtZero = gWakeAtZero = false;
         qxImiStopServer();
         qxImiUnregister("answerCb");
     }
@@ -165,30 +178,138 @@ TEST_F(ImiRefusal, ExtraServingThreadsEndOnceIdle) {
     // a limit, even when it had been an extra one itself.
     std::this_thread::sleep_until(loaded + std::chrono::milliseconds(5800));
     EXPECT_EQ(gRunning - before, 1);
-    EXPECT_EQ(callFromChild(), 0);
+    EXPECT_EQ(callsFromChildren(1), 1);
 }
 
-// A server that could not start its thread says so, serves nothing meanwhile, and
-// starts when asked again.
+// A server that could not start its thread says so, and starts when asked again.
 TEST_F(ImiRefusal, AServingThreadTheKernelRefusesIsReported) {
     gRefuseThreads = 1;
     EXPECT_EQ(qxImiStartServerThreads(2), -1);
     EXPECT_EQ(gRefuseThreads, 0) << "no thread was asked for";
     EXPECT_EQ(qxImiStartServerThreads(2), 0);
-    EXPECT_EQ(callFromChild(), 0);
+    EXPECT_EQ(callsFromChildren(1), 1);
 }
 
 // A connection the kernel will not watch is closed rather than left holding its
 // place unserved: the caller is not kept waiting, and the server goes on serving.
 TEST_F(ImiRefusal, AConnectionTheKernelWillNotWatchIsClosed) {
     ASSERT_EQ(qxImiStartServerThreads(1), 0);
-    EXPECT_EQ(callFromChild(), 0);
+    EXPECT_EQ(callsFromChildren(1), 1);
     gRefuseWatches = 1;
     const auto start = std::chrono::steady_clock::now();
-    callFromChild();  // answered on the caller's second connection, or not at all
+    callsFromChildren(1);  // answered on the caller's second connection, or not at all
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
     EXPECT_EQ(gRefuseWatches, 0) << "no connection was watched";
-    for (int i = 0; i < 3; i++) EXPECT_EQ(callFromChild(), 0) << i;
+    for (int i = 0; i < 3; i++) EXPECT_EQ(callsFromChildren(1), 1) << i;
 }
 
 }  // namespace
+
+namespace {
+
+bool isOpen(int fd) {
+    return fcntl(fd, F_GETFD) != -1;
+}
+
+// The descriptor the next open takes.
+int lowestFree() {
+    const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    close(fd);
+    return fd;
+}
+
+// Standard input closed, as a daemon has it, for the guard's life.
+class NoStdin {
+public:
+    NoStdin() : saved_(dup(0)) { close(0); }
+    ~NoStdin() {
+        dup2(saved_, 0);
+        close(saved_);
+    }
+    NoStdin(const NoStdin &) = delete;
+    NoStdin &operator=(const NoStdin &) = delete;
+
+private:
+    int saved_;
+};
+
+// A child's body: the fork left it none of the server's descriptors, so its own
+// connection takes descriptor 0, and is answered.
+bool answeredOnZero(pid_t server) {
+    return !isOpen(0) && answered(server) && isOpen(0);
+}
+
+// A child's body: a thread's calls keep one connection on descriptor 0 between them,
+// and it is closed when the thread ends.
+bool keptOnZero(pid_t server) {
+    close(0);
+    bool ok = false;
+    std::thread caller([&] {
+        const bool first = answered(server);
+        const int free = lowestFree();
+        ok = first && isOpen(0) && answered(server) && answered(server) && lowestFree() == free;
+    });
+    caller.join();
+    return ok && !isOpen(0);
+}
+
+}  // namespace
+
+// Whatever a process opens once its standard input is closed may be descriptor 0: the
+// listening socket, a connection on either side, the epoll set, the wake-up. Each serves
+// and is closed like any other.
+TEST_F(ImiRefusal, DescriptorZeroIsLikeAnyOther) {
+    {
+        NoStdin none;
+        ASSERT_EQ(qxImiStartServerThreads(1), 0);
+        EXPECT_TRUE(isOpen(0)) << "the listening socket";
+        EXPECT_EQ(callsFromChildren(2, answeredOnZero), 2);
+        EXPECT_EQ(callsFromChildren(1, keptOnZero), 1);
+        qxImiStopServer();
+    }
+
+    // A connection on descriptor 0, still held by its caller when the server stops.
+    ASSERT_EQ(qxImiStartServerThreads(1), 0);
+    int result[2], release[2];
+    ASSERT_EQ(pipe(result), 0);
+    ASSERT_EQ(pipe(release), 0);
+    {
+        NoStdin none;
+        const pid_t server = getpid();
+        const pid_t pid = fork();
+        if (pid == 0) {
+            close(release[1]);
+            const char ok = answered(server) ? 'y' : 'n';
+            char c;
+            if (write(result[1], &ok, 1) != 1 || read(release[0], &c, 1) < 0) _exit(1);
+            _exit(0);
+        }
+        ASSERT_GT(pid, 0);
+        char ok = 0;
+        EXPECT_EQ(read(result[0], &ok, 1), 1);
+        EXPECT_EQ(ok, 'y');
+        EXPECT_TRUE(isOpen(0)) << "the caller's connection";
+        EXPECT_EQ(kep_test::inChild([] { return isOpen(0) ? 1 : 0; }), 0) << "a fork keeps no connection";
+        qxImiStopServer();
+        EXPECT_FALSE(isOpen(0));
+        close(release[1]);
+        int status = 0;
+        EXPECT_EQ(waitpid(pid, &status, 0), pid);
+    }
+    for (int fd : {result[0], result[1], release[0]}) close(fd);
+
+    for (std::atomic<bool> *atZero : {&gEpollAtZero, &gWakeAtZero}) {
+        const int saved = dup(0);
+        *atZero = true;
+        ASSERT_EQ(qxImiStartServerThreads(1), 0);
+        EXPECT_FALSE(*atZero) << "made without descriptor 0";
+        if (atZero == &gEpollAtZero) {
+            EXPECT_EQ(qxImiListen(), 0) << "the set is made once";
+        }
+        EXPECT_EQ(callsFromChildren(1), 1);
+        qxImiStopServer();
+        EXPECT_FALSE(isOpen(0));
+        dup2(saved, 0);
+        close(saved);
+    }
+}

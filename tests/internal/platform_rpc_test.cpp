@@ -1136,6 +1136,28 @@ TEST(ImiLocal, AGroupFromTheEnvironmentMayCall) {
             EXPECT_EQ(calls, 1);
             qxImiStopServer();
         }
+        if (gid == 65534 && geteuid() == 0) {
+            // A server that is not root may give its folder and socket their group, never
+            // their owner: user 65534 of group 65533, with the configured one beside it.
+            const std::string home = std::string(dir) + "-user", own = home + "/run";
+            ASSERT_EQ(
+                mkdir(home.c_str(), 0755) || chown(home.c_str(), 65534, 65533) || chmod(home.c_str(), 0755),
+                0);
+            EXPECT_EQ(kep_test::inChild([&] {
+                          const gid_t groups[] = {65534};
+                          if (setgroups(1, groups) != 0 || setgid(65533) != 0 || setuid(65534) != 0)
+                              return 100;
+                          setenv("KEP_RUNTIME_DIR", own.c_str(), 1);
+                          if (qxImiListen() < 0) return 1;
+                          struct stat mine, its;
+                          const bool grouped = stat(own.c_str(), &mine) == 0 && mine.st_gid == 65534 &&
+                                               stat(kep_test::imiSocketPath(getpid()).c_str(), &its) == 0 &&
+                                               its.st_gid == 65534 && its.st_uid == 65534;
+                          qxImiStopServer();
+                          return grouped ? 0 : 2;
+                      }),
+                      0);
+        }
         return;
     }
     char base[] = "/tmp/kep-grp-XXXXXX";

@@ -6,11 +6,13 @@
 #include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <set>
 #include <string>
@@ -605,6 +607,18 @@ TEST(XmlFd, AFileIsReadFromItsStartOnEveryAttempt) {
     EXPECT_FALSE(XmlDoc(fdXmlParse(-1, 1)));
 }
 
+// Whether the thread whose stat file is at path sleeps (in its read, here).
+bool waiting(const std::string &path) {
+    char text[512] = "";
+    FILE *f = fopen(path.c_str(), "r");
+    if (!f) return false;
+    const size_t n = fread(text, 1, sizeof text - 1, f);
+    fclose(f);
+    text[n] = 0;
+    const char *end = strrchr(text, ')');  // the name in brackets may hold anything
+    return end && end[1] == ' ' && end[2] == 'S';
+}
+
 TEST(XmlFd, APipeIsReadOnTheFirstAttemptOnly) {
     int fd = inputFd(kModel, false);
     XmlDoc doc(fdXmlParse(fd, 1));
@@ -622,19 +636,28 @@ TEST(XmlFd, APipeIsReadOnTheFirstAttemptOnly) {
     EXPECT_EQ(fdXmlParse(-1, 1), nullptr);
 
     // A read a signal cuts short is made again, and the errno it left is no reason to
-    // read again after the reads that follow it.
+    // read again after the reads that follow it. The signal comes while the reader waits
+    // in its read on an empty pipe, and the rest only once the handler has run, so that
+    // read fails with EINTR however slow the machine.
     int fds[2];
     ASSERT_EQ(pipe(fds), 0);
-    struct sigaction poked {
+    static std::atomic<bool> poked{false};
+    poked = false;
+    struct sigaction handler {
     }, was{};
-    poked.sa_handler = [](int) {};  // no SA_RESTART: the read fails with EINTR
-    ASSERT_EQ(sigaction(SIGUSR1, &poked, &was), 0);
+    handler.sa_handler = [](int) { poked = true; };  // no SA_RESTART
+    ASSERT_EQ(sigaction(SIGUSR1, &handler, &was), 0);
     const pthread_t reader = pthread_self();
+    const std::string state = "/proc/self/task/" + std::to_string(gettid()) + "/stat";
     std::thread writer([&] {
         EXPECT_EQ(write(fds[1], "<a><b/>", 7), 7);
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        while (!waiting(state) && std::chrono::steady_clock::now() < until)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
         pthread_kill(reader, SIGUSR1);
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        while (!poked && std::chrono::steady_clock::now() < until)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        EXPECT_TRUE(poked);
         EXPECT_EQ(write(fds[1], "<c/></a>", 8), 8);
         close(fds[1]);
     });
