@@ -110,7 +110,9 @@ static void wirelessEncodingEscapesOnlyQuotingCharacters(void) {
     CHECK_INT(encode(modelEncodeSCWlan, "abc", 3).rc, -1);
     CHECK_INT(encode(modelEncodeSCWlan, "\"", 1).rc, -1);
     CHECK_INT(encode(modelEncodeSCWlan, "abcd", 3).rc, -1);
-    CHECK_INT(modelEncodeSCWlan(NULL, 0, NULL, 0), -1);
+    char out[8];
+    CHECK_INT(modelEncodeSCWlan(NULL, 0, out, sizeof out), -1);
+    CHECK_INT(modelEncodeSCWlan("a", 1, NULL, 4), -1);
 }
 
 static void decodingInPlace(void) {

@@ -259,6 +259,14 @@ TEST_F(StoreFaults, StartUpRepairKeepsEveryUnreadableFile) {
     // Around the epoch, leap days of century years and the ends of 32-bit time.
     std::vector<long long> instants = {0, -1, 951868799, 951868800, 2147483647, -2147483648LL};
     if (sizeof(time_t) > 4) instants.insert(instants.end(), {4107542399LL, 4107542400LL});
+    // The last second of every month of a leap year, where a day can slip into the next.
+    for (int month = 1; month <= 12; month++) {
+        struct tm next {};
+        next.tm_year = 2024 - 1900;
+        next.tm_mon = month;  // 12 is January of the next year
+        next.tm_mday = 1;
+        instants.push_back(static_cast<long long>(timegm(&next)) - 1);
+    }
     for (long long at : instants) {
         for (const std::string &k : kep_test::keptUnreadable(file)) std::filesystem::remove(k);
         const time_t t = static_cast<time_t>(at);

@@ -147,6 +147,10 @@ TEST_F(MethodsTest, AddDeleteAndDoShapes) {
     EXPECT_EQ(run(kep::kepMethodDo, "{\"method\":\"do\",\"m\":{\"ping\":{\"h\":1},\"other\":{}}}"), 0);
     EXPECT_EQ(rsp, "{\"rtt\":3,\"error_code\":0}");
     EXPECT_EQ(last("mHost"), (Members{{"para", "{\"h\":1}"}}));
+    // A module naming no action is passed over.
+    callee("nHost", std::string("{\"rtt\":4}"));
+    EXPECT_EQ(run(kep::kepMethodDo, "{\"m\":{},\"n\":{\"ping\":{}}}"), 0);
+    EXPECT_EQ(rsp, "{\"rtt\":4,\"error_code\":0}");
     EXPECT_EQ(run(kep::kepMethodDo, "{\"m\":{\"pong\":{}}}"), -7004);
     EXPECT_EQ(rsp, "{\"error_code\":-7004}");
     callee("mHost", std::string("[1]"));  // an action must answer an object

@@ -80,7 +80,21 @@ std::atomic<int> gReadFault{0};
 // file system may.
 std::atomic<size_t> gReadChunk{0};
 
+// Fails every lock taken without waiting with this errno (0: none): EWOULDBLOCK as
+// when another store takes each new temporary file for a leftover before it is
+// locked, ENOLCK as on a file system without locks.
+std::atomic<int> gLockFault{0};
+
 }  // namespace
+
+extern "C" int flock(int fd, int op) {
+    static const auto real = reinterpret_cast<int (*)(int, int)>(dlsym(RTLD_NEXT, "flock"));
+    if (const int e = gLockFault.load(); e && (op & LOCK_NB)) {
+        errno = e;
+        return -1;
+    }
+    return real(fd, op);
+}
 
 extern "C" ssize_t read(int fd, void *buf, size_t n) {
     static const auto real = reinterpret_cast<ssize_t (*)(int, void *, size_t)>(dlsym(RTLD_NEXT, "read"));
@@ -379,6 +393,18 @@ TEST(JsonFile, SettingsFromTheEnvironment) {
         }
         // 100 bytes at most, read or written; a limit that is no byte count leaves 64 MiB.
         const bool limited = strcmp(getenv("KEP_JSON_FILE_LIMIT"), "100") == 0;
+        if (strcmp(getenv("KEP_JSON_FILE_LIMIT"), "100x") == 0) {
+            // A sound document one byte over 64 MiB, blanks after "{}", is not read.
+            const std::string blanks(1 << 20, ' ');
+            const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+            ASSERT_GE(fd, 0);
+            bool written = write(fd, "{}", 2) == 2;
+            for (int i = 0; i < 64 && written; i++)
+                written = write(fd, blanks.data(), blanks.size()) == static_cast<ssize_t>(blanks.size());
+            close(fd);
+            ASSERT_TRUE(written && truncate(path.c_str(), (64L << 20) + 1) == 0);
+            EXPECT_EQ(kep::JsonPtr(jsonObjectFromFile(path.c_str())).get(), nullptr);
+        }
         writeText(path, "{\"a\":\"" + std::string(92, 'x') + "\"}");
         kep::JsonPtr at(jsonObjectFromFile(path.c_str()));
         EXPECT_NE(at.get(), nullptr);
@@ -491,6 +517,28 @@ TEST(JsonFile, StoreRemovesTheTemporaryFilesOfStoresCutShort) {
     EXPECT_EQ(sorted(dir.entries()), sorted(kept));
 }
 
+// A store that loses every temporary file it makes gives up after eight of them and
+// leaves the file as it was; on a file system without locks the temporary file is
+// used unlocked; the next store that can lock sweeps what the others left.
+TEST(JsonFile, AStoreGivesUpAfterEightLostTemporaryFiles) {
+    TempDir dir;
+    const std::string path = dir / "cfg.json";
+    kep::JsonPtr one(jsonObjectFromString("{\"a\":1}")), two(jsonObjectFromString("{\"a\":2}"));
+    ASSERT_EQ(jsonObjectToFile(path.c_str(), one.get()), 0);
+    gLockFault = EWOULDBLOCK;
+    EXPECT_NE(jsonObjectToFile(path.c_str(), two.get()), 0);
+    gLockFault = 0;
+    EXPECT_EQ(readText(path), "{\"a\":1}");
+    EXPECT_EQ(dir.entries().size(), 9u) << "the file and the temporary file of each try";
+    gLockFault = ENOLCK;
+    EXPECT_EQ(jsonObjectToFile(path.c_str(), two.get()), 0);
+    gLockFault = 0;
+    EXPECT_EQ(readText(path), "{\"a\":2}");
+    EXPECT_EQ(dir.entries().size(), 9u) << "nothing is swept that cannot be locked";
+    ASSERT_EQ(jsonObjectToFile(path.c_str(), one.get()), 0);
+    EXPECT_EQ(dir.entries(), std::vector<std::string>{"cfg.json"});
+}
+
 // Two processes with several threads each store one file at once, so that every
 // store sweeps the folder while the others' temporary files are in it: each lands
 // whole, and none is taken for a leftover.
@@ -547,7 +595,7 @@ bool matches(const std::string &text, json_object *obj) {
 TEST(JsonMatch, AgreesWithReadingTheTextBack) {
     const char *samples[] = {
         R"({"name":"lan","hosts":[{"mac":"00:11","ip":"10.0.0.2","lease":3600},)"
-        R"({"mac":"a\/b\"c\\d\n\u0001\t","on":true,"off":false,"none":null}],"ratio":1.5,)"
+        R"({"mac":"a\/b\"c\\d\n\u0001\t\r\b\f","on":true,"off":false,"none":null}],"ratio":1.5,)"
         R"("big":18446744073709551615,"top":9223372036854775807,"neg":-9223372036854775808,)"
         R"("exp":1e-7,"whole":2.0,"inf":-Infinity,"empty":{},"none":[],"u":"\u00e9t\u00e9"})",
         "[1,[2,[3,{}]],\"\"]",

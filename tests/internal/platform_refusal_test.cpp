@@ -1,15 +1,17 @@
 // The stand-in's RPC and the kernel's resources: the extra serving threads the server
 // starts under load and lets go once idle, what it does when the kernel refuses it a
 // thread or a watch on a new connection (a device out of memory or at a limit), and
-// descriptor 0 in a process that closed its standard input. This program's own
-// pthread_create, epoll_ctl, epoll_create1 and eventfd, which the platform library's
-// calls reach first, count the threads, refuse the next call when told to, or free
-// descriptor 0 for it.
+// descriptor 0 in a process that closed its standard input, and sends and receives
+// that a signal cuts short or the kernel takes a byte at a time. This program's own
+// pthread_create, epoll_ctl, epoll_create1, eventfd, send and recv, which the platform
+// library's calls reach first, count the threads, refuse the next call when told to,
+// free descriptor 0 for it, or cut the call short.
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/epoll.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -31,6 +33,9 @@ std::atomic<int> gRefuseWatches{0};
 std::atomic<int> gRunning{0};  // threads started here and not yet returned
 std::atomic<bool> gEpollAtZero{false};
 std::atomic<bool> gWakeAtZero{false};
+std::atomic<bool> gTrickle{false};
+thread_local bool tSendCut;
+thread_local bool tRecvCut;
 
 // What a counted thread runs, in slots taken in turn rather than on the heap: a child
 // forked before a new thread has read its slot must not inherit a block it never frees.
@@ -94,6 +99,35 @@ extern "C" int eventfd(unsigned int count, int flags) {
     return real(count, flags);
 }
 
+// When told to, every other send or receive of a thread fails with EINTR, as a signal
+// makes it, and the others move one byte at most, as a socket nearly full or nearly
+// empty does.
+extern "C" ssize_t send(int fd, const void *data, size_t len, int flags) {
+    static const auto real =
+        reinterpret_cast<ssize_t (*)(int, const void *, size_t, int)>(dlsym(RTLD_NEXT, "send"));
+    if (gTrickle) {
+        if ((tSendCut = !tSendCut)) {
+            errno = EINTR;
+            return -1;
+        }
+        if (len > 1) len = 1;
+    }
+    return real(fd, data, len, flags);
+}
+
+extern "C" ssize_t recv(int fd, void *data, size_t len, int flags) {
+    static const auto real =
+        reinterpret_cast<ssize_t (*)(int, void *, size_t, int)>(dlsym(RTLD_NEXT, "recv"));
+    if (gTrickle && !(flags & MSG_PEEK)) {
+        if ((tRecvCut = !tRecvCut)) {
+            errno = EINTR;
+            return -1;
+        }
+        if (len > 1) len = 1;
+    }
+    return real(fd, data, len, flags);
+}
+
 namespace {
 
 // When set, a handler waits (3 s at most) until this many are running at once: the
@@ -154,7 +188,7 @@ protected:
         gTogether = 0;
         gRefuseThreads = 0;
         gRefuseWatches = 0;
-        gEpollAtZero = gWakeAtZero = false;
+        gEpollAtZero = gWakeAtZero = gTrickle = false;
         qxImiStopServer();
         qxImiUnregister("answerCb");
     }
@@ -179,6 +213,16 @@ TEST_F(ImiRefusal, ExtraServingThreadsEndOnceIdle) {
     std::this_thread::sleep_until(loaded + std::chrono::milliseconds(5800));
     EXPECT_EQ(gRunning - before, 1);
     EXPECT_EQ(callsFromChildren(1), 1);
+}
+
+// Calls one at a time keep one thread waiting beside the one that serves, not one more
+// for each call: a waiting thread counts as idle.
+TEST_F(ImiRefusal, CallsOneAtATimeKeepOneThreadSpare) {
+    const int before = gRunning;
+    ASSERT_EQ(qxImiStartServerThreads(5), 0);
+    for (int i = 0; i < 4; i++) EXPECT_EQ(callsFromChildren(1), 1);
+    // 2, or 3 when a call came before the spare thread had begun to wait.
+    EXPECT_LT(gRunning - before, 4);
 }
 
 // A server that could not start its thread says so, and starts when asked again.
@@ -312,4 +356,13 @@ TEST_F(ImiRefusal, DescriptorZeroIsLikeAnyOther) {
         dup2(saved, 0);
         close(saved);
     }
+}
+
+// Requests and replies sent a byte at a time, each send and receive cut short by a
+// signal before it goes through, still arrive whole.
+TEST_F(ImiRefusal, SendsAByteAtATimeAndSignalsLoseNothing) {
+    ASSERT_EQ(qxImiStartServerThreads(2), 0);
+    gTrickle = true;
+    EXPECT_EQ(callsFromChildren(3), 3);
+    gTrickle = false;
 }

@@ -5,10 +5,12 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/fsuid.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -372,18 +374,22 @@ TEST(ImiRemote, GarbageAndSilentClientsDoNotStopTheServer) {
         EXPECT_LE(recv(fd, &c, 1, 0), 0) << "no answer to garbage";
         close(fd);
     }
-    // A name with a zero byte in it names no callback: its caller, still waiting, is hung
-    // up on.
-    const int named = rawConnect(owner.pid());
-    ASSERT_GE(named, 0);
+    // A name with a zero byte in it, or one longer than any callback's, names no
+    // callback: its caller, still waiting, is hung up on.
     const std::string zero = std::string("KIM2\0\0\0\x12\x01", 9) + none +
                              std::string(
                                  "\x07"
                                  "echoCb\0\0",
-                                 9);
-    ASSERT_EQ(send(named, zero.data(), zero.size(), MSG_NOSIGNAL), static_cast<ssize_t>(zero.size()));
-    EXPECT_TRUE(closedByPeer(named, 3000));
-    close(named);
+                                 9),
+                      tooLong = std::string("KIM2\0\0\0\x8b\x01", 9) + none + "\x80" + std::string(128, 'a') +
+                                std::string(1, '\0');
+    for (const std::string &frame : {zero, tooLong}) {
+        const int named = rawConnect(owner.pid());
+        ASSERT_GE(named, 0);
+        ASSERT_EQ(send(named, frame.data(), frame.size(), MSG_NOSIGNAL), static_cast<ssize_t>(frame.size()));
+        EXPECT_TRUE(closedByPeer(named, 3000)) << frame.size();
+        close(named);
+    }
     // A client that connects and says nothing is dropped after the owner's time-out.
     int silent = rawConnect(owner.pid());
     ASSERT_GE(silent, 0);
@@ -1066,8 +1072,12 @@ TEST(ImiLocal, RefusesAnUnsafeRuntimeFolder) {
                   int accepted = qxImiListen() >= 0;
                   qxImiStopServer();
                   // Root's own folder, when nobody names one, is open for reading whatever the
-                  // umask (the sockets say who may connect). Tried only where it is missing.
+                  // umask (the sockets say who may connect). Tried only where it is missing:
+                  // under an empty /run of this child's own where the kernel allows one.
                   unsetenv("KEP_RUNTIME_DIR");
+                  if (root && unshare(CLONE_NEWNS) == 0 &&
+                      mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0)
+                      mount("kep-test", "/run", "tmpfs", 0, "mode=0755");
                   struct stat run;
                   if (root && stat("/run", &run) == 0 && stat("/run/kep", &run) != 0) {
                       const mode_t was = umask(0);

@@ -559,6 +559,16 @@ TEST(XmlPool, GrowingMovesAndFallsBack) {
         EXPECT_STREQ(doc.root()->lastChild->attrs->value, "x");
         EXPECT_EQ(doc.root()->lastChild->firstChild->parent, doc.root()->lastChild);
     }
+    // When growing to the largest pool fails, the parse starts again at that size.
+    gAllocs = 0;
+    gReallocs = 0;
+    gFailRealloc = 9;  // the first of the two that grow the pool from 700 to 850
+    {
+        XmlDoc big = parse(flatDoc(799));
+        ASSERT_TRUE(big);
+        EXPECT_EQ(childNames(big.root()).size(), 799u);
+        EXPECT_GE(gReallocs, 9);
+    }
     // Growing never goes past the largest pool of the schedule.
     gAllocs = 0;
     gFailRealloc = 0;
@@ -707,9 +717,10 @@ TEST(XmlEncode, EscapesWithExactRoom) {
     } cases[] = {
         {"a<b", 3, 7, 0, "a&lt;b"},
         {"a<b", 3, 6, -1, nullptr},
-        {"a<", 2, 6, 0, "a&lt;"},   // one that fits with its terminator
-        {"a<", 2, 5, -1, nullptr},  // an entity that does not fit
-        {"a<", 2, 3, -1, nullptr},  // nor is it begun
+        {"a<", 2, 6, 0, "a&lt;"},    // one that fits with its terminator
+        {"a<", 2, 5, -1, nullptr},   // an entity that does not fit
+        {"a<", 2, 3, -1, nullptr},   // nor is it begun
+        {"ab<", 3, 5, -1, nullptr},  // nor after more text
         {"&'><\"x", 6, 64, 0, "&amp;&apos;&gt;&lt;&quot;x"},
         {"abc", 2, 3, 0, "ab"},  // the length, not the zero, bounds it
         {"", 0, 1, 0, ""},
