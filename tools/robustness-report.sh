@@ -211,6 +211,15 @@ the part its input feeds.
   refuse them): starting the server reports the refusal and succeeds when asked again;
   the unwatched connection is closed at once, not left holding its place, and the server
   serves on. The extra serving threads a load starts end after 5 s idle, all but one.
+- Descriptor 0 (a process that closed its standard input) as the listening socket, a
+  connection on either side, the epoll set or the wake-up: each serves, a fork keeps none
+  of them, a stop or a thread's end closes them (the same test program).
+- Sends and receives of one byte at a time, every other one cut short by a signal
+  (EINTR): requests and replies arrive whole (the same test program).
+- A store that loses every temporary file it makes (each lock taken without waiting
+  refused, `tests/internal/platform_json_test.cpp`): it gives up after eight and leaves
+  the file as it was; on a file system without locks the temporary file is used
+  unlocked; the next store sweeps what was left.
 
 ## Attacks on the host (\`tests/system/host_test.cpp\`, \`tests/internal/platform_rpc_test.cpp\`)
 
@@ -280,9 +289,9 @@ score). The score leaves the others out; the raw score keeps them in. The rows a
 the run's own are earlier runs of other seeds, oldest first, each as it scored when it ran: what a
 fresh sample scored then. Each one's survivors were then killed or listed, as this
 run's were. From seed 1212 on, the plain suite runs under the checking allocator. Of the fresh
-samples, seed 2468 (120 mutants) and seed 1357 (300, the run above) reached 90 % as they
-ran; samples of 40 scored 79.4 % to 88.9 %, and the eight runs of 300, oldest first, 85.0 %,
-86.5 %, 88.5 %, 89.3 %, 89.6 %, 88.3 %, 90.7 % and 86.2 %.
+samples, seed 2468 (120 mutants), seed 1357 (300) and seed 8642 (300, the run above)
+reached 90 % as they ran; samples of 40 scored 79.4 % to 88.9 %, and the nine runs of 300,
+oldest first, 85.0 %, 86.5 %, 88.5 %, 89.3 %, 89.6 %, 88.3 %, 90.7 %, 86.2 % and 91.2 %.
 
 $mutate_tables
 
