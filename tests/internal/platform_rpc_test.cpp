@@ -1076,7 +1076,7 @@ TEST(ImiLocal, RefusesAnUnsafeRuntimeFolder) {
                   // under an empty /run of this child's own where the kernel allows one.
                   unsetenv("KEP_RUNTIME_DIR");
                   if (root && unshare(CLONE_NEWNS) == 0 &&
-                      mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0)
+                      mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) == 0)
                       mount("kep-test", "/run", "tmpfs", 0, "mode=0755");
                   struct stat run;
                   if (root && stat("/run", &run) == 0 && stat("/run/kep", &run) != 0) {
