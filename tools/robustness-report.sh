@@ -213,7 +213,7 @@ the part its input feeds.
   serves on. The extra serving threads a load starts end after 5 s idle, all but one.
 - Descriptor 0 (a process that closed its standard input) as the listening socket, a
   connection on either side, the epoll set or the wake-up: each serves, a fork keeps none
-  of them, a stop or a thread's end closes them (the same test program).
+  of them, a stop closes them (the same test program).
 - Sends and receives of one byte at a time, every other one cut short by a signal
   (EINTR): requests and replies arrive whole (the same test program).
 - A store that loses every temporary file it makes (each lock taken without waiting
